@@ -1,0 +1,28 @@
+# Compiler settings that every target of the project shares.
+add_library(kvx_build_settings INTERFACE)
+target_compile_features(kvx_build_settings INTERFACE cxx_std_20)
+target_compile_options(kvx_build_settings INTERFACE -Wall -Wextra)
+if(KVX_WERROR)
+    target_compile_options(kvx_build_settings INTERFACE -Werror)
+endif()
+
+if(KVX_SANITIZE)
+    string(REPLACE ";" "," kvx_sanitizers "${KVX_SANITIZE}")
+    target_compile_options(kvx_build_settings INTERFACE -fsanitize=${kvx_sanitizers} -fno-omit-frame-pointer
+                                                        -fno-sanitize-recover=all -g1)
+    target_link_options(kvx_build_settings INTERFACE -fsanitize=${kvx_sanitizers})
+endif()
+
+if(WIN32)
+    target_compile_definitions(kvx_build_settings INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
+                                                            _WIN32_WINNT=0x0601)
+    target_link_libraries(kvx_build_settings INTERFACE ws2_32 shlwapi)
+else()
+    find_package(Threads REQUIRED)
+    target_link_libraries(kvx_build_settings INTERFACE Threads::Threads)
+endif()
+
+find_program(KVX_CCACHE ccache)
+if(KVX_CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${KVX_CCACHE})
+endif()

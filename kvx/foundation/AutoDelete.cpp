@@ -1,0 +1,157 @@
+#include "kvx/foundation/AutoDelete.h"
+
+#include "kvx/foundation/SortedTree.h"
+
+#include <algorithm>
+
+CAutoDelete::Registration * CAutoDelete::FindRegistration(void * key)
+{
+    for (Registration & entry : m_first)
+    {
+        if (entry.pKey == key)
+        {
+            return &entry;
+        }
+    }
+    auto const found = std::ranges::find(m_more, key, &Registration::pKey);
+    return found == m_more.end() ? nullptr : &*found;
+}
+
+void CAutoDelete::Register(void * key, DeleteProc proc)
+{
+    if (!key)
+    {
+        return;
+    }
+    if (Registration * const entry = FindRegistration(key))
+    {
+        entry->proc = proc;
+    }
+    else if (Registration * const unused = m_more.empty() ? FindRegistration(nullptr) : nullptr)
+    {
+        *unused = {key, proc};
+    }
+    else
+    {
+        m_more.push_back({key, proc});
+    }
+}
+
+void CAutoDelete::PerformAutoDelete(void * key, int bRemove)
+{
+    if (key)
+    {
+        if (Registration * const entry = FindRegistration(key))
+        {
+            entry->proc(key);
+            if (bRemove)
+            {
+                *entry = {};
+                std::erase_if(m_more, [](Registration const & r) { return !r.pKey; });
+            }
+        }
+        return;
+    }
+    for (Registration const & entry : m_first)
+    {
+        if (entry.pKey)
+        {
+            entry.proc(entry.pKey);
+        }
+    }
+    for (Registration const & entry : m_more)
+    {
+        entry.proc(entry.pKey);
+    }
+    if (bRemove)
+    {
+        m_first = {};
+        m_more.clear();
+    }
+}
+
+void CAutoDelete::PerformAutoDelete(CSortedTree & tree, int bRemove)
+{
+    PerformAutoDelete(static_cast<void *>(&tree), bRemove);
+}
+
+void CAutoDelete::DeleteList(void * key)
+{
+    auto & list = *static_cast<CObList *>(key);
+    while (!list.IsEmpty())
+    {
+        delete list.RemoveHead();
+    }
+    list.RemoveAll();
+}
+
+void CAutoDelete::DeleteArray(void * key)
+{
+    auto & array = *static_cast<CObArray *>(key);
+    for (auto i = array.GetSize() - 1; i >= 0; --i)
+    {
+        delete array.GetAt(i);
+    }
+    array.SetSize(0, -1);
+}
+
+namespace
+{
+template <class MAP, class KEY>
+void DeleteMapValues(MAP & map)
+{
+    KEY key{};
+    CObject * object = nullptr;
+    for (POSITION pos = map.GetStartPosition(); pos;)
+    {
+        map.GetNextAssoc(pos, key, object);
+        delete object;
+    }
+    map.RemoveAll();
+}
+} // namespace
+
+void CAutoDelete::DeleteStringMap(void * key)
+{
+    DeleteMapValues<CMapStringToOb, CString>(*static_cast<CMapStringToOb *>(key));
+}
+
+void CAutoDelete::DeleteWordMap(void * key)
+{
+    DeleteMapValues<CMapWordToOb, WORD>(*static_cast<CMapWordToOb *>(key));
+}
+
+void CAutoDelete::DeleteSortedTree(void * key)
+{
+    auto & tree = *static_cast<CSortedTree *>(key);
+    for (POSITION pos = tree.GetStartPosition(); pos;)
+    {
+        delete tree.GetNext(pos);
+    }
+    tree.RemoveAll();
+}
+
+void CAutoDelete::DeleteObject(void * key)
+{
+    delete static_cast<CObject *>(key);
+}
+
+CAutoObList::CAutoObList()
+{
+    RegisterAutoDelete(static_cast<CObList &>(*this));
+}
+
+CAutoObList::~CAutoObList()
+{
+    DeleteAll();
+}
+
+CAutoObArray::CAutoObArray()
+{
+    RegisterAutoDelete(static_cast<CObArray &>(*this));
+}
+
+CAutoObArray::~CAutoObArray()
+{
+    DeleteAll();
+}

@@ -1,0 +1,198 @@
+#include "kvx/foundation/Dictionary.h"
+
+#include "kvx/foundation/Utilities.h"
+
+#include <algorithm>
+
+IMPLEMENT_SERIAL(CDictionary, CObject, 1)
+
+namespace
+{
+void WriteText(CArchive & archive, CString const & text)
+{
+    CStringA const narrow(text);
+    archive << static_cast<DWORD>(narrow.GetLength());
+    archive.Write(narrow.GetString(), static_cast<UINT>(narrow.GetLength()));
+}
+
+/// Reads in pieces, so that a false length costs no more memory than bytes arrive.
+CString ReadText(CArchive & archive)
+{
+    constexpr DWORD PIECE = 65536;
+    DWORD length = 0;
+    archive >> length;
+    CStringA narrow;
+    while (length > 0)
+    {
+        DWORD const step = std::min(length, PIECE);
+        int const before = narrow.GetLength();
+        if (before > 0x7FFFFFFF - static_cast<int>(PIECE))
+        {
+            AfxThrowArchiveException(CArchiveException::endOfFile);
+        }
+        char * const buffer = narrow.GetBuffer(before + static_cast<int>(step)) + before;
+        UINT const got = archive.Read(buffer, step);
+        narrow.ReleaseBuffer(before + static_cast<int>(got));
+        if (got < step)
+        {
+            AfxThrowArchiveException(CArchiveException::endOfFile);
+        }
+        length -= step;
+    }
+    return CString(narrow);
+}
+} // namespace
+
+CStringValue * CDictionary::FindValue(CString const & name) const
+{
+    void * value = nullptr;
+    m_values.Lookup(name, value);
+    return static_cast<CStringValue *>(value);
+}
+
+int CDictionary::HasValue(CString const & name) const
+{
+    return FindValue(name) != nullptr;
+}
+
+CStringValue & CDictionary::CreateValue(CString const & name)
+{
+    CStringValue * const value = FindValue(name);
+    return value ? *value : *InsertValue(name, CStringValue());
+}
+
+CStringValue * CDictionary::InsertValue(CString const & name, CStringValue const & value)
+{
+    CStringValue * stored = FindValue(name);
+    if (stored)
+    {
+        *stored = value;
+        return stored;
+    }
+    stored = new CStringValue(value);
+    m_values.SetAt(name, stored);
+    return stored;
+}
+
+int CDictionary::RemoveValue(CString const & name)
+{
+    CStringValue * const value = FindValue(name);
+    if (!value)
+    {
+        return 0;
+    }
+    m_values.RemoveKey(name);
+    delete value;
+    return 1;
+}
+
+void CDictionary::DeleteValues()
+{
+    CString name;
+    void * value = nullptr;
+    for (POSITION pos = m_values.GetStartPosition(); pos;)
+    {
+        m_values.GetNextAssoc(pos, name, value);
+        delete static_cast<CStringValue *>(value);
+    }
+    m_values.RemoveAll();
+}
+
+void CDictionary::GetNextValue(POSITION & pos, CString & name, CString & value) const
+{
+    void * stored = nullptr;
+    m_values.GetNextAssoc(pos, name, stored);
+    value = *static_cast<CStringValue *>(stored);
+}
+
+void CDictionary::Serialize(CArchive & archive)
+{
+    CString name;
+    CString value;
+    if (archive.IsStoring())
+    {
+        archive << static_cast<DWORD>(GetCount());
+        for (POSITION pos = GetStartValuePosition(); pos;)
+        {
+            GetNextValue(pos, name, value);
+            WriteText(archive, name);
+            WriteText(archive, value);
+        }
+        return;
+    }
+    DWORD count = 0;
+    for (archive >> count; count > 0; --count)
+    {
+        name = ReadText(archive);
+        InsertValue(name, ReadText(archive));
+    }
+}
+
+CStringValue * CAttributeSet::InsertValue(CString const & name, CStringValue const & value)
+{
+    bool const bMayStand = m_order.GetCount() > GetValueCount(); // names can outlive their values
+    bool const bNew = !FindValue(name);
+    CStringValue * const stored = CDictionary::InsertValue(name, value);
+    if (bNew && !(bMayStand && m_order.Find(name)))
+    {
+        m_order.AddTail(name);
+    }
+    return stored;
+}
+
+int CAttributeSet::RemoveValue(CString const & name)
+{
+    if (!CDictionary::RemoveValue(name))
+    {
+        return 0;
+    }
+    if (POSITION const pos = m_order.Find(name))
+    {
+        m_order.RemoveAt(pos);
+    }
+    return 1;
+}
+
+int CAttributeSet::RenameValue(CString const & oldName, CString const & newName)
+{
+    if (!CDictionary::RenameValue(oldName, newName))
+    {
+        return 0;
+    }
+    // The rename has taken the old name out of the order; one that stood there twice follows the value.
+    if (POSITION const pos = m_order.Find(oldName); pos && !FindValue(oldName))
+    {
+        m_order.SetAt(pos, newName);
+    }
+    return 1;
+}
+
+void CAttributeSet::RemoveAll()
+{
+    RemoveAllValues();
+    m_order.RemoveAll();
+}
+
+void CAttributeSet::GetNextValue(POSITION & pos, CString & name, CString & value) const
+{
+    name = m_order.GetNext(pos);
+    CStringValue const * const stored = FindValue(name);
+    value = stored ? static_cast<CString const &>(*stored) : CString();
+}
+
+void CAttributeSet::GetNextValue(POSITION & pos, CString & name, CStringValue & value) const
+{
+    GetNextValue(pos, name, static_cast<CString &>(value));
+}
+
+void CAttributeSet::GetPrevValue(POSITION & pos, CString & name, CString & value) const
+{
+    name = m_order.GetPrev(pos);
+    CStringValue const * const stored = FindValue(name);
+    value = stored ? static_cast<CString const &>(*stored) : CString();
+}
+
+void CAttributeSet::GetPrevValue(POSITION & pos, CString & name, CStringValue & value) const
+{
+    GetPrevValue(pos, name, static_cast<CString &>(value));
+}

@@ -1,0 +1,125 @@
+#pragma once
+
+/// Sets of named values: CDictionary, CAttributeSet (which remembers the order of insertion), and the mix-in
+/// CPropertyOwner. Names are case-sensitive.
+
+#include "kvx/foundation/ValueAccessor.h"
+
+class KVX_API CDictionary : public CObject, public CValueAccessor
+{
+    DECLARE_SERIAL(CDictionary)
+
+public:
+    CDictionary() = default;
+    CDictionary(CDictionary const & other) : CDictionary(static_cast<CValueAccessor const &>(other)) {}
+    CDictionary(CValueAccessor const & source) { CDictionary::Merge(source); }
+    ~CDictionary() override { DeleteValues(); }
+
+    CDictionary & operator=(CDictionary const & other)
+    {
+        CopyValues(other);
+        return *this;
+    }
+    CDictionary & operator=(CValueAccessor const & source)
+    {
+        CopyValues(source);
+        return *this;
+    }
+    operator CDictionary *() { return this; }
+    operator CDictionary const *() const { return this; }
+
+    int HasValue(CString const & name) const override;
+    int GetValueCount() const override { return GetCount(); }
+    CStringValue & CreateValue(CString const & name) override;
+    int RemoveValue(CString const & name) override;
+    void RemoveAllValues() override { DeleteValues(); }
+    POSITION GetStartValuePosition() const override { return m_values.GetStartPosition(); }
+    void GetNextValue(POSITION & pos, CString & name, CString & value) const override;
+
+    int GetCount() const { return static_cast<int>(m_values.GetCount()); }
+    int IsEmpty() const { return m_values.IsEmpty(); }
+    POSITION GetStartPosition() const { return GetStartValuePosition(); }
+    void RemoveAll() { RemoveAllValues(); }
+    void Copy(CDictionary const & other) { CopyValues(other); }
+    void Merge(CValueAccessor const & source) { MergeValues(source); }
+
+    /// A count, then each name and value as a byte length and bytes of the ANSI code page. Loading adds to what is
+    /// there. Errors: the archive's exceptions.
+    void Serialize(CArchive & archive) override;
+
+protected:
+    /// Assigns to the name, which is created if it is missing; the stored value, owned by the dictionary.
+    virtual CStringValue * InsertValue(CString const & name, CStringValue const & value);
+
+    CStringValue * FindValue(CString const & name) const;
+
+private:
+    CMapStringToPtr m_values{10};
+
+    void DeleteValues();
+};
+
+/// A dictionary that walks in the order of first insertion. RemoveAllValues empties the values alone: the names stay
+/// in the order, and walking gives them with empty texts; RemoveAll forgets both.
+class KVX_API CAttributeSet : public CDictionary
+{
+public:
+    CAttributeSet() = default;
+    CAttributeSet(CAttributeSet const & other) : CDictionary() { MergeValues(other); }
+
+    CAttributeSet & operator=(CAttributeSet const & other)
+    {
+        CopyValues(other);
+        return *this;
+    }
+    CAttributeSet & operator=(CDictionary const & other)
+    {
+        CopyValues(other);
+        return *this;
+    }
+
+    int RemoveValue(CString const & name) override;
+    int RenameValue(CString const & oldName, CString const & newName) override;
+    POSITION GetStartValuePosition() const override { return m_order.GetHeadPosition(); }
+    void GetNextValue(POSITION & pos, CString & name, CString & value) const override;
+
+    virtual void RemoveAll();
+    virtual void GetNextValue(POSITION & pos, CString & name, CStringValue & value) const;
+
+    /// Backwards from the last name.
+    POSITION GetEndValuePosition() const { return m_order.GetTailPosition(); }
+    void GetPrevValue(POSITION & pos, CString & name, CString & value) const;
+    void GetPrevValue(POSITION & pos, CString & name, CStringValue & value) const;
+
+protected:
+    CStringValue * InsertValue(CString const & name, CStringValue const & value) override;
+
+private:
+    CStringList m_order{10};
+};
+
+/// Gives a class a dictionary of named properties.
+class KVX_API CPropertyOwner
+{
+public:
+    CPropertyOwner() = default;
+    CPropertyOwner(CPropertyOwner const &) = default;
+    virtual ~CPropertyOwner() = default;
+    CPropertyOwner & operator=(CPropertyOwner const &) = default;
+
+    /// Creates a missing property; the const form gives a copy, empty if it is missing.
+    CStringValue & Property(LPCTSTR name) { return m_properties.CreateValue(name); }
+    CStringValue Property(LPCTSTR name) const { return m_properties.GetValue(name); }
+    CStringValue GetProperty(LPCTSTR name) const { return m_properties.GetValue(name); }
+    int HasProperty(LPCTSTR name) const { return m_properties.HasValue(name); }
+    int RemoveProperty(LPCTSTR name) { return m_properties.RemoveValue(name); }
+    int RenameProperty(LPCTSTR oldName, LPCTSTR newName) { return m_properties.RenameValue(oldName, newName); }
+    void SetProperty(LPCTSTR name, CStringValue const & value) { m_properties.CreateValue(name) = value; }
+    /// Both replace what the target held.
+    void SetProperties(CDictionary const & source) { m_properties.CopyValues(source); }
+    void GetProperties(CDictionary & target) const { target.CopyValues(m_properties); }
+    void RemoveAllProperties() { m_properties.RemoveAllValues(); }
+
+private:
+    CDictionary m_properties;
+};

@@ -1,0 +1,149 @@
+#include "kvx/foundation/StringValue.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+#include <string_view>
+
+namespace
+{
+using View = std::basic_string_view<WCHAR>;
+
+template <class T>
+CString NumberText(T value)
+{
+    std::array<char, 24> digits;
+    auto const end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
+    std::array<WCHAR, 24> wide;
+    std::copy(digits.data(), end, wide.data());
+    return CString(View(wide.data(), static_cast<std::size_t>(end - digits.data())));
+}
+
+View SkipSpace(View text)
+{
+    while (!text.empty() && kvx::IsSpace(text.front()))
+    {
+        text.remove_prefix(1);
+    }
+    return text;
+}
+
+template <class T>
+T ParseInteger(View text)
+{
+    text = SkipSpace(text);
+    bool const bNegative = !text.empty() && text.front() == '-';
+    if (!text.empty() && (text.front() == '-' || text.front() == '+'))
+    {
+        text.remove_prefix(1);
+    }
+    constexpr T LOWEST = std::numeric_limits<T>::min();
+    constexpr T HIGHEST = std::numeric_limits<T>::max();
+    T value = 0; // kept negative: the range below 0 is the larger one
+    for (WCHAR const c : text)
+    {
+        if (!kvx::IsDigit(c))
+        {
+            break;
+        }
+        T const digit = static_cast<T>(c - '0');
+        if (value < (LOWEST + digit) / 10)
+        {
+            return bNegative ? LOWEST : HIGHEST;
+        }
+        value = value * 10 - digit;
+    }
+    if (bNegative)
+    {
+        return value;
+    }
+    return value == LOWEST ? HIGHEST : -value;
+}
+} // namespace
+
+void CStringValue::FromInteger(int value)
+{
+    *this = NumberText(value);
+}
+
+void CStringValue::FromInteger64(LONGLONG value)
+{
+    *this = NumberText(value);
+}
+
+void CStringValue::FromDouble(double value)
+{
+    Format(_T("%f"), value);
+}
+
+void CStringValue::FromBuffer(void const * data, DWORD bytes)
+{
+    int const length = static_cast<int>(bytes / sizeof(WCHAR));
+    if (length == 0)
+    {
+        Empty();
+        return;
+    }
+    std::memcpy(GetBufferSetLength(length), data, static_cast<std::size_t>(length) * sizeof(WCHAR));
+}
+
+int CStringValue::ToInteger() const
+{
+    return ParseInteger<int>(*this);
+}
+
+LONGLONG CStringValue::ToInteger64() const
+{
+    return ParseInteger<LONGLONG>(*this);
+}
+
+double CStringValue::ToDouble() const
+{
+    View text = SkipSpace(*this);
+    bool const bNegative = !text.empty() && text.front() == '-';
+    if (!text.empty() && (text.front() == '-' || text.front() == '+'))
+    {
+        text.remove_prefix(1);
+    }
+    std::size_t const end = std::min(text.find_first_not_of(_T("0123456789.eE+-")), text.size());
+    std::string number;
+    number.reserve(end);
+    for (WCHAR const c : text.substr(0, end))
+    {
+        number.push_back(static_cast<char>(c));
+    }
+    double value = 0;
+    auto const [last, error] = std::from_chars(number.data(), number.data() + number.size(), value);
+    if (error == std::errc::result_out_of_range)
+    {
+        // Out of range says too large and too small alike; the exponent tells which.
+        std::string_view const used(number.data(), static_cast<std::size_t>(last - number.data()));
+        bool const bTiny = used.find("e-") != std::string_view::npos || used.find("E-") != std::string_view::npos ||
+                           used.starts_with("0.") || used.starts_with(".");
+        value = bTiny ? 0.0 : std::numeric_limits<double>::infinity();
+    }
+    return bNegative ? -value : value;
+}
+
+DWORD CStringValue::ToBuffer(void * target, DWORD size) const
+{
+    DWORD const bytes = std::min<DWORD>(size, static_cast<DWORD>(GetLength()) * sizeof(WCHAR));
+    if (bytes > 0)
+    {
+        std::memcpy(target, GetString(), bytes);
+    }
+    return bytes;
+}
+
+void CStringValue::FromWindow(CWnd * window)
+{
+    if (window)
+    {
+        window->GetWindowText(*this);
+    }
+    else
+    {
+        Empty();
+    }
+}

@@ -1,0 +1,279 @@
+#include "kvx/logging/LogManager.h"
+
+#include "kvx/foundation/ValueAccessor.h"
+#include "kvx/messaging/MsgRequest.h"
+
+namespace
+{
+CString FormatEvent(CObject const * source, LPCTSTR format, FormatArgs const & args)
+{
+    CString text;
+    try
+    {
+        text.FormatV(format, args);
+    }
+    catch (CException * failure)
+    {
+        failure->Delete();
+        text = CString(_T("LOG ERROR: ")) + (format ? format : _T("<EMPTY FORMAT STRING>"));
+    }
+    if (source)
+    {
+        CString prefixed;
+        prefixed.Format(_T("[%08X] %s"), source, text);
+        return prefixed;
+    }
+    return text;
+}
+} // namespace
+
+CLogManager::CLogManager() : m_queueEvent(FALSE, TRUE), m_nSessionSlot(TlsAlloc())
+{
+    RegisterAutoDelete(m_immediateSinks);
+    RegisterAutoDelete(m_queuedSinks);
+}
+
+CLogManager::~CLogManager()
+{
+    // Without a Terminate the log's thread may still run. It leaves at its next look at the flag, and must not find
+    // members that have gone; a sink that hangs is not waited for any longer than this.
+    constexpr DWORD PATIENCE = 1000;
+    m_bTerminating = 1;
+    m_queueEvent.SetEvent();
+    if (HANDLE const thread = m_hThread.exchange(nullptr))
+    {
+        WaitForSingleObject(thread, PATIENCE);
+        CloseHandle(thread);
+    }
+    PerformAutoDelete(nullptr, 0);
+    TlsFree(m_nSessionSlot);
+}
+
+void CLogManager::LogEvent(CObject const * source, DWORD type, LPCTSTR format, FormatArgs const & args)
+{
+    if (m_bTerminating || m_nQueued == 0)
+    {
+        return;
+    }
+    // Whatever happens in here, logging never fails its caller, nor changes what the caller takes for the last error.
+    DWORD const lastError = GetLastError();
+    try
+    {
+        if (m_hThread || StartQueueThread())
+        {
+            CLogEvent * const event = NewEvent();
+            event->m_strText = FormatEvent(source, format, args);
+            event->m_nType = type;
+            event->m_nThreadId = GetCurrentThreadId();
+            event->m_nSessionId = GetThreadSessionId();
+            Enqueue(event);
+        }
+    }
+    catch (CException * failure)
+    {
+        failure->Delete();
+    }
+    catch (...)
+    {
+    }
+    SetLastError(lastError);
+}
+
+CLogEvent * CLogManager::NewEvent()
+{
+    auto * event = static_cast<CLogEvent *>(m_events.Allocate());
+    if (!event)
+    {
+        event = new CLogEvent;
+        m_events.Insert(event, 1);
+    }
+    return event;
+}
+
+void CLogManager::Enqueue(CLogEvent * event)
+{
+    // The time is taken under the lock of the queue, so that time stamps are in the order of the queue. Immediate sinks
+    // see the stamped event before the queue does.
+    CSingleLock sinks(&m_sinkLock, m_nImmediate > 0);
+    CSingleLock guard(&m_queueLock, TRUE);
+    GetLocalTime(&event->m_time);
+    if (sinks.IsLocked())
+    {
+        try
+        {
+            for (POSITION pos = m_immediateSinks.GetHeadPosition(); pos;)
+            {
+                static_cast<CLogSink *>(m_immediateSinks.GetNext(pos))->Append(event);
+            }
+        }
+        catch (...)
+        {
+            m_events.Return(event);
+            throw;
+        }
+    }
+    bool const bWasEmpty = m_queue.IsEmpty();
+    m_queue.AddTail(event);
+    guard.Unlock();
+    if (bWasEmpty)
+    {
+        m_queueEvent.SetEvent();
+    }
+}
+
+bool CLogManager::StartQueueThread()
+{
+    static CCriticalSection startLock;
+    CSingleLock guard(&startLock, TRUE);
+    if (!m_hThread && !m_bTerminating)
+    {
+        m_hThread = CreateThread(nullptr, 0, &EventQueueProc, this, 0, &m_nThreadId);
+    }
+    return m_hThread != nullptr;
+}
+
+DWORD WINAPI CLogManager::EventQueueProc(void * manager)
+{
+    static_cast<CLogManager *>(manager)->RunEventQueue();
+    return 0;
+}
+
+void CLogManager::RunEventQueue()
+{
+    while (m_queueEvent.Lock(INFINITE) && !m_bTerminating)
+    {
+        CLogEvent * event = nullptr;
+        {
+            CSingleLock guard(&m_queueLock, TRUE);
+            if (!m_queue.IsEmpty())
+            {
+                event = static_cast<CLogEvent *>(m_queue.RemoveHead());
+            }
+            if (m_queue.IsEmpty() && !m_bTerminating)
+            {
+                m_queueEvent.ResetEvent();
+            }
+        }
+        if (event)
+        {
+            WriteEvent(event);
+            m_events.Return(event);
+        }
+    }
+}
+
+void CLogManager::WriteEvent(CLogEvent * event)
+{
+    CSingleLock guard(&m_sinkLock, TRUE);
+    if (m_bTerminating)
+    {
+        return;
+    }
+    event->BuildText();
+    for (POSITION pos = m_queuedSinks.GetHeadPosition(); pos;)
+    {
+        auto * const sink = static_cast<CLogSink *>(m_queuedSinks.GetNext(pos));
+        if (!sink->IsActive(event->m_nType))
+        {
+            continue;
+        }
+        // A sink that fails loses this line; the others still get it, and the log goes on.
+        try
+        {
+            sink->Append(event);
+        }
+        catch (CException * failure)
+        {
+            failure->Delete();
+        }
+        catch (...)
+        {
+        }
+    }
+}
+
+void CLogManager::LogRequestParams(CMsgRequest & request)
+{
+    CString text = _T("Command: ") + request.GetCommand();
+    CString name;
+    CString value;
+    CString line;
+    for (POSITION pos = request.GetStartParamPosition(); pos;)
+    {
+        request.GetNextParam(pos, name, value);
+        line.Format(_T("\n    %s: %s"), name, value);
+        text += line;
+    }
+    LogEvent(LOG_INFORMATION, text, FormatArgs());
+}
+
+void CLogManager::CountSinks()
+{
+    m_nImmediate = static_cast<LONG>(m_immediateSinks.GetCount());
+    m_nQueued = static_cast<LONG>(m_queuedSinks.GetCount());
+}
+
+void CLogManager::RegisterSink(CLogSink * sink, int queued)
+{
+    CSingleLock guard(&m_sinkLock, TRUE);
+    (queued ? m_queuedSinks : m_immediateSinks).AddTail(sink);
+    CountSinks();
+}
+
+void CLogManager::UnregisterSink(CLogSink * sink)
+{
+    CSingleLock guard(&m_sinkLock, TRUE);
+    for (CObList * const list : {&m_queuedSinks, &m_immediateSinks})
+    {
+        if (POSITION const pos = list->Find(sink))
+        {
+            list->RemoveAt(pos);
+            break;
+        }
+    }
+    CountSinks();
+}
+
+void CLogManager::SetEventFlags(DWORD mask)
+{
+    CSingleLock guard(&m_sinkLock, TRUE);
+    for (CObList * const list : {&m_queuedSinks, &m_immediateSinks})
+    {
+        for (POSITION pos = list->GetHeadPosition(); pos;)
+        {
+            static_cast<CLogSink *>(list->GetNext(pos))->SetActive(mask);
+        }
+    }
+}
+
+DWORD CLogManager::GetThreadSessionId() const
+{
+    return static_cast<DWORD>(reinterpret_cast<UINT_PTR>(TlsGetValue(m_nSessionSlot)));
+}
+
+void CLogManager::SetThreadSessionId(DWORD id)
+{
+    TlsSetValue(m_nSessionSlot, reinterpret_cast<void *>(static_cast<UINT_PTR>(id)));
+}
+
+void CLogManager::Terminate()
+{
+    CLogManager & self = sm_instance;
+    self.m_bTerminating = 1;
+    self.m_queueEvent.SetEvent();
+    if (HANDLE const thread = self.m_hThread.exchange(nullptr))
+    {
+        WaitForSingleObject(thread, INFINITE);
+        CloseHandle(thread);
+    }
+    CSingleLock guard(&self.m_sinkLock, TRUE);
+    for (CObList * const list : {&self.m_immediateSinks, &self.m_queuedSinks})
+    {
+        for (POSITION pos = list->GetHeadPosition(); pos;)
+        {
+            static_cast<CLogSink *>(list->GetNext(pos))->ShutDown();
+        }
+    }
+    self.PerformAutoDelete(nullptr, 0);
+    self.CountSinks();
+}

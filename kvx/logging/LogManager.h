@@ -1,0 +1,108 @@
+#pragma once
+
+/// The process-wide log, and the helpers that the whole library logs with:
+///
+///     LogError(_T("Cannot load '%s': %d"), name, code);
+
+#include "kvx/foundation/ObCache.h"
+#include "kvx/logging/LogSink.h"
+
+#include <atomic>
+
+class CMsgRequest;
+
+/// Formats on the caller's thread, calls the immediate sinks at once, and hands the event to the log's own thread, which
+/// writes it to the queued sinks. Nothing is logged while no queued sink is registered. Nothing limits the queue.
+///
+/// Threads: any thread may log. Sinks are called one at a time, under the lock of the sink lists; the order of the time
+/// stamps is the order of the lines. A slow queued sink holds up only those who log through immediate sinks or change the
+/// lists.
+class KVX_API CLogManager : public CAutoDelete
+{
+public:
+    CLogManager(CLogManager const &) = delete;
+    CLogManager & operator=(CLogManager const &) = delete;
+    virtual ~CLogManager();
+
+    static CLogManager * GetInstance() { return &sm_instance; }
+
+    /// Never fails its caller: a format that can't be carried out is logged as "LOG ERROR: " and the format. With a source
+    /// object its address stands in front of the text.
+    void LogEvent(CObject const * source, DWORD type, LPCTSTR format, FormatArgs const & args);
+    void LogEvent(DWORD type, LPCTSTR format, FormatArgs const & args) { LogEvent(nullptr, type, format, args); }
+    /// Command and parameters, at the type of information.
+    void LogRequestParams(CMsgRequest & request);
+
+    /// The manager owns the sink from now on. Immediate sinks see every event, whatever their mask, before its built text
+    /// is made.
+    void RegisterSink(CLogSink * sink, int queued);
+    /// The caller owns the sink again; one that isn't registered is no error.
+    void UnregisterSink(CLogSink * sink);
+    /// Sets the mask of every sink.
+    void SetEventFlags(DWORD mask);
+
+    /// A number of the calling thread that its events carry: sessions set it, and it is cleared behind every job.
+    DWORD GetThreadSessionId() const;
+    void SetThreadSessionId(DWORD id);
+    static DWORD GetSessionSlot() { return sm_instance.m_nSessionSlot; }
+
+    /// The application's last call: ends the log's thread, shuts the sinks down and deletes them. Events that are still
+    /// queued may be lost. There is no way back.
+    static void Terminate();
+
+private:
+    static CLogManager sm_instance;
+
+    CObCache m_events;
+    CCriticalSection m_sinkLock;  // the sink lists, and every call of a sink; taken before the next one
+    CCriticalSection m_queueLock; // the event queue
+    CEvent m_queueEvent;          // signalled while the queue holds events
+    std::atomic<LONG> m_bTerminating{0};
+    std::atomic<LONG> m_nImmediate{0};
+    std::atomic<LONG> m_nQueued{0};
+    CObList m_immediateSinks{10};
+    CObList m_queuedSinks{10};
+    CObList m_queue{10};
+    DWORD m_nSessionSlot;
+    DWORD m_nThreadId = 0;
+    std::atomic<HANDLE> m_hThread{nullptr};
+
+    CLogManager();
+    static DWORD WINAPI EventQueueProc(void * manager);
+    void RunEventQueue();
+    bool StartQueueThread();
+    CLogEvent * NewEvent();
+    void Enqueue(CLogEvent * event);
+    void WriteEvent(CLogEvent * event);
+    void CountSinks();
+};
+
+template <class... T>
+void LogInfo(LPCTSTR format, T const &... values)
+{
+    CLogManager::GetInstance()->LogEvent(LOG_INFORMATION, format, FormatArgStore<sizeof...(T)>(values...));
+}
+
+template <class... T>
+void LogWarning(LPCTSTR format, T const &... values)
+{
+    CLogManager::GetInstance()->LogEvent(LOG_WARNING, format, FormatArgStore<sizeof...(T)>(values...));
+}
+
+template <class... T>
+void LogError(LPCTSTR format, T const &... values)
+{
+    CLogManager::GetInstance()->LogEvent(LOG_ERROR, format, FormatArgStore<sizeof...(T)>(values...));
+}
+
+template <class... T>
+void LogSourceWarning(CObject const * source, LPCTSTR format, T const &... values)
+{
+    CLogManager::GetInstance()->LogEvent(source, LOG_WARNING, format, FormatArgStore<sizeof...(T)>(values...));
+}
+
+template <class... T>
+void LogSourceError(CObject const * source, LPCTSTR format, T const &... values)
+{
+    CLogManager::GetInstance()->LogEvent(source, LOG_ERROR, format, FormatArgStore<sizeof...(T)>(values...));
+}

@@ -1,0 +1,253 @@
+#include "kvx/messaging/MsgDispatcher.h"
+
+#include "kvx/foundation/AppException.h"
+#include "kvx/foundation/Utilities.h"
+#include "kvx/logging/LogManager.h"
+#include "kvx/messaging/MsgFactory.h"
+#include "kvx/messaging/MsgProvider.h"
+#include "kvx/text/StringTokenizer.h"
+#include "kvx/threads/ThreadPool.h"
+#include "kvx/transport/MsgListener.h"
+#include "kvx/transport/MsgTCPFactory.h"
+
+#include <utility>
+
+namespace
+{
+constexpr int NOTIFY_THREADS = 3;
+
+/// The look-up of the named queues holds objects.
+class CNamedQueue : public CObject
+{
+public:
+    CNamedQueue(void (*proc)(CObject *, void *), void * param, CString const & name) : m_queue(proc, param, 1, 0, name) {}
+
+    CThreadQueue m_queue;
+};
+
+template <class PROC>
+CString CommonQueueName(PROC proc)
+{
+    CString name;
+    name.Format(_T("CMsgDispatcher.m_notifyQueue::NotifyQueue: %X"), proc);
+    return name;
+}
+} // namespace
+
+CMsgDispatcher::CMsgDispatcher() : m_notifyQueue(&NotifyProc, this, NOTIFY_THREADS, 0, CommonQueueName(&NotifyProc))
+{
+    m_pRoot = new CMsgTarget;
+    CMsgTCPFactory::RegisterTypes(*this);
+}
+
+CMsgDispatcher::~CMsgDispatcher()
+{
+    m_bDestroying = 1;
+    Terminate();
+    m_namedQueues.RemoveAll(1);
+}
+
+void CMsgDispatcher::Service(CMsgRequest & request)
+{
+    m_pRoot->Service(request.GetCommand(), request);
+}
+
+void CMsgDispatcher::Terminate()
+{
+    ShutDownNotificationQueue(!m_bDestroying);
+    delete std::exchange(m_pRoot, nullptr);
+    DeleteFactories();
+}
+
+void CMsgDispatcher::DeleteFactories()
+{
+    CString name;
+    CObject * object = nullptr;
+    for (POSITION pos = m_factories.GetStartPosition(); pos;)
+    {
+        m_factories.GetNextAssoc(pos, name, object);
+        CObject * const module = static_cast<CMsgFactory *>(object)->GetModule();
+        delete object;
+        delete module;
+    }
+    m_factories.RemoveAll();
+}
+
+void CMsgDispatcher::NotifyProc(CObject * object, void *)
+{
+    auto * const request = static_cast<CMsgRequest *>(object);
+    GetInstance()->Service(*request);
+    delete request;
+}
+
+void CMsgDispatcher::Notify(CMsgRequest & request)
+{
+    if (!AreNotificationsEnabled())
+    {
+        return;
+    }
+    CString const name = request.GetNotifyQueueName();
+    auto * const copy = new CMsgRequest(request);
+    CThreadQueue & queue = name.IsEmpty() ? m_notifyQueue : *GetNamedQueue(name);
+    queue.InsertOrDelete(copy);
+}
+
+CThreadQueue * CMsgDispatcher::GetNamedQueue(CString const & name)
+{
+    CSingleLock guard(m_namedQueues, TRUE);
+    CObject * queue = m_namedQueues.Lookup(name);
+    if (!queue)
+    {
+        queue = new CNamedQueue(&NotifyProc, this, name);
+        m_namedQueues.SetAt(name, queue);
+    }
+    return &static_cast<CNamedQueue *>(queue)->m_queue;
+}
+
+void CMsgDispatcher::ShutDownNotificationQueue(int bDelete)
+{
+    EnableNotifications(0);
+    // A thread that the library's shutdown has killed never leaves its queue: then there is nobody to wait for.
+    int const bWait = !CThreadPool::IsTerminated();
+    m_notifyQueue.Stop(bWait, 1);
+
+    CString name;
+    CObject * object = nullptr;
+    for (POSITION pos = m_namedQueues.GetStartPosition(); pos;)
+    {
+        m_namedQueues.GetNextAssoc(pos, name, object);
+        static_cast<CNamedQueue *>(object)->m_queue.Stop(bWait, 1);
+    }
+    if (bDelete)
+    {
+        m_namedQueues.RemoveAll(1);
+    }
+}
+
+int CMsgDispatcher::RegisterProvider(LPCTSTR path, CMsgProvider * provider, int start)
+{
+    if (!provider || !m_pRoot->RegisterProvider(path, provider))
+    {
+        return 0;
+    }
+    return start ? provider->StartProvider() : 1;
+}
+
+CMsgProvider * CMsgDispatcher::RegisterProvider(LPCTSTR path, void (*callback)(CMsgRequest &, void *), void * param)
+{
+    auto * const provider = new CMsgCallbackProvider(callback, param);
+    RegisterProvider(path, provider, 0);
+    return provider;
+}
+
+CMsgProvider * CMsgDispatcher::RegisterProvider(LPCTSTR path, LPCTSTR config, int start)
+{
+    CMsgProvider * const provider = CreateProvider(config);
+    if (!provider)
+    {
+        return nullptr;
+    }
+    provider->SetProviderParams(config);
+    if (RegisterProvider(path, provider, start))
+    {
+        LogInfo(_T("Loaded provider '%s=%s'"), path, config);
+        return provider;
+    }
+    LogError(_T("Cannot register provider '%s=%s'"), path, config);
+    delete provider;
+    return nullptr;
+}
+
+CMsgListener * CMsgDispatcher::RegisterListener(LPCTSTR path, LPCTSTR config, int start)
+{
+    CMsgListener * const listener = CreateListener(config);
+    if (!listener)
+    {
+        return nullptr;
+    }
+    if (!RegisterProvider(path, listener, 0))
+    {
+        LogError(_T("Cannot register listener '%s=%s'"), path, config);
+        delete listener;
+        return nullptr;
+    }
+    LogInfo(_T("Loaded listener '%s=%s'"), path, config);
+    if (start && !listener->StartListener())
+    {
+        LogError(_T("Cannot start listener '%s=%s': %s"), path, config, CWinError(GetLastError()).GetText());
+    }
+    return listener;
+}
+
+int CMsgDispatcher::UnregisterProvider(LPCTSTR path, LPCTSTR config)
+{
+    return LookupTarget(path)->RemoveProvider(CString(config), 1);
+}
+
+int CMsgDispatcher::UnregisterProvider(LPCTSTR path, CMsgProvider * provider)
+{
+    return m_pRoot->UnregisterProvider(path, provider);
+}
+
+CMsgProvider * CMsgDispatcher::CreateProvider(LPCTSTR config)
+{
+    CString type;
+    CString params;
+    if (CUtilities::SplitString(config, type, params, _T(":"), 0) < 0)
+    {
+        return nullptr;
+    }
+    CMsgFactory * const factory = LookupFactory(type);
+    if (!factory)
+    {
+        LogError(_T("Unknown provider type '%s'"), type);
+        return nullptr;
+    }
+    return factory->CreateProvider(params);
+}
+
+CMsgListener * CMsgDispatcher::CreateListener(LPCTSTR config)
+{
+    CString rest = config;
+    CString event;
+    CString token;
+    CString head;
+    CString tail;
+    for (CStringTokenizer tokens(rest, _T(";")); tokens.GetNextString(token);)
+    {
+        if (CUtilities::SplitString(token, head, tail, _T(":"), 0) >= 0 && head.MakeLower() == _T("event"))
+        {
+            event = tail;
+            rest.Replace(token + _T(";"), _T(""));
+            break;
+        }
+    }
+    CString type;
+    CString params;
+    if (CUtilities::SplitString(rest, type, params, _T(":"), 0) < 0)
+    {
+        return nullptr;
+    }
+    CMsgFactory * const factory = LookupFactory(type);
+    CMsgListener * const listener = factory ? factory->CreateListener(params) : nullptr;
+    if (listener)
+    {
+        listener->SetEvent(event);
+    }
+    return listener;
+}
+
+int CMsgDispatcher::RegisterFactory(LPCTSTR name, CMsgFactory * factory)
+{
+    if (!LookupFactory(name))
+    {
+        m_factories.SetAt(name, factory);
+    }
+    return 1;
+}
+
+CMsgFactory * CMsgDispatcher::LookupFactory(LPCTSTR name) const
+{
+    CObject * factory = nullptr;
+    return m_factories.Lookup(name, factory) ? static_cast<CMsgFactory *>(factory) : nullptr;
+}

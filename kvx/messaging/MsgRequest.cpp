@@ -1,0 +1,318 @@
+#include "kvx/messaging/MsgRequest.h"
+
+#include "kvx/messaging/MsgDispatcher.h"
+#include "kvx/msgdata/MsgMultipleRowSets.h"
+#include "kvx/msgdata/MsgRowSet.h"
+#include "kvx/transport/MsgStream.h"
+
+namespace
+{
+CMsgResponse * Hold(CMsgResponse * response)
+{
+    response->AddRef();
+    return response;
+}
+} // namespace
+
+CMsgRequest::CMsgRequest(DWORD flags) : m_nFlags(flags), m_pResponse(Hold(new CMsgResponse)) {}
+
+CMsgRequest::CMsgRequest(CMsgRequest const & other)
+    : CRefObject(other), CValueAccessor(other), m_strCommand(other.m_strCommand), m_nFlags(other.m_nFlags),
+      m_bHandled(other.m_bHandled), m_pResponse(Hold(new CMsgResponse(*other.m_pResponse)))
+{
+    CMsgRequest::MergeValues(other);
+    if (other.m_pExParams)
+    {
+        m_pExParams = new CMsgMultipleRowSets(*other.m_pExParams);
+        m_pExParams->AddRef();
+    }
+}
+
+CMsgRequest::~CMsgRequest()
+{
+    m_pResponse->Release(1);
+    if (m_pExParams)
+    {
+        m_pExParams->Release(1);
+    }
+}
+
+CMsgResponse & CMsgRequest::Execute()
+{
+    PrepareRequest();
+    return ExecuteRequest();
+}
+
+CMsgResponse & CMsgRequest::Execute(CString const & command)
+{
+    if (!command.IsEmpty())
+    {
+        m_strCommand = command;
+    }
+    return Execute();
+}
+
+CMsgResponse & CMsgRequest::Execute(CString const & command, CMsgMultipleRowSets * exParams)
+{
+    if (exParams)
+    {
+        SetExParams(exParams);
+    }
+    return Execute(command);
+}
+
+CMsgResponse & CMsgRequest::Send()
+{
+    DiscardResults(1);
+    return Execute();
+}
+
+CMsgResponse & CMsgRequest::Send(CString const & command)
+{
+    DiscardResults(1);
+    return Execute(command);
+}
+
+CMsgResponse & CMsgRequest::Send(CString const & command, CMsgMultipleRowSets * exParams)
+{
+    DiscardResults(1);
+    return Execute(command, exParams);
+}
+
+CMsgResponse & CMsgRequest::Notify()
+{
+    PrepareRequest();
+    DiscardResults(1);
+    return NotifyRequest();
+}
+
+CMsgResponse & CMsgRequest::Notify(CString const & command)
+{
+    if (!command.IsEmpty())
+    {
+        m_strCommand = command;
+    }
+    return Notify();
+}
+
+CMsgResponse & CMsgRequest::Notify(CString const & command, CMsgMultipleRowSets * exParams)
+{
+    SetExParams(exParams);
+    return Notify(command);
+}
+
+CMsgResponse & CMsgRequest::ExecuteRequest()
+{
+    CheckResponseReferences();
+    m_pResponse->SetError(0, nullptr);
+    CMsgDispatcher::GetInstance()->Service(*this);
+    if (!m_bHandled && m_pResponse->GetErrorCode() == 0)
+    {
+        m_pResponse->SetError(ERROR_NOT_SUPPORTED, _T("Unsupported command: %s"), m_strCommand);
+    }
+    return *m_pResponse;
+}
+
+CMsgResponse & CMsgRequest::NotifyRequest()
+{
+    CheckResponseReferences();
+    m_pResponse->SetError(0, nullptr);
+    m_pResponse->AssignRowSets(m_pExParams);
+    CMsgDispatcher::GetInstance()->Notify(*this);
+    return *m_pResponse;
+}
+
+/// Somebody who still holds the last response keeps it: this request takes a new one.
+void CMsgRequest::CheckResponseReferences()
+{
+    if (m_pResponse->GetRef() > 1)
+    {
+        CMsgResponse * const response = Hold(new CMsgResponse);
+        m_pResponse->Release(1);
+        m_pResponse = response;
+    }
+}
+
+void CMsgRequest::ResetParams()
+{
+    m_params.RemoveAll();
+    SetExParams(nullptr);
+}
+
+int CMsgRequest::HasValue(CString const & name) const
+{
+    return m_params.PLookup(name) != nullptr;
+}
+
+CStringValue & CMsgRequest::CreateValue(CString const & name)
+{
+    return m_params[name];
+}
+
+int CMsgRequest::RemoveValue(CString const & name)
+{
+    return m_params.RemoveKey(name);
+}
+
+void CMsgRequest::GetNextValue(POSITION & pos, CString & name, CString & value) const
+{
+    CStringValue stored;
+    m_params.GetNextAssoc(pos, name, stored);
+    value = std::move(stored);
+}
+
+int CMsgRequest::RenameValue(CString const & oldName, CString const & newName)
+{
+    auto const * const pair = m_params.PLookup(oldName);
+    if (!pair)
+    {
+        return 0;
+    }
+    CStringValue const value = pair->value;
+    m_params.RemoveKey(oldName);
+    m_params.SetAt(newName, value);
+    return 1;
+}
+
+CMsgMultipleRowSets * CMsgRequest::GetExParams() const
+{
+    return m_pExParams ? m_pExParams : &m_pResponse->GetRowSets();
+}
+
+void CMsgRequest::SetExParams(CMsgMultipleRowSets * rowSets)
+{
+    if (rowSets == m_pExParams)
+    {
+        return;
+    }
+    if (rowSets)
+    {
+        rowSets->AddRef();
+    }
+    if (CMsgMultipleRowSets * const old = std::exchange(m_pExParams, rowSets))
+    {
+        old->Release(1);
+    }
+}
+
+void CMsgRequest::SetResponse(CMsgResponse const & response)
+{
+    if (&response == m_pResponse)
+    {
+        return;
+    }
+    if (m_pResponse->GetRef() == 1)
+    {
+        m_pResponse->Copy(response);
+        return;
+    }
+    CMsgResponse * const copy = Hold(new CMsgResponse(response));
+    m_pResponse->Release(1);
+    m_pResponse = copy;
+}
+
+void CMsgRequest::SetResponse(CMsgMultipleRowSets * rowSets)
+{
+    CheckResponseReferences();
+    m_pResponse->AssignRowSets(rowSets);
+}
+
+void CMsgRequest::SetResponseValues(CValueAccessor const & values)
+{
+    CheckResponseReferences();
+    kvx::RefPtr<CMsgRowSet> const rowSet(new CMsgRowSet(nullptr));
+    POSITION row = rowSet->GetFirstRowPosition();
+    rowSet->SetRow(row, values);
+    m_pResponse->AssignRowSet(rowSet.Get());
+}
+
+void CMsgRequest::GetResponseValues(CValueAccessor & target) const
+{
+    CMsgMultipleRowSets const & rowSets = m_pResponse->GetRowSets();
+    POSITION pos = rowSets.GetFirstPosition();
+    CMsgRowSet * const rowSet = rowSets.GetAt(pos);
+    POSITION row = rowSet->GetFirstRowPosition();
+    rowSet->GetRow(row, target);
+}
+
+void CMsgRequest::Reset()
+{
+    ResetParams();
+    m_nFlags = 0;
+    m_bHandled = 0;
+    m_pConnection = nullptr;
+    CheckResponseReferences();
+    m_pResponse->Reset();
+}
+
+int CMsgRequest::Read(CMsgStream & stream)
+{
+    CMsgStreamCompactor const compactor(stream);
+    ResetParams();
+    m_nFlags = 0;
+    m_bHandled = 0;
+    CheckResponseReferences();
+    m_pResponse->Reset();
+    if (!stream.Read(m_nFlags) || !stream.Read(m_strCommand) || !ReadParams(stream))
+    {
+        return 0;
+    }
+    // The trailer has the form of a response; its row sets are the request's.
+    if (!m_pResponse->Read(stream))
+    {
+        return 0;
+    }
+    if (!m_pResponse->GetRowSets().IsEmpty())
+    {
+        SetExParams(&m_pResponse->GetRowSets());
+        m_pResponse->Reset();
+    }
+    return 1;
+}
+
+int CMsgRequest::ReadParams(CMsgStream & stream)
+{
+    DWORD count = 0;
+    if (!stream.Read(count))
+    {
+        return 0;
+    }
+    CString name;
+    CString value;
+    for (; count > 0; --count)
+    {
+        if (!stream.Read(name) || !stream.Read(value))
+        {
+            return 0;
+        }
+        m_params[name] = std::move(value);
+    }
+    return 1;
+}
+
+int CMsgRequest::Write(CMsgStream & stream)
+{
+    CMsgStreamCompactor const compactor(stream);
+    int bDone = stream.Write(m_nFlags) && stream.Write(m_strCommand) && WriteParams(stream) && stream.Write(CString());
+    if (bDone)
+    {
+        bDone = m_pExParams ? m_pExParams->Write(stream) : stream.Write(DWORD{0});
+    }
+    return bDone;
+}
+
+int CMsgRequest::WriteParams(CMsgStream & stream)
+{
+    if (!stream.Write(static_cast<DWORD>(m_params.GetCount())))
+    {
+        return 0;
+    }
+    for (auto const * pair = m_params.PGetFirstAssoc(); pair; pair = m_params.PGetNextAssoc(pair))
+    {
+        if (!stream.Write(pair->key) || !stream.Write(pair->value))
+        {
+            return 0;
+        }
+    }
+    return 1;
+}

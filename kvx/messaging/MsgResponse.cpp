@@ -1,0 +1,179 @@
+#include "kvx/messaging/MsgResponse.h"
+
+#include "kvx/msgdata/MsgMultipleRowSets.h"
+#include "kvx/msgdata/MsgRowSet.h"
+#include "kvx/transport/MsgStream.h"
+
+namespace
+{
+// The one carrier of an error code on the wire: "rc:=", the code in decimal, ";", the text.
+constexpr CString::View CODE_PREFIX = _T("rc:=");
+
+CMsgMultipleRowSets * NewRowSets()
+{
+    auto * const rowSets = new CMsgMultipleRowSets;
+    rowSets->AddRef();
+    return rowSets;
+}
+} // namespace
+
+CMsgResponse::CMsgResponse() : m_pRowSets(NewRowSets()) {}
+
+CMsgResponse::CMsgResponse(CMsgResponse const & other)
+    : CRefObject(other), m_nErrorCode(other.m_nErrorCode), m_strErrorText(other.m_strErrorText),
+      m_pRowSets(new CMsgMultipleRowSets(*other.m_pRowSets))
+{
+    m_pRowSets->AddRef();
+}
+
+CMsgResponse::~CMsgResponse()
+{
+    m_pRowSets->Release(1);
+}
+
+void CMsgResponse::Copy(CMsgResponse const & other)
+{
+    if (&other == this)
+    {
+        return;
+    }
+    m_nErrorCode = other.m_nErrorCode;
+    m_strErrorText = other.m_strErrorText;
+    auto * const rowSets = new CMsgMultipleRowSets(*other.m_pRowSets);
+    rowSets->AddRef();
+    m_pRowSets->Release(1);
+    m_pRowSets = rowSets;
+}
+
+void CMsgResponse::SetError(DWORD code, LPCTSTR format, FormatArgs const & args)
+{
+    m_nErrorCode = code;
+    if (format)
+    {
+        m_strErrorText = kvx::FormatOrText(format, args);
+    }
+    else
+    {
+        SyncErrorText();
+    }
+}
+
+void CMsgResponse::SyncErrorText()
+{
+    m_strErrorText.Empty();
+    if (m_nErrorCode == 0)
+    {
+        return;
+    }
+    constexpr DWORD MAXIMUM = 2048;
+    WCHAR * const buffer = m_strErrorText.GetBuffer(MAXIMUM);
+    DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, m_nErrorCode, 0, buffer, MAXIMUM, nullptr);
+    if (length > 1 && buffer[length - 2] == '\r')
+    {
+        length -= 2;
+    }
+    m_strErrorText.ReleaseBuffer(static_cast<int>(length));
+    m_strErrorText.FreeExtra();
+}
+
+DWORD CMsgResponse::SyncLastError()
+{
+    m_nErrorCode = GetLastError();
+    SyncErrorText();
+    return m_nErrorCode;
+}
+
+void CMsgResponse::ThrowException()
+{
+    // Doubled signs: the text is data, and what throws formats it once more.
+    CString text = m_strErrorText;
+    text.Replace(_T("%"), _T("%%"));
+    MsgThrowException(m_nErrorCode, _T("%s"), text);
+}
+
+void CMsgResponse::Reset()
+{
+    m_nErrorCode = 0;
+    m_strErrorText.Empty();
+    ResetRowSets();
+}
+
+void CMsgResponse::ResetRowSets()
+{
+    if (m_pRowSets->GetRef() == 1)
+    {
+        m_pRowSets->RemoveAll();
+        return;
+    }
+    auto * const rowSets = NewRowSets();
+    m_pRowSets->Release(1);
+    m_pRowSets = rowSets;
+}
+
+void CMsgResponse::AssignRowSet(CMsgRowSet * rowSet)
+{
+    kvx::RefPtr<CMsgRowSet> const keep(rowSet); // it may be one of those that go
+    ResetRowSets();
+    if (rowSet)
+    {
+        m_pRowSets->Append(rowSet);
+    }
+}
+
+void CMsgResponse::AssignRowSets(CMsgMultipleRowSets * rowSets)
+{
+    if (rowSets == m_pRowSets)
+    {
+        return;
+    }
+    ResetRowSets();
+    if (rowSets)
+    {
+        m_pRowSets->Append(rowSets);
+    }
+}
+
+int CMsgResponse::Read(CMsgStream & stream)
+{
+    CMsgStreamCompactor const compactor(stream);
+    Reset();
+    CString status;
+    if (!stream.Read(status))
+    {
+        SyncLastError();
+        return 0;
+    }
+    int const end = status.AsView().starts_with(CODE_PREFIX) ? status.Find(_T(';')) : -1;
+    if (end >= 0)
+    {
+        int const first = static_cast<int>(CODE_PREFIX.size());
+        m_nErrorCode = static_cast<DWORD>(CStringValue(status.Mid(first, end - first)).ToInteger());
+        m_strErrorText = status.Mid(end + 1);
+    }
+    else
+    {
+        m_strErrorText = status;
+    }
+    if (!m_pRowSets->Read(stream))
+    {
+        SyncLastError();
+        return 0;
+    }
+    return 1;
+}
+
+int CMsgResponse::Write(CMsgStream & stream)
+{
+    CMsgStreamCompactor const compactor(stream);
+    CString status = m_strErrorText;
+    if (m_nErrorCode != 0)
+    {
+        status.Format(_T("%s%d;%s"), CString(CODE_PREFIX), static_cast<int>(m_nErrorCode), m_strErrorText);
+    }
+    if (stream.Write(status) && m_pRowSets->Write(stream))
+    {
+        return 1;
+    }
+    SyncLastError();
+    return 0;
+}

@@ -1,0 +1,308 @@
+#include "kvx/messaging/MsgTarget.h"
+
+#include "kvx/logging/LogManager.h"
+#include "kvx/messaging/MsgDispatcher.h"
+#include "kvx/messaging/MsgProvider.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace
+{
+using View = CString::View;
+
+/// Cuts the first segment off a dotted path.
+std::pair<View, View> SplitPath(View path)
+{
+    std::size_t const dot = path.find('.');
+    return dot == View::npos ? std::pair(path, View()) : std::pair(path.substr(0, dot), path.substr(dot + 1));
+}
+
+/// Takes an exception off a provider or a walk and leaves it as the response's error, with a line in the log. To be called
+/// from a catch-all.
+struct FailureTexts
+{
+    LPCTSTR appException;
+    LPCTSTR exception;
+    LPCTSTR unknown;
+    LPCTSTR unknownResponse;
+};
+
+constexpr FailureTexts SERVICE_TEXTS = {
+    _T("ERROR! CAppException in MsgTarget:Service path = %s name= %s text = %s"),
+    _T("ERROR! CException in MsgTarget:Service path = %s  name= %s, message = %s"),
+    _T("ERROR! Exception in MsgTarget:Service path = %s name= %s"), _T("Service: Unhandled exception")};
+
+// The last log text is the same as above on purpose.
+constexpr FailureTexts PROVIDERS_TEXTS = {
+    _T("ERROR! CAppException in MsgTarget:ServiceProviders path = %s name= %s text = %s"),
+    _T("ERROR! CException in MsgTarget:ServiceProviders path = %s  name= %s, message = %s"),
+    _T("ERROR! Exception in MsgTarget:Service path = %s name= %s"), _T("ServiceProviders: Unhandled exception")};
+
+void TakeException(FailureTexts const & texts, View path, CString const & name, CMsgRequest & request)
+{
+    CString const at(path);
+    try
+    {
+        throw;
+    }
+    catch (CAppException * failure)
+    {
+        CString const text = failure->GetErrorText();
+        request.GetResponse().SetError(failure->GetErrorCode(), _T("%s"), text);
+        failure->Delete();
+        LogError(texts.appException, at, name, text);
+    }
+    catch (CException * failure)
+    {
+        DWORD const code = GetLastError();
+        std::array<WCHAR, 1024> buffer{};
+        std::ranges::copy(View(_T("<NO MESSAGE>")), buffer.begin());
+        failure->GetErrorMessage(buffer.data(), static_cast<UINT>(buffer.size()));
+        request.GetResponse().SetError(code, _T("%s"), buffer.data());
+        failure->Delete();
+        LogError(texts.exception, at, name, buffer.data());
+    }
+    catch (...)
+    {
+        request.GetResponse().SetError(static_cast<DWORD>(-1), texts.unknownResponse);
+        LogError(texts.unknown, at, name);
+    }
+}
+} // namespace
+
+CMsgTarget::CMsgTarget(CMsgTarget * parent, CString const & name) : m_pParent(parent), m_strName(name)
+{
+    m_strName.MakeLower();
+    RegisterAutoDelete(m_children);
+}
+
+CMsgTarget::~CMsgTarget()
+{
+    PerformAutoDelete(nullptr, 0);
+    while (!m_providers.IsEmpty())
+    {
+        DetachProvider(static_cast<CMsgProvider *>(m_providers.RemoveHead()));
+    }
+}
+
+CString CMsgTarget::GetPath() const
+{
+    return m_pParent ? m_pParent->GetPath() + _T(".") + m_strName : m_strName;
+}
+
+CMsgTarget * CMsgTarget::FindChild(View segment) const
+{
+    // Segments are short: their lower-case form needs no memory.
+    std::array<WCHAR, 64> lower;
+    CString longSegment;
+    if (segment.size() <= lower.size())
+    {
+        std::ranges::transform(segment, lower.begin(), [](WCHAR c) { return kvx::ToLower(c); });
+        segment = View(lower.data(), segment.size());
+    }
+    else
+    {
+        longSegment = CString(segment).MakeLower();
+        segment = longSegment;
+    }
+    CObject * child = nullptr;
+    return m_children.Lookup(segment, child) ? static_cast<CMsgTarget *>(child) : nullptr;
+}
+
+void CMsgTarget::Service(CString const & path, CMsgRequest & request)
+{
+    CString const keep = path; // it may be the request's command, which a provider can change on the way
+    ServicePath(keep, request);
+}
+
+void CMsgTarget::ServicePath(View path, CMsgRequest & request)
+{
+    if (path.empty())
+    {
+        return;
+    }
+    try
+    {
+        auto const [head, rest] = SplitPath(path);
+        CMsgTarget * const child = FindChild(head);
+        if (!child)
+        {
+            ServiceProviders(this, request);
+        }
+        else if (rest.empty())
+        {
+            ServiceProviders(child, request);
+            request.SetHandled(1); // a leaf that exists has handled the command, even without providers
+        }
+        else
+        {
+            child->ServicePath(rest, request);
+            if (!request.IsHandled())
+            {
+                ServiceProviders(this, request);
+            }
+        }
+    }
+    catch (...)
+    {
+        TakeException(SERVICE_TEXTS, path, m_strName, request);
+    }
+}
+
+void CMsgTarget::ServiceProviders(CMsgTarget * target, CMsgRequest & request)
+{
+    for (POSITION pos = target->m_providers.GetHeadPosition(); pos;)
+    {
+        auto * const provider = static_cast<CMsgProvider *>(target->m_providers.GetNext(pos));
+        try
+        {
+            provider->Service(request);
+        }
+        catch (...)
+        {
+            TakeException(PROVIDERS_TEXTS, request.GetCommand(), m_strName, request);
+        }
+    }
+}
+
+void CMsgTarget::Forward(CMsgRequest & request)
+{
+    CString path = request.GetCommand();
+    path.Replace(GetPath() + _T("."), _T(""));
+    Service(path, request);
+}
+
+int CMsgTarget::RegisterProvider(CString const & path, CMsgProvider * provider)
+{
+    constexpr View ROOT = _T("root:");
+    if (!provider)
+    {
+        return 0;
+    }
+    View rest = path;
+    if (rest.starts_with(ROOT))
+    {
+        rest.remove_prefix(ROOT.size());
+        if (!m_strName.IsEmpty())
+        {
+            return CMsgDispatcher::GetInstance()->GetRootTarget()->RegisterProvider(CString(rest), provider);
+        }
+    }
+    CMsgTarget * target = this;
+    while (!rest.empty())
+    {
+        auto const [head, tail] = SplitPath(rest);
+        CMsgTarget * child = target->FindChild(head);
+        if (!child)
+        {
+            child = new CMsgTarget(target->m_strName.IsEmpty() ? nullptr : target, CString(head));
+            target->m_children.SetAt(child->m_strName, child);
+        }
+        target = child;
+        rest = tail;
+    }
+    return target->AddProvider(provider);
+}
+
+int CMsgTarget::AddProvider(CMsgProvider * provider)
+{
+    if (m_providers.Find(provider))
+    {
+        return 0;
+    }
+    m_providers.AddTail(provider);
+    provider->SetTarget(this);
+    provider->RegisterProviderMap();
+    return 1;
+}
+
+POSITION CMsgTarget::FindProvider(CString const & params) const
+{
+    for (POSITION pos = m_providers.GetHeadPosition(); pos;)
+    {
+        POSITION const here = pos;
+        if (static_cast<CMsgProvider *>(m_providers.GetNext(pos))->GetProviderParams() == params)
+        {
+            return here;
+        }
+    }
+    return nullptr;
+}
+
+int CMsgTarget::RemoveProvider(CMsgProvider * provider, int detach)
+{
+    POSITION const pos = m_providers.Find(provider);
+    if (!pos)
+    {
+        return 0;
+    }
+    m_providers.RemoveAt(pos);
+    if (detach)
+    {
+        DetachProvider(provider);
+    }
+    return 1;
+}
+
+int CMsgTarget::RemoveProvider(CString const & params, int detach)
+{
+    POSITION const pos = FindProvider(params);
+    return pos ? RemoveProvider(static_cast<CMsgProvider *>(m_providers.GetAt(pos)), detach) : 0;
+}
+
+int CMsgTarget::UnregisterProvider(CString const & path, CMsgProvider * provider)
+{
+    return LookupTarget(path)->RemoveProvider(provider, 0);
+}
+
+CMsgProvider * CMsgTarget::LookupProvider(CString const & params) const
+{
+    POSITION const pos = FindProvider(params);
+    return pos ? static_cast<CMsgProvider *>(m_providers.GetAt(pos)) : nullptr;
+}
+
+void CMsgTarget::DetachProvider(CMsgProvider * provider)
+{
+    // The provider's code must stay loaded until the provider is gone.
+    CObject * const module = provider->GetInProcModule();
+    if (static_cast<LONG>(provider->DetachTarget()) < 1)
+    {
+        delete module;
+    }
+}
+
+CMsgTarget * CMsgTarget::LookupTarget(CString const & path)
+{
+    CMsgTarget * target = this;
+    for (View rest = path; !rest.empty();)
+    {
+        auto const [head, tail] = SplitPath(rest);
+        CMsgTarget * const child = target->FindChild(head);
+        if (!child)
+        {
+            break;
+        }
+        target = child;
+        rest = tail;
+    }
+    return target;
+}
+
+int CMsgTarget::DeleteTarget(CString const & path)
+{
+    auto const [head, rest] = SplitPath(path);
+    CMsgTarget * const child = FindChild(head);
+    if (!child)
+    {
+        return 0;
+    }
+    if (!rest.empty())
+    {
+        return child->DeleteTarget(CString(rest));
+    }
+    m_children.RemoveKey(child->m_strName);
+    delete child;
+    return 1;
+}

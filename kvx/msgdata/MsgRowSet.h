@@ -1,0 +1,84 @@
+#pragma once
+
+/// A named table of text cells: what requests and responses carry. Column by column in memory, sparse, so that a row is only a
+/// number.
+
+#include "kvx/foundation/AutoDelete.h"
+#include "kvx/foundation/RefCounter.h"
+#include "kvx/foundation/ValueAccessor.h"
+#include "kvx/msgdata/MsgDataSet.h"
+
+class CMsgStream;
+
+/// A row POSITION is the row's number, from 1; null is none. Column names are case-sensitive; a column's ordinal counts from
+/// 0, and reading a name that doesn't exist through GetData, SetData or SetRow adds the column.
+///
+/// Errors: CInvalidArgException * for an ordinal out of range or a position that is no row number. Names that don't exist
+/// give 0.
+/// Threads: one at a time; the reference count may be used by several, and Write too.
+class KVX_API CMsgRowSet : public CRefObject, public CAutoDelete
+{
+public:
+    explicit CMsgRowSet(LPCTSTR name = nullptr);
+    CMsgRowSet(CMsgRowSet const & other);
+    CMsgRowSet & operator=(CMsgRowSet const &) = delete;
+    ~CMsgRowSet() override;
+    operator CMsgRowSet *() { return this; }
+    operator CMsgRowSet const *() const { return this; }
+
+    CString const & GetName() const { return m_strName; }
+    void SetName(LPCTSTR name) { m_strName = name; }
+    DWORD GetRowCount() const { return static_cast<DWORD>(m_nRows); }
+    int GetColumnCount() const { return static_cast<int>(m_columns.GetCount()); }
+    CString GetColumnName(int ordinal) const { return ColumnAt(ordinal).GetName(); }
+
+    /// The column count, not the ordinal; an existing column stays as it is.
+    int AddColumn(LPCTSTR name);
+    int RemoveColumn(LPCTSTR name);
+    /// Over a column that has the new name: that one can then be reached by its ordinal alone.
+    int RenameColumn(LPCTSTR oldName, LPCTSTR newName);
+    /// No rows, no columns.
+    void RemoveAll();
+    /// Deletes the columns alone: the row count stays, and ordinals go on counting from where they were.
+    void RemoveAllColumns();
+
+    POSITION AppendRow();
+    POSITION GetFirstRowPosition() const;
+    /// The next row; the first one from null, null behind the last.
+    void GetNextRowPosition(POSITION & pos) const;
+    int IsValidRowPosition(POSITION pos) const;
+
+    /// The cell, created if it is missing; null is replaced by the first row, and a row beyond the end extends the row set.
+    CStringValue & GetData(POSITION & pos, int ordinal);
+    CStringValue & GetData(POSITION & pos, CString const & column);
+    void SetData(POSITION pos, LPCTSTR column, CStringValue const & value) { GetData(pos, CString(column)) = value; }
+    /// Whether the column exists.
+    int HasData(LPCTSTR column) const;
+    /// Copies a row's values out, and creates its missing cells.
+    void GetRow(POSITION & pos, CValueAccessor & target) const;
+    /// Copies values in, adding columns.
+    void SetRow(POSITION & pos, CValueAccessor const & source);
+
+    /// Becomes a deep copy; the number of columns.
+    int CopyRows(CMsgRowSet const & source);
+
+    /// The wire form: docs/wire-protocol.md.
+    int Read(CMsgStream & stream);
+    int Write(CMsgStream & stream) const;
+
+protected:
+    /// The column of that name, created if it is missing.
+    CMsgDataSet * GetDataSet(LPCTSTR name) { return GetDataSet(CString(name)); }
+    CMsgDataSet * GetDataSet(CString const & name);
+
+private:
+    LONG m_nRows = 0;
+    CMapStringToOb m_columns{10};
+    CObArray m_ordinals;  // columns by ordinal; null where a column has gone
+    CObArray m_displaced; // columns that a rename has taken the name of; they are owned here
+    CString m_strName;
+
+    CMsgDataSet & ColumnAt(int ordinal) const;
+    CMsgDataSet * FindColumn(CString const & name) const;
+    void AddDataSet(CMsgDataSet * column);
+};

@@ -1,0 +1,386 @@
+#include "kvx/msgdata/MsgTable.h"
+
+#include "kvx/msgdata/MsgDataSet.h"
+#include "kvx/transport/MsgStream.h"
+
+#include <memory>
+
+namespace
+{
+POSITION RowPosition(INT_PTR row)
+{
+    return reinterpret_cast<POSITION>(row);
+}
+} // namespace
+
+CMsgTable::CMsgTable(LPCTSTR name) : m_strName(name)
+{
+    RegisterAutoDelete(m_columns);
+    RegisterAutoDelete(m_displaced);
+}
+
+CMsgTable::CMsgTable(CMsgTable const & other) : CRefObject(other), CAutoDelete(other)
+{
+    RegisterAutoDelete(m_columns);
+    RegisterAutoDelete(m_displaced);
+    CopyRows(other);
+}
+
+CMsgTable::~CMsgTable()
+{
+    RemoveAll();
+}
+
+CMsgTableColumn * CMsgTable::FindColumn(CString const & name) const
+{
+    CObject * column = nullptr;
+    return m_columns.Lookup(name, column) ? static_cast<CMsgTableColumn *>(column) : nullptr;
+}
+
+void CMsgTable::AddColumn(CMsgTableColumn * column, CString const & key)
+{
+    CObject *& slot = m_columns[key];
+    if (slot)
+    {
+        m_displaced.Add(slot);
+    }
+    slot = column;
+    m_ordinals.SetAtGrow(column->GetOrdinal(), column);
+}
+
+CMsgTableColumn * CMsgTable::GetDataSet(LPCTSTR name)
+{
+    if (CMsgTableColumn * const known = FindColumn(name))
+    {
+        return known;
+    }
+    auto * const column = new CMsgTableColumn(this, static_cast<int>(m_ordinals.GetSize()), name);
+    AddColumn(column, column->GetName());
+    return column;
+}
+
+CString CMsgTable::GetColumnName(int ordinal) const
+{
+    auto const * const column = static_cast<CMsgTableColumn *>(m_ordinals.GetAt(ordinal));
+    if (!column)
+    {
+        AfxThrowInvalidArgException();
+    }
+    return column->GetName();
+}
+
+int CMsgTable::GetColumnOrdinal(LPCTSTR name) const
+{
+    CMsgTableColumn const * const column = FindColumn(name);
+    return column ? column->GetOrdinal() : -1;
+}
+
+int CMsgTable::AddColumn(LPCTSTR name)
+{
+    GetDataSet(name);
+    return GetColumnCount();
+}
+
+int CMsgTable::RemoveColumn(LPCTSTR name)
+{
+    std::unique_ptr<CMsgTableColumn> const column(FindColumn(name));
+    if (!column)
+    {
+        return 0;
+    }
+    int const ordinal = column->GetOrdinal();
+    for (INT_PTR i = 0; i < m_rows.GetSize(); ++i)
+    {
+        auto * const row = static_cast<CPtrArray *>(m_rows.GetAt(i));
+        if (row && ordinal < row->GetSize())
+        {
+            delete static_cast<CStringValue *>(row->GetAt(ordinal));
+            row->RemoveAt(ordinal);
+        }
+    }
+    m_columns.RemoveKey(name);
+    m_ordinals.RemoveAt(ordinal);
+    for (INT_PTR i = ordinal; i < m_ordinals.GetSize(); ++i)
+    {
+        if (auto * const later = static_cast<CMsgTableColumn *>(m_ordinals.GetAt(i)))
+        {
+            later->SetOrdinal(static_cast<int>(i));
+        }
+    }
+    return 1;
+}
+
+int CMsgTable::RenameColumn(LPCTSTR oldName, LPCTSTR newName)
+{
+    CMsgTableColumn * const column = FindColumn(oldName);
+    if (!column)
+    {
+        return 0;
+    }
+    m_columns.RemoveKey(oldName);
+    column->SetName(newName);
+    AddColumn(column, newName);
+    return 1;
+}
+
+void CMsgTable::DeleteRows()
+{
+    for (INT_PTR i = 0; i < m_rows.GetSize(); ++i)
+    {
+        std::unique_ptr<CPtrArray> const row(static_cast<CPtrArray *>(m_rows.GetAt(i)));
+        for (INT_PTR cell = 0; row && cell < row->GetSize(); ++cell)
+        {
+            delete static_cast<CStringValue *>(row->GetAt(cell));
+        }
+    }
+    m_rows.RemoveAll();
+    m_nRows = 0;
+}
+
+void CMsgTable::RemoveAll()
+{
+    PerformAutoDelete(nullptr, 0);
+    // The ordinals go on counting: only the columns behind them are gone.
+    for (INT_PTR i = 0; i < m_ordinals.GetSize(); ++i)
+    {
+        m_ordinals.SetAt(i, nullptr);
+    }
+    DeleteRows();
+}
+
+POSITION CMsgTable::AppendRow()
+{
+    return RowPosition(static_cast<INT_PTR>(++m_nRows));
+}
+
+POSITION CMsgTable::GetFirstRowPosition() const
+{
+    return m_nRows > 0 ? RowPosition(1) : nullptr;
+}
+
+void CMsgTable::GetNextRowPosition(POSITION & pos) const
+{
+    INT_PTR const row = reinterpret_cast<INT_PTR>(pos);
+    pos = row < static_cast<INT_PTR>(m_nRows) ? RowPosition(row + 1) : nullptr;
+}
+
+int CMsgTable::IsValidRowPosition(POSITION pos) const
+{
+    INT_PTR const row = reinterpret_cast<INT_PTR>(pos);
+    return row >= 1 && row <= static_cast<INT_PTR>(m_nRows);
+}
+
+/// The row's index.
+INT_PTR CMsgTable::CheckedRow(POSITION pos) const
+{
+    if (!IsValidRowPosition(pos))
+    {
+        AfxThrowInvalidArgException();
+    }
+    return reinterpret_cast<INT_PTR>(pos) - 1;
+}
+
+void CMsgTable::CheckOrdinal(int ordinal) const
+{
+    if (ordinal < 0 || ordinal >= m_ordinals.GetSize())
+    {
+        AfxThrowInvalidArgException();
+    }
+}
+
+CStringValue * CMsgTable::FindCell(INT_PTR row, int ordinal) const
+{
+    CheckOrdinal(ordinal);
+    auto const * const cells = row < m_rows.GetSize() ? static_cast<CPtrArray *>(m_rows.GetAt(row)) : nullptr;
+    return cells && ordinal < cells->GetSize() ? static_cast<CStringValue *>(cells->GetAt(ordinal)) : nullptr;
+}
+
+CPtrArray & CMsgTable::RowAt(INT_PTR row)
+{
+    if (row >= m_rows.GetSize())
+    {
+        m_rows.SetSize(row + 1, -1);
+    }
+    auto * cells = static_cast<CPtrArray *>(m_rows.GetAt(row));
+    if (!cells)
+    {
+        cells = new CPtrArray;
+        m_rows.SetAt(row, cells);
+    }
+    if (cells->GetSize() < m_ordinals.GetSize())
+    {
+        cells->SetSize(m_ordinals.GetSize());
+    }
+    return *cells;
+}
+
+CStringValue & CMsgTable::CellAt(INT_PTR row, int ordinal)
+{
+    CheckOrdinal(ordinal);
+    CPtrArray & cells = RowAt(row);
+    auto * cell = static_cast<CStringValue *>(cells.GetAt(ordinal));
+    if (!cell)
+    {
+        cell = new CStringValue;
+        cells.SetAt(ordinal, cell);
+    }
+    return *cell;
+}
+
+CStringValue & CMsgTable::GetData(POSITION & pos, int ordinal)
+{
+    if (!pos)
+    {
+        pos = GetFirstRowPosition();
+    }
+    return CellAt(CheckedRow(pos), ordinal);
+}
+
+CStringValue & CMsgTable::GetData(POSITION & pos, CString const & column)
+{
+    return GetData(pos, GetDataSet(column)->GetOrdinal());
+}
+
+CStringValue const & CMsgTable::GetData(POSITION pos, int ordinal) const
+{
+    CStringValue const * const cell = FindCell(CheckedRow(pos ? pos : GetFirstRowPosition()), ordinal);
+    return cell ? *cell : CMsgDataSet::EMPTY_DATA;
+}
+
+int CMsgTable::HasData(POSITION pos, int ordinal) const
+{
+    return FindCell(CheckedRow(pos), ordinal) != nullptr;
+}
+
+int CMsgTable::HasData(POSITION pos, LPCTSTR column) const
+{
+    CMsgTableColumn const * const known = FindColumn(column);
+    return known && HasData(pos, known->GetOrdinal());
+}
+
+void CMsgTable::GetRow(POSITION & pos, CValueAccessor & target) const
+{
+    if (!pos)
+    {
+        pos = GetFirstRowPosition();
+    }
+    CString name;
+    CObject * column = nullptr;
+    for (POSITION next = m_columns.GetStartPosition(); next;)
+    {
+        m_columns.GetNextAssoc(next, name, column);
+        target.CreateValue(name) = GetData(pos, static_cast<CMsgTableColumn *>(column)->GetOrdinal());
+    }
+}
+
+void CMsgTable::SetRow(POSITION & pos, CValueAccessor const & source)
+{
+    CString name;
+    CString value;
+    for (POSITION next = source.GetStartValuePosition(); next;)
+    {
+        source.GetNextValue(next, name, value);
+        GetData(pos, name) = value;
+    }
+}
+
+CPtrArray & CMsgTable::GetRowData(POSITION pos)
+{
+    return RowAt(CheckedRow(pos));
+}
+
+int CMsgTable::CopyRows(CMsgTable const & source)
+{
+    if (&source == this)
+    {
+        return GetColumnCount();
+    }
+    RemoveAll();
+    m_ordinals.RemoveAll();
+    m_nRows = source.m_nRows;
+    m_strName = source.m_strName;
+    int columns = 0;
+    CString name;
+    CObject * column = nullptr;
+    for (POSITION next = source.m_columns.GetStartPosition(); next; ++columns)
+    {
+        source.m_columns.GetNextAssoc(next, name, column);
+        AddColumn(new CMsgTableColumn(this, columns, nullptr), name);
+    }
+    for (INT_PTR row = 0; row < source.m_rows.GetSize(); ++row)
+    {
+        for (int ordinal = 0; ordinal < columns; ++ordinal)
+        {
+            if (CStringValue const * const cell = source.FindCell(row, ordinal))
+            {
+                CellAt(row, ordinal) = *cell;
+            }
+        }
+    }
+    return columns;
+}
+
+int CMsgTable::Read(CMsgStream & stream)
+{
+    RemoveAll();
+    DWORD rows = 0;
+    DWORD columns = 0;
+    if (!stream.Read(m_strName) || !stream.Read(rows) || !stream.Read(columns))
+    {
+        return 0;
+    }
+    m_nRows = rows;
+    CString name;
+    CString text;
+    for (; columns > 0; --columns)
+    {
+        DWORD count = 0;
+        if (!stream.Read(name) || !stream.Read(count))
+        {
+            return 0;
+        }
+        auto const ordinal = static_cast<int>(m_ordinals.GetSize());
+        AddColumn(new CMsgTableColumn(this, ordinal, name), name);
+        for (DWORD row = 0; row < count; ++row)
+        {
+            if (!stream.Read(text))
+            {
+                return 0;
+            }
+            if (row >= m_nRows)
+            {
+                AfxThrowInvalidArgException();
+            }
+            if (!text.IsEmpty())
+            {
+                CellAt(static_cast<INT_PTR>(row), ordinal) = std::move(text);
+            }
+        }
+    }
+    return 1;
+}
+
+int CMsgTable::Write(CMsgStream & stream) const
+{
+    if (!stream.Write(m_strName) || !stream.Write(m_nRows) || !stream.Write(static_cast<DWORD>(m_columns.GetCount())))
+    {
+        return 0;
+    }
+    for (auto const * pair = m_columns.PGetFirstAssoc(); pair; pair = m_columns.PGetNextAssoc(pair))
+    {
+        auto const * const column = static_cast<CMsgTableColumn *>(pair->value);
+        if (!stream.Write(pair->key) || !stream.Write(m_nRows))
+        {
+            return 0;
+        }
+        for (DWORD row = 0; row < m_nRows; ++row)
+        {
+            CStringValue const * const cell = FindCell(static_cast<INT_PTR>(row), column->GetOrdinal());
+            if (!stream.Write(static_cast<CString const &>(cell ? *cell : CMsgDataSet::EMPTY_DATA)))
+            {
+                return 0;
+            }
+        }
+    }
+    return 1;
+}

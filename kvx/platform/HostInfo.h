@@ -1,0 +1,17 @@
+#pragma once
+
+#include "kvx/platform/export.h"
+#include "kvx/platform/host.h"
+
+#include <string>
+
+/// What the host says about its system, for display: "Linux", "6.1.0-18-amd64", "x86_64".
+struct HostInfo
+{
+    std::basic_string<WCHAR> strSystem;
+    std::basic_string<WCHAR> strRelease;
+    std::basic_string<WCHAR> strMachine;
+};
+
+/// Any thread. A text that the host doesn't give is empty.
+KVX_API HostInfo GetHostInfo();

@@ -1,0 +1,15 @@
+#pragma once
+
+/// KVX_API marks what the shared library exports. The objects that go into the library are
+/// compiled with KVX_BUILDING; programs that link the static library define KVX_STATIC.
+#if defined(_WIN32)
+#if defined(KVX_STATIC)
+#define KVX_API
+#elif defined(KVX_BUILDING)
+#define KVX_API __declspec(dllexport)
+#else
+#define KVX_API __declspec(dllimport)
+#endif
+#else
+#define KVX_API __attribute__((visibility("default")))
+#endif

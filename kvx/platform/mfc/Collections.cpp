@@ -1,0 +1,22 @@
+#include "kvx/platform/mfc/Array.h"
+#include "kvx/platform/mfc/List.h"
+#include "kvx/platform/mfc/Map.h"
+
+IMPLEMENT_SERIAL(CObList, CObject, 0)
+IMPLEMENT_DYNAMIC(CPtrList, CObject)
+IMPLEMENT_SERIAL(CStringList, CObject, 0)
+
+IMPLEMENT_SERIAL(CObArray, CObject, 0)
+IMPLEMENT_DYNAMIC(CPtrArray, CObject)
+IMPLEMENT_SERIAL(CStringArray, CObject, 0)
+IMPLEMENT_SERIAL(CByteArray, CObject, 0)
+IMPLEMENT_SERIAL(CWordArray, CObject, 0)
+IMPLEMENT_SERIAL(CDWordArray, CObject, 0)
+
+IMPLEMENT_DYNAMIC(CMapStringToPtr, CObject)
+IMPLEMENT_SERIAL(CMapStringToOb, CObject, 0)
+IMPLEMENT_SERIAL(CMapStringToString, CObject, 0)
+IMPLEMENT_DYNAMIC(CMapPtrToPtr, CObject)
+IMPLEMENT_DYNAMIC(CMapPtrToWord, CObject)
+IMPLEMENT_SERIAL(CMapWordToOb, CObject, 0)
+IMPLEMENT_DYNAMIC(CMapWordToPtr, CObject)

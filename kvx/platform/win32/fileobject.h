@@ -1,0 +1,77 @@
+#pragma once
+
+/// The objects behind file handles, for the code of this folder.
+
+#include "kvx/platform/win32/handles.h"
+
+#include <string>
+
+#include <sys/types.h>
+
+namespace kvx::win32
+{
+
+/// What ReadFile, WriteFile and kin work on. Every object of a kind that Matches accepts derives from it.
+class IoObject : public KernelObject
+{
+public:
+    static constexpr bool Matches(Kind kind) noexcept { return kind == Kind::File; }
+
+    /// These work as the calls of the same name, with the last error set on failure.
+    virtual BOOL Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverlapped) = 0;
+    virtual BOOL Write(void const * pBuffer, DWORD nBytes, DWORD & nWritten, OVERLAPPED * pOverlapped) = 0;
+    virtual BOOL Flush() = 0;
+    virtual DWORD GetType() const = 0;
+
+protected:
+    using KernelObject::KernelObject;
+};
+
+/// Identity and share modes of an opened plain file in the table of all openings of the process.
+struct Opening
+{
+    dev_t device = 0;
+    ino_t inode = 0;
+    DWORD dwAccess = 0; ///< FILE_SHARE_READ, _WRITE and _DELETE, for what this opening does itself
+    DWORD dwShare = 0;
+};
+
+class File final : public IoObject
+{
+public:
+    static constexpr Kind KIND = Kind::File;
+    static constexpr bool Matches(Kind kind) noexcept { return kind == KIND; }
+
+    File(int nDescriptor, bool bOwned, bool bRead, bool bWrite, mode_t nMode) noexcept
+        : IoObject(KIND), m_nDescriptor(nDescriptor), m_bOwned(bOwned), m_bRead(bRead), m_bWrite(bWrite), m_nMode(nMode)
+    {
+    }
+    ~File() override;
+
+    int GetDescriptor() const { return m_nDescriptor; }
+    bool CanWrite() const { return m_bWrite; }
+
+    /// Notes the opening among those of the process; false when one of them doesn't go with it.
+    bool Enter(Opening const & opening);
+    void DeleteOnClose(std::string strHost) { m_strDeleted = std::move(strHost); }
+
+    void OnHandleClosed() noexcept override;
+    BOOL Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverlapped) override;
+    BOOL Write(void const * pBuffer, DWORD nBytes, DWORD & nWritten, OVERLAPPED * pOverlapped) override;
+    BOOL Flush() override;
+    DWORD GetType() const override;
+
+private:
+    void Leave() noexcept;
+
+    int const m_nDescriptor;
+    bool const m_bOwned;
+    bool const m_bRead;
+    bool const m_bWrite;
+    mode_t const m_nMode;
+    std::atomic<bool> m_bEntered{false};
+    Opening m_opening;
+    std::string m_strDeleted;
+};
+
+} // namespace kvx::win32

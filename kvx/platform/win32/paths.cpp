@@ -1,0 +1,484 @@
+#include "kvx/platform/win32/paths.h"
+
+#include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/termination.h"
+#include "kvx/platform/win32/upcase.h"
+#include "kvx/platform/win32/utf8.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <dirent.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kvx::win32
+{
+
+namespace
+{
+
+constexpr std::size_t MaxChars = 32767;
+/// Stands for a backslash inside a file name, which would else be taken for a separator.
+constexpr char16_t NamedBackslash = 0xF05C;
+
+constexpr bool IsSeparator(char16_t c)
+{
+    return c == u'\\' || c == u'/';
+}
+
+constexpr bool IsLetter(char16_t c)
+{
+    return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z');
+}
+
+bool StartsWithDrive(std::u16string_view path)
+{
+    return path.size() >= 2 && path[1] == u':' && IsLetter(path[0]);
+}
+
+/// Appends one component as bytes; false for what no file name can hold.
+bool AppendName(std::string & strTarget, std::u16string_view name)
+{
+    for (std::size_t n = 0; n < name.size(); ++n)
+    {
+        char32_t c = name[n];
+        if (c == 0)
+            return false;
+        if (c == NamedBackslash)
+            c = U'\\';
+        else if (IsHighSurrogate(name[n]) && n + 1 < name.size() && IsLowSurrogate(name[n + 1]))
+        {
+            c = JoinSurrogates(name[n], name[n + 1]);
+            ++n;
+        }
+        else if (c >= 0xDC80 && c <= 0xDCFF)
+        {
+            strTarget += static_cast<char>(c - 0xDC00);
+            continue;
+        }
+        else if ((c & 0xF800) == 0xD800)
+            return false;
+        char szBytes[4];
+        strTarget.append(szBytes, EncodeUtf8Char(c, szBytes));
+    }
+    return true;
+}
+
+/// Appends host bytes, with each slash turned to a backslash.
+void AppendHost(std::u16string & strTarget, std::string_view host)
+{
+    for (std::size_t n = 0; n < host.size();)
+    {
+        DecodedChar const decoded = DecodeUtf8Char(host, n);
+        if (!decoded.bValid)
+            for (std::size_t i = 0; i < decoded.nBytes; ++i)
+                strTarget += static_cast<char16_t>(0xDC00 + static_cast<unsigned char>(host[n + i]));
+        else if (decoded.nChar == U'/')
+            strTarget += u'\\';
+        else if (decoded.nChar == U'\\')
+            strTarget += NamedBackslash;
+        else
+        {
+            char16_t units[2];
+            strTarget.append(units, EncodeUtf16Char(decoded.nChar, units));
+        }
+        n += decoded.nBytes;
+    }
+}
+
+bool MakeFolders(std::string const & strPath)
+{
+    for (std::size_t n = 1; n != std::string::npos;)
+    {
+        n = strPath.find('/', n);
+        std::string const strPart = strPath.substr(0, n);
+        if (mkdir(strPart.c_str(), 0700) != 0 && errno != EEXIST)
+            return false;
+        if (n != std::string::npos)
+            ++n;
+    }
+    return true;
+}
+
+std::string HomeFolder()
+{
+    if (char const * const pszHome = std::getenv("HOME"); pszHome && *pszHome == '/')
+        return pszHome;
+    std::vector<char> buffer(16384);
+    passwd entry;
+    passwd * pEntry = nullptr;
+    if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &pEntry) == 0 && pEntry && pEntry->pw_dir)
+        return pEntry->pw_dir;
+    return "/nonexistent";
+}
+
+std::string FindDriveC()
+{
+    std::string strRoot;
+    if (char const * const pszRoot = std::getenv("KVX_DRIVE_C"); pszRoot && *pszRoot == '/')
+        strRoot = pszRoot;
+    else if (char const * const pszData = std::getenv("XDG_DATA_HOME"); pszData && *pszData == '/')
+        strRoot = std::string(pszData) + "/kvx/drive_c";
+    else
+        strRoot = HomeFolder() + "/.local/share/kvx/drive_c";
+    MakeFolders(strRoot);
+    // getcwd tells the real path, by which the current directory is recognised as one on drive C.
+    if (std::unique_ptr<char, decltype(&std::free)> const pszReal(realpath(strRoot.c_str(), nullptr), &std::free);
+        pszReal)
+        strRoot = pszReal.get();
+    while (!strRoot.empty() && strRoot.back() == '/')
+        strRoot.pop_back();
+    return strRoot;
+}
+
+bool IsBelow(std::string_view path, std::string_view root)
+{
+    return path.starts_with(root) && (path.size() == root.size() || path[root.size()] == '/');
+}
+
+std::string CurrentDirectory()
+{
+    char szBuffer[PATH_MAX];
+    if (!getcwd(szBuffer, sizeof szBuffer) || szBuffer[0] != '/')
+        return {};
+    return szBuffer;
+}
+
+bool Refuse(DWORD dwError)
+{
+    SetLastError(dwError);
+    return false;
+}
+
+/// Where a path starts, and what follows.
+struct Start
+{
+    enum class Base
+    {
+        Posix,    ///< the host's root, components are left alone
+        Drive,    ///< the root of `nDrive`
+        Relative, ///< the current directory
+        Server    ///< a network or device path
+    };
+    Base base;
+    char16_t nDrive; ///< upper case; 0 if the path names none
+    std::u16string_view rest;
+};
+
+/// The drive of the current directory.
+char16_t CurrentDrive(std::string_view current)
+{
+    return IsBelow(current, GetDriveCRoot()) ? u'C' : u'Z';
+}
+
+std::optional<Start> Analyse(std::u16string_view path)
+{
+    if (path.empty())
+    {
+        Refuse(ERROR_PATH_NOT_FOUND);
+        return std::nullopt;
+    }
+    if (path.size() > MaxChars)
+    {
+        Refuse(ERROR_FILENAME_EXCED_RANGE);
+        return std::nullopt;
+    }
+    if (path.starts_with(u"\\\\?\\"))
+    {
+        path.remove_prefix(4);
+        if (path.empty() || (path.size() >= 4 && IsSameName(path.substr(0, 4), u"UNC\\")))
+        {
+            Refuse(path.empty() ? ERROR_INVALID_NAME : ERROR_BAD_NETPATH);
+            return std::nullopt;
+        }
+    }
+    if (path.starts_with(u"\\\\"))
+        return Start{Start::Base::Server, 0, path};
+    if (StartsWithDrive(path))
+    {
+        Start start{Start::Base::Drive, UpCase(path[0]), path.substr(2)};
+        if (start.rest.empty() || !IsSeparator(start.rest[0]))
+            if (start.nDrive == CurrentDrive(CurrentDirectory()))
+                start.base = Start::Base::Relative;
+        return start;
+    }
+    if (path[0] == u'/')
+        return Start{Start::Base::Posix, 0, path};
+    if (path[0] == u'\\')
+        return Start{Start::Base::Drive, CurrentDrive(CurrentDirectory()), path};
+    return Start{Start::Base::Relative, 0, path};
+}
+
+/// Calls `visit(component)` for each component that isn't empty, until it returns false.
+template <typename Char, typename Visit>
+bool ForEachComponent(std::basic_string_view<Char> path, Visit visit)
+{
+    auto const isSeparator = [](Char c) { return c == Char('/') || (sizeof(Char) > 1 && c == Char('\\')); };
+    for (std::size_t n = 0; n < path.size();)
+    {
+        std::size_t nEnd = n;
+        while (nEnd < path.size() && !isSeparator(path[nEnd]))
+            ++nEnd;
+        if (nEnd > n && !visit(path.substr(n, nEnd - n)))
+            return false;
+        n = nEnd + 1;
+    }
+    return true;
+}
+
+/// Drops the last component of `strPath` without going below its first `nKept` characters.
+bool DropLast(std::string & strPath, std::size_t nKept)
+{
+    if (strPath.size() <= nKept)
+        return false;
+    std::size_t const n = strPath.rfind('/');
+    strPath.resize(n == std::string::npos || n < nKept ? nKept : n);
+    return true;
+}
+
+bool Exists(std::string const & strPath)
+{
+    struct stat info;
+    return lstat(strPath.c_str(), &info) == 0;
+}
+
+bool IsAscii(std::string_view text)
+{
+    return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool IsSameHostName(std::string_view a, std::string_view b)
+{
+    if (IsAscii(a) && IsAscii(b))
+        return std::ranges::equal(
+            a, b, {}, [](char c) { return UpCase(static_cast<char16_t>(c)); },
+            [](char c) { return UpCase(static_cast<char16_t>(c)); });
+    std::u16string strA;
+    std::u16string strB;
+    AppendHost(strA, a);
+    AppendHost(strB, b);
+    return IsSameName(strA, strB);
+}
+
+/// The entry of a folder that is `name` in another case; the first by its bytes if there are several.
+std::string FindInFolder(std::string const & strFolder, std::string_view name)
+{
+    std::string strFound;
+    std::unique_ptr<DIR, int (*)(DIR *)> const pFolder(opendir(strFolder.empty() ? "." : strFolder.c_str()), closedir);
+    if (!pFolder)
+        return strFound;
+    while (dirent const * const pEntry = readdir(pFolder.get()))
+        if (IsSameHostName(pEntry->d_name, name) && (strFound.empty() || strFound > pEntry->d_name))
+            strFound = pEntry->d_name;
+    return strFound;
+}
+
+/// Replaces components that don't exist by those that differ in case only.
+void ResolveCase(std::string & strPath, LastComponent last)
+{
+    if (Exists(strPath) || errno != ENOENT)
+        return;
+    std::string strResolved(strPath[0] == '/' ? "/" : "");
+    std::size_t n = strPath.find_first_not_of('/');
+    while (n != std::string::npos)
+    {
+        std::size_t const nEnd = std::min(strPath.find('/', n), strPath.size());
+        std::size_t const nNext = strPath.find_first_not_of('/', nEnd);
+        std::string const strName = strPath.substr(n, nEnd - n);
+        if (last == LastComponent::Exact && nNext == std::string::npos)
+            break;
+        if (!Exists(strResolved + strName))
+        {
+            std::string const strFound = FindInFolder(strResolved, strName);
+            if (strFound.empty())
+                break;
+            strPath.replace(n, strName.size(), strFound);
+            strResolved += strFound;
+            // A name in another case can be of another length.
+            std::size_t const nFoundEnd = n + strFound.size();
+            strResolved.append(strPath, nFoundEnd, strPath.find_first_not_of('/', nFoundEnd) - nFoundEnd);
+            n = strPath.find_first_not_of('/', nFoundEnd);
+            continue;
+        }
+        strResolved.append(strPath, n, nNext == std::string::npos ? nNext : nNext - n);
+        n = nNext;
+    }
+}
+
+} // namespace
+
+std::string const & GetDriveCRoot()
+{
+    // A thread that is terminated must not leave the first call half done; later calls are one load.
+    UninterruptedScope const scope;
+    static std::string const & strRoot = *new std::string(FindDriveC());
+    return strRoot;
+}
+
+std::string ToHost(std::u16string_view path, LastComponent last)
+{
+    std::optional<Start> const start = Analyse(path);
+    if (!start)
+        return {};
+    if (start->base == Start::Base::Server)
+    {
+        Refuse(path.starts_with(u"\\\\.\\") ? ERROR_INVALID_NAME : ERROR_BAD_NETPATH);
+        return {};
+    }
+    if (start->nDrive != 0 && start->nDrive != u'C' && start->nDrive != u'Z')
+    {
+        Refuse(ERROR_PATH_NOT_FOUND);
+        return {};
+    }
+    std::string strHost;
+    if (start->base == Start::Base::Drive && start->nDrive == u'C')
+        strHost = GetDriveCRoot();
+    std::size_t nKept = strHost.size();
+    // Whether a component put now needs a slash before it: only at the head of a relative path it doesn't.
+    bool bAbsolute = start->base != Start::Base::Relative;
+    bool const bDone = ForEachComponent(start->rest,
+                                        [&](std::u16string_view name)
+                                        {
+                                            if (start->base != Start::Base::Posix)
+                                            {
+                                                if (name == u".")
+                                                    return true;
+                                                if (name == u"..")
+                                                {
+                                                    if (!DropLast(strHost, nKept) && !bAbsolute)
+                                                    {
+                                                        // Above the current directory: from here on the path is an
+                                                        // absolute one.
+                                                        strHost = CurrentDirectory();
+                                                        if (strHost.empty())
+                                                            return Refuse(ERROR_PATH_NOT_FOUND);
+                                                        nKept =
+                                                            CurrentDrive(strHost) == u'C' ? GetDriveCRoot().size() : 0;
+                                                        bAbsolute = true;
+                                                        if (strHost == "/")
+                                                            strHost.clear();
+                                                        DropLast(strHost, nKept);
+                                                    }
+                                                    return true;
+                                                }
+                                            }
+                                            if (bAbsolute || !strHost.empty())
+                                                strHost += '/';
+                                            return AppendName(strHost, name) || Refuse(ERROR_INVALID_NAME);
+                                        });
+    if (!bDone)
+        return {};
+    if (strHost.empty())
+        strHost = bAbsolute ? "/" : ".";
+    else if (strHost.size() > nKept && !start->rest.empty() && IsSeparator(start->rest.back()))
+        strHost += '/'; // keeps saying that this must be a folder
+    if (strHost.size() >= PATH_MAX)
+    {
+        Refuse(ERROR_FILENAME_EXCED_RANGE);
+        return {};
+    }
+    ResolveCase(strHost, last);
+    return strHost;
+}
+
+std::string ToHost(LPCWSTR pszPath, LastComponent last)
+{
+    return ToHost(pszPath ? std::u16string_view(pszPath) : std::u16string_view(), last);
+}
+
+std::u16string FromHost(std::string_view path)
+{
+    std::u16string strResult;
+    strResult.reserve(path.size() + 3);
+    if (path.starts_with('/'))
+    {
+        std::string const & strRoot = GetDriveCRoot();
+        bool const bDriveC = !strRoot.empty() && IsBelow(path, strRoot);
+        strResult = bDriveC ? u"C:" : u"Z:";
+        if (bDriveC)
+            path.remove_prefix(strRoot.size());
+        if (path.empty())
+            strResult += u'\\';
+    }
+    AppendHost(strResult, path);
+    return strResult;
+}
+
+std::u16string ToFullPath(std::u16string_view path)
+{
+    if (path.starts_with(u"\\\\?\\") || path.starts_with(u"\\\\.\\"))
+        return std::u16string(path);
+    std::optional<Start> const start = Analyse(path);
+    if (!start)
+        return {};
+    if (path.find(u'\0') != path.npos)
+    {
+        Refuse(ERROR_INVALID_NAME);
+        return {};
+    }
+    if (start->base == Start::Base::Server)
+        return std::u16string(path);
+    std::u16string strResult;
+    switch (start->base)
+    {
+    case Start::Base::Relative:
+        strResult = FromHost(CurrentDirectory());
+        if (strResult.ends_with(u'\\'))
+            strResult.pop_back();
+        break;
+    case Start::Base::Drive:
+        strResult = {StartsWithDrive(path) ? path[0] : start->nDrive, u':'};
+        break;
+    default:
+        strResult = u"Z:";
+        break;
+    }
+    ForEachComponent(start->rest,
+                     [&](std::u16string_view name)
+                     {
+                         if (name == u"..")
+                         {
+                             if (std::size_t const n = strResult.rfind(u'\\'); n != strResult.npos)
+                                 strResult.resize(n);
+                         }
+                         else if (name != u".")
+                             strResult.append(1, u'\\').append(name);
+                         return true;
+                     });
+    bool const bFolder = !start->rest.empty() && IsSeparator(start->rest.back());
+    if (strResult.size() == 2 || bFolder)
+        strResult += u'\\';
+    if (start->base == Start::Base::Posix)
+    {
+        std::u16string strDriveC = u"Z:";
+        AppendHost(strDriveC, GetDriveCRoot());
+        if (strDriveC.size() > 2 && strResult.starts_with(strDriveC) &&
+            (strResult.size() == strDriveC.size() || strResult[strDriveC.size()] == u'\\'))
+            strResult.replace(0, strDriveC.size(), u"C:");
+        if (strResult.size() == 2)
+            strResult += u'\\';
+    }
+    return strResult;
+}
+
+void SetLastErrorForPath(int nErrno, std::string const & strHost)
+{
+    if (nErrno != ENOENT)
+    {
+        SetLastError(nErrno == ENOTDIR ? ERROR_PATH_NOT_FOUND : ErrorFromErrno(nErrno));
+        return;
+    }
+    std::size_t const nEnd = strHost.find_last_not_of('/');
+    std::size_t const nSlash = nEnd == std::string::npos ? nEnd : strHost.rfind('/', nEnd);
+    bool const bParent = nSlash == std::string::npos || Exists(strHost.substr(0, nSlash + 1));
+    SetLastError(bParent ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND);
+}
+
+} // namespace kvx::win32

@@ -1,0 +1,52 @@
+#pragma once
+
+/// Paths between the two worlds. Accepted are
+///   /usr/include          a POSIX path, taken as it stands (backslashes separate here too)
+///   Z:\usr\include        the host's root
+///   C:\Windows            the folder that stands for drive C (GetDriveCRoot)
+///   \Windows              the root of the current directory's drive
+///   name, ..\name         relative to the current directory; also behind Z: or C: when that is its drive
+///   \\?\ before any       is passed over
+/// In all but the first form "." and ".." are worked out on the text, and ".." stops at the drive's root. A
+/// component that doesn't exist is looked up without regard to case.
+/// A file name may be any bytes: a byte that is no UTF-8 reads as the lone surrogate U+DC00 + byte, a
+/// backslash inside a name as U+F05C, and both find the file again.
+
+#include "kvx/platform/export.h"
+#include "kvx/platform/win32/types.h"
+
+#include <string>
+#include <string_view>
+
+namespace kvx::win32
+{
+
+enum class LastComponent
+{
+    AnyCase, ///< an existing file is found whatever its case
+    Exact    ///< taken as given, for a file that is to get this very name
+};
+
+/// The host's path. Empty with last error on failure: ERROR_PATH_NOT_FOUND (null, empty, or a drive other than
+/// C and Z), ERROR_INVALID_NAME (a zero, half a surrogate pair, a device name), ERROR_BAD_NETPATH (a server),
+/// ERROR_FILENAME_EXCED_RANGE (32767 characters, or 4095 bytes on the host). Any thread.
+KVX_API std::string ToHost(std::u16string_view path, LastComponent last = LastComponent::AnyCase);
+KVX_API std::string ToHost(LPCWSTR pszPath, LastComponent last = LastComponent::AnyCase);
+
+/// The Windows shape of an absolute host path, with C: for what is below GetDriveCRoot and Z: for the
+/// rest. A relative path only has its separators turned. The text is not normalised.
+KVX_API std::u16string FromHost(std::string_view path);
+
+/// The absolute form of a path, worked out on the text; drives that don't exist here are kept. Empty with last
+/// error for what ToHost refuses on sight.
+KVX_API std::u16string ToFullPath(std::u16string_view path);
+
+/// The host's folder for drive C, without a closing slash: KVX_DRIVE_C (if absolute), else kvx/drive_c in
+/// XDG_DATA_HOME, else in ~/.local/share. It is read and the folder made at the first call.
+KVX_API std::string const & GetDriveCRoot();
+
+/// Sets the last error for a call on a host path that failed with `nErrno`: for ENOENT it is
+/// ERROR_FILE_NOT_FOUND when only the last component is missing, ERROR_PATH_NOT_FOUND when the way there is.
+KVX_API void SetLastErrorForPath(int nErrno, std::string const & strHost);
+
+} // namespace kvx::win32

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "kvx/platform/win32/unique_fd.h"
+
+#include <string>
+
+namespace kvx::win32
+{
+
+/// The path of the user's private folder for things that live while processes do (named objects, pipes), without a
+/// separator at its end: KVX_RUNTIME_DIR, else "kvx" in XDG_RUNTIME_DIR, else /tmp/kvx-<uid>. Makes the folder if it
+/// isn't there. Empty with last error ERROR_ACCESS_DENIED when it is a link, belongs to somebody else, or is open to
+/// others; or the system's reason.
+std::string GetRuntimeFolder();
+
+/// The same folder, opened, so that what is done below it can't be led elsewhere.
+UniqueFd OpenRuntimeFolder();
+
+} // namespace kvx::win32

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace kvx::win32
+{
+
+/// One step of waiting in a spin loop: a pause at first, then giving up the processor, since the holder may have
+/// lost its own.
+void SpinPause(std::uint32_t nTries) noexcept;
+
+/// A lock for a few dozen instructions. Hold it under an UninterruptedScope.
+class SpinLock
+{
+public:
+    void Lock() noexcept
+    {
+        for (std::uint32_t nTries = 0; m_bLocked.exchange(1, std::memory_order_acquire) != 0;)
+            while (m_bLocked.load(std::memory_order_relaxed) != 0)
+                SpinPause(nTries++);
+    }
+
+    void Unlock() noexcept { m_bLocked.store(0, std::memory_order_release); }
+
+private:
+    std::atomic<std::uint32_t> m_bLocked{0};
+};
+
+class SpinLockGuard
+{
+public:
+    explicit SpinLockGuard(SpinLock & lock) noexcept : m_lock(lock) { m_lock.Lock(); }
+    ~SpinLockGuard() { m_lock.Unlock(); }
+    SpinLockGuard(SpinLockGuard const &) = delete;
+    SpinLockGuard & operator=(SpinLockGuard const &) = delete;
+
+private:
+    SpinLock & m_lock;
+};
+
+} // namespace kvx::win32

@@ -1,0 +1,85 @@
+#pragma once
+
+/// A work queue with a bounded number of service threads.
+
+#include "kvx/foundation/Lockable.h"
+
+#include <vector>
+
+/// Objects are served first in, first out, each on a thread of the pool. A service thread exists only while there is
+/// work: Insert starts one if fewer than the maximum are running, and a thread ends when it finds the queue empty. With a
+/// maximum of 1 objects are served in order, one at a time; with more there is no order among them.
+///
+/// The queue doesn't own its objects except through Stop: the service procedure owns what it receives. An exception of the
+/// procedure goes to the log, and the next object is served.
+///
+/// The owner stops the queue, and waits, before it destroys it.
+/// Threads: Insert, Stop and the waits may be called from any thread. Insert holds the queue's lock while it starts a
+/// thread: a queue's lock comes before the pool's.
+class KVX_API CThreadQueue : public CLockable
+{
+public:
+    using ServiceProcType = void (*)(CObject *, void *);
+
+    CThreadQueue(ServiceProcType proc, void * param, int maxThreads, int priority, CString const & name);
+    CThreadQueue(CThreadQueue const &) = delete;
+    CThreadQueue & operator=(CThreadQueue const &) = delete;
+    ~CThreadQueue() override = default;
+
+    /// Replaces the five values; for a queue that is idle.
+    void Initialize(ServiceProcType proc, void * param, int maxThreads, int priority, CString const & name);
+
+    /// 1 if the object was accepted and, where one was due, a thread started. 0 if the queue is stopped, and the object
+    /// stays with the caller; also 0 if no thread could be had, and then the object stays in the queue for a later one.
+    virtual int Insert(CObject * object);
+    /// Takes the queue out of use for ever. Objects that wait are deleted, or let go of with `deleteObjects` 0. With
+    /// `wait` it returns when no service thread runs any more, else at once with 1.
+    virtual int Stop(int wait, int deleteObjects);
+
+    /// Non-zero when no service thread runs within `timeout` milliseconds; the list isn't looked at.
+    int WaitForIdle(DWORD timeout);
+    int IsIdle() { return WaitForIdle(0); }
+    int IsStopped() const;
+    int GetObjectCount() const;
+    CString GetName() const;
+
+    ServiceProcType GetServiceProc() const { return m_pServiceProc; }
+    void SetServiceProc(ServiceProcType proc) { m_pServiceProc = proc; }
+    void * GetServiceParam() const { return m_pServiceParam; }
+    void SetServiceParam(void * param) { m_pServiceParam = param; }
+
+    /// Inserts, and deletes an object that a stopped queue doesn't take; the result of Insert.
+    int InsertOrDelete(CObject * object);
+
+protected:
+    /// Chooses the next object and takes it out of the queue; null if there is none.
+    virtual CObject * PopNextObject();
+    virtual void Service(CObject * object, void * param);
+    virtual void ServiceThreadStarting(DWORD) {}
+    virtual void ServiceThreadEnding(DWORD) {}
+
+private:
+    struct StThreadTracker;
+
+    ServiceProcType m_pServiceProc = nullptr;
+    void * m_pServiceParam = nullptr;
+    bool m_bStopped = false;
+    int m_nPriority = 0;
+    int m_nThreads = 0; // that serve, or are about to
+    int m_nEnding = 0;  // that have left the list for good, and still run
+    int m_nMaxThreads = 0;
+    CString m_strName;
+    CEvent m_idleEvent;
+    CObList m_objects{10};
+    std::vector<DWORD> m_threadIds; // one slot per thread, 0 when it is free
+    bool m_bTrace = false;
+
+    static unsigned int ServiceProc(void * queue);
+    bool ServeObjects(DWORD threadId);
+    void ServeObject(CObject * object, DWORD threadId);
+    bool ChangeThreadSlot(DWORD old, DWORD fresh);
+    int StartServiceThread();
+    bool MayEnd();
+    void LeaveService();
+    void EndServiceThread(DWORD threadId);
+};

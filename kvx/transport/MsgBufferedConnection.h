@@ -1,0 +1,41 @@
+#pragma once
+
+/// A connection that gathers what one message writes and reads ahead: a message costs one system call a side.
+
+#include "kvx/transport/MsgConnection.h"
+
+#include <memory>
+
+/// A transport supplies SendAll and ReceiveSome. Bytes, order and error results are those of an unbuffered connection; a
+/// failed send shows at the end of the message.
+///
+/// Buffers are small while messages are, and large ones are given back behind a large message, so that a connection that
+/// waits for its next message holds little memory.
+class KVX_API CMsgBufferedConnection : public CMsgConnection
+{
+public:
+    explicit CMsgBufferedConnection(int unicode) : CMsgConnection(unicode) {}
+
+    int ReadData(void * buffer, DWORD count) override;
+    int WriteData(void const * buffer, DWORD count) override;
+    int FlushData() override;
+
+protected:
+    /// Sends all bytes or fails.
+    virtual int SendAll(void const * buffer, DWORD count) = 0;
+    /// Waits for bytes: how many have come, at most `size`; 0 on failure and at the end of the link.
+    virtual DWORD ReceiveSome(void * buffer, DWORD size) = 0;
+
+    /// Forgets what is buffered: called when a new link begins.
+    void ResetBuffers();
+
+private:
+    std::unique_ptr<BYTE[]> m_read;
+    std::unique_ptr<BYTE[]> m_write;
+    DWORD m_nReadSize = 0;
+    DWORD m_nWriteSize = 0;
+    bool m_bReadFull = false; // the last receive filled the buffer: more is likely to wait
+
+    bool FillReadBuffer();
+    bool GrowWriteBuffer();
+};

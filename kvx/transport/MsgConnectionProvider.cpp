@@ -1,0 +1,94 @@
+#include "kvx/transport/MsgConnectionProvider.h"
+
+#include "kvx/logging/LogManager.h"
+#include "kvx/transport/MsgConnection.h"
+
+CMsgConnectionProvider::CMsgConnectionProvider()
+{
+    SetProperty(_T("connection_provider"), 1);
+}
+
+CMsgConnection * CMsgConnectionProvider::AllocateConnection()
+{
+    auto * connection = static_cast<CMsgConnection *>(m_connections.Allocate());
+    if (!connection)
+    {
+        connection = CreateConnection();
+        if (connection)
+        {
+            connection->SetOwner(this);
+            m_connections.Insert(connection, 1);
+        }
+    }
+    return connection;
+}
+
+void CMsgConnectionProvider::ReleaseConnection(CMsgConnection * connection)
+{
+    m_connections.Return(connection);
+}
+
+void CMsgConnectionProvider::Service(CMsgRequest & request)
+{
+    if (CMsgConnection * const pinned = request.GetConnection())
+    {
+        TransmitRequest(pinned, request);
+        return;
+    }
+    CMsgConnection * const connection = AllocateConnection();
+    try
+    {
+        TransmitRequest(connection, request);
+    }
+    catch (...)
+    {
+        // Out of memory in the middle of a message: the rest of it must not be taken for the next one.
+        connection->Disconnect();
+        ReleaseConnection(connection);
+        throw;
+    }
+    if (connection)
+    {
+        ReleaseConnection(connection);
+    }
+}
+
+bool CMsgConnectionProvider::RunHandshake(CMsgConnection & connection)
+{
+    if (connection.AuthenticateClient(1))
+    {
+        connection.EnableCompact();
+        return true;
+    }
+    return connection.AuthenticateClient(0) != 0;
+}
+
+void CMsgConnectionProvider::TransmitRequest(CMsgConnection * connection, CMsgRequest & request)
+{
+    if (!connection)
+    {
+        return;
+    }
+    if (!connection->IsConnected() && !(connection->Connect() && RunHandshake(*connection)))
+    {
+        request.GetResponse().SyncLastError();
+        connection->Disconnect();
+        return;
+    }
+    if (request.Write(*connection) && connection->FlushData() &&
+        (request.DiscardResults() || request.GetResponse().Read(*connection)))
+    {
+        if (!request.KeepAlive())
+        {
+            connection->Disconnect();
+        }
+        request.SetHandled(1);
+        return;
+    }
+    request.GetResponse().SyncLastError();
+    connection->Disconnect();
+    request.SetHandled(1);
+    CString text;
+    text.Format(_T("Transmit error: %s"), request.GetResponse().GetErrorText());
+    CLogManager::GetInstance()->LogEvent(LOG_ERROR, text, FormatArgs());
+}

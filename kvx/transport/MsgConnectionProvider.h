@@ -1,0 +1,37 @@
+#pragma once
+
+/// The client's end: a provider whose Service sends the request over a pooled connection and reads the response.
+
+#include "kvx/foundation/ObCache.h"
+#include "kvx/messaging/MsgProvider.h"
+
+class CMsgConnection;
+
+/// Connections stay open between requests: only a request without KeepAlive or a failure drops one. There is no retry: a
+/// broken connection fails the request at hand, and the next one connects anew.
+///
+/// Threads: any number at once; each request in flight has a connection to itself.
+class KVX_API CMsgConnectionProvider : public CMsgProvider
+{
+public:
+    /// Sets the property "connection_provider" to 1.
+    CMsgConnectionProvider();
+
+    /// Uses the connection that the request is pinned to, or takes one for this call.
+    void Service(CMsgRequest & request) override;
+    /// One exchange; connects and runs the handshake first if necessary. A one-way request is only written. Failures are
+    /// in the response.
+    virtual void TransmitRequest(CMsgConnection * connection, CMsgRequest & request);
+    /// The connection that was released last, else a new one.
+    virtual CMsgConnection * AllocateConnection();
+    /// Back to the pool, still connected.
+    virtual void ReleaseConnection(CMsgConnection * connection);
+
+protected:
+    virtual CMsgConnection * CreateConnection() = 0;
+
+private:
+    CObCache m_connections;
+
+    static bool RunHandshake(CMsgConnection & connection);
+};

@@ -1,0 +1,147 @@
+#pragma once
+
+/// The server's end: waits for clients on a listening connection, and serves each of them on a session of its own.
+
+#include "kvx/threads/ThreadQueue.h"
+#include "kvx/transport/MsgConnectionProvider.h"
+
+class CMsgListener;
+class CMsgListenerSession;
+class CMsgListenerSessionBase;
+class CThreadContext;
+
+/// What a listener tells the process-wide hook. Lives for the length of the call.
+class KVX_API CMsgListenerEvent : public CObject
+{
+public:
+    enum EventType : DWORD
+    {
+        SESSION_RELEASED = 0,  // a session that holds a connection
+        REQUESTS_IDLE = 3,     // no request is in progress any more
+        BEFORE_DISPATCH = 5,
+        AFTER_DISPATCH = 7,
+        BEFORE_RESPONSE = 8,
+        AFTER_RESPONSE = 9,
+        SESSION_UNUSED = 10, // a session without a connection is released
+    };
+
+    DWORD m_nType = 0;
+    DWORD m_nThreadId = 0;
+    SYSTEMTIME m_time{};              // local
+    CMsgRequest * m_pRequest = nullptr; // null for events of sessions
+    CMsgListener * m_pListener = nullptr;
+    CMsgListenerSessionBase * m_pSession = nullptr;
+};
+
+/// A listener has one thread that accepts, one for each connected client, and one that serves one-way requests in order of
+/// arrival. The handshake with a client runs on the client's thread, so that a silent one holds up nobody.
+///
+/// A command that begins with the path of the listener's target is served below that target; anything else is answered
+/// with code 50.
+///
+/// Threads: StartListener and StopListener are the owner's. Whoever started a listener stops it before the tree is torn
+/// down.
+class KVX_API CMsgListener : public CMsgConnectionProvider
+{
+public:
+    class CListenerRequest;
+    using EventProc = void (*)(CMsgListenerEvent *, void *);
+
+    ~CMsgListener() override;
+
+    void SetTarget(CMsgTarget * target) override;
+    DWORD DetachTarget() override;
+    /// Does nothing: requests reach a listener's target through its sessions.
+    void Service(CMsgRequest &) override {}
+    void RegisterProviderMap() override {}
+
+    /// 0 if no thread could be had. The listening itself begins on that thread: see WaitUntilListening.
+    virtual int StartListener();
+    /// Stops accepting, drops all clients and waits for their sessions, within the stop time-out. 0 while the library
+    /// shuts down, and then nothing is touched.
+    virtual int StopListener();
+    /// Waits until the listener accepts clients or has failed to: 1, or 0 with the reason as the thread's last error.
+    int WaitUntilListening(DWORD timeout);
+
+    virtual int ReadRequest(CMsgConnection * connection, CMsgRequest & request);
+    virtual int WriteResponse(CMsgConnection * connection, CMsgRequest & request);
+
+    /// Names an event that the listener waits for before it listens, if the event exists.
+    void SetEvent(LPCTSTR name) { m_strStartEvent = name; }
+    /// One hook for the process, called on the thread that raises the event; null raises nothing.
+    static void SetEventProc(EventProc proc, void * param);
+    static void GetEventProcInfo(EventProc & proc, void *& param);
+    /// 1, 2, 3, ...
+    static DWORD AllocateSessionId();
+
+protected:
+    CMsgListener(int listenerPriority, int sessionPriority, DWORD stopTimeout);
+
+    virtual void Run();
+    /// For the destructors of derived listeners, while CreateConnection can still be called: stops the listener and waits
+    /// for its threads without limit, other than those that the library's shutdown has ended.
+    void EndListener();
+
+    /// The connection that listens, null unless the listener runs. Locked by the caller's knowledge that it does.
+    CMsgConnection * GetListeningConnection() const { return m_pListening.load(); }
+
+private:
+    friend class CMsgListenerSession;
+
+    CString m_strTargetPath;
+    int m_nListenerPriority;
+    int m_nSessionPriority;
+    DWORD m_nStopTimeout;
+    CObCache m_sessions;
+    std::atomic<CMsgConnection *> m_pListening{nullptr};
+    std::atomic<CThreadContext *> m_pThread{nullptr}; // null when the listener is stopped
+    CString m_strStartEvent;
+    LONG m_nInProgress = 0;
+    CCriticalSection m_progressLock;
+    CThreadQueue m_notifyQueue;
+    CEvent m_idleEvent;
+
+    std::atomic<bool> m_bStopping{false};
+    CEvent m_runDone;    // manual: the listener thread does not run
+    CEvent m_startDone;  // manual: the listening has begun or failed
+    DWORD m_nListenError = 0;
+    CCriticalSection m_activeLock;
+    LONG m_nActive = 0;  // sessions with a thread
+    CEvent m_noneActive; // manual
+
+    static unsigned int ListenerProc(void * listener);
+    static void NotifyRequestProc(CObject * request, void * listener);
+
+    bool WaitForStartEvent();
+    void AcceptClients();
+    void StopSessions();
+    bool WaitForThreads(DWORD timeout);
+    CMsgListenerSession * AllocateSession();
+    bool SessionBegins();
+    void SessionEnds();
+
+    void ProcessRequest(CMsgListenerSession * session, CMsgConnection * connection);
+    void DispatchRequest(CListenerRequest & request);
+    void ResetRequest(CListenerRequest & request);
+    void ReleaseSession(CMsgListenerSession * session);
+    void NotifyEvent(DWORD type, CMsgListenerSessionBase * session, CMsgRequest * request);
+};
+
+/// A request that came through a listener.
+class KVX_API CMsgListener::CListenerRequest : public CMsgRequest
+{
+public:
+    CListenerRequest(CMsgListenerSessionBase * session, CMsgConnection * connection)
+        : m_pSession(session), m_pSavedConnection(connection)
+    {
+        SetConnection(connection);
+    }
+    CListenerRequest(CListenerRequest const &) = default;
+
+    CMsgListenerSessionBase * GetSession() const { return m_pSession; }
+    CMsgConnection * GetSavedConnection() const { return m_pSavedConnection; }
+
+private:
+    CMsgListenerSessionBase * m_pSession;
+    CMsgConnection * m_pSavedConnection;
+};

@@ -1,0 +1,377 @@
+#include "kvx/transport/MsgStream.h"
+
+#include "kvx/foundation/Utilities.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <limits>
+
+namespace
+{
+constexpr DWORD BACK_REFERENCE = 0x80000000;
+constexpr DWORD MAX_TEXT = 0x3FFFFFFF; // characters; more don't fit into a CString of any host
+constexpr DWORD PIECE = 32768;         // what a length word is believed before bytes have come
+constexpr LONG END_COMPACT = std::numeric_limits<LONG>::min();
+
+static_assert(std::endian::native == std::endian::little, "wide text goes out as it lies in memory, low byte first");
+
+void StoreWord(BYTE * to, DWORD word)
+{
+    word = __builtin_bswap32(word);
+    std::memcpy(to, &word, sizeof(word));
+}
+
+DWORD LoadWord(BYTE const * from)
+{
+    DWORD word = 0;
+    std::memcpy(&word, from, sizeof(word));
+    return __builtin_bswap32(word);
+}
+} // namespace
+
+CMsgStream::CMsgStream(int unicode) : m_bUnicode(unicode != 0) {}
+
+CMsgStream::CMsgStream(CMsgStream const & other) : m_pCompact(other.m_pCompact.load()), m_bUnicode(other.m_bUnicode) {}
+
+CMsgStream & CMsgStream::operator=(CMsgStream const & other)
+{
+    m_pCompact = other.m_pCompact.load();
+    m_bUnicode = other.m_bUnicode;
+    return *this;
+}
+
+int CMsgStream::ReadBytes(void * buffer, DWORD count)
+{
+    if (count <= static_cast<std::size_t>(m_pReadEnd - m_pReadNext))
+    {
+        std::memcpy(buffer, m_pReadNext, count);
+        m_pReadNext += count;
+        return 1;
+    }
+    return ReadData(buffer, count);
+}
+
+int CMsgStream::WriteBytes(void const * buffer, DWORD count)
+{
+    if (count <= static_cast<std::size_t>(m_pWriteEnd - m_pWriteNext))
+    {
+        std::memcpy(m_pWriteNext, buffer, count);
+        m_pWriteNext += count;
+        return 1;
+    }
+    return WriteData(buffer, count);
+}
+
+int CMsgStream::Read(DWORD & word)
+{
+    word = 0;
+    std::array<BYTE, sizeof(DWORD)> bytes;
+    if (!ReadBytes(bytes.data(), sizeof(bytes)))
+    {
+        return 0;
+    }
+    word = LoadWord(bytes.data());
+    return 1;
+}
+
+int CMsgStream::Read(LONG & word)
+{
+    DWORD bits = 0;
+    int const bDone = Read(bits);
+    word = static_cast<LONG>(bits);
+    return bDone;
+}
+
+int CMsgStream::Write(DWORD word)
+{
+    std::array<BYTE, sizeof(DWORD)> bytes;
+    StoreWord(bytes.data(), word);
+    return WriteBytes(bytes.data(), sizeof(bytes));
+}
+
+int CMsgStream::Read(CString & text)
+{
+    text.Empty();
+    DWORD length = 0;
+    if (!Read(length))
+    {
+        return 0;
+    }
+    CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed);
+    if (compact && (length & BACK_REFERENCE))
+    {
+        CString const * const known = compact->Find(length & ~BACK_REFERENCE);
+        if (!known)
+        {
+            SetLastError(ERROR_INVALID_DATA);
+            return 0;
+        }
+        text = *known;
+        return 1;
+    }
+    if (length > MAX_TEXT)
+    {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return 0;
+    }
+    if (length > 0 && !(m_bUnicode ? ReadWideText(text, length) : ReadNarrowText(text, length)))
+    {
+        return 0;
+    }
+    if (compact)
+    {
+        compact->Add(text);
+    }
+    return 1;
+}
+
+int CMsgStream::ReadWideText(CString & text, DWORD length)
+{
+    std::size_t const bytes = std::size_t{length} * sizeof(WCHAR);
+    if (bytes <= static_cast<std::size_t>(m_pReadEnd - m_pReadNext))
+    {
+        std::memcpy(text.GetBufferSetLength(static_cast<int>(length)), m_pReadNext, bytes);
+        m_pReadNext += bytes;
+        return 1;
+    }
+    for (DWORD have = 0; have < length;)
+    {
+        DWORD const step = std::min(length - have, std::max(PIECE, have));
+        WCHAR * const to = text.GetBufferSetLength(static_cast<int>(have + step)) + have;
+        if (!ReadBytes(to, step * sizeof(WCHAR)))
+        {
+            text.Empty();
+            return 0;
+        }
+        have += step;
+    }
+    return 1;
+}
+
+int CMsgStream::ReadNarrowText(CString & text, DWORD length)
+{
+    CStringA narrow;
+    for (DWORD have = 0; have < length;)
+    {
+        DWORD const step = std::min(length - have, std::max(PIECE, have));
+        if (!ReadBytes(narrow.GetBufferSetLength(static_cast<int>(have + step)) + have, step))
+        {
+            return 0;
+        }
+        have += step;
+    }
+    text = CUtilities::AnsiToString(narrow);
+    return 1;
+}
+
+int CMsgStream::Write(CString const & text)
+{
+    if (CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed))
+    {
+        int const known = compact->FindOrAdd(text);
+        if (known >= 0)
+        {
+            return Write(static_cast<DWORD>(known) | BACK_REFERENCE);
+        }
+    }
+    auto const length = static_cast<DWORD>(text.GetLength());
+    if (m_bUnicode)
+    {
+        std::size_t const bytes = std::size_t{length} * sizeof(WCHAR);
+        if (sizeof(DWORD) + bytes <= static_cast<std::size_t>(m_pWriteEnd - m_pWriteNext))
+        {
+            StoreWord(m_pWriteNext, length);
+            std::memcpy(m_pWriteNext + sizeof(DWORD), text.GetString(), bytes);
+            m_pWriteNext += sizeof(DWORD) + bytes;
+            return 1;
+        }
+        return Write(length) && Write(text.GetString(), static_cast<DWORD>(bytes));
+    }
+    // As many bytes as the text has characters, by the format; a code page that needs fewer is filled up.
+    CStringA narrow = CUtilities::StringToAnsi(text);
+    if (narrow.GetLength() < text.GetLength())
+    {
+        narrow += CStringA(' ', text.GetLength() - narrow.GetLength());
+    }
+    return Write(length) && Write(narrow.GetString(), length);
+}
+
+void CMsgStream::EnableCompact()
+{
+    if (CCompactInfo * const compact = m_pCompact.load())
+    {
+        compact->Reset();
+        return;
+    }
+    CCompactInfo * const compact = sm_cacheCompact.Allocate();
+    compact->Reset();
+    m_pCompact = compact;
+}
+
+void CMsgStream::ResetCompact()
+{
+    if (CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed))
+    {
+        compact->Reset();
+    }
+}
+
+void CMsgStream::DeleteCompact()
+{
+    for (LONG state = m_nMessages.load(); !(state & END_COMPACT);)
+    {
+        // In the middle of a message, which may be another thread's, the table is given back at its end.
+        if (m_nMessages.compare_exchange_weak(state, state | END_COMPACT))
+        {
+            if (state == 0)
+            {
+                ReleaseCompact();
+                m_nMessages = 0;
+            }
+            return;
+        }
+    }
+}
+
+void CMsgStream::ReleaseCompact()
+{
+    if (CCompactInfo * const compact = m_pCompact.exchange(nullptr))
+    {
+        compact->Reset();
+        sm_cacheCompact.Return(compact);
+    }
+}
+
+void CMsgStream::BeginMessage()
+{
+    for (LONG state = m_nMessages.load();;)
+    {
+        if (state == END_COMPACT)
+        {
+            SwitchToThread(); // another thread is just giving the table back
+            state = m_nMessages.load();
+        }
+        else if (m_nMessages.compare_exchange_weak(state, state + 1))
+        {
+            return;
+        }
+    }
+}
+
+void CMsgStream::EndMessage()
+{
+    ResetCompact();
+    if (m_nMessages.fetch_sub(1) - 1 == END_COMPACT)
+    {
+        ReleaseCompact();
+        m_nMessages = 0;
+    }
+}
+
+int CMsgStream::CCompactInfo::FindOrAdd(CString const & text)
+{
+    if (m_slots.size() < 2 * (m_texts.size() + 1))
+    {
+        Grow();
+    }
+    DWORD const hash = kvx::HashText(text.GetString(), static_cast<std::size_t>(text.GetLength()));
+    std::size_t const mask = m_slots.size() - 1;
+    std::size_t at = hash & mask;
+    for (; m_slots[at].nNumber != 0; at = (at + 1) & mask)
+    {
+        Slot const & slot = m_slots[at];
+        if (slot.nHash == hash && m_texts[slot.nNumber - 1] == text)
+        {
+            return static_cast<int>(slot.nNumber - 1);
+        }
+    }
+    m_texts.push_back(text);
+    m_slots[at] = {hash, static_cast<DWORD>(m_texts.size())};
+    return -1;
+}
+
+void CMsgStream::CCompactInfo::Grow()
+{
+    std::vector<Slot> old(std::max<std::size_t>(32, 2 * m_slots.size()));
+    old.swap(m_slots);
+    std::size_t const mask = m_slots.size() - 1;
+    for (Slot const & slot : old)
+    {
+        if (slot.nNumber != 0)
+        {
+            std::size_t at = slot.nHash & mask;
+            while (m_slots[at].nNumber != 0)
+            {
+                at = (at + 1) & mask;
+            }
+            m_slots[at] = slot;
+        }
+    }
+}
+
+void CMsgStream::CCompactInfo::Reset()
+{
+    // Tables of ordinary messages are kept for the next one; those of large ones would weigh on idle connections.
+    constexpr std::size_t KEEP = 512;
+    if (m_texts.capacity() > KEEP)
+    {
+        m_texts = {};
+    }
+    else
+    {
+        m_texts.clear();
+    }
+    if (m_slots.size() > 4 * KEEP)
+    {
+        m_slots = {};
+    }
+    else
+    {
+        std::ranges::fill(m_slots, Slot{});
+    }
+}
+
+int CMsgFileStream::ReadData(void * buffer, DWORD count)
+{
+    return kvx::ReadFully(*m_pFile, buffer, count);
+}
+
+int CMsgFileStream::WriteData(void const * buffer, DWORD count)
+{
+    return kvx::WriteFully(*m_pFile, buffer, count, false);
+}
+
+namespace kvx
+{
+int ReadFully(CFile & file, void * buffer, DWORD count)
+{
+    try
+    {
+        return file.Read(buffer, count) == count;
+    }
+    catch (CException * failure)
+    {
+        failure->Delete();
+        return 0;
+    }
+}
+
+int WriteFully(CFile & file, void const * buffer, DWORD count, bool bFlush)
+{
+    try
+    {
+        file.Write(buffer, count);
+        if (bFlush)
+        {
+            file.Flush();
+        }
+        return 1;
+    }
+    catch (CException * failure)
+    {
+        failure->Delete();
+        return 0;
+    }
+}
+} // namespace kvx

@@ -1,0 +1,150 @@
+#include "kvx/transport/MsgTCPConnection.h"
+
+#include "kvx/foundation/Utilities.h"
+#include "kvx/foundation/ValueAccessor.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace
+{
+constexpr int LISTEN_BACKLOG = 5;
+
+int TransferSize(DWORD count)
+{
+    return static_cast<int>(std::min<DWORD>(count, std::numeric_limits<int>::max()));
+}
+} // namespace
+
+void CMsgTCPConnection::GetHandles(void *& read, void *& write)
+{
+    read = write = reinterpret_cast<void *>(m_socket.GetSocket());
+}
+
+int CMsgTCPConnection::IsConnected()
+{
+    SOCKET const socket = m_socket.GetSocket();
+    if (socket == INVALID_SOCKET)
+    {
+        return 0;
+    }
+    winsock::FdSet exceptions;
+    winsock::FdZero(exceptions);
+    winsock::FdAdd(socket, exceptions);
+    winsock::TimeVal const atOnce{0, 0};
+    return winsock::select(0, nullptr, nullptr, &exceptions, &atOnce) != SOCKET_ERROR;
+}
+
+int CMsgTCPConnection::Connect()
+{
+    Disconnect();
+    ResetBuffers();
+    if (!m_socket.Create(winsock::SocketStream))
+    {
+        return 0;
+    }
+    if (!m_socket.Connect(GetServer(), static_cast<UINT>(GetPort())))
+    {
+        // Callers see one code, whatever the reason was.
+        if (GetLastError() != 0)
+        {
+            SetLastError(ERROR_SERVICE_NOT_FOUND);
+        }
+        return 0;
+    }
+    return 1;
+}
+
+int CMsgTCPConnection::Disconnect()
+{
+    if (!m_socket.IsOpen())
+    {
+        return 1;
+    }
+    m_socket.Shutdown(winsock::ShutdownBoth);
+    m_socket.Close();
+    {
+        CSingleLock guard(&m_peerLock, TRUE);
+        m_strPeerName.Empty();
+        m_strPeerAddress.Empty();
+    }
+    return CMsgConnection::Disconnect();
+}
+
+int CMsgTCPConnection::Listen()
+{
+    winsock::HostEnt const * const host = winsock::gethostbyname(GetServer());
+    if (!host || !host->h_addr_list[0])
+    {
+        WSASetLastError(WSAEINVAL);
+        SetLastError(WSAEINVAL);
+        return 0;
+    }
+    winsock::InAddr address{};
+    std::memcpy(&address, host->h_addr_list[0], sizeof(address));
+    CStringA const dotted = winsock::inet_ntoa(address);
+    return m_socket.Create(winsock::SocketStream) && m_socket.Bind(static_cast<UINT>(GetPort()), dotted) &&
+           m_socket.Listen(LISTEN_BACKLOG);
+}
+
+int CMsgTCPConnection::Accept(CMsgConnection * target)
+{
+    auto * const connection = static_cast<CMsgTCPConnection *>(target);
+    connection->Disconnect();
+    connection->ResetBuffers();
+    return m_socket.Accept(connection->m_socket);
+}
+
+int CMsgTCPConnection::SendAll(void const * buffer, DWORD count)
+{
+    auto const * from = static_cast<BYTE const *>(buffer);
+    while (count > 0)
+    {
+        int const sent = m_socket.Send(from, TransferSize(count), 0);
+        if (sent <= 0)
+        {
+            if (sent == 0)
+            {
+                SetLastError(WSAEDISCON);
+            }
+            return 0;
+        }
+        from += sent;
+        count -= static_cast<DWORD>(sent);
+    }
+    return 1;
+}
+
+DWORD CMsgTCPConnection::ReceiveSome(void * buffer, DWORD size)
+{
+    int const got = m_socket.Receive(buffer, TransferSize(size), 0);
+    if (got == 0)
+    {
+        SetLastError(WSAEDISCON);
+    }
+    return got > 0 ? static_cast<DWORD>(got) : 0;
+}
+
+int CMsgTCPConnection::GetConnectionInfo(CValueAccessor & info)
+{
+    CSingleLock guard(&m_peerLock, TRUE);
+    if (m_strPeerAddress.IsEmpty())
+    {
+        winsock::SockAddrIn peer{};
+        int size = sizeof(peer);
+        if (winsock::getpeername(m_socket.GetSocket(), reinterpret_cast<winsock::SockAddr *>(&peer), &size) != 0)
+        {
+            return 0;
+        }
+        m_strPeerAddress = winsock::inet_ntoa(peer.sin_addr);
+        if (winsock::HostEnt const * const host = winsock::gethostbyaddr(
+                reinterpret_cast<char const *>(&peer.sin_addr), sizeof(peer.sin_addr), winsock::AddressFamilyInet))
+        {
+            m_strPeerName = host->h_name;
+        }
+    }
+    info.CreateValue(_T("type")) = _T("tcp");
+    info.CreateValue(_T("connect_address")) = CUtilities::AnsiToString(m_strPeerAddress);
+    info.CreateValue(_T("connect_name")) = CUtilities::AnsiToString(m_strPeerName);
+    return 1;
+}

@@ -1,0 +1,341 @@
+#include "Asleep.h"
+#include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/handles.h"
+#include "kvx/platform/win32/sync.h"
+#include "kvx/platform/win32/threads.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+/// A child process that runs a function and ends with its result.
+class Child
+{
+public:
+    explicit Child(std::function<int()> const & job) : m_nProcess(::fork())
+    {
+        if (m_nProcess == 0)
+            ::_exit(job());
+    }
+    ~Child() { Join(); }
+
+    /// The result, or -1 for a child that was killed.
+    int Join()
+    {
+        int nStatus = 0;
+        if (m_nProcess > 0 && ::waitpid(std::exchange(m_nProcess, 0), &nStatus, 0) > 0)
+            m_nResult = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+        return m_nResult;
+    }
+    void Kill() { ::kill(m_nProcess, SIGKILL); }
+    unsigned GetId() const { return static_cast<unsigned>(m_nProcess); }
+
+private:
+    pid_t m_nProcess;
+    int m_nResult = -2;
+};
+
+class Named : public testing::Test
+{
+protected:
+    Named()
+    {
+        std::string strFolder = std::filesystem::temp_directory_path() / "kvx-named-XXXXXX";
+        m_folder = ::mkdtemp(strFolder.data());
+        ::setenv("KVX_RUNTIME_DIR", m_folder.c_str(), 1);
+    }
+    ~Named() override
+    {
+        std::filesystem::remove_all(m_folder);
+        ::unsetenv("KVX_RUNTIME_DIR");
+    }
+
+    static HANDLE Create(LPCTSTR pName, bool bManual = false, bool bSignalled = false)
+    {
+        return CreateEventW(nullptr, bManual, bSignalled, pName);
+    }
+    static HANDLE Open(LPCTSTR pName) { return OpenEventW(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, pName); }
+    static bool Exists(LPCTSTR pName)
+    {
+        HANDLE const hEvent = Open(pName);
+        return hEvent && CloseHandle(hEvent);
+    }
+
+    std::filesystem::path m_folder;
+};
+
+TEST_F(Named, ASecondCreationOpensTheFirstObject)
+{
+    HANDLE const hFirst = Create(u"Local\\one", true, true);
+    EXPECT_EQ(GetLastError(), 0u);
+    HANDLE const hSecond = Create(u"one", false, false);
+    ASSERT_TRUE(hSecond);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ALREADY_EXISTS));
+    EXPECT_NE(hFirst, hSecond);
+    EXPECT_EQ(WaitForSingleObject(hSecond, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(hSecond, 0), WAIT_OBJECT_0); // manual as the first creation said
+    EXPECT_FALSE(Exists(u"Global\\one"));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_FALSE(Exists(u"ONE"));
+    EXPECT_FALSE(CreateMutexW(nullptr, FALSE, u"one"));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(Child([] { return CreateMutexW(nullptr, FALSE, u"one") || GetLastError() != 6; }).Join(), 0);
+    CloseHandle(hFirst);
+    EXPECT_TRUE(Exists(u"one"));
+    CloseHandle(hSecond);
+    EXPECT_FALSE(Exists(u"one"));
+}
+
+TEST_F(Named, BadNamesAreRefused)
+{
+    std::u16string const strLongest(MAX_PATH, u'n'), strTooLong(MAX_PATH + 1, u'n');
+    auto const fails = [](LPCTSTR pName, LONG nError) { return !Create(pName) && GetLastError() == DWORD(nError); };
+    EXPECT_TRUE(fails(u"Global\\", ERROR_BAD_PATHNAME));
+    EXPECT_TRUE(fails(u"other\\name", ERROR_PATH_NOT_FOUND));
+    EXPECT_TRUE(fails(u"Global\\..\\name", ERROR_PATH_NOT_FOUND));
+    EXPECT_TRUE(fails(strTooLong.c_str(), ERROR_FILENAME_EXCED_RANGE));
+    EXPECT_FALSE(Open(nullptr));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+    for (LPCTSTR const pName : {strLongest.c_str(), u"../../up", u"/tmp/x", u"\x4E00\xD83D\xDE00 %s"})
+    {
+        HANDLE const hEvent = Create(pName, true, true);
+        ASSERT_TRUE(hEvent);
+        EXPECT_TRUE(Exists(pName));
+        EXPECT_GE(std::distance(std::filesystem::directory_iterator(m_folder), {}), 2);
+        CloseHandle(hEvent);
+    }
+}
+
+TEST_F(Named, TheFolderMustBePrivate)
+{
+    ::chmod(m_folder.c_str(), 0750);
+    EXPECT_FALSE(Create(u"x"));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    ::chmod(m_folder.c_str(), 0700);
+    std::filesystem::create_directory_symlink(m_folder, m_folder / "link");
+    ::setenv("KVX_RUNTIME_DIR", (m_folder / "link").c_str(), 1);
+    EXPECT_FALSE(Create(u"x"));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    ::setenv("KVX_RUNTIME_DIR", (m_folder / "made").c_str(), 1);
+    HANDLE const hEvent = Create(u"x");
+    EXPECT_TRUE(hEvent);
+    EXPECT_EQ(std::filesystem::status(m_folder / "made").permissions(), std::filesystem::perms::owner_all);
+    CloseHandle(hEvent);
+}
+
+TEST_F(Named, EventsCrossProcessesInMixedWaits)
+{
+    HANDLE const hPing = Create(u"Global\\ping"), hPong = Create(u"Global\\pong");
+    HANDLE const hLocal = Create(nullptr);
+    constexpr int ROUNDS = 500;
+    Child child(
+        []
+        {
+            HANDLE const hIn = Open(u"Global\\ping"), hOut = Open(u"Global\\pong");
+            for (int nRound = 0; nRound < ROUNDS; ++nRound)
+                if (WaitForSingleObject(hIn, INFINITE) != WAIT_OBJECT_0 || !SetEvent(hOut))
+                    return 1;
+            return 0;
+        });
+    HANDLE const handles[] = {hLocal, hPong};
+    for (int nRound = 0; nRound < ROUNDS; ++nRound)
+    {
+        SetEvent(hPing);
+        ASSERT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_OBJECT_0 + 1);
+    }
+    EXPECT_EQ(child.Join(), 0);
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 20), WAIT_TIMEOUT);
+    std::thread setter([&] { SetEvent(hLocal); });
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_OBJECT_0);
+    setter.join();
+    SetEvent(hLocal);
+    SetEvent(hPong);
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 0), WAIT_TIMEOUT);
+    for (HANDLE const hEvent : {hPing, hPong, hLocal})
+        CloseHandle(hEvent);
+}
+
+TEST_F(Named, SignalsReachExactlyThoseWhoWait)
+{
+    HANDLE const hManual = Create(u"manual", true), hAuto = Create(u"auto");
+    for (bool const bManual : {true, false})
+    {
+        auto const job = [&] { return WaitForSingleObject(bManual ? hManual : hAuto, INFINITE) != WAIT_OBJECT_0; };
+        Child first(job), second(job);
+        WaitUntilAsleep(first.GetId());
+        WaitUntilAsleep(second.GetId());
+        SetEvent(bManual ? hManual : hAuto);
+        if (bManual)
+            ResetEvent(hManual);
+        else
+            SetEvent(hAuto);
+        EXPECT_EQ(first.Join() + second.Join(), 0);
+        EXPECT_EQ(WaitForSingleObject(bManual ? hManual : hAuto, 0), WAIT_TIMEOUT);
+    }
+    // A signal isn't spent on a waiter that was killed.
+    Child victim([&] { return WaitForSingleObject(hAuto, INFINITE) == WAIT_OBJECT_0; });
+    WaitUntilAsleep(victim.GetId());
+    victim.Kill();
+    EXPECT_EQ(victim.Join(), -1);
+    SetEvent(hAuto);
+    EXPECT_EQ(WaitForSingleObject(hAuto, 0), WAIT_OBJECT_0);
+    CloseHandle(hManual);
+    CloseHandle(hAuto);
+}
+
+TEST_F(Named, WaitsForAllTakeAllOrNothing)
+{
+    HANDLE const hEvent = Create(u"event", false, true), hMutex = CreateMutexW(nullptr, FALSE, u"mutex");
+    HANDLE const hLocal = Create(nullptr);
+    HANDLE const handles[] = {hLocal, hEvent, hMutex};
+    EXPECT_EQ(WaitForMultipleObjects(3, handles, TRUE, 5), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(hEvent, 0), WAIT_OBJECT_0);
+    EXPECT_FALSE(ReleaseMutex(hMutex));
+    Child child(
+        []
+        {
+            SetEvent(Open(u"event"));
+            return 0;
+        });
+    std::thread setter([&] { SetEvent(hLocal); });
+    EXPECT_EQ(WaitForMultipleObjects(3, handles, TRUE, INFINITE), WAIT_OBJECT_0);
+    setter.join();
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 0), WAIT_TIMEOUT);
+    EXPECT_TRUE(ReleaseMutex(hMutex));
+    EXPECT_FALSE(ReleaseMutex(hMutex));
+    for (HANDLE const hObject : handles)
+        CloseHandle(hObject);
+}
+
+TEST_F(Named, MutexesBelongToOneThreadOfOneProcess)
+{
+    HANDLE const hMutex = CreateMutexW(nullptr, TRUE, u"Global\\mutex");
+    HANDLE const hAgain = OpenMutexW(SYNCHRONIZE, FALSE, u"Global\\mutex");
+    EXPECT_EQ(WaitForSingleObject(hAgain, 0), WAIT_OBJECT_0);
+    Child child(
+        [&]
+        {
+            if (WaitForSingleObject(hMutex, 0) != WAIT_TIMEOUT || ReleaseMutex(hMutex) || GetLastError() != 288)
+                return 1;
+            return WaitForSingleObject(hMutex, INFINITE) == WAIT_OBJECT_0 && ReleaseMutex(hMutex) ? 0 : 2;
+        });
+    std::thread(
+        [&]
+        {
+            EXPECT_EQ(WaitForSingleObject(hMutex, 1), WAIT_TIMEOUT);
+            EXPECT_FALSE(ReleaseMutex(hMutex));
+            EXPECT_EQ(GetLastError(), DWORD(ERROR_NOT_OWNER));
+        })
+        .join();
+    EXPECT_TRUE(ReleaseMutex(hMutex));
+    WaitUntilAsleep(child.GetId());
+    EXPECT_TRUE(ReleaseMutex(hMutex));
+    EXPECT_EQ(child.Join(), 0);
+    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0);
+    CloseHandle(hMutex);
+    CloseHandle(hAgain);
+    EXPECT_FALSE(OpenMutexW(SYNCHRONIZE, FALSE, u"Global\\mutex")); // still owned, but nobody has it open
+}
+
+TEST_F(Named, MutexesOfDeadOwnersAreAbandoned)
+{
+    HANDLE const hMutex = CreateMutexW(nullptr, FALSE, u"Global\\owned"), hReady = Create(u"Global\\ready");
+    HANDLE const hLocal = Create(nullptr);
+    auto const own = [&]
+    {
+        WaitForSingleObject(hMutex, INFINITE);
+        SetEvent(hReady);
+        Sleep(INFINITE);
+        return 0;
+    };
+    HANDLE const handles[] = {hLocal, hMutex};
+    for (bool const bWaitFirst : {false, true})
+    {
+        Child owner(own);
+        EXPECT_EQ(WaitForSingleObject(hReady, INFINITE), WAIT_OBJECT_0);
+        EXPECT_EQ(WaitForSingleObject(hMutex, 1), WAIT_TIMEOUT);
+        DWORD const dwWaiter = GetCurrentThreadId();
+        std::thread killer(
+            [&]
+            {
+                if (bWaitFirst)
+                    WaitUntilAsleep(dwWaiter);
+                owner.Kill();
+                if (!bWaitFirst)
+                    owner.Join();
+            });
+        if (!bWaitFirst)
+            killer.join();
+        EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_ABANDONED_0 + 1);
+        if (bWaitFirst)
+            killer.join();
+        EXPECT_TRUE(ReleaseMutex(hMutex));
+        EXPECT_EQ(WaitForSingleObject(hMutex, 0), WAIT_OBJECT_0);
+        EXPECT_TRUE(ReleaseMutex(hMutex));
+    }
+    std::thread([&] { WaitForSingleObject(hMutex, INFINITE); }).join();
+    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_ABANDONED_0);
+    for (HANDLE const hObject : {hMutex, hReady, hLocal})
+        CloseHandle(hObject);
+}
+
+TEST_F(Named, NamesDieWithTheLastProcessThatHasThem)
+{
+    HANDLE const hReady = Create(u"ready");
+    Child crashed(
+        [&]
+        {
+            Create(u"left", true, true);
+            SetEvent(hReady);
+            Sleep(INFINITE);
+            return 0;
+        });
+    WaitForSingleObject(hReady, INFINITE);
+    EXPECT_TRUE(Exists(u"left"));
+    crashed.Kill();
+    crashed.Join();
+    HANDLE const hNew = Create(u"left", false, false);
+    EXPECT_EQ(GetLastError(), 0u);
+    EXPECT_EQ(WaitForSingleObject(hNew, 0), WAIT_TIMEOUT);
+    CloseHandle(hNew);
+    EXPECT_FALSE(Exists(u"left"));
+    CloseHandle(hReady);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder), {}), 1); // the lock only
+}
+
+TEST_F(Named, OneProcessMayUseManyThreadsOnOneName)
+{
+    HANDLE const hMutex = CreateMutexW(nullptr, FALSE, u"count");
+    int nCount = 0;
+    auto const count = [&]
+    {
+        for (int nRound = 0; nRound < 500; ++nRound)
+        {
+            ASSERT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0);
+            ++nCount;
+            ReleaseMutex(hMutex);
+        }
+    };
+    std::thread first(count), second(count);
+    count();
+    first.join();
+    second.join();
+    EXPECT_EQ(nCount, 1'500);
+    CloseHandle(hMutex);
+}
+
+} // namespace

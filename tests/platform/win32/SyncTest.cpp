@@ -1,0 +1,405 @@
+#include "kvx/platform/win32/sync.h"
+
+#include "Asleep.h"
+#include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/handles.h"
+#include "kvx/platform/win32/interlocked.h"
+#include "kvx/platform/win32/threads.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+/// A handle that closes itself.
+struct Handle
+{
+    explicit Handle(HANDLE hValue) : m_hValue(hValue) {}
+    Handle(Handle && other) noexcept : m_hValue(std::exchange(other.m_hValue, nullptr)) {}
+    ~Handle()
+    {
+        if (m_hValue)
+            CloseHandle(m_hValue);
+    }
+    operator HANDLE() const { return m_hValue; }
+    HANDLE m_hValue;
+};
+
+Handle MakeEvent(bool bManual, bool bSignalled = false) { return Handle(CreateEventW(nullptr, bManual, bSignalled, nullptr)); }
+Handle MakeMutex(bool bOwned = false) { return Handle(CreateMutexW(nullptr, bOwned, nullptr)); }
+
+/// Threads that each run a wait, and sleep in it when the constructor returns.
+class Waiters
+{
+public:
+    Waiters(int nThreads, std::function<DWORD()> wait)
+    {
+        std::vector<std::atomic<DWORD>> ids(static_cast<std::size_t>(nThreads));
+        for (auto & id : ids)
+            m_threads.emplace_back(
+                [this, &id, wait]
+                {
+                    id = GetCurrentThreadId();
+                    DWORD const dwResult = wait();
+                    m_nFreed += dwResult == WAIT_OBJECT_0;
+                    ++m_nEnded;
+                });
+        for (auto & id : ids)
+        {
+            while (id == 0)
+                std::this_thread::yield();
+            WaitUntilAsleep(id);
+        }
+    }
+    ~Waiters() { Join(); }
+    void Join()
+    {
+        for (std::thread & thread : m_threads)
+            thread.join();
+        m_threads.clear();
+    }
+    int GetFreed() const { return m_nFreed; }
+    int GetEnded() const { return m_nEnded; }
+
+private:
+    std::vector<std::thread> m_threads;
+    std::atomic<int> m_nFreed{0};
+    std::atomic<int> m_nEnded{0};
+};
+
+TEST(Events, ManualStaysAndAutoIsConsumed)
+{
+    Handle const hManual = MakeEvent(true, true);
+    Handle const hAuto = MakeEvent(false, true);
+    EXPECT_EQ(GetLastError(), 0u);
+    EXPECT_EQ(WaitForSingleObject(hManual, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(hManual, INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(hAuto, INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(hAuto, 1), WAIT_TIMEOUT);
+    SetEvent(hAuto);
+    SetEvent(hAuto);
+    EXPECT_EQ(WaitForSingleObject(hAuto, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(hAuto, 0), WAIT_TIMEOUT);
+    ResetEvent(hManual);
+    EXPECT_EQ(WaitForSingleObject(hManual, 0), WAIT_TIMEOUT);
+}
+
+TEST(Waits, BadArgumentsAreRefused)
+{
+    Handle const hEvent = MakeEvent(true, true);
+    Handle const hMutex = MakeMutex();
+    HANDLE const pair[] = {hEvent, hEvent};
+    std::vector<HANDLE> const many(65, hEvent);
+    auto const fails = [](DWORD dwResult, LONG nError) { return dwResult == WAIT_FAILED && GetLastError() == DWORD(nError); };
+    EXPECT_TRUE(fails(WaitForMultipleObjects(0, pair, FALSE, 0), ERROR_INVALID_PARAMETER));
+    EXPECT_TRUE(fails(WaitForMultipleObjects(65, many.data(), FALSE, 0), ERROR_INVALID_PARAMETER));
+    EXPECT_TRUE(fails(WaitForMultipleObjects(2, pair, TRUE, 0), ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(WaitForMultipleObjects(2, pair, FALSE, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForMultipleObjects(64, many.data(), FALSE, 0), WAIT_OBJECT_0);
+    HANDLE const withStale[] = {hEvent, nullptr};
+    EXPECT_TRUE(fails(WaitForMultipleObjects(2, withStale, FALSE, INFINITE), ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(fails(WaitForSingleObject(INVALID_HANDLE_VALUE, INFINITE), ERROR_INVALID_HANDLE));
+    EXPECT_FALSE(SetEvent(hMutex));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+    EXPECT_FALSE(ReleaseMutex(hEvent));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+    EXPECT_FALSE(ResetEvent(nullptr));
+}
+
+TEST(Waits, AnyTakesTheLowestIndexAndNothingElse)
+{
+    Handle const hFirst = MakeEvent(false), hSecond = MakeEvent(false, true), hThird = MakeEvent(false, true);
+    HANDLE const handles[] = {hFirst, hSecond, hThird};
+    EXPECT_EQ(WaitForMultipleObjects(3, handles, FALSE, INFINITE), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(WaitForMultipleObjects(3, handles, FALSE, INFINITE), WAIT_OBJECT_0 + 2);
+    EXPECT_EQ(WaitForMultipleObjects(3, handles, FALSE, 0), WAIT_TIMEOUT);
+    HANDLE const twice[] = {hFirst, hSecond, hSecond, hThird};
+    Waiters waiters(3, [&] { return WaitForMultipleObjects(4, twice, FALSE, INFINITE) - 1; });
+    for (int nSet = 0; nSet < 3; ++nSet)
+        SetEvent(hSecond);
+    waiters.Join();
+    EXPECT_EQ(waiters.GetFreed(), 3);
+    EXPECT_EQ(WaitForMultipleObjects(3, handles, FALSE, 0), WAIT_TIMEOUT);
+}
+
+TEST(Waits, AllTakesNothingBeforeItCanTakeAll)
+{
+    Handle const hFirst = MakeEvent(false, true), hSecond = MakeEvent(false), hMutex = MakeMutex();
+    HANDLE const handles[] = {hFirst, hSecond, hMutex};
+    EXPECT_EQ(WaitForMultipleObjects(3, handles, TRUE, 1), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(hFirst, 0), WAIT_OBJECT_0);
+    EXPECT_FALSE(ReleaseMutex(hMutex));
+    Waiters waiters(1, [&] { return WaitForMultipleObjects(3, handles, TRUE, INFINITE); });
+    SetEvent(hFirst);
+    EXPECT_EQ(WaitForSingleObject(hFirst, 0), WAIT_OBJECT_0);
+    SetEvent(hSecond);
+    EXPECT_EQ(waiters.GetEnded(), 0);
+    SetEvent(hFirst);
+    waiters.Join();
+    EXPECT_EQ(waiters.GetFreed(), 1);
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 0), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(hMutex, 0), WAIT_ABANDONED_0); // the waiter ended as its owner
+    EXPECT_TRUE(ReleaseMutex(hMutex));
+}
+
+TEST(Waits, ASetFreesAllWhoWaitWhateverFollows)
+{
+    Handle const hManual = MakeEvent(true), hOther = MakeEvent(true);
+    HANDLE const handles[] = {hOther, hManual};
+    for (int nRound = 0; nRound < 20; ++nRound)
+    {
+        Waiters single(3, [&] { return WaitForSingleObject(hManual, INFINITE); });
+        Waiters multiple(3, [&] { return WaitForMultipleObjects(2, handles, FALSE, INFINITE) - 1; });
+        SetEvent(hManual);
+        ResetEvent(hManual);
+        single.Join();
+        multiple.Join();
+        ASSERT_EQ(single.GetFreed() + multiple.GetFreed(), 6);
+        ASSERT_EQ(WaitForSingleObject(hManual, 0), WAIT_TIMEOUT);
+    }
+}
+
+TEST(Waits, EachSetOfAnAutoEventFreesOneWaiter)
+{
+    Handle const hAuto = MakeEvent(false);
+    for (int nRound = 0; nRound < 20; ++nRound)
+    {
+        Waiters waiters(5, [&] { return WaitForSingleObject(hAuto, INFINITE); });
+        for (int nSet = 0; nSet < 5; ++nSet)
+            SetEvent(hAuto);
+        waiters.Join();
+        ASSERT_EQ(waiters.GetFreed(), 5);
+        ASSERT_EQ(WaitForSingleObject(hAuto, 0), WAIT_TIMEOUT);
+    }
+}
+
+TEST(Waits, AClosedHandleLeavesItsWaitersToOtherHandles)
+{
+    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    HANDLE hOther = nullptr;
+    ASSERT_TRUE(DuplicateHandle(GetCurrentProcess(), hEvent, GetCurrentProcess(), &hOther, 0, FALSE, 0));
+    Waiters waiters(1, [&] { return WaitForSingleObject(hEvent, INFINITE); });
+    CloseHandle(hEvent);
+    EXPECT_FALSE(SetEvent(hEvent));
+    SetEvent(hOther);
+    waiters.Join();
+    EXPECT_EQ(waiters.GetFreed(), 1);
+    CloseHandle(hOther);
+}
+
+TEST(WaitStress, ProducersAndConsumersCountTheSame)
+{
+    constexpr int EVENTS = 62, PRODUCERS = 3, CONSUMERS = 3, ROUNDS = 40;
+    std::vector<Handle> owners;
+    std::vector<HANDLE> handles, acks;
+    for (int nIndex = 0; nIndex < EVENTS; ++nIndex)
+    {
+        owners.push_back(MakeEvent(false));
+        handles.push_back(owners.back());
+        owners.push_back(MakeEvent(false));
+        acks.push_back(owners.back());
+    }
+    Handle const hStop = MakeEvent(true), hMutex = MakeMutex(true);
+    handles.push_back(hMutex); // never free
+    handles.push_back(hStop);
+    std::array<std::atomic<int>, EVENTS> received{};
+    std::vector<std::thread> consumers, producers;
+    for (int nThread = 0; nThread < CONSUMERS; ++nThread)
+        consumers.emplace_back(
+            [&]
+            {
+                for (;;)
+                {
+                    DWORD const dwIndex = WaitForMultipleObjects(64, handles.data(), FALSE, INFINITE);
+                    if (dwIndex >= EVENTS)
+                        return;
+                    ++received[dwIndex];
+                    SetEvent(acks[dwIndex]);
+                }
+            });
+    for (int nThread = 0; nThread < PRODUCERS; ++nThread)
+        producers.emplace_back(
+            [&, nThread]
+            {
+                for (int nRound = 0; nRound < ROUNDS; ++nRound)
+                {
+                    for (int nIndex = nThread; nIndex < EVENTS; nIndex += PRODUCERS)
+                        SetEvent(handles[static_cast<std::size_t>(nIndex)]);
+                    for (int nIndex = nThread; nIndex < EVENTS; nIndex += PRODUCERS)
+                        WaitForSingleObject(acks[static_cast<std::size_t>(nIndex)], INFINITE);
+                }
+            });
+    for (std::thread & thread : producers)
+        thread.join();
+    EXPECT_EQ(WaitForMultipleObjects(EVENTS, handles.data(), FALSE, 0), WAIT_TIMEOUT);
+    SetEvent(hStop);
+    for (std::thread & thread : consumers)
+        thread.join();
+    EXPECT_TRUE(std::ranges::all_of(received, [](auto const & nCount) { return nCount == ROUNDS; }));
+    EXPECT_TRUE(ReleaseMutex(hMutex));
+}
+
+TEST(WaitStress, TimeOutsThatRaceWithSignalsLoseAndDoubleNothing)
+{
+    Handle const hEvent = MakeEvent(false), hNever = MakeEvent(false);
+    HANDLE const handles[] = {hNever, hEvent};
+    std::atomic<int> nReceived{0};
+    std::atomic<bool> bStop{false};
+    auto const consume = [&]
+    {
+        for (DWORD dwRound = 0; !bStop; ++dwRound)
+            nReceived += WaitForMultipleObjects(2, handles, FALSE, dwRound % 3) == WAIT_OBJECT_0 + 1;
+    };
+    std::thread first(consume), second(consume);
+    for (int nSent = 1; nSent <= 1'000; ++nSent)
+    {
+        if (nSent % 7 == 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(nSent % 1'000));
+        SetEvent(hEvent);
+        while (nReceived < nSent)
+            std::this_thread::yield();
+        ASSERT_EQ(nReceived, nSent);
+    }
+    bStop = true;
+    first.join();
+    second.join();
+    EXPECT_EQ(nReceived, 1'000);
+}
+
+TEST(WaitStress, WaitsForAllOnCrossedMutexesExclude)
+{
+    constexpr int THREADS = 4, ROUNDS = 300;
+    std::vector<Handle> mutexes;
+    std::array<int, THREADS> counts{}; // each guarded by its mutex only
+    for (int nIndex = 0; nIndex < THREADS; ++nIndex)
+        mutexes.push_back(MakeMutex());
+    std::vector<std::thread> threads;
+    for (std::size_t nThread = 0; nThread < THREADS; ++nThread)
+        threads.emplace_back(
+            [&, nThread]
+            {
+                std::size_t const nNext = (nThread + 1) % THREADS;
+                HANDLE const pair[] = {mutexes[nThread], mutexes[nNext]};
+                for (int nRound = 0; nRound < ROUNDS; ++nRound)
+                {
+                    ASSERT_EQ(WaitForMultipleObjects(2, pair, TRUE, INFINITE), WAIT_OBJECT_0);
+                    ++counts[nThread];
+                    ++counts[nNext];
+                    ReleaseMutex(pair[1]);
+                    ReleaseMutex(pair[0]);
+                }
+            });
+    for (std::thread & thread : threads)
+        thread.join();
+    EXPECT_TRUE(std::ranges::all_of(counts, [](int nCount) { return nCount == 2 * ROUNDS; }));
+}
+
+TEST(Mutexes, BelongToTheThreadAsOftenAsItWaited)
+{
+    Handle const hMutex = MakeMutex(true);
+    EXPECT_EQ(WaitForSingleObject(hMutex, 0), WAIT_OBJECT_0);
+    std::thread(
+        [&]
+        {
+            EXPECT_EQ(WaitForSingleObject(hMutex, 1), WAIT_TIMEOUT);
+            EXPECT_FALSE(ReleaseMutex(hMutex));
+            EXPECT_EQ(GetLastError(), DWORD(ERROR_NOT_OWNER));
+        })
+        .join();
+    EXPECT_TRUE(ReleaseMutex(hMutex));
+    Waiters waiters(2,
+                    [&]
+                    {
+                        DWORD const dwResult = WaitForSingleObject(hMutex, INFINITE);
+                        ReleaseMutex(hMutex);
+                        return dwResult;
+                    });
+    EXPECT_TRUE(ReleaseMutex(hMutex));
+    waiters.Join();
+    EXPECT_EQ(waiters.GetFreed(), 2);
+    EXPECT_FALSE(ReleaseMutex(hMutex));
+}
+
+TEST(Mutexes, OfEndedThreadsAreAbandonedOnce)
+{
+    Handle const hMutex = MakeMutex();
+    std::thread([&] { WaitForSingleObject(hMutex, INFINITE); }).join();
+    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_ABANDONED_0);
+    ReleaseMutex(hMutex);
+    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0);
+    ReleaseMutex(hMutex);
+
+    Handle const hGo = MakeEvent(false), hEvent = MakeEvent(true);
+    std::atomic<bool> bOwned{false};
+    std::thread owner(
+        [&]
+        {
+            WaitForSingleObject(hMutex, INFINITE);
+            bOwned = true;
+            WaitForSingleObject(hGo, INFINITE);
+        });
+    while (!bOwned)
+        std::this_thread::yield();
+    HANDLE const handles[] = {hEvent, hMutex};
+    Waiters waiters(1, [&] { return WaitForMultipleObjects(2, handles, FALSE, INFINITE) - WAIT_ABANDONED_0 - 1; });
+    SetEvent(hGo);
+    owner.join();
+    waiters.Join();
+    EXPECT_EQ(waiters.GetFreed(), 1);
+
+    std::thread([] { CloseHandle(CreateMutexW(nullptr, TRUE, nullptr)); }).join(); // closed while owned
+}
+
+TEST(CriticalSections, ExcludeAndNest)
+{
+    static constinit CRITICAL_SECTION section;
+    int nCount = 0;
+    std::vector<std::thread> threads;
+    for (int nThread = 0; nThread < 4; ++nThread)
+        threads.emplace_back(
+            [&]
+            {
+                for (int nRound = 0; nRound < 5'000; ++nRound)
+                {
+                    EnterCriticalSection(&section);
+                    ASSERT_TRUE(TryEnterCriticalSection(&section));
+                    ++nCount;
+                    LeaveCriticalSection(&section);
+                    LeaveCriticalSection(&section);
+                }
+            });
+    for (std::thread & thread : threads)
+        thread.join();
+    EXPECT_EQ(nCount, 20'000);
+    EnterCriticalSection(&section);
+    std::thread(
+        [&]
+        {
+            EXPECT_FALSE(TryEnterCriticalSection(&section));
+            LeaveCriticalSection(&section);
+            EXPECT_FALSE(TryEnterCriticalSection(&section));
+        })
+        .join();
+    LeaveCriticalSection(&section);
+}
+
+TEST(Interlocked, ResultsAreTheDocumentedOnes)
+{
+    LONG volatile nValue = 5;
+    EXPECT_EQ(InterlockedIncrement(&nValue), 6);
+    EXPECT_EQ(InterlockedDecrement(&nValue), 5);
+    EXPECT_EQ(InterlockedExchangeAdd(&nValue, 10), 5);
+    EXPECT_EQ(InterlockedExchange(&nValue, 1), 15);
+    EXPECT_EQ(InterlockedCompareExchange(&nValue, 9, 2), 1);
+    EXPECT_EQ(InterlockedCompareExchange(&nValue, 9, 1), 1);
+    EXPECT_EQ(nValue, 9);
+}
+
+} // namespace

@@ -1,0 +1,253 @@
+#include "kvx/platform/win32/threads.h"
+
+#include "Asleep.h"
+#include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/handles.h"
+#include "kvx/platform/win32/sync.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+template <class Function>
+HANDLE Start(Function & function, DWORD * pThreadId = nullptr)
+{
+    return CreateThread(
+        nullptr, 0, [](LPVOID pFunction) -> DWORD { return (*static_cast<Function *>(pFunction))(); }, &function, 0,
+        pThreadId);
+}
+
+DWORD GetExitCode(HANDLE hThread)
+{
+    DWORD dwCode = 12345;
+    EXPECT_TRUE(GetExitCodeThread(hThread, &dwCode));
+    return dwCode;
+}
+
+TEST(Threads, RunEndAndGiveTheirExitCode)
+{
+    HANDLE const hGo = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    DWORD dwSeen = 0, dwId = 0;
+    auto job = [&]() -> DWORD
+    {
+        dwSeen = GetCurrentThreadId();
+        WaitForSingleObject(hGo, INFINITE);
+        return 77;
+    };
+    HANDLE const hThread = Start(job, &dwId);
+    ASSERT_TRUE(hThread);
+    EXPECT_EQ(GetExitCode(hThread), STILL_ACTIVE);
+    EXPECT_EQ(WaitForSingleObject(hThread, 0), WAIT_TIMEOUT);
+    SetEvent(hGo);
+    EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(hThread, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(dwSeen, dwId);
+    EXPECT_NE(dwSeen, GetCurrentThreadId());
+    EXPECT_EQ(GetExitCode(hThread), 77u);
+    EXPECT_FALSE(TerminateThread(hThread, 1));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    CloseHandle(hThread);
+    CloseHandle(hGo);
+}
+
+TEST(Threads, BadCallsAreRefused)
+{
+    auto const job = [](LPVOID) -> DWORD { return 0; };
+    EXPECT_FALSE(CreateThread(nullptr, 0, job, nullptr, CREATE_SUSPENDED, nullptr));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_NOT_SUPPORTED));
+    EXPECT_FALSE(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    DWORD dwCode = 0;
+    for (HANDLE const hBad : {hEvent, HANDLE(nullptr), INVALID_HANDLE_VALUE})
+    {
+        SetLastError(0);
+        EXPECT_FALSE(TerminateThread(hBad, 0));
+        EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+        EXPECT_FALSE(GetExitCodeThread(hBad, &dwCode));
+        EXPECT_FALSE(SetThreadPriority(hBad, THREAD_PRIORITY_NORMAL));
+        EXPECT_EQ(GetThreadPriority(hBad), THREAD_PRIORITY_ERROR_RETURN);
+    }
+    CloseHandle(hEvent);
+}
+
+TEST(Threads, HandlesMayCloseBeforeTheEnd)
+{
+    std::uint32_t const nHandles = kvx::win32::GetOpenHandleCount();
+    std::atomic<int> nRun{0};
+    auto job = [&]() -> DWORD { return static_cast<DWORD>(++nRun); };
+    for (int nThread = 0; nThread < 100; ++nThread)
+    {
+        HANDLE const hThread = Start(job);
+        ASSERT_TRUE(hThread);
+        CloseHandle(hThread);
+    }
+    while (nRun < 100)
+        Sleep(1);
+    EXPECT_EQ(kvx::win32::GetOpenHandleCount(), nHandles);
+}
+
+TEST(Threads, PrioritiesAreRememberedEvenIfTheyMayNotBeSet)
+{
+    HANDLE const hGo = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    auto job = [&]() -> DWORD { return WaitForSingleObject(hGo, INFINITE); };
+    HANDLE const hThread = Start(job);
+    EXPECT_EQ(GetThreadPriority(hThread), THREAD_PRIORITY_NORMAL);
+    for (int const nPriority : {THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_IDLE, THREAD_PRIORITY_BELOW_NORMAL})
+    {
+        EXPECT_TRUE(SetThreadPriority(hThread, nPriority));
+        EXPECT_EQ(GetThreadPriority(hThread), nPriority);
+    }
+    EXPECT_FALSE(SetThreadPriority(hThread, 7));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(GetThreadPriority(hThread), THREAD_PRIORITY_BELOW_NORMAL);
+    SetEvent(hGo);
+    WaitForSingleObject(hThread, INFINITE);
+    CloseHandle(hThread);
+    CloseHandle(hGo);
+}
+
+TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
+{
+    DWORD const dwSlot = TlsAlloc();
+    ASSERT_NE(dwSlot, TLS_OUT_OF_INDEXES);
+    int nValue = 0;
+    ASSERT_TRUE(TlsSetValue(dwSlot, &nValue));
+    std::atomic<int> nStep{0};
+    std::thread other(
+        [&]
+        {
+            EXPECT_EQ(TlsGetValue(dwSlot), nullptr);
+            TlsSetValue(dwSlot, &nStep);
+            EXPECT_EQ(TlsGetValue(dwSlot), &nStep);
+            for (nStep = 1; nStep != 2;)
+                std::this_thread::yield();
+            EXPECT_EQ(TlsGetValue(dwSlot), nullptr);
+        });
+    while (nStep != 1)
+        std::this_thread::yield();
+    SetLastError(5);
+    EXPECT_EQ(TlsGetValue(dwSlot), &nValue);
+    EXPECT_EQ(GetLastError(), 0u);
+    EXPECT_TRUE(TlsFree(dwSlot));
+    EXPECT_FALSE(TlsFree(dwSlot));
+    EXPECT_FALSE(TlsSetValue(dwSlot, &nValue));
+    EXPECT_EQ(TlsAlloc(), dwSlot);
+    nStep = 2;
+    other.join();
+    EXPECT_EQ(TlsGetValue(dwSlot), nullptr);
+    TlsFree(dwSlot);
+    EXPECT_EQ(TlsGetValue(1088), nullptr);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+}
+
+TEST(Tls, SlotsRunOut)
+{
+    std::vector<DWORD> slots;
+    for (DWORD dwSlot = 0; (dwSlot = TlsAlloc()) != TLS_OUT_OF_INDEXES; slots.push_back(dwSlot))
+        ASSERT_TRUE(TlsSetValue(dwSlot, &slots));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_NO_SYSTEM_RESOURCES));
+    EXPECT_GT(slots.size(), 1000u);
+    for (DWORD const dwSlot : slots)
+    {
+        EXPECT_EQ(TlsGetValue(dwSlot), &slots);
+        EXPECT_TRUE(TlsFree(dwSlot));
+    }
+}
+
+struct Witness
+{
+    std::atomic<bool> & m_bUnwound;
+    ~Witness() { m_bUnwound = true; }
+};
+
+TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
+{
+    std::atomic<bool> bUnwound{false}, bStarted{false};
+    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    HANDLE const hOther = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    HANDLE const hMutex = CreateMutexW(nullptr, FALSE, nullptr);
+    HANDLE const handles[] = {hEvent, hOther, hEvent};
+    for (int nMode = 0; nMode < 3; ++nMode)
+    {
+        bStarted = false;
+        DWORD dwId = 0;
+        auto job = [&]() -> DWORD
+        {
+            Witness const witness{bUnwound};
+            WaitForSingleObject(hMutex, INFINITE);
+            bStarted = true;
+            if (nMode == 0)
+                WaitForMultipleObjects(3, handles, FALSE, INFINITE);
+            else if (nMode == 1)
+                Sleep(INFINITE);
+            while (bStarted)
+                Sleep(0);
+            return 1;
+        };
+        HANDLE const hThread = Start(job, &dwId);
+        while (!bStarted)
+            Sleep(0);
+        if (nMode < 2)
+            WaitUntilAsleep(dwId);
+        EXPECT_TRUE(TerminateThread(hThread, 42));
+        EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
+        EXPECT_EQ(GetExitCode(hThread), 42u);
+        EXPECT_FALSE(TerminateThread(hThread, 43));
+        EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_ABANDONED_0);
+        ReleaseMutex(hMutex);
+        // What is signalled now isn't lost to the dead.
+        SetEvent(hEvent);
+        EXPECT_EQ(WaitForSingleObject(hEvent, 0), WAIT_OBJECT_0);
+        CloseHandle(hThread);
+    }
+    EXPECT_FALSE(bUnwound);
+    for (HANDLE const hObject : {hEvent, hOther, hMutex})
+        CloseHandle(hObject);
+}
+
+TEST(TerminateThread, EndsTheCallerItself)
+{
+    auto job = []() -> DWORD
+    {
+        TerminateThread(GetCurrentThread(), 9);
+        return 1;
+    };
+    HANDLE const hThread = Start(job);
+    EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(GetExitCode(hThread), 9u);
+    CloseHandle(hThread);
+}
+
+TEST(TerminateThread, RacesWithTheThreadsOwnEnd)
+{
+    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    int nTerminated = 0, nEnded = 0;
+    for (int nRound = 0; nRound < 200; ++nRound)
+    {
+        auto job = [&]() -> DWORD
+        {
+            TlsSetValue(0, &nRound);
+            SetEvent(hEvent);
+            return 1;
+        };
+        HANDLE const hThread = Start(job);
+        if (nRound % 2 == 0)
+            WaitForSingleObject(hEvent, INFINITE);
+        bool const bTerminated = TerminateThread(hThread, 2) != FALSE;
+        ASSERT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
+        ASSERT_EQ(GetExitCode(hThread), bTerminated ? 2u : 1u);
+        ++(bTerminated ? nTerminated : nEnded);
+        ResetEvent(hEvent);
+        CloseHandle(hThread);
+    }
+    EXPECT_EQ(nTerminated + nEnded, 200);
+    CloseHandle(hEvent);
+}
+
+} // namespace

@@ -1,0 +1,112 @@
+#include "kvx/platform/HostInfo.h"
+#include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/system.h"
+#include "kvx/platform/win32/time.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+namespace
+{
+
+ULONGLONG ToNumber(FILETIME const & time) { return ULONGLONG(time.dwHighDateTime) << 32 | time.dwLowDateTime; }
+
+TEST(Time, FileTimesGoThereAndBackOverAllYears)
+{
+    constexpr ULONGLONG DAY = 864'000'000'000;
+    ULONGLONG nPrevious = 0;
+    WORD wDayOfWeek = 1;
+    for (ULONGLONG nDay = 0; nDay < 400 * 366; ++nDay)
+    {
+        ULONGLONG const nTicks = nDay * DAY + 863'999'990'000; // the last millisecond of each day
+        FILETIME const time{static_cast<DWORD>(nTicks), static_cast<DWORD>(nTicks >> 32)};
+        SYSTEMTIME fields{};
+        FILETIME back{};
+        ASSERT_TRUE(FileTimeToSystemTime(&time, &fields));
+        ASSERT_TRUE(SystemTimeToFileTime(&fields, &back));
+        ASSERT_EQ(ToNumber(back), nTicks);
+        ASSERT_EQ(fields.wDayOfWeek, wDayOfWeek);
+        wDayOfWeek = (wDayOfWeek + 1) % 7;
+        ULONGLONG const nDate = fields.wYear * 10'000u + fields.wMonth * 100u + fields.wDay;
+        ASSERT_GT(nDate, nPrevious);
+        nPrevious = nDate;
+    }
+    SYSTEMTIME const last{30827, 12, 0, 31, 23, 59, 59, 999};
+    FILETIME time{};
+    SYSTEMTIME fields{};
+    ASSERT_TRUE(SystemTimeToFileTime(&last, &time));
+    ASSERT_TRUE(FileTimeToSystemTime(&time, &fields));
+    EXPECT_EQ(fields.wYear, 30827);
+    EXPECT_EQ(fields.wDay, 31);
+    SYSTEMTIME const unixEpoch{1970, 1, 0, 1, 0, 0, 0, 0};
+    ASSERT_TRUE(SystemTimeToFileTime(&unixEpoch, &time));
+    EXPECT_EQ(ToNumber(time), 116'444'736'000'000'000u);
+}
+
+TEST(Time, FieldsOutOfRangeAreRefused)
+{
+    FILETIME time{};
+    for (SYSTEMTIME const & fields :
+         {SYSTEMTIME{1600, 12, 0, 31, 0, 0, 0, 0}, SYSTEMTIME{2023, 2, 0, 29, 0, 0, 0, 0},
+          SYSTEMTIME{2023, 13, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 0, 0, 0, 0, 0},
+          SYSTEMTIME{2023, 1, 0, 1, 24, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 1, 0, 0, 60, 0},
+          SYSTEMTIME{30828, 1, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 1, 0, 0, 0, 1000}})
+    {
+        SetLastError(0);
+        EXPECT_FALSE(SystemTimeToFileTime(&fields, &time)) << fields.wYear << '-' << fields.wMonth;
+        EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+    }
+    FILETIME const tooLate{0, 0x80000000};
+    SYSTEMTIME fields{};
+    EXPECT_FALSE(FileTimeToSystemTime(&tooLate, &fields));
+}
+
+TEST(Time, LocalTimeIsThatOfTheZone)
+{
+    std::time_t before = 0;
+    std::tm local{};
+    SYSTEMTIME fields{};
+    do // until both looks fall into one second
+    {
+        before = std::time(nullptr);
+        GetLocalTime(&fields);
+    } while (std::time(nullptr) != before);
+    ::localtime_r(&before, &local);
+    EXPECT_EQ(fields.wYear, local.tm_year + 1900);
+    EXPECT_EQ(fields.wMonth, local.tm_mon + 1);
+    EXPECT_EQ(fields.wDay, local.tm_mday);
+    EXPECT_EQ(fields.wDayOfWeek, local.tm_wday);
+    EXPECT_EQ(fields.wHour, local.tm_hour);
+    EXPECT_EQ(fields.wMinute, local.tm_min);
+    EXPECT_EQ(fields.wSecond, local.tm_sec);
+    FILETIME now{}, there{}, back{};
+    GetSystemTimeAsFileTime(&now);
+    ASSERT_TRUE(FileTimeToLocalFileTime(&now, &there));
+    ASSERT_TRUE(LocalFileTimeToFileTime(&there, &back));
+    EXPECT_EQ(ToNumber(back), ToNumber(now));
+    EXPECT_EQ(static_cast<LONGLONG>(ToNumber(there) - ToNumber(now)), local.tm_gmtoff * 10'000'000LL);
+}
+
+TEST(System, ComputerNameTellsTheRoomItNeeds)
+{
+    DWORD nSize = 0;
+    EXPECT_FALSE(GetComputerNameW(nullptr, &nSize));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_BUFFER_OVERFLOW));
+    ASSERT_GT(nSize, 1u);
+    std::u16string strName(nSize, u'?');
+    DWORD nLength = nSize;
+    ASSERT_TRUE(GetComputerNameW(strName.data(), &nLength));
+    EXPECT_EQ(nLength, nSize - 1);
+    EXPECT_EQ(strName[nLength], 0);
+    DWORD nShort = nLength;
+    EXPECT_FALSE(GetComputerNameW(strName.data(), &nShort));
+    SYSTEM_INFO info{};
+    GetSystemInfo(&info);
+    EXPECT_GE(info.dwNumberOfProcessors, 1u);
+    EXPECT_EQ(GetHostInfo().strSystem, u"Linux");
+}
+
+} // namespace

@@ -23,6 +23,8 @@
 #undef GetObject
 #undef FindResource
 #undef GetMessage
+#undef near
+#undef far
 
 #ifndef _T
 #define KVX_WIDE_(text) L##text

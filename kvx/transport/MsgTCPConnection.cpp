@@ -31,7 +31,7 @@ int CMsgTCPConnection::IsConnected()
     winsock::FdSet exceptions;
     winsock::FdZero(exceptions);
     winsock::FdAdd(socket, exceptions);
-    winsock::TimeVal const atOnce{0, 0};
+    winsock::TimeVal atOnce{0, 0};
     return winsock::select(0, nullptr, nullptr, &exceptions, &atOnce) != SOCKET_ERROR;
 }
 

@@ -409,13 +409,17 @@ private:
         digits.resize(static_cast<std::size_t>(result.ptr - first));
         if (d.bAlternate && digits.find('.') == std::string::npos)
         {
-            digits.insert(std::min(digits.find_first_of("ep"), digits.size()), ".");
+            digits.insert(std::min(digits.find_first_of("ep"), digits.size()), 1, '.');
         }
         if (d.type != kind)
         {
             std::ranges::transform(digits, digits.begin(), [](char c) { return kvx::ToUpper(c); });
         }
-        std::string const prefix = std::string(sign) + (kind == 'a' ? (d.type == 'a' ? "0x" : "0X") : "");
+        std::string prefix(sign);
+        if (kind == 'a')
+        {
+            prefix.append(d.type == 'a' ? "0x" : "0X");
+        }
         PutNumber(d, prefix, 0, digits, true);
     }
 

@@ -2,6 +2,8 @@
 
 #include "kvx/platform/host.h"
 
+#include <cstddef>
+
 /// Templates that exported classes derive from must be as visible as those classes. A DLL needs no such
 /// mark: every module there instantiates its own copy.
 #if defined(_WIN32)

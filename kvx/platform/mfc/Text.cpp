@@ -112,7 +112,7 @@ template <class XCHAR>
 XCHAR * CStringT<XCHAR>::Own(int capacity)
 {
     int const length = GetLength();
-    if (m_pText != Nil() && !IsShared() && capacity <= Head()->nCapacity)
+    if (!IsNil() && !IsShared() && capacity <= Head()->nCapacity)
     {
         return m_pText;
     }
@@ -143,7 +143,7 @@ void CStringT<XCHAR>::Assign(View text)
         Empty();
         return;
     }
-    if (m_pText != Nil() && !IsShared() && text.size() <= static_cast<std::size_t>(Head()->nCapacity))
+    if (!IsNil() && !IsShared() && text.size() <= static_cast<std::size_t>(Head()->nCapacity))
     {
         // The new text may be a piece of the old one.
         std::memmove(m_pText, text.data(), text.size() * sizeof(XCHAR));
@@ -181,7 +181,7 @@ void CStringT<XCHAR>::Append(View text)
 template <class XCHAR>
 void CStringT<XCHAR>::Append(CStringT const & text)
 {
-    if (IsEmpty() && m_pText == Nil())
+    if (IsNil())
     {
         *this = text;
         return;

@@ -41,7 +41,8 @@ struct EmptyText
     XCHAR terminator;
 };
 
-/// The text that every empty string points to. Its count is never touched.
+/// The text that empty strings point to. Its count is never touched. Each module of a program may have one of its own, so
+/// it is known by its capacity and not by its address.
 template <class XCHAR>
 inline constexpr EmptyText<XCHAR> EMPTY_TEXT{{0, 0, 0}, 0};
 
@@ -303,6 +304,7 @@ private:
     XCHAR * m_pText;
 
     static XCHAR * Nil() noexcept { return const_cast<XCHAR *>(&kvx::EMPTY_TEXT<XCHAR>.terminator); }
+    bool IsNil() const noexcept { return Head()->nCapacity == 0; }
     static XCHAR * Characters(kvx::TextHead * head) noexcept { return reinterpret_cast<XCHAR *>(head + 1); }
     static int ToIndex(std::size_t index) noexcept { return index == View::npos ? -1 : static_cast<int>(index); }
     static bool Equal(View a, View b) noexcept
@@ -330,14 +332,14 @@ private:
     kvx::TextHead * Head() const noexcept { return reinterpret_cast<kvx::TextHead *>(m_pText) - 1; }
     void Share() const noexcept
     {
-        if (m_pText != Nil())
+        if (!IsNil())
         {
             __gnu_cxx::__atomic_add_dispatch(&Head()->nRefs, 1);
         }
     }
     void Release() noexcept
     {
-        if (m_pText != Nil())
+        if (!IsNil())
         {
             kvx::TextHead * const head = Head();
             // Nobody else can raise a count of 1, so the last owner needs no locked operation.

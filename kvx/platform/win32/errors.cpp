@@ -201,7 +201,10 @@ DWORD WsaErrorFromErrno(int nErrno) noexcept
     return row == ERRNO_TABLE.end() || row->nWsaError == 0 ? ErrorFromErrno(nErrno) : row->nWsaError;
 }
 
-void SetLastErrorFromErrno() noexcept { SetLastError(ErrorFromErrno(errno)); }
+void SetLastErrorFromErrno() noexcept
+{
+    SetLastError(ErrorFromErrno(errno));
+}
 
 } // namespace kvx::win32
 

@@ -160,9 +160,15 @@ KVX_API void SetLastErrorFromErrno() noexcept;
 
 } // namespace kvx::win32
 
-inline DWORD GetLastError() noexcept { return kvx::win32::g_dwLastError; }
+inline DWORD GetLastError() noexcept
+{
+    return kvx::win32::g_dwLastError;
+}
 
-inline void SetLastError(DWORD dwError) noexcept { kvx::win32::g_dwLastError = dwError; }
+inline void SetLastError(DWORD dwError) noexcept
+{
+    kvx::win32::g_dwLastError = dwError;
+}
 
 /// Writes the text of a system error code and a line end (CR LF) to pBuffer, which holds nSize characters, and
 /// returns the length without the closing zero. A code that stands for an errno value gets the host's own text, in

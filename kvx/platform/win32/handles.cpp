@@ -67,7 +67,8 @@ public:
         slot.pObject = object.Detach();
         std::uint32_t const nWord = slot.word.load(std::memory_order_relaxed);
         slot.word.store(nWord | SLOT_OPEN, std::memory_order_release);
-        return reinterpret_cast<HANDLE>(static_cast<UINT_PTR>((nWord >> 2) << GENERATION_SHIFT | nIndex << INDEX_SHIFT));
+        return reinterpret_cast<HANDLE>(
+            static_cast<UINT_PTR>((nWord >> 2) << GENERATION_SHIFT | nIndex << INDEX_SHIFT));
     }
 
     KernelObject * LookUp(HANDLE handle, bool (*pAccepts)(Kind) noexcept) noexcept
@@ -229,8 +230,14 @@ KernelObject * LookUpHandle(HANDLE handle, bool (*pAccepts)(Kind) noexcept) noex
     return g_table.LookUp(handle, pAccepts);
 }
 
-bool CloseObject(HANDLE handle, bool (*pAccepts)(Kind) noexcept) noexcept { return g_table.Close(handle, pAccepts); }
+bool CloseObject(HANDLE handle, bool (*pAccepts)(Kind) noexcept) noexcept
+{
+    return g_table.Close(handle, pAccepts);
+}
 
-std::uint32_t GetOpenHandleCount() noexcept { return g_table.GetOpenCount(); }
+std::uint32_t GetOpenHandleCount() noexcept
+{
+    return g_table.GetOpenCount();
+}
 
 } // namespace kvx::win32

@@ -84,10 +84,8 @@ public:
     Ref(Ref const & other) noexcept : Ref(other.m_pObject) {}
     Ref(Ref && other) noexcept : m_pObject(std::exchange(other.m_pObject, nullptr)) {}
     template <class U>
-        requires std::convertible_to<U *, T *>
-    Ref(Ref<U> other) noexcept : m_pObject(other.Detach())
-    {
-    }
+    requires std::convertible_to<U *, T *> Ref(Ref<U> other)
+    noexcept : m_pObject(other.Detach()) {}
     ~Ref()
     {
         if (m_pObject)

@@ -102,8 +102,8 @@ private:
 NamedOwnership * FindOwnership(ThreadData const & thread, NamedObject::Identity const & identity) noexcept
 {
     std::span const owned(thread.pNamedOwned, thread.nNamedOwned);
-    auto const found = std::ranges::find(owned, identity, [](NamedOwnership const & ownership)
-                                         { return ownership.pObject->GetIdentity(); });
+    auto const found = std::ranges::find(
+        owned, identity, [](NamedOwnership const & ownership) { return ownership.pObject->GetIdentity(); });
     return found == owned.end() ? nullptr : &*found;
 }
 
@@ -134,7 +134,10 @@ NamedObject::NamedObject(WaitType type, std::u16string strKey, std::string strFi
 {
 }
 
-NamedObject::~NamedObject() { ::munmap(m_pState, sizeof(SharedState)); }
+NamedObject::~NamedObject()
+{
+    ::munmap(m_pState, sizeof(SharedState));
+}
 
 void NamedObject::Lock() noexcept
 {
@@ -142,7 +145,10 @@ void NamedObject::Lock() noexcept
         ::pthread_mutex_consistent(&m_pState->lock);
 }
 
-void NamedObject::Unlock() noexcept { ::pthread_mutex_unlock(&m_pState->lock); }
+void NamedObject::Unlock() noexcept
+{
+    ::pthread_mutex_unlock(&m_pState->lock);
+}
 
 bool NamedObject::IsAvailable(ThreadData const & thread) const noexcept
 {
@@ -201,7 +207,10 @@ void NamedObject::FreeSlot(int nSlot) noexcept
     ::pthread_mutex_unlock(&slot.alive);
 }
 
-FutexWord & NamedObject::GetWord(int nSlot) noexcept { return m_pState->slots[nSlot].word; }
+FutexWord & NamedObject::GetWord(int nSlot) noexcept
+{
+    return m_pState->slots[nSlot].word;
+}
 
 void NamedObject::AddOwnership(ThreadData & thread, int nSlot) noexcept
 {
@@ -483,8 +492,8 @@ UniqueFd OpenFile(UniqueFd const & folder, char const * pFile, bool bMayCreate, 
     }
     bExisted = static_cast<bool>(file);
     if (!file && errno == ENOENT && bMayCreate)
-        file = UniqueFd(::openat(folder.Get(), pFile, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                                 S_IRUSR | S_IWUSR));
+        file = UniqueFd(
+            ::openat(folder.Get(), pFile, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
     // Room on the disk is taken now: a full disk must not kill whoever touches the mapping later.
     int nError = file ? 0 : errno;
     if (file && ::flock(file.Get(), LOCK_SH) != 0)
@@ -508,7 +517,9 @@ std::optional<OpenedName> OpenName(WaitType type, std::u16string_view strKey, st
         return std::nullopt;
     OpenedName result;
     result.file = OpenFile(folder, strFile.c_str(), bMayCreate, result.bExisted);
-    struct stat info{};
+    struct stat info
+    {
+    };
     void * pMemory = MAP_FAILED;
     if (result.file && ::fstat(result.file.Get(), &info) == 0)
     {
@@ -565,9 +576,8 @@ Ref<NamedObject> FindOrOpen(WaitType type, std::u16string const & strKey, bool b
     if (!opened)
         return {};
     bExisted = opened->bExisted;
-    auto * const pObject = new (std::nothrow)
-        NamedObject(opened->pState->type, strKey, std::move(strFile), std::move(opened->file), opened->pState,
-                    opened->identity);
+    auto * const pObject = new (std::nothrow) NamedObject(opened->pState->type, strKey, std::move(strFile),
+                                                          std::move(opened->file), opened->pState, opened->identity);
     if (!pObject)
     {
         ::munmap(opened->pState, sizeof(SharedState));
@@ -592,7 +602,9 @@ void NamedObject::OnHandleClosed() noexcept
     {
         UniqueFd const folder = OpenRuntimeFolder();
         UniqueFd const lock = folder ? LockNames(folder) : UniqueFd();
-        struct stat info{};
+        struct stat info
+        {
+        };
         if (lock && ::flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0 &&
             ::fstatat(folder.Get(), m_strFile.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
             Identity{info.st_dev, info.st_ino} == m_identity)
@@ -652,9 +664,15 @@ NamedObject * AsNamed(WaitNode const & node) noexcept
     return IsNamedKind(node.pObject->GetKind()) ? static_cast<NamedObject *>(node.pObject) : nullptr;
 }
 
-Waitable & AsLocal(WaitNode const & node) noexcept { return *static_cast<Waitable *>(node.pObject); }
+Waitable & AsLocal(WaitNode const & node) noexcept
+{
+    return *static_cast<Waitable *>(node.pObject);
+}
 
-bool IsExpired(Deadline deadline) noexcept { return deadline != NEVER && GetMonotonicTime() >= deadline; }
+bool IsExpired(Deadline deadline) noexcept
+{
+    return deadline != NEVER && GetMonotonicTime() >= deadline;
+}
 
 /// A wait that holds named objects. No lock covers objects of several processes, so that two of them may satisfy one
 /// wait at the same moment: the wait then keeps the first and gives the other back as it was.
@@ -664,8 +682,8 @@ public:
     explicit NamedWait(ThreadData & thread) noexcept
         : m_thread(thread), m_waiter(thread.waiter), m_nodes(m_waiter.pNodes, m_waiter.nNodes)
     {
-        m_bHasMutex = std::ranges::any_of(
-            m_nodes, [](WaitNode const & node) { return node.pObject->GetKind() == Kind::NamedMutex; });
+        m_bHasMutex = std::ranges::any_of(m_nodes, [](WaitNode const & node)
+                                          { return node.pObject->GetKind() == Kind::NamedMutex; });
         m_got.fill(NOTHING);
     }
 
@@ -962,7 +980,10 @@ void BeginNamedWait(ThreadData & thread, std::span<KernelObject * const> objects
     waiter.word.store(Waiter::PENDING, std::memory_order_relaxed);
 }
 
-bool IsNamedWait(ThreadData const & thread) noexcept { return thread.waiter.bNamed; }
+bool IsNamedWait(ThreadData const & thread) noexcept
+{
+    return thread.waiter.bNamed;
+}
 
 DWORD RunNamedWait(ThreadData & thread, bool bAll, Deadline deadline) noexcept
 {

@@ -37,7 +37,9 @@ UniqueFd OpenFolder(std::string const & strPath)
         return {};
     }
     UniqueFd folder(::open(strPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat info{};
+    struct stat info
+    {
+    };
     if (!folder || ::fstat(folder.Get(), &info) != 0)
     {
         // A link or a plain file in the folder's place.
@@ -69,6 +71,9 @@ std::string GetRuntimeFolder()
     return OpenFolder(strPath) ? strPath : std::string();
 }
 
-UniqueFd OpenRuntimeFolder() { return OpenFolder(MakePath()); }
+UniqueFd OpenRuntimeFolder()
+{
+    return OpenFolder(MakePath());
+}
 
 } // namespace kvx::win32

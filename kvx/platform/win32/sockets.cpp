@@ -396,7 +396,10 @@ int listen(SOCKET hSocket, int nBacklog)
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket)
         return SOCKET_ERROR;
-    return ::listen(socket->Get(), nBacklog) == 0 ? 0 : FailFromErrno(*socket);
+    // A full queue makes this system drop the next client's first packet, which that client notices a second later; the
+    // original turns clients away at once, and they come again. So small queues are made as long as a burst of clients.
+    constexpr int SHORTEST_QUEUE = 128;
+    return ::listen(socket->Get(), std::max(nBacklog, SHORTEST_QUEUE)) == 0 ? 0 : FailFromErrno(*socket);
 }
 
 SOCKET accept(SOCKET hSocket, SockAddr * pAddress, int * pnLength)

@@ -40,7 +40,10 @@ HANDLE MakeNamed(WaitType type, LPCWSTR pName, bool bInitial, bool bMayCreate) n
     return OpenNamedHandle(type, pName, bInitial, bMayCreate);
 }
 
-bool HasName(LPCWSTR pName) noexcept { return pName && *pName; }
+bool HasName(LPCWSTR pName) noexcept
+{
+    return pName && *pName;
+}
 
 HANDLE OpenNamed(WaitType type, LPCWSTR pName) noexcept
 {
@@ -99,7 +102,10 @@ void InitializeCriticalSection(CRITICAL_SECTION * pSection) noexcept
     pSection->State.store(SECTION_FREE, std::memory_order_release);
 }
 
-void DeleteCriticalSection(CRITICAL_SECTION * pSection) noexcept { InitializeCriticalSection(pSection); }
+void DeleteCriticalSection(CRITICAL_SECTION * pSection) noexcept
+{
+    InitializeCriticalSection(pSection);
+}
 
 void EnterCriticalSection(CRITICAL_SECTION * pSection) noexcept
 {
@@ -161,11 +167,20 @@ HANDLE CreateEventW(SECURITY_ATTRIBUTES *, BOOL bManualReset, BOOL bInitialState
     return hEvent;
 }
 
-HANDLE OpenEventW(DWORD, BOOL, LPCWSTR pName) noexcept { return OpenNamed(WaitType::ManualEvent, pName); }
+HANDLE OpenEventW(DWORD, BOOL, LPCWSTR pName) noexcept
+{
+    return OpenNamed(WaitType::ManualEvent, pName);
+}
 
-BOOL SetEvent(HANDLE hEvent) noexcept { return ChangeEvent(hEvent, true); }
+BOOL SetEvent(HANDLE hEvent) noexcept
+{
+    return ChangeEvent(hEvent, true);
+}
 
-BOOL ResetEvent(HANDLE hEvent) noexcept { return ChangeEvent(hEvent, false); }
+BOOL ResetEvent(HANDLE hEvent) noexcept
+{
+    return ChangeEvent(hEvent, false);
+}
 
 HANDLE CreateMutexW(SECURITY_ATTRIBUTES *, BOOL bInitialOwner, LPCWSTR pName) noexcept
 {
@@ -193,7 +208,10 @@ HANDLE CreateMutexW(SECURITY_ATTRIBUTES *, BOOL bInitialOwner, LPCWSTR pName) no
     return hMutex;
 }
 
-HANDLE OpenMutexW(DWORD, BOOL, LPCWSTR pName) noexcept { return OpenNamed(WaitType::Mutex, pName); }
+HANDLE OpenMutexW(DWORD, BOOL, LPCWSTR pName) noexcept
+{
+    return OpenNamed(WaitType::Mutex, pName);
+}
 
 BOOL ReleaseMutex(HANDLE hMutex) noexcept
 {

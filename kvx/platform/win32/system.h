@@ -21,7 +21,7 @@ struct SYSTEM_INFO
 
 KVX_API void GetSystemInfo(SYSTEM_INFO * pInfo) noexcept;
 
-/// The host's name up to its first dot, with a closing zero. *pSize is the room in characters, and afterwards the length
-/// without the zero. FALSE with last error ERROR_BUFFER_OVERFLOW when the room is too small: *pSize is then the room
-/// needed. A host name may be longer than MAX_COMPUTERNAME_LENGTH.
+/// The host's name up to its first dot, with a closing zero. *pSize is the room in characters, and afterwards the
+/// length without the zero. FALSE with last error ERROR_BUFFER_OVERFLOW when the room is too small: *pSize is then the
+/// room needed. A host name may be longer than MAX_COMPUTERNAME_LENGTH.
 KVX_API BOOL GetComputerNameW(LPWSTR pBuffer, DWORD * pSize) noexcept;

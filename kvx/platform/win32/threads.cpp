@@ -76,6 +76,9 @@ public:
     }
     bool IsTerminating() const noexcept { return m_state.load(std::memory_order_acquire) == TERMINATING; }
 
+    bool IsSignalSent() const noexcept { return m_bSignalSent.load(std::memory_order_acquire); }
+    void SetSignalSent() noexcept { m_bSignalSent.store(true, std::memory_order_release); }
+
     void SetTerminationCode(DWORD dwCode) noexcept { m_terminationCode.store(dwCode, std::memory_order_relaxed); }
 
     /// Makes the handle signalled and gives up all that others may wait for. Frees nothing.
@@ -103,6 +106,7 @@ private:
     std::atomic<DWORD> m_returnCode{0};
     std::atomic<DWORD> m_terminationCode{0};
     std::atomic<bool> m_bOver{false};
+    std::atomic<bool> m_bSignalSent{false};
     ThreadData m_data;
 };
 
@@ -116,7 +120,10 @@ constinit FutexMutex g_setupLock;
 constinit bool g_bSetUp = false;
 constinit pthread_key_t g_endKey = 0;
 
-int GetTerminationSignal() noexcept { return SIGRTMAX - 3; }
+int GetTerminationSignal() noexcept
+{
+    return SIGRTMAX - 3;
+}
 
 void PushCorpse(ThreadObject & thread) noexcept
 {
@@ -179,9 +186,10 @@ void EndThread(void * pValue) noexcept
             return;
         }
     }
-    // Terminated at the last moment: the signal is on its way, and nothing may be left half-done for it to meet.
-    for (;;)
+    // Terminated at the last moment. The id must stay this thread's until the signal is sent.
+    while (!pThread->IsSignalSent())
         ::sched_yield();
+    CompleteTermination();
 }
 
 void OnTerminationSignal(int, siginfo_t * pInfo, void *) noexcept
@@ -209,7 +217,9 @@ bool SetUp() noexcept
     FutexGuard const guard(g_setupLock);
     if (g_bSetUp)
         return true;
-    struct sigaction action{};
+    struct sigaction action
+    {
+    };
     action.sa_sigaction = &OnTerminationSignal;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     ::sigfillset(&action.sa_mask);
@@ -239,9 +249,9 @@ struct PriorityRow
 };
 
 constexpr std::array PRIORITIES{
-    PriorityRow{THREAD_PRIORITY_IDLE, 19},         PriorityRow{THREAD_PRIORITY_LOWEST, 10},
-    PriorityRow{THREAD_PRIORITY_BELOW_NORMAL, 5},  PriorityRow{THREAD_PRIORITY_NORMAL, 0},
-    PriorityRow{THREAD_PRIORITY_ABOVE_NORMAL, -5}, PriorityRow{THREAD_PRIORITY_HIGHEST, -10},
+    PriorityRow{THREAD_PRIORITY_IDLE, 19},           PriorityRow{THREAD_PRIORITY_LOWEST, 10},
+    PriorityRow{THREAD_PRIORITY_BELOW_NORMAL, 5},    PriorityRow{THREAD_PRIORITY_NORMAL, 0},
+    PriorityRow{THREAD_PRIORITY_ABOVE_NORMAL, -5},   PriorityRow{THREAD_PRIORITY_HIGHEST, -10},
     PriorityRow{THREAD_PRIORITY_TIME_CRITICAL, -19},
 };
 
@@ -354,7 +364,10 @@ constexpr DWORD TLS_SLOTS = 1088;
 /// that a slot is null in all threads when it is given out again.
 constinit std::array<std::atomic<std::uint32_t>, TLS_SLOTS> g_tlsGenerations{};
 
-bool IsAllocated(std::uint32_t nGeneration) noexcept { return (nGeneration & 1) != 0; }
+bool IsAllocated(std::uint32_t nGeneration) noexcept
+{
+    return (nGeneration & 1) != 0;
+}
 
 bool GrowTls(ThreadData & thread, DWORD dwIndex) noexcept
 {
@@ -416,6 +429,7 @@ BOOL TerminateThread(HANDLE hThread, DWORD dwExitCode) noexcept
     thread->SetTerminationCode(dwExitCode);
     // The id is still the thread's: a thread that has lost the claim waits for this signal.
     ::syscall(SYS_tgkill, ::getpid(), dwId, GetTerminationSignal());
+    thread->SetSignalSent();
     thread = nullptr;
     BuryCorpses();
     return TRUE;
@@ -436,9 +450,15 @@ BOOL GetExitCodeThread(HANDLE hThread, DWORD * pExitCode) noexcept
     return TRUE;
 }
 
-DWORD GetCurrentThreadId() noexcept { return g_dwThreadId != 0 ? g_dwThreadId : MakeThreadId(); }
+DWORD GetCurrentThreadId() noexcept
+{
+    return g_dwThreadId != 0 ? g_dwThreadId : MakeThreadId();
+}
 
-DWORD GetCurrentProcessId() noexcept { return static_cast<DWORD>(::getpid()); }
+DWORD GetCurrentProcessId() noexcept
+{
+    return static_cast<DWORD>(::getpid());
+}
 
 BOOL SetThreadPriority(HANDLE hThread, int nPriority) noexcept
 {
@@ -485,7 +505,10 @@ void Sleep(DWORD dwMilliseconds) noexcept
     }
 }
 
-BOOL SwitchToThread() noexcept { return ::sched_yield() == 0; }
+BOOL SwitchToThread() noexcept
+{
+    return ::sched_yield() == 0;
+}
 
 DWORD TlsAlloc() noexcept
 {

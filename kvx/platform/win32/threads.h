@@ -29,9 +29,9 @@ KVX_API HANDLE CreateThread(SECURITY_ATTRIBUTES * pAttributes, SIZE_T nStackSize
                             LPVOID pParameter, DWORD dwFlags, DWORD * pThreadId) noexcept;
 
 /// Stops a thread for good wherever it is, without running anything of it: destructors don't run, locks stay taken,
-/// memory of the C library it was about to use may be lost. Mutexes that it owned are abandoned. Returns without waiting
-/// for the end: wait for the handle. FALSE with last error ERROR_INVALID_HANDLE, or ERROR_ACCESS_DENIED when the thread
-/// has ended already or is being terminated. GetCurrentThread() is accepted on a thread of CreateThread.
+/// memory of the C library it was about to use may be lost. Mutexes that it owned are abandoned. Returns without
+/// waiting for the end: wait for the handle. FALSE with last error ERROR_INVALID_HANDLE, or ERROR_ACCESS_DENIED when
+/// the thread has ended already or is being terminated. GetCurrentThread() is accepted on a thread of CreateThread.
 KVX_API BOOL TerminateThread(HANDLE hThread, DWORD dwExitCode) noexcept;
 
 /// What the thread procedure returned or TerminateThread gave; STILL_ACTIVE while the thread runs.
@@ -42,8 +42,14 @@ KVX_API DWORD GetCurrentThreadId() noexcept;
 KVX_API DWORD GetCurrentProcessId() noexcept;
 
 /// Stands for the calling thread where a thread handle is asked for; needs no closing.
-inline HANDLE GetCurrentThread() noexcept { return reinterpret_cast<HANDLE>(static_cast<INT_PTR>(-2)); }
-inline HANDLE GetCurrentProcess() noexcept { return reinterpret_cast<HANDLE>(static_cast<INT_PTR>(-1)); }
+inline HANDLE GetCurrentThread() noexcept
+{
+    return reinterpret_cast<HANDLE>(static_cast<INT_PTR>(-2));
+}
+inline HANDLE GetCurrentProcess() noexcept
+{
+    return reinterpret_cast<HANDLE>(static_cast<INT_PTR>(-1));
+}
 
 /// Sets one of the THREAD_PRIORITY_ values. One that the user may not set, or could not take back, has no effect but is
 /// remembered: that is no failure. FALSE with last error ERROR_INVALID_HANDLE, or ERROR_INVALID_PARAMETER for an

@@ -82,7 +82,10 @@ std::int64_t GetLocalOffset(std::int64_t nSecond) noexcept
     return local.tm_gmtoff;
 }
 
-std::int64_t GetCurrentLocalOffset() noexcept { return GetLocalOffset(GetNow() / TICKS_PER_S - EPOCH_S); }
+std::int64_t GetCurrentLocalOffset() noexcept
+{
+    return GetLocalOffset(GetNow() / TICKS_PER_S - EPOCH_S);
+}
 
 BOOL Fail() noexcept
 {
@@ -105,7 +108,10 @@ BOOL Shift(FILETIME const * pFrom, FILETIME * pTo, std::int64_t nSeconds) noexce
 
 using namespace kvx::win32;
 
-void GetSystemTime(SYSTEMTIME * pTime) noexcept { *pTime = ToSystemTime(GetNow()); }
+void GetSystemTime(SYSTEMTIME * pTime) noexcept
+{
+    *pTime = ToSystemTime(GetNow());
+}
 
 void GetLocalTime(SYSTEMTIME * pTime) noexcept
 {
@@ -113,7 +119,10 @@ void GetLocalTime(SYSTEMTIME * pTime) noexcept
     *pTime = ToSystemTime(nNow + GetLocalOffset(nNow / TICKS_PER_S - EPOCH_S) * TICKS_PER_S);
 }
 
-void GetSystemTimeAsFileTime(FILETIME * pTime) noexcept { *pTime = ToFileTime(GetNow()); }
+void GetSystemTimeAsFileTime(FILETIME * pTime) noexcept
+{
+    *pTime = ToFileTime(GetNow());
+}
 
 BOOL SystemTimeToFileTime(SYSTEMTIME const * pTime, FILETIME * pFileTime) noexcept
 {
@@ -156,7 +165,10 @@ ULONGLONG GetTickCount64() noexcept
     return static_cast<ULONGLONG>(now.tv_sec) * 1000 + static_cast<ULONGLONG>(now.tv_nsec) / 1'000'000;
 }
 
-DWORD GetTickCount() noexcept { return static_cast<DWORD>(GetTickCount64()); }
+DWORD GetTickCount() noexcept
+{
+    return static_cast<DWORD>(GetTickCount64());
+}
 
 BOOL QueryPerformanceCounter(LARGE_INTEGER * pCount) noexcept
 {

@@ -11,8 +11,8 @@ KVX_API void GetSystemTime(SYSTEMTIME * pTime) noexcept;
 KVX_API void GetLocalTime(SYSTEMTIME * pTime) noexcept;
 KVX_API void GetSystemTimeAsFileTime(FILETIME * pTime) noexcept;
 
-/// FALSE with last error ERROR_INVALID_PARAMETER if a field is out of range (years are 1601 to 30827); the day of week is
-/// ignored.
+/// FALSE with last error ERROR_INVALID_PARAMETER if a field is out of range (years are 1601 to 30827); the day of week
+/// is ignored.
 KVX_API BOOL SystemTimeToFileTime(SYSTEMTIME const * pTime, FILETIME * pFileTime) noexcept;
 /// FALSE with last error ERROR_INVALID_PARAMETER if the highest bit is set.
 KVX_API BOOL FileTimeToSystemTime(FILETIME const * pFileTime, SYSTEMTIME * pTime) noexcept;

@@ -19,7 +19,10 @@ namespace
 
 constinit MutexObject * g_pLateMutexes = nullptr; // under the wait lock
 
-Waitable & GetLocal(WaitNode const & node) noexcept { return *static_cast<Waitable *>(node.pObject); }
+Waitable & GetLocal(WaitNode const & node) noexcept
+{
+    return *static_cast<Waitable *>(node.pObject);
+}
 
 void Complete(Waiter & waiter, DWORD dwResult, WakeList & wakes) noexcept
 {

@@ -28,7 +28,6 @@ enum class WaitType : std::uint8_t
     AutoEvent,
     Mutex,
     Thread,
-    Process,
 };
 
 struct WaitTypeRow
@@ -44,10 +43,12 @@ inline constexpr std::array WAIT_TYPES{
     WaitTypeRow{WaitType::AutoEvent, WaitRule::Consumed, Kind::Event, Kind::NamedEvent},
     WaitTypeRow{WaitType::Mutex, WaitRule::Owned, Kind::Mutex, Kind::NamedMutex},
     WaitTypeRow{WaitType::Thread, WaitRule::Stays, Kind::Thread, std::nullopt},
-    WaitTypeRow{WaitType::Process, WaitRule::Stays, Kind::Process, std::nullopt},
 };
 
-constexpr WaitTypeRow const & GetRow(WaitType type) noexcept { return WAIT_TYPES[static_cast<std::size_t>(type)]; }
+constexpr WaitTypeRow const & GetRow(WaitType type) noexcept
+{
+    return WAIT_TYPES[static_cast<std::size_t>(type)];
+}
 
 constexpr bool IsNamedKind(Kind kind) noexcept
 {
@@ -138,7 +139,7 @@ struct ThreadData
     /// Frees all that the thread held. No wait of it may be queued.
     void Clear() noexcept;
 
-    ThreadObject * const pThread;        // null if the thread wasn't made by CreateThread
+    ThreadObject * const pThread; // null if the thread wasn't made by CreateThread
     Waiter waiter;
     MutexObject * pOwnedMutexes = nullptr; // under the wait lock
     TlsEntry * pTlsEntries = nullptr;
@@ -153,7 +154,10 @@ extern constinit thread_local ThreadData * g_pThreadData __attribute__((tls_mode
 
 /// The calling thread's data; null with last error ERROR_NOT_ENOUGH_MEMORY.
 ThreadData * MakeThreadData() noexcept;
-inline ThreadData * GetThreadData() noexcept { return g_pThreadData ? g_pThreadData : MakeThreadData(); }
+inline ThreadData * GetThreadData() noexcept
+{
+    return g_pThreadData ? g_pThreadData : MakeThreadData();
+}
 
 extern constinit FutexMutex g_waitLock;
 

@@ -27,8 +27,9 @@ TEST(Errors, TextsComeFromTheHostAndEndInALineEnd)
 
 TEST(Errors, CodesWithoutErrnoHaveTexts)
 {
-    for (DWORD const dwError : {0, 6, 12, 13, 14, 18, 22, 38, 80, 87, 110, 121, 122, 123, 126, 127, 161, 183, 232, 267,
-                                288, 298, 487, 535, 536, 995, 996, 1168, 1223, 1243, 1314, 1359, 1460, 5010, 10101, 11001})
+    for (DWORD const dwError :
+         {0,   6,   12,  13,  14,  18,  22,  38,  80,  87,   110,  121,  122,  123,  126,  127,  161,   183,
+          232, 267, 288, 298, 487, 535, 536, 995, 996, 1168, 1223, 1243, 1314, 1359, 1460, 5010, 10101, 11001})
         EXPECT_GT(GetText(dwError).size(), 4u) << dwError;
 }
 

@@ -37,7 +37,10 @@ public:
     Other() : KernelObject(Kind::Pipe) {}
 };
 
-HANDLE OpenProbe() { return OpenHandle(Ref<KernelObject>(new Probe)); }
+HANDLE OpenProbe()
+{
+    return OpenHandle(Ref<KernelObject>(new Probe));
+}
 
 TEST(Handles, StaleForeignAndImpossibleValuesAreInvalid)
 {
@@ -52,9 +55,9 @@ TEST(Handles, StaleForeignAndImpossibleValuesAreInvalid)
     EXPECT_FALSE(CloseObject(hOther, &IsOfKind<Probe>));
     EXPECT_TRUE(CloseObject(hOther));
     EXPECT_TRUE(CloseHandle(hProbe));
-    for (HANDLE const hBad :
-         {hProbe, HANDLE(nullptr), INVALID_HANDLE_VALUE, reinterpret_cast<HANDLE>(1), reinterpret_cast<HANDLE>(0x7FFFFFFC),
-          reinterpret_cast<HANDLE>(reinterpret_cast<UINT_PTR>(&g_nAlive)), GetCurrentThread()})
+    for (HANDLE const hBad : {hProbe, HANDLE(nullptr), INVALID_HANDLE_VALUE, reinterpret_cast<HANDLE>(1),
+                              reinterpret_cast<HANDLE>(0x7FFFFFFC),
+                              reinterpret_cast<HANDLE>(reinterpret_cast<UINT_PTR>(&g_nAlive)), GetCurrentThread()})
     {
         SetLastError(0);
         EXPECT_FALSE(FindObject<KernelObject>(hBad));

@@ -176,8 +176,7 @@ TEST_F(Named, SignalsReachExactlyThoseWhoWait)
     {
         auto const job = [&] { return WaitForSingleObject(bManual ? hManual : hAuto, INFINITE) != WAIT_OBJECT_0; };
         Child first(job), second(job);
-        WaitUntilAsleep(first.GetId());
-        WaitUntilAsleep(second.GetId());
+        WaitUntilAsleep({first.GetId(), second.GetId()});
         SetEvent(bManual ? hManual : hAuto);
         if (bManual)
             ResetEvent(hManual);
@@ -188,7 +187,7 @@ TEST_F(Named, SignalsReachExactlyThoseWhoWait)
     }
     // A signal isn't spent on a waiter that was killed.
     Child victim([&] { return WaitForSingleObject(hAuto, INFINITE) == WAIT_OBJECT_0; });
-    WaitUntilAsleep(victim.GetId());
+    WaitUntilAsleep({victim.GetId()});
     victim.Kill();
     EXPECT_EQ(victim.Join(), -1);
     SetEvent(hAuto);
@@ -242,7 +241,7 @@ TEST_F(Named, MutexesBelongToOneThreadOfOneProcess)
         })
         .join();
     EXPECT_TRUE(ReleaseMutex(hMutex));
-    WaitUntilAsleep(child.GetId());
+    WaitUntilAsleep({child.GetId()});
     EXPECT_TRUE(ReleaseMutex(hMutex));
     EXPECT_EQ(child.Join(), 0);
     EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0);
@@ -273,7 +272,7 @@ TEST_F(Named, MutexesOfDeadOwnersAreAbandoned)
             [&]
             {
                 if (bWaitFirst)
-                    WaitUntilAsleep(dwWaiter);
+                    WaitUntilAsleep({dwWaiter});
                 owner.Kill();
                 if (!bWaitFirst)
                     owner.Join();
@@ -291,6 +290,39 @@ TEST_F(Named, MutexesOfDeadOwnersAreAbandoned)
     EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_ABANDONED_0);
     for (HANDLE const hObject : {hMutex, hReady, hLocal})
         CloseHandle(hObject);
+}
+
+TEST_F(Named, AProcessMayDieAnywhere)
+{
+    HANDLE const hMutex = CreateMutexW(nullptr, FALSE, u"mutex"), hEvent = Create(u"event");
+    HANDLE const handles[] = {hMutex, hEvent};
+    for (int nRound = 0; nRound < 60; ++nRound)
+    {
+        Child child(
+            [&]
+            {
+                for (;;)
+                {
+                    WaitForMultipleObjects(2, handles, TRUE, 0);
+                    WaitForSingleObject(hMutex, INFINITE);
+                    SetEvent(hEvent);
+                    CloseHandle(Create(u"other"));
+                    ReleaseMutex(hMutex);
+                }
+                return 0;
+            });
+        ::usleep(static_cast<useconds_t>(1'000 + nRound * 37));
+        child.Kill();
+        child.Join();
+        DWORD const dwResult = WaitForSingleObject(hMutex, 10'000);
+        ASSERT_TRUE(dwResult == WAIT_OBJECT_0 || dwResult == WAIT_ABANDONED_0) << dwResult;
+        ASSERT_TRUE(ReleaseMutex(hMutex));
+        SetEvent(hEvent);
+        ASSERT_EQ(WaitForSingleObject(hEvent, 0), WAIT_OBJECT_0);
+        ASSERT_FALSE(Exists(u"other"));
+    }
+    CloseHandle(hMutex);
+    CloseHandle(hEvent);
 }
 
 TEST_F(Named, NamesDieWithTheLastProcessThatHasThem)

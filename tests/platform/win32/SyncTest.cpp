@@ -32,8 +32,14 @@ struct Handle
     HANDLE m_hValue;
 };
 
-Handle MakeEvent(bool bManual, bool bSignalled = false) { return Handle(CreateEventW(nullptr, bManual, bSignalled, nullptr)); }
-Handle MakeMutex(bool bOwned = false) { return Handle(CreateMutexW(nullptr, bOwned, nullptr)); }
+Handle MakeEvent(bool bManual, bool bSignalled = false)
+{
+    return Handle(CreateEventW(nullptr, bManual, bSignalled, nullptr));
+}
+Handle MakeMutex(bool bOwned = false)
+{
+    return Handle(CreateMutexW(nullptr, bOwned, nullptr));
+}
 
 /// Threads that each run a wait, and sleep in it when the constructor returns.
 class Waiters
@@ -52,11 +58,9 @@ public:
                     ++m_nEnded;
                 });
         for (auto & id : ids)
-        {
             while (id == 0)
                 std::this_thread::yield();
-            WaitUntilAsleep(id);
-        }
+        WaitUntilAsleep({ids.begin(), ids.end()});
     }
     ~Waiters() { Join(); }
     void Join()
@@ -97,7 +101,8 @@ TEST(Waits, BadArgumentsAreRefused)
     Handle const hMutex = MakeMutex();
     HANDLE const pair[] = {hEvent, hEvent};
     std::vector<HANDLE> const many(65, hEvent);
-    auto const fails = [](DWORD dwResult, LONG nError) { return dwResult == WAIT_FAILED && GetLastError() == DWORD(nError); };
+    auto const fails = [](DWORD dwResult, LONG nError)
+    { return dwResult == WAIT_FAILED && GetLastError() == DWORD(nError); };
     EXPECT_TRUE(fails(WaitForMultipleObjects(0, pair, FALSE, 0), ERROR_INVALID_PARAMETER));
     EXPECT_TRUE(fails(WaitForMultipleObjects(65, many.data(), FALSE, 0), ERROR_INVALID_PARAMETER));
     EXPECT_TRUE(fails(WaitForMultipleObjects(2, pair, TRUE, 0), ERROR_INVALID_PARAMETER));

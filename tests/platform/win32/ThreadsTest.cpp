@@ -194,7 +194,7 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
         while (!bStarted)
             Sleep(0);
         if (nMode < 2)
-            WaitUntilAsleep(dwId);
+            WaitUntilAsleep({dwId});
         EXPECT_TRUE(TerminateThread(hThread, 42));
         EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
         EXPECT_EQ(GetExitCode(hThread), 42u);
@@ -222,6 +222,40 @@ TEST(TerminateThread, EndsTheCallerItself)
     EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
     EXPECT_EQ(GetExitCode(hThread), 9u);
     CloseHandle(hThread);
+}
+
+TEST(TerminateThread, LeavesNoLockOfTheSystemTaken)
+{
+    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr), hMutex = CreateMutexW(nullptr, FALSE, nullptr);
+    HANDLE const handles[] = {hMutex, hEvent};
+    for (int nRound = 0; nRound < 100; ++nRound)
+    {
+        std::atomic<int> nSteps{0};
+        auto job = [&]() -> DWORD
+        {
+            for (;; ++nSteps)
+            {
+                WaitForMultipleObjects(2, handles, nSteps % 2 == 0, 0);
+                SetEvent(hEvent);
+                CloseHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+                ReleaseMutex(hMutex);
+            }
+        };
+        HANDLE const hThread = Start(job);
+        while (nSteps <= nRound)
+            Sleep(0);
+        EXPECT_TRUE(TerminateThread(hThread, 3));
+        ASSERT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
+        CloseHandle(hThread);
+        DWORD const dwResult = WaitForSingleObject(hMutex, INFINITE);
+        ASSERT_TRUE(dwResult == WAIT_OBJECT_0 || dwResult == WAIT_ABANDONED_0);
+        ASSERT_TRUE(ReleaseMutex(hMutex));
+        ASSERT_FALSE(ReleaseMutex(hMutex));
+        SetEvent(hEvent);
+        ASSERT_EQ(WaitForSingleObject(hEvent, 0), WAIT_OBJECT_0);
+    }
+    CloseHandle(hEvent);
+    CloseHandle(hMutex);
 }
 
 TEST(TerminateThread, RacesWithTheThreadsOwnEnd)

@@ -1,7 +1,7 @@
+#include "kvx/platform/win32/time.h"
 #include "kvx/platform/HostInfo.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/system.h"
-#include "kvx/platform/win32/time.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,10 @@
 namespace
 {
 
-ULONGLONG ToNumber(FILETIME const & time) { return ULONGLONG(time.dwHighDateTime) << 32 | time.dwLowDateTime; }
+ULONGLONG ToNumber(FILETIME const & time)
+{
+    return ULONGLONG(time.dwHighDateTime) << 32 | time.dwLowDateTime;
+}
 
 TEST(Time, FileTimesGoThereAndBackOverAllYears)
 {
@@ -49,11 +52,10 @@ TEST(Time, FileTimesGoThereAndBackOverAllYears)
 TEST(Time, FieldsOutOfRangeAreRefused)
 {
     FILETIME time{};
-    for (SYSTEMTIME const & fields :
-         {SYSTEMTIME{1600, 12, 0, 31, 0, 0, 0, 0}, SYSTEMTIME{2023, 2, 0, 29, 0, 0, 0, 0},
-          SYSTEMTIME{2023, 13, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 0, 0, 0, 0, 0},
-          SYSTEMTIME{2023, 1, 0, 1, 24, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 1, 0, 0, 60, 0},
-          SYSTEMTIME{30828, 1, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 1, 0, 0, 0, 1000}})
+    for (SYSTEMTIME const & fields : {SYSTEMTIME{1600, 12, 0, 31, 0, 0, 0, 0}, SYSTEMTIME{2023, 2, 0, 29, 0, 0, 0, 0},
+                                      SYSTEMTIME{2023, 13, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 0, 0, 0, 0, 0},
+                                      SYSTEMTIME{2023, 1, 0, 1, 24, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 1, 0, 0, 60, 0},
+                                      SYSTEMTIME{30828, 1, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 1, 0, 0, 0, 1000}})
     {
         SetLastError(0);
         EXPECT_FALSE(SystemTimeToFileTime(&fields, &time)) << fields.wYear << '-' << fields.wMonth;

@@ -1,0 +1,280 @@
+#include "Limits.h"
+
+#include "Harness.h"
+#include "TableTexts.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace bench
+{
+namespace
+{
+constexpr std::uint32_t BACK_REFERENCE = 0x80000000;
+
+sockaddr_in Loopback(int port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+} // namespace
+
+PlainSocket::PlainSocket(int handle) : m_nHandle(handle)
+{
+    int const on = 1;
+    ::setsockopt(handle, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+}
+
+PlainSocket::~PlainSocket()
+{
+    if (m_nHandle >= 0)
+    {
+        ::close(m_nHandle);
+    }
+}
+
+PlainSocket PlainSocket::Connect(int port)
+{
+    int const handle = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in const address = Loopback(port);
+    if (::connect(handle, reinterpret_cast<sockaddr const *>(&address), sizeof(address)) != 0)
+    {
+        Fail("cannot connect");
+    }
+    return PlainSocket(handle);
+}
+
+void PlainSocket::Send(Bytes const & bytes) const
+{
+    if (::send(m_nHandle, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
+    {
+        Fail("cannot send");
+    }
+}
+
+std::size_t PlainSocket::Receive(void * buffer, std::size_t size) const
+{
+    ssize_t const got = ::recv(m_nHandle, buffer, size, 0);
+    return got > 0 ? static_cast<std::size_t>(got) : 0;
+}
+
+bool PlainSocket::ReceiveAll(void * buffer, std::size_t size) const
+{
+    return ::recv(m_nHandle, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
+}
+
+int ServePlain(std::function<void(PlainSocket &)> serve)
+{
+    int const listening = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = Loopback(0);
+    socklen_t size = sizeof(address);
+    if (::bind(listening, reinterpret_cast<sockaddr const *>(&address), sizeof(address)) != 0 ||
+        ::listen(listening, SOMAXCONN) != 0 ||
+        ::getsockname(listening, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+    {
+        Fail("cannot listen");
+    }
+    std::thread(
+        [listening, serve = std::move(serve)]
+        {
+            for (;;)
+            {
+                int const accepted = ::accept(listening, nullptr, nullptr);
+                if (accepted < 0)
+                {
+                    return;
+                }
+                std::thread(
+                    [accepted, serve]
+                    {
+                        PlainSocket socket(accepted);
+                        serve(socket);
+                    })
+                    .detach();
+            }
+        })
+        .detach();
+    return ntohs(address.sin_port);
+}
+
+void PlainWriter::Word(std::uint32_t word)
+{
+    word = htonl(word);
+    auto const * const from = reinterpret_cast<unsigned char const *>(&word);
+    m_bytes.insert(m_bytes.end(), from, from + sizeof(word));
+}
+
+void PlainWriter::Text(std::u16string_view text)
+{
+    auto const [known, bNew] = m_known.try_emplace(std::u16string(text), static_cast<std::uint32_t>(m_known.size()));
+    if (!bNew)
+    {
+        Word(known->second | BACK_REFERENCE);
+        return;
+    }
+    Word(static_cast<std::uint32_t>(text.size()));
+    auto const * const from = reinterpret_cast<unsigned char const *>(text.data());
+    m_bytes.insert(m_bytes.end(), from, from + text.size() * sizeof(char16_t));
+}
+
+void PlainWriter::SendTo(PlainSocket const & socket)
+{
+    socket.Send(m_bytes);
+    m_bytes.clear();
+    m_known.clear();
+}
+
+void PlainReader::Take(void * to, std::size_t count)
+{
+    auto * out = static_cast<unsigned char *>(to);
+    while (count > 0)
+    {
+        if (m_nNext == m_nEnd)
+        {
+            m_nNext = 0;
+            m_nEnd = m_socket.Receive(m_buffer.data(), m_buffer.size());
+            if (m_nEnd == 0)
+            {
+                m_bGood = false;
+                std::memset(out, 0, count);
+                return;
+            }
+        }
+        std::size_t const step = std::min(count, m_nEnd - m_nNext);
+        std::memcpy(out, m_buffer.data() + m_nNext, step);
+        m_nNext += step;
+        out += step;
+        count -= step;
+    }
+}
+
+std::uint32_t PlainReader::Word()
+{
+    std::uint32_t word = 0;
+    Take(&word, sizeof(word));
+    return ntohl(word);
+}
+
+std::u16string PlainReader::Text()
+{
+    std::uint32_t const length = Word();
+    if (length & BACK_REFERENCE)
+    {
+        return m_known.at(length & ~BACK_REFERENCE);
+    }
+    std::u16string text(length, u'\0');
+    Take(text.data(), length * sizeof(char16_t));
+    m_known.push_back(text);
+    return text;
+}
+
+void PlainRequest::Write(PlainWriter & writer) const
+{
+    writer.Word(nFlags);
+    writer.Text(strCommand);
+    writer.Word(static_cast<std::uint32_t>(parameters.size()));
+    for (auto const & [name, value] : parameters)
+    {
+        writer.Text(name);
+        writer.Text(value);
+    }
+    writer.Text({}); // the trailer: no text, no row sets
+    writer.Word(0);
+}
+
+void PlainRequest::Read(PlainReader & reader)
+{
+    reader.BeginMessage();
+    nFlags = reader.Word();
+    strCommand = reader.Text();
+    parameters.clear();
+    for (std::uint32_t left = reader.Word(); left > 0 && reader.IsGood(); --left)
+    {
+        std::u16string name = reader.Text();
+        parameters.emplace_back(std::move(name), reader.Text());
+    }
+    reader.Text();
+    reader.Word();
+}
+
+int PlainRequest::GetNumber(std::u16string_view name) const
+{
+    int number = 0;
+    for (auto const & [known, value] : parameters)
+    {
+        if (known == name)
+        {
+            for (char16_t const digit : value)
+            {
+                number = 10 * number + (digit - u'0');
+            }
+        }
+    }
+    return number;
+}
+
+void PlainResponse::Write(PlainWriter & writer) const
+{
+    writer.Text(strStatus);
+    writer.Word(1);
+    writer.Text(strTable);
+    writer.Word(columns.empty() ? 0 : static_cast<std::uint32_t>(columns[0].cells.size()));
+    writer.Word(static_cast<std::uint32_t>(columns.size()));
+    for (PlainColumn const & column : columns)
+    {
+        writer.Text(column.strName);
+        writer.Word(static_cast<std::uint32_t>(column.cells.size()));
+        for (std::u16string const & cell : column.cells)
+        {
+            writer.Text(cell);
+        }
+    }
+}
+
+void PlainResponse::Read(PlainReader & reader)
+{
+    reader.BeginMessage();
+    strStatus = reader.Text();
+    reader.Word();
+    strTable = reader.Text();
+    reader.Word();
+    columns.resize(reader.Word());
+    for (PlainColumn & column : columns)
+    {
+        column.strName = reader.Text();
+        std::uint32_t const rows = reader.Word();
+        column.cells.clear();
+        column.cells.reserve(rows);
+        for (std::uint32_t row = 0; row < rows && reader.IsGood(); ++row)
+        {
+            column.cells.push_back(reader.Text());
+        }
+    }
+}
+
+PlainResponse MakePlainTable(int rows, int columns)
+{
+    PlainResponse table;
+    table.strTable = TABLE_NAME;
+    for (int column = 0; column < columns; ++column)
+    {
+        PlainColumn & made = table.columns.emplace_back();
+        made.strName = ColumnName(column);
+        made.cells.reserve(static_cast<std::size_t>(rows));
+        for (int row = 0; row < rows; ++row)
+        {
+            made.cells.emplace_back(column == 0 ? std::u16string_view(RowName(row)) : SharedWord(row, column));
+        }
+    }
+    return table;
+}
+} // namespace bench

@@ -1,0 +1,45 @@
+#pragma once
+
+/// The services that the measurements call, and the ends that library and callers have of them.
+
+#include "kvx/messaging/MsgRequest.h"
+#include "kvx/transport/MsgStream.h"
+
+#include <vector>
+
+namespace bench
+{
+/// Registers below "host":
+///   table.get    rows, columns: a table made for this call
+///   table.kept   the same from one that is kept, and shared by every response
+///   count.add    one more
+///   count.wait   total: answers when that many have been counted, and begins at 0 again
+///   ping         nothing
+/// and a listener on a free port of the loopback address, which is given back.
+int StartServices();
+/// Ends the library too.
+void StopServices();
+
+/// Registers a connection to the port at "host", until the other call.
+void ConnectServices(int port);
+void LeaveServices();
+
+/// The last call of a program that has used the library.
+void EndLibrary();
+
+/// Three parameters, as the callers of tables give them.
+void FillTableRequest(CMsgRequest & request, int rows, int columns);
+
+/// Keeps what a message writes.
+class ByteStream : public CMsgStream
+{
+public:
+    ByteStream() : CMsgStream(1) { EnableCompact(); }
+    ~ByteStream() override { DeleteCompact(); }
+
+    int ReadData(void *, DWORD) override { return 0; }
+    int WriteData(void const * buffer, DWORD count) override;
+
+    std::vector<unsigned char> m_bytes;
+};
+} // namespace bench

@@ -1,0 +1,24 @@
+# cmake --install: headers, both libraries, a CMake package and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+foreach(product IN LISTS kvx_products)
+    install(FILES $<TARGET_FILE:${product}> DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endforeach()
+if(NOT WIN32)
+    install(FILES $<TARGET_SONAME_FILE:kvxbase5> $<TARGET_LINKER_FILE:kvxbase5> DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
+if(TARGET kvx)
+    install(PROGRAMS $<TARGET_FILE:kvx> DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/kvx DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KVXBase5Config.cmake.in
+                              ${PROJECT_BINARY_DIR}/KVXBase5Config.cmake
+                              INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KVXBase5
+                              PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KVXBase5ConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KVXBase5Config.cmake ${PROJECT_BINARY_DIR}/KVXBase5ConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KVXBase5)
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/kvxbase5.pc.in ${PROJECT_BINARY_DIR}/kvxbase5.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kvxbase5.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

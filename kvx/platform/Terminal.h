@@ -1,0 +1,36 @@
+#pragma once
+
+/// What a command line program asks of its host: arguments, terminal, and the wish of the user or the system that it ends.
+
+#include "kvx/platform/export.h"
+#include "kvx/platform/host.h"
+
+#include <string>
+#include <vector>
+
+namespace kvx
+{
+enum class StandardStream
+{
+    Output,
+    Error
+};
+
+/// The arguments without the program's name, as UTF-8. To be called once, at the start of main: it also makes the C
+/// library's stdout and stderr take UTF-8 bytes as they are, with no change of line ends.
+KVX_API std::vector<std::string> GetProgramArguments(int argc, char ** argv);
+
+/// Whether somebody reads the stream on a terminal.
+KVX_API bool IsTerminal(StandardStream stream);
+
+/// Columns of the terminal that the standard output is; 0 if it is none or doesn't tell.
+KVX_API int GetTerminalWidth();
+
+/// From now on a request to end (SIGINT or SIGTERM; on Windows Ctrl+C, Ctrl+Break and closing of the console) no longer ends
+/// the process but is kept for WaitForEndSignal, and a reader that has gone makes a write to stdout or stderr fail and no more.
+/// False with the thread's last error. Call it before the program says that it is ready.
+KVX_API bool CatchEndSignals();
+
+/// Waits up to `timeout` milliseconds, or INFINITE: true once a request to end has come, and then for ever. Any thread.
+KVX_API bool WaitForEndSignal(DWORD timeout);
+} // namespace kvx

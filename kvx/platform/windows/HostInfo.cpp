@@ -1,0 +1,30 @@
+#include "kvx/platform/HostInfo.h"
+
+HostInfo GetHostInfo()
+{
+    // GetVersionEx tells an application what it was built for; the registry tells what runs.
+    HKEY hKey = nullptr;
+    WCHAR build[64] = {};
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", 0, KEY_READ, &hKey) == 0)
+    {
+        DWORD size = sizeof(build) - sizeof(WCHAR);
+        RegQueryValueExW(hKey, L"CurrentBuildNumber", nullptr, nullptr, reinterpret_cast<BYTE *>(build), &size);
+        RegCloseKey(hKey);
+    }
+    SYSTEM_INFO system{};
+    GetNativeSystemInfo(&system);
+    wchar_t const * machine = L"";
+    switch (system.wProcessorArchitecture)
+    {
+    case PROCESSOR_ARCHITECTURE_AMD64:
+        machine = L"x86_64";
+        break;
+    case PROCESSOR_ARCHITECTURE_INTEL:
+        machine = L"i686";
+        break;
+    case PROCESSOR_ARCHITECTURE_ARM64:
+        machine = L"arm64";
+        break;
+    }
+    return {L"Windows", build, machine};
+}

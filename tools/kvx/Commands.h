@@ -1,0 +1,17 @@
+#pragma once
+
+/// The commands of the program. Each adds its part of the command line; when its words have been parsed it leaves in `run`
+/// what is to be done, which gives the exit status: 0, or 1 with an error line on stderr.
+
+#include <functional>
+
+namespace CLI
+{
+class App;
+}
+
+using Run = std::function<int()>;
+
+void AddServeCommand(CLI::App & app, Run & run);
+void AddCallCommand(CLI::App & app, Run & run);
+void AddBenchCommand(CLI::App & app, Run & run);

@@ -1,0 +1,343 @@
+#include "Output.h"
+
+#include "DisplayText.h"
+
+#include "kvx/msgdata/MsgMultipleRowSets.h"
+#include "kvx/platform/Terminal.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace
+{
+/// Gathers what goes to stdout.
+class Output
+{
+public:
+    Output & operator<<(std::string_view text)
+    {
+        m_strBuffer += text;
+        if (m_strBuffer.size() >= FULL)
+        {
+            Write();
+        }
+        return *this;
+    }
+    /// False if anything could not be written.
+    bool Finish()
+    {
+        Write();
+        return std::fflush(stdout) == 0 && m_bGood;
+    }
+
+private:
+    static constexpr std::size_t FULL = 65536;
+
+    std::string m_strBuffer;
+    bool m_bGood = true;
+
+    void Write()
+    {
+        m_bGood = std::fwrite(m_strBuffer.data(), 1, m_strBuffer.size(), stdout) == m_strBuffer.size() && m_bGood;
+        m_strBuffer.clear();
+    }
+};
+
+std::vector<CMsgRowSet *> ListRowSets(CMsgMultipleRowSets const & rowSets)
+{
+    std::vector<CMsgRowSet *> list;
+    if (!rowSets.IsEmpty())
+    {
+        for (POSITION pos = rowSets.GetFirstPosition(); pos; rowSets.GetNextPosition(pos))
+        {
+            list.push_back(rowSets.GetAt(pos));
+        }
+    }
+    return list;
+}
+
+template <class F>
+void ForEachRow(CMsgRowSet & rows, F const & visit)
+{
+    for (POSITION pos = rows.GetFirstRowPosition(); pos; rows.GetNextRowPosition(pos))
+    {
+        visit(pos);
+    }
+}
+
+void WriteJsonText(Output & out, CString const & text)
+{
+    constexpr std::string_view HEX = "0123456789abcdef";
+    std::string const utf8 = kvx::ToUtf8(text);
+    std::string quoted = "\"";
+    for (char const c : utf8)
+    {
+        switch (c)
+        {
+        case '"':
+            quoted += "\\\"";
+            break;
+        case '\\':
+            quoted += "\\\\";
+            break;
+        case '\n':
+            quoted += "\\n";
+            break;
+        case '\r':
+            quoted += "\\r";
+            break;
+        case '\t':
+            quoted += "\\t";
+            break;
+        default:
+            if (static_cast<unsigned char>(c) < 0x20)
+            {
+                quoted += "\\u00";
+                quoted += HEX[static_cast<std::size_t>(c >> 4)];
+                quoted += HEX[static_cast<std::size_t>(c & 15)];
+            }
+            else
+            {
+                quoted += c;
+            }
+        }
+    }
+    out << quoted << "\"";
+}
+
+void WriteJson(Output & out, CMsgResponse const & response)
+{
+    out << "{\"code\":" << std::to_string(response.GetErrorCode()) << ",\"text\":";
+    WriteJsonText(out, response.GetErrorText());
+    out << ",\"rowsets\":[";
+    std::string_view nextSet;
+    for (CMsgRowSet * const rows : ListRowSets(response.GetRowSets()))
+    {
+        out << nextSet << "{\"name\":";
+        WriteJsonText(out, rows->GetName());
+        out << ",\"columns\":[";
+        int const columns = rows->GetColumnCount();
+        for (int i = 0; i < columns; ++i)
+        {
+            out << (i > 0 ? "," : "");
+            WriteJsonText(out, rows->GetColumnName(i));
+        }
+        out << "],\"rows\":[";
+        std::string_view nextRow;
+        ForEachRow(*rows,
+                   [&](POSITION pos)
+                   {
+                       out << nextRow << "[";
+                       for (int i = 0; i < columns; ++i)
+                       {
+                           out << (i > 0 ? "," : "");
+                           WriteJsonText(out, rows->GetData(pos, i));
+                       }
+                       out << "]";
+                       nextRow = ",";
+                   });
+        out << "]}";
+        nextSet = ",";
+    }
+    out << "]}\n";
+}
+
+std::string ToCsvField(CString const & text, bool bAlone)
+{
+    std::string field = kvx::ToUtf8(text);
+    // The only field of a record is quoted when it is empty: the line would be taken for no record at all.
+    if (field.find_first_of(",\"\r\n") == std::string::npos && !(bAlone && field.empty()))
+    {
+        return field;
+    }
+    std::string quoted = "\"";
+    for (char const c : field)
+    {
+        quoted.append(c == '"' ? 2 : 1, c);
+    }
+    return quoted + '"';
+}
+
+void WriteCsv(Output & out, CMsgResponse const & response)
+{
+    std::string_view between;
+    for (CMsgRowSet * const rows : ListRowSets(response.GetRowSets()))
+    {
+        out << between;
+        between = "\r\n";
+        int const columns = rows->GetColumnCount();
+        if (columns == 0)
+        {
+            continue;
+        }
+        for (int i = 0; i < columns; ++i)
+        {
+            out << (i > 0 ? "," : "") << ToCsvField(rows->GetColumnName(i), columns == 1);
+        }
+        out << "\r\n";
+        ForEachRow(*rows,
+                   [&](POSITION pos)
+                   {
+                       for (int i = 0; i < columns; ++i)
+                       {
+                           out << (i > 0 ? "," : "") << ToCsvField(rows->GetData(pos, i), columns == 1);
+                       }
+                       out << "\r\n";
+                   });
+    }
+}
+
+bool IsNumber(std::string_view text)
+{
+    if (text.starts_with('-'))
+    {
+        text.remove_prefix(1);
+    }
+    return text.find_first_not_of("0123456789.") == std::string_view::npos && !text.empty() && text != ".";
+}
+
+struct Column
+{
+    DisplayText title;
+    int nWidth = 0;
+    bool bNumbers = false; // then it is aligned to the right
+};
+
+std::vector<Column> MeasureColumns(CMsgRowSet & rows)
+{
+    std::vector<Column> columns(static_cast<std::size_t>(rows.GetColumnCount()));
+    for (int i = 0; Column & column : columns)
+    {
+        column.title = ToDisplay(rows.GetColumnName(i));
+        column.nWidth = column.title.nWidth;
+        bool bTexts = false;
+        ForEachRow(rows,
+                   [&](POSITION pos)
+                   {
+                       DisplayText const cell = ToDisplay(rows.GetData(pos, i));
+                       column.nWidth = std::max(column.nWidth, cell.nWidth);
+                       if (!cell.strText.empty())
+                       {
+                           (IsNumber(cell.strText) ? column.bNumbers : bTexts) = true;
+                       }
+                   });
+        column.bNumbers = column.bNumbers && !bTexts;
+        ++i;
+    }
+    return columns;
+}
+
+void WriteTableRows(Output & out, CMsgRowSet & rows, int terminalWidth)
+{
+    std::vector<Column> const columns = MeasureColumns(rows);
+    std::string line;
+    auto const addCell = [&](Column const & column, DisplayText const & cell)
+    {
+        if (&column != &columns.front())
+        {
+            line += "  ";
+        }
+        auto const padding = static_cast<std::size_t>(column.nWidth - cell.nWidth);
+        line.append(column.bNumbers ? padding : 0, ' ');
+        line += cell.strText;
+        line.append(column.bNumbers ? 0 : padding, ' ');
+    };
+    auto const endLine = [&]
+    {
+        line.erase(line.find_last_not_of(' ') + 1);
+        out << (terminalWidth > 0 ? CutToWidth(line, terminalWidth) : line) << "\n";
+        line.clear();
+    };
+    for (Column const & column : columns)
+    {
+        addCell(column, column.title);
+    }
+    endLine();
+    for (Column const & column : columns)
+    {
+        addCell(column, {std::string(static_cast<std::size_t>(column.nWidth), '-'), column.nWidth});
+    }
+    endLine();
+    ForEachRow(rows,
+               [&](POSITION pos)
+               {
+                   for (int i = 0; Column const & column : columns)
+                   {
+                       addCell(column, ToDisplay(rows.GetData(pos, i++)));
+                   }
+                   endLine();
+               });
+}
+
+void WriteTables(Output & out, CMsgResponse const & response)
+{
+    int const terminalWidth = kvx::GetTerminalWidth();
+    std::vector<CMsgRowSet *> const rowSets = ListRowSets(response.GetRowSets());
+    std::string_view between;
+    for (CMsgRowSet * const rows : rowSets)
+    {
+        out << between;
+        between = "\n";
+        if (rowSets.size() > 1)
+        {
+            std::string const name = ToDisplay(rows->GetName()).strText;
+            out << (name.empty() ? "(no name)" : name) << ":\n";
+        }
+        if (rows->GetColumnCount() > 0)
+        {
+            WriteTableRows(out, *rows, terminalWidth);
+        }
+    }
+}
+} // namespace
+
+ULONGLONG CountClaimedCells(CMsgMultipleRowSets const & rowSets)
+{
+    ULONGLONG cells = 0;
+    for (CMsgRowSet const * const rows : ListRowSets(rowSets))
+    {
+        cells += ULONGLONG{rows->GetRowCount()} * static_cast<ULONGLONG>(std::max(1, rows->GetColumnCount()));
+    }
+    return cells;
+}
+
+int PrintResponse(CMsgResponse & response, Format format)
+{
+    ULONGLONG const cells = CountClaimedCells(response.GetRowSets());
+    if (cells > CELL_LIMIT)
+    {
+        response.SetError(ERROR_NOT_ENOUGH_MEMORY, _T("The response claims %I64u cells, which is too many to show"), cells);
+        response.ResetRowSets();
+    }
+    Output out;
+    switch (format)
+    {
+    case Format::Table:
+        WriteTables(out, response);
+        break;
+    case Format::Json:
+        WriteJson(out, response);
+        break;
+    case Format::Csv:
+        WriteCsv(out, response);
+        break;
+    }
+    bool const bWritten = out.Finish();
+    if (response.Failed())
+    {
+        ReportError(response.GetErrorCode(), response.GetErrorText());
+    }
+    else if (!bWritten)
+    {
+        ReportError(ERROR_WRITE_FAULT, CWinError::GetText(ERROR_WRITE_FAULT));
+    }
+    return response.Failed() || !bWritten ? 1 : 0;
+}
+
+void ReportError(DWORD code, CString const & text)
+{
+    std::fprintf(stderr, "error %lu: %s\n", static_cast<unsigned long>(code), ToDisplay(text).strText.c_str());
+}

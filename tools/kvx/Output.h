@@ -1,0 +1,27 @@
+#pragma once
+
+/// Responses as aligned tables, JSON or CSV on stdout, and the error line on stderr.
+
+#include "kvx/messaging/MsgResponse.h"
+
+enum class Format
+{
+    Table,
+    Json,
+    Csv
+};
+
+/// Row sets that claim more cells than this (rows times columns, a row without columns counts too) are neither made nor
+/// taken: the claim alone costs its sender nothing.
+inline constexpr ULONGLONG CELL_LIMIT = 10'000'000;
+
+/// What the row sets claim in all.
+ULONGLONG CountClaimedCells(CMsgMultipleRowSets const & rowSets);
+
+/// Writes the response, the failed one too, in the given format, and the error line if it failed. A response that claims
+/// too many cells, or a stdout that can't be written to, is reported as an error.
+/// The exit status: 0, or 1 for a failure.
+int PrintResponse(CMsgResponse & response, Format format);
+
+/// Writes the line `error CODE: TEXT` to stderr.
+void ReportError(DWORD code, CString const & text);

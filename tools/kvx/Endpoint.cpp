@@ -109,16 +109,18 @@ CMsgConnection * Endpoint::NewConnection()
 
 void Endpoint::Connect(CMsgConnection * connection)
 {
-    if (connection && connection->Connect())
+    if (!connection)
     {
-        if (connection->AuthenticateClient(1))
-        {
-            connection->EnableCompact();
-        }
-        else if (!connection->AuthenticateClient(0))
-        {
-            connection->Disconnect();
-        }
+        return;
+    }
+    bool const bLinked = connection->Connect() != 0;
+    if (bLinked && connection->AuthenticateClient(1))
+    {
+        connection->EnableCompact();
+    }
+    else if (!bLinked || !connection->AuthenticateClient(0))
+    {
+        connection->Disconnect();
     }
 }
 

@@ -116,7 +116,7 @@ void CHostFilesProvider::OnList(CMsgRequest & request)
         request.GetResponse().SyncLastError();
         return;
     }
-    std::ranges::sort(entries, {}, &Entry::strName);
+    std::ranges::sort(entries, [](Entry const & a, Entry const & b) { return a.strName.Compare(b.strName) < 0; });
     if (*limit > 0 && static_cast<ULONGLONG>(*limit) < entries.size())
     {
         entries.resize(static_cast<std::size_t>(*limit));

@@ -23,19 +23,15 @@ public:
             }
             if (run.run_type == Run::RT_Iteration)
             {
-                std::string const & name = run.run_name.function_name;
-                if (!m_samples.contains(name))
-                {
-                    m_order.push_back(name);
-                }
-                m_samples[name].push_back(run.GetAdjustedRealTime());
+                m_order[run.family_index] = run.run_name.function_name;
+                m_samples[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
             }
         }
     }
 
     void Print(double target)
     {
-        for (std::string const & name : m_order)
+        for (auto const & [index, name] : m_order)
         {
             constexpr std::string_view OURS = "/ours";
             if (!name.ends_with(OURS))
@@ -54,7 +50,7 @@ public:
 
 private:
     std::map<std::string, std::vector<double>> m_samples;
-    std::vector<std::string> m_order;
+    std::map<std::int64_t, std::string> m_order; // as they were registered
 };
 } // namespace
 

@@ -2,6 +2,10 @@
 add_library(kvx_build_settings INTERFACE)
 target_compile_features(kvx_build_settings INTERFACE cxx_std_20)
 target_compile_options(kvx_build_settings INTERFACE -Wall -Wextra)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # This version takes concatenations of std::string for overlapping copies (its bug 105651).
+    target_compile_options(kvx_build_settings INTERFACE -Wno-restrict)
+endif()
 if(KVX_WERROR)
     target_compile_options(kvx_build_settings INTERFACE -Werror)
 endif()

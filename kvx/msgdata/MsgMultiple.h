@@ -10,7 +10,7 @@
 /// An ordered list of T, each held by one reference; L is the derived list. A POSITION is one of the list.
 /// Threads: one at a time; the reference count may be used by several.
 template <class L, class T>
-class CMsgMultiple : public CRefObject
+class AFX_TEMPLATE_API CMsgMultiple : public CRefObject
 {
 public:
     CMsgMultiple() = default;

@@ -269,7 +269,7 @@ void CMsgStream::EndMessage()
     }
 }
 
-int CMsgStream::CCompactInfo::FindOrAdd(CString const & text)
+int CMsgStream::CCompactInfo::FindOrAddByContent(CString const & text, Recent & recent)
 {
     if (m_slots.size() < 2 * (m_texts.size() + 1))
     {
@@ -286,6 +286,7 @@ int CMsgStream::CCompactInfo::FindOrAdd(CString const & text)
             return static_cast<int>(slot.nNumber - 1);
         }
     }
+    recent = {text, static_cast<DWORD>(m_texts.size())};
     m_texts.push_back(text);
     m_slots[at] = {hash, static_cast<DWORD>(m_texts.size())};
     return -1;
@@ -293,7 +294,7 @@ int CMsgStream::CCompactInfo::FindOrAdd(CString const & text)
 
 void CMsgStream::CCompactInfo::Grow()
 {
-    std::vector<Slot> old(std::max<std::size_t>(32, 2 * m_slots.size()));
+    std::vector<Slot> old(std::max<std::size_t>(32, 4 * m_slots.size()));
     old.swap(m_slots);
     std::size_t const mask = m_slots.size() - 1;
     for (Slot const & slot : old)

@@ -6,6 +6,7 @@
 #include "kvx/foundation/ObCache.h"
 #include "kvx/platform/mfc/Afx.h"
 
+#include <array>
 #include <atomic>
 #include <vector>
 
@@ -100,7 +101,15 @@ class KVX_API CMsgStream::CCompactInfo : public CObject
 {
 public:
     /// The number of a text that is known, or -1 when it has now got the next number.
-    int FindOrAdd(CString const & text);
+    int FindOrAdd(CString const & text)
+    {
+        Recent & recent = m_recent[RecentIndex(text)];
+        if (recent.pCharacters == text.GetString())
+        {
+            return static_cast<int>(recent.nNumber);
+        }
+        return FindOrAddByContent(text, recent);
+    }
     /// Null for a number that was never given out.
     CString const * Find(DWORD index) const { return index < m_texts.size() ? &m_texts[index] : nullptr; }
     void Add(CString const & text) { m_texts.push_back(text); }
@@ -113,10 +122,25 @@ private:
         DWORD nHash = 0;
         DWORD nNumber = 0;
     };
+    // Tables repeat their texts by sharing characters: those are known by their address, without a look at them. The
+    // texts above hold on to it until Reset.
+    struct Recent
+    {
+        LPCTSTR pCharacters = nullptr;
+        DWORD nNumber = 0;
+    };
+    static constexpr std::size_t RECENT = 64;
 
     std::vector<CString> m_texts;
     std::vector<Slot> m_slots;
+    std::array<Recent, RECENT> m_recent{};
 
+    static std::size_t RecentIndex(LPCTSTR characters)
+    {
+        auto const address = reinterpret_cast<UINT_PTR>(characters);
+        return (address >> 4 ^ address >> 10) % RECENT;
+    }
+    int FindOrAddByContent(CString const & text, Recent & recent);
     void Grow();
 };
 

@@ -1,9 +1,10 @@
 #include "Service.h"
 
+#include <gmock/gmock.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 
 #include <unistd.h>
 
@@ -105,14 +106,20 @@ TEST(Serve, WritesALog)
     service.Call({"host.fail", "code=5", "text=denied"});
     EXPECT_TRUE(Becomes([&] { return ReadFile(path).find("denied") != std::string::npos; }));
     EXPECT_EQ(service.Stop(), 0);
-    std::string const stamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )";
-    std::regex const lines("(" + stamp + "\\([IWE]\\) [^\\r\\n]*\\r\\n)+");
-    std::string const log = ReadFile(path);
-    EXPECT_TRUE(std::regex_match(log, lines)) << log;
-    for (std::string const line : {R"(\(I\) Started listener '')", R"(\(I\) host\.echo a=50% text=two\\nlines)",
-                                   R"(\(W\) host\.fail code=5 text=denied: error 5: denied)"})
+    std::string rest = ReadFile(path);
+    std::vector<std::string> lines;
+    for (auto end = rest.find("\r\n"); end != std::string::npos; end = rest.find("\r\n"))
     {
-        EXPECT_TRUE(std::regex_search(log, std::regex("(^|\n)" + stamp + line + "\r\n"))) << line << "\n" << log;
+        lines.push_back(rest.substr(0, end));
+        rest.erase(0, end + 2);
+    }
+    EXPECT_EQ(rest, "");
+    std::string const stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} ";
+    EXPECT_THAT(lines, testing::Each(testing::MatchesRegex(stamp + "[(][IWE][)] [^\r\n]*")));
+    for (std::string const line :
+         {"[(]I[)] Started listener ''", "[(]I[)] host.echo a=50% text=two.nlines", "[(]W[)] host.fail code=5 text=denied: error 5: denied"})
+    {
+        EXPECT_THAT(lines, testing::Contains(testing::MatchesRegex(stamp + line)));
     }
     EXPECT_NE(service.GetProcess().strErr.find("(I) host.echo a=50% text=two\\nlines\n"), std::string::npos);
     std::filesystem::remove(path);

@@ -120,7 +120,7 @@ XCHAR * CStringT<XCHAR>::Own(int capacity)
     {
         return m_pText; // the shared empty text already ends in a NUL, and there is no room to write to
     }
-    // An append to a text of one's own grows by half, so that many appends cost linear time.
+    // Buffers that are asked for in steps grow by half, so that many steps cost linear time.
     std::size_t wanted = static_cast<std::size_t>(std::max(capacity, length));
     if (length > 0 && capacity > Head()->nCapacity)
     {
@@ -156,8 +156,9 @@ void CStringT<XCHAR>::Assign(View text)
 }
 
 template <class XCHAR>
-void CStringT<XCHAR>::Append(View text)
+void CStringT<XCHAR>::AppendGrowing(View text)
 {
+    constexpr std::size_t SMALLEST = 12;
     if (text.empty())
     {
         return;
@@ -167,26 +168,17 @@ void CStringT<XCHAR>::Append(View text)
     {
         kvx::ThrowTextLength();
     }
-    CStringT keep; // what is appended may be a piece of this very text, which Own may give up
-    if (text.data() >= m_pText && text.data() <= m_pText + length)
-    {
-        keep = *this;
-    }
-    XCHAR * const characters = Own(static_cast<int>(length + text.size()));
+    // A text of one's own doubles, so that many appends cost linear time.
+    std::size_t const grown = IsNil() ? SMALLEST : (IsShared() ? 0 : std::min(2 * length, MAX_LENGTH));
+    kvx::TextHead * const head = kvx::AllocateText(std::max(length + text.size(), grown), sizeof(XCHAR));
+    XCHAR * const characters = Characters(head);
+    std::memcpy(characters, m_pText, length * sizeof(XCHAR));
+    // What is appended may be a piece of this very text, so that goes last.
     std::memcpy(characters + length, text.data(), text.size() * sizeof(XCHAR));
     characters[length + text.size()] = 0;
-    Head()->nLength = static_cast<std::int32_t>(length + text.size());
-}
-
-template <class XCHAR>
-void CStringT<XCHAR>::Append(CStringT const & text)
-{
-    if (IsNil())
-    {
-        *this = text;
-        return;
-    }
-    Append(View(text));
+    head->nLength = static_cast<std::int32_t>(length + text.size());
+    Release();
+    m_pText = characters;
 }
 
 template <class XCHAR>
@@ -200,29 +192,6 @@ CStringT<XCHAR> CStringT<XCHAR>::Join(View a, View b)
         std::memcpy(characters + a.size(), b.data(), b.size() * sizeof(XCHAR));
     }
     return out;
-}
-
-template <class XCHAR>
-int CStringT<XCHAR>::Compare(View other) const noexcept
-{
-    using Unit = std::make_unsigned_t<std::conditional_t<sizeof(XCHAR) == 1, char, std::int16_t>>;
-    XCHAR const * const a = m_pText;
-    XCHAR const * const b = other.data();
-    std::size_t const length = static_cast<std::size_t>(GetLength());
-    std::size_t const common = std::min(length, other.size());
-    std::size_t i = 0;
-    constexpr std::size_t STEP = sizeof(std::uint64_t) / sizeof(XCHAR);
-    for (; i + STEP <= common && std::memcmp(a + i, b + i, sizeof(std::uint64_t)) == 0; i += STEP)
-    {
-    }
-    for (; i < common; ++i)
-    {
-        if (a[i] != b[i])
-        {
-            return static_cast<Unit>(a[i]) < static_cast<Unit>(b[i]) ? -1 : 1;
-        }
-    }
-    return length == other.size() ? 0 : (length < other.size() ? -1 : 1);
 }
 
 template <class XCHAR>

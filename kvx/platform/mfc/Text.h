@@ -17,6 +17,7 @@
 #include "kvx/platform/mfc/Format.h"
 
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <ext/atomicity.h>
@@ -51,6 +52,39 @@ KVX_API TextHead * AllocateText(std::size_t capacity, std::size_t charSize);
 KVX_API void FreeText(TextHead * head) noexcept;
 [[noreturn]] KVX_API void ThrowTextIndex();
 [[noreturn]] KVX_API void ThrowTextLength();
+
+/// -1, 0 or 1 by the value of the units, as unsigned numbers; eight bytes at a time.
+template <class XCHAR>
+int CompareUnits(std::basic_string_view<XCHAR> a, std::basic_string_view<XCHAR> b) noexcept
+{
+    static_assert(std::endian::native == std::endian::little, "the first of several units is the lowest");
+    using Block = std::uint64_t;
+    using Unit = std::conditional_t<sizeof(XCHAR) == 1, std::uint8_t, std::uint16_t>;
+    constexpr std::size_t STEP = sizeof(Block) / sizeof(XCHAR);
+    std::size_t const common = a.size() < b.size() ? a.size() : b.size();
+    std::size_t i = 0;
+    for (; i + STEP <= common; i += STEP)
+    {
+        Block theirs = 0;
+        Block ours = 0;
+        std::memcpy(&ours, a.data() + i, sizeof(Block));
+        std::memcpy(&theirs, b.data() + i, sizeof(Block));
+        if (ours != theirs)
+        {
+            auto const shift = static_cast<std::size_t>(std::countr_zero(ours ^ theirs)) / (8 * sizeof(XCHAR)) *
+                               (8 * sizeof(XCHAR));
+            return static_cast<Unit>(ours >> shift) < static_cast<Unit>(theirs >> shift) ? -1 : 1;
+        }
+    }
+    for (; i < common; ++i)
+    {
+        if (a[i] != b[i])
+        {
+            return static_cast<Unit>(a[i]) < static_cast<Unit>(b[i]) ? -1 : 1;
+        }
+    }
+    return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
+}
 
 /// Well-formed UTF-16 to UTF-8; a lone surrogate becomes U+FFFD.
 KVX_API std::string ToUtf8(std::basic_string_view<WCHAR> text);
@@ -194,10 +228,30 @@ public:
         }
     }
 
-    void Append(View text);
+    void Append(View text)
+    {
+        std::size_t const length = static_cast<std::size_t>(GetLength());
+        if (text.size() <= static_cast<std::size_t>(Head()->nCapacity) - length && !IsNil() && !IsShared())
+        {
+            std::memcpy(m_pText + length, text.data(), text.size() * sizeof(XCHAR));
+            m_pText[length + text.size()] = 0;
+            Head()->nLength = static_cast<std::int32_t>(length + text.size());
+            return;
+        }
+        AppendGrowing(text);
+    }
     void Append(PCXSTR text) { Append(text ? View(text) : View()); }
     void Append(PCXSTR text, int length) { Append(Checked(text, length)); }
-    void Append(CStringT const & text);
+    void Append(CStringT const & text)
+    {
+        constexpr int WORTH_SHARING = 32;
+        if (IsNil() && text.GetLength() >= WORTH_SHARING)
+        {
+            *this = text;
+            return;
+        }
+        Append(View(text));
+    }
     void AppendChar(XCHAR c) { Append(View(&c, 1)); }
     CStringT & operator+=(CStringT const & text)
     {
@@ -216,7 +270,7 @@ public:
     }
 
     /// Orders by the value of the units.
-    int Compare(View other) const noexcept;
+    int Compare(View other) const noexcept { return kvx::CompareUnits(AsView(), other); }
     int Compare(CStringT const & other) const noexcept { return Compare(View(other)); }
     int CompareNoCase(CStringT const & other) const noexcept { return CompareNoCase(View(other)); }
     int Compare(PCXSTR other) const noexcept { return Compare(other ? View(other) : View()); }
@@ -369,6 +423,7 @@ private:
         }
     }
     void Convert(std::basic_string_view<Other> text);
+    void AppendGrowing(View text);
     void SetLength(int length)
     {
         if (length < 0 || length > Head()->nCapacity)

@@ -20,6 +20,18 @@ CString FormatOrText(LPCTSTR format, FormatArgs const & args)
         return format;
     }
 }
+
+void GetSystemText(DWORD code, DWORD maximum, CString & text)
+{
+    WCHAR * const buffer = text.GetBuffer(static_cast<int>(maximum));
+    DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, code, 0, buffer, maximum, nullptr);
+    if (length > 1 && buffer[length - 2] == '\r')
+    {
+        length -= 2;
+    }
+    text.ReleaseBuffer(static_cast<int>(length));
+    text.FreeExtra();
+}
 } // namespace kvx
 
 CAppException::CAppException(DWORD code, CString const & format, FormatArgs const & args)
@@ -60,13 +72,7 @@ void MsgThrowExceptionV(DWORD code, LPCTSTR format, FormatArgs const & args)
 void CWinError::FormatString(CString & text) const
 {
     constexpr DWORD MAXIMUM = 256;
-    WCHAR * const buffer = text.GetBuffer(MAXIMUM);
-    DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, m_nCode, 0, buffer, MAXIMUM, nullptr);
-    if (length > 1 && buffer[length - 2] == '\r')
-    {
-        length -= 2;
-    }
-    text.ReleaseBuffer(static_cast<int>(length));
+    kvx::GetSystemText(m_nCode, MAXIMUM, text);
 }
 
 CString CWinError::FormatString() const

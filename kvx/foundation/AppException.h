@@ -12,6 +12,9 @@ namespace kvx
 /// The formatted text; a format that can't be carried out stands for itself: reporting an error must not fail because
 /// of its text.
 KVX_API CString FormatOrText(LPCTSTR format, FormatArgs const & args);
+
+/// The system's text of an error code, without its line end; empty if there is none of at most `maximum` characters.
+KVX_API void GetSystemText(DWORD code, DWORD maximum, CString & text);
 } // namespace kvx
 
 /// An error code and a text.

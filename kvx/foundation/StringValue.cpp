@@ -60,6 +60,16 @@ T ParseInteger(View text)
     }
     return value == LOWEST ? HIGHEST : -value;
 }
+/// Tells a number that is too large for a double from one that is too small.
+bool IsTooLarge(View number)
+{
+    std::size_t const end = std::min(number.find_first_of(_T("eE")), number.size());
+    View const mantissa = number.substr(0, end);
+    auto const point = static_cast<LONGLONG>(std::min(mantissa.find('.'), mantissa.size()));
+    auto const first = static_cast<LONGLONG>(mantissa.find_first_of(_T("123456789")));
+    int const exponent = end < number.size() ? ParseInteger<int>(number.substr(end + 1)) : 0;
+    return (first < point ? point - first : point - first + 1) + exponent > 0;
+}
 } // namespace
 
 void CStringValue::FromInteger(int value)
@@ -107,21 +117,22 @@ double CStringValue::ToDouble() const
         text.remove_prefix(1);
     }
     std::size_t const end = std::min(text.find_first_not_of(_T("0123456789.eE+-")), text.size());
+    text = text.substr(0, end);
+    if (text.empty() || text.front() == '-')
+    {
+        return 0; // one sign is enough
+    }
     std::string number;
     number.reserve(end);
-    for (WCHAR const c : text.substr(0, end))
+    for (WCHAR const c : text)
     {
         number.push_back(static_cast<char>(c));
     }
     double value = 0;
-    auto const [last, error] = std::from_chars(number.data(), number.data() + number.size(), value);
+    auto const error = std::from_chars(number.data(), number.data() + number.size(), value).ec;
     if (error == std::errc::result_out_of_range)
     {
-        // Out of range says too large and too small alike; the exponent tells which.
-        std::string_view const used(number.data(), static_cast<std::size_t>(last - number.data()));
-        bool const bTiny = used.find("e-") != std::string_view::npos || used.find("E-") != std::string_view::npos ||
-                           used.starts_with("0.") || used.starts_with(".");
-        value = bTiny ? 0.0 : std::numeric_limits<double>::infinity();
+        value = IsTooLarge(text) ? std::numeric_limits<double>::infinity() : 0.0;
     }
     return bNegative ? -value : value;
 }

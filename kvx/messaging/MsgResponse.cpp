@@ -60,20 +60,12 @@ void CMsgResponse::SetError(DWORD code, LPCTSTR format, FormatArgs const & args)
 
 void CMsgResponse::SyncErrorText()
 {
-    m_strErrorText.Empty();
-    if (m_nErrorCode == 0)
-    {
-        return;
-    }
     constexpr DWORD MAXIMUM = 2048;
-    WCHAR * const buffer = m_strErrorText.GetBuffer(MAXIMUM);
-    DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, m_nErrorCode, 0, buffer, MAXIMUM, nullptr);
-    if (length > 1 && buffer[length - 2] == '\r')
+    m_strErrorText.Empty();
+    if (m_nErrorCode != 0)
     {
-        length -= 2;
+        kvx::GetSystemText(m_nErrorCode, MAXIMUM, m_strErrorText);
     }
-    m_strErrorText.ReleaseBuffer(static_cast<int>(length));
-    m_strErrorText.FreeExtra();
 }
 
 DWORD CMsgResponse::SyncLastError()

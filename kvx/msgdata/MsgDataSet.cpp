@@ -55,9 +55,15 @@ CMsgDataSet::CMsgDataSet(LONG & rowCount, int ordinal, CMsgDataSet const & other
 
 CMsgDataSet::~CMsgDataSet()
 {
+    kvx::TextReferences references;
     for (POSITION pos = m_blocks.GetStartPosition(); pos;)
     {
-        delete m_blocks.GetNext(pos);
+        auto * const block = static_cast<CDataBlock *>(m_blocks.GetNext(pos));
+        for (CStringValue & cell : block->m_cells)
+        {
+            references.Collect(cell);
+        }
+        delete block;
     }
 }
 

@@ -1,17 +1,10 @@
 #include "kvx/msgdata/MsgRowSet.h"
 
+#include "kvx/msgdata/RowNumbers.h"
 #include "kvx/transport/MsgStream.h"
 
 #include <limits>
 #include <memory>
-
-namespace
-{
-POSITION RowPosition(INT_PTR row)
-{
-    return reinterpret_cast<POSITION>(row);
-}
-} // namespace
 
 CMsgRowSet::CMsgRowSet(LPCTSTR name) : m_strName(name)
 {
@@ -131,24 +124,22 @@ void CMsgRowSet::RemoveAllColumns()
 
 POSITION CMsgRowSet::AppendRow()
 {
-    return RowPosition(++m_nRows);
+    return kvx::RowPosition(++m_nRows);
 }
 
 POSITION CMsgRowSet::GetFirstRowPosition() const
 {
-    return m_nRows != 0 ? RowPosition(1) : nullptr;
+    return m_nRows != 0 ? kvx::RowPosition(1) : nullptr;
 }
 
 void CMsgRowSet::GetNextRowPosition(POSITION & pos) const
 {
-    INT_PTR const row = reinterpret_cast<INT_PTR>(pos);
-    pos = row < m_nRows ? RowPosition(row + 1) : nullptr;
+    pos = kvx::NextRow(pos, m_nRows);
 }
 
 int CMsgRowSet::IsValidRowPosition(POSITION pos) const
 {
-    INT_PTR const row = reinterpret_cast<INT_PTR>(pos);
-    return row >= 1 && row <= m_nRows;
+    return kvx::IsRow(pos, m_nRows);
 }
 
 CStringValue & CMsgRowSet::GetData(POSITION & pos, int ordinal)

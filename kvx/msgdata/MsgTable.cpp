@@ -1,17 +1,10 @@
 #include "kvx/msgdata/MsgTable.h"
 
 #include "kvx/msgdata/MsgDataSet.h"
+#include "kvx/msgdata/RowNumbers.h"
 #include "kvx/transport/MsgStream.h"
 
 #include <memory>
-
-namespace
-{
-POSITION RowPosition(INT_PTR row)
-{
-    return reinterpret_cast<POSITION>(row);
-}
-} // namespace
 
 CMsgTable::CMsgTable(LPCTSTR name) : m_strName(name)
 {
@@ -150,24 +143,22 @@ void CMsgTable::RemoveAll()
 
 POSITION CMsgTable::AppendRow()
 {
-    return RowPosition(static_cast<INT_PTR>(++m_nRows));
+    return kvx::RowPosition(static_cast<INT_PTR>(++m_nRows));
 }
 
 POSITION CMsgTable::GetFirstRowPosition() const
 {
-    return m_nRows > 0 ? RowPosition(1) : nullptr;
+    return m_nRows > 0 ? kvx::RowPosition(1) : nullptr;
 }
 
 void CMsgTable::GetNextRowPosition(POSITION & pos) const
 {
-    INT_PTR const row = reinterpret_cast<INT_PTR>(pos);
-    pos = row < static_cast<INT_PTR>(m_nRows) ? RowPosition(row + 1) : nullptr;
+    pos = kvx::NextRow(pos, static_cast<INT_PTR>(m_nRows));
 }
 
 int CMsgTable::IsValidRowPosition(POSITION pos) const
 {
-    INT_PTR const row = reinterpret_cast<INT_PTR>(pos);
-    return row >= 1 && row <= static_cast<INT_PTR>(m_nRows);
+    return kvx::IsRow(pos, static_cast<INT_PTR>(m_nRows));
 }
 
 /// The row's index.

@@ -1,6 +1,7 @@
 #pragma once
 
-/// What a command line program asks of its host: arguments, terminal, and the wish of the user or the system that it ends.
+/// What a command line program asks of its host: arguments, terminal, and the wish of the user or the system that it
+/// ends.
 
 #include "kvx/platform/export.h"
 #include "kvx/platform/host.h"
@@ -26,9 +27,9 @@ KVX_API bool IsTerminal(StandardStream stream);
 /// Columns of the terminal that the standard output is; 0 if it is none or doesn't tell.
 KVX_API int GetTerminalWidth();
 
-/// From now on a request to end (SIGINT or SIGTERM; on Windows Ctrl+C, Ctrl+Break and closing of the console) no longer ends
-/// the process but is kept for WaitForEndSignal, and a reader that has gone makes a write to stdout or stderr fail and no more.
-/// False with the thread's last error. Call it before the program says that it is ready.
+/// From now on a request to end (SIGINT or SIGTERM; on Windows Ctrl+C, Ctrl+Break and closing of the console) no longer
+/// ends the process but is kept for WaitForEndSignal, and a reader that has gone makes a write to stdout or stderr fail
+/// and no more. False with the thread's last error. Call it before the program says that it is ready.
 KVX_API bool CatchEndSignals();
 
 /// Waits up to `timeout` milliseconds, or INFINITE: true once a request to end has come, and then for ever. Any thread.

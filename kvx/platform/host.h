@@ -73,6 +73,7 @@ inline constexpr int ShutdownBoth = SD_BOTH;
 inline constexpr int ListenBacklogMax = SOMAXCONN;
 inline constexpr int ReceivePeek = MSG_PEEK;
 inline constexpr int ReceiveWaitAll = MSG_WAITALL;
+inline constexpr int SendMore = 0; // this host has no such flag
 inline constexpr ULONG AddressAny = INADDR_ANY;
 inline constexpr ULONG AddressLoopback = INADDR_LOOPBACK;
 inline constexpr ULONG AddressNone = INADDR_NONE;

@@ -105,7 +105,7 @@ int CMsgBufferedConnection::WriteData(void const * buffer, DWORD count)
         auto const step = static_cast<DWORD>(m_pWriteEnd - m_pWriteNext);
         std::memcpy(m_pWriteNext, buffer, step);
         m_pWriteNext = m_write.get();
-        if (!SendAll(m_write.get(), m_nWriteSize))
+        if (!SendAll(m_write.get(), m_nWriteSize, true))
         {
             return 0;
         }
@@ -121,7 +121,7 @@ int CMsgBufferedConnection::FlushData()
 {
     auto const count = static_cast<DWORD>(m_pWriteNext - m_write.get());
     m_pWriteNext = m_write.get();
-    int const bDone = count == 0 || SendAll(m_write.get(), count);
+    int const bDone = count == 0 || SendAll(m_write.get(), count, false);
     if (m_nWriteSize > SMALLEST)
     {
         m_write.reset();

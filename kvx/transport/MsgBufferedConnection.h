@@ -21,8 +21,9 @@ public:
     int FlushData() override;
 
 protected:
-    /// Sends all bytes or fails.
-    virtual int SendAll(void const * buffer, DWORD count) = 0;
+    /// Sends all bytes or fails. With `bMore` the rest of the message follows at once, and the transport may keep back what
+    /// fills no packet: short packets in the middle of a message would wait for the peer's acknowledgement.
+    virtual int SendAll(void const * buffer, DWORD count, bool bMore) = 0;
     /// Waits for bytes: how many have come, at most `size`; 0 on failure and at the end of the link.
     virtual DWORD ReceiveSome(void * buffer, DWORD size) = 0;
 

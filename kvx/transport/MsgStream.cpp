@@ -101,13 +101,11 @@ int CMsgStream::Read(CString & text)
     CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed);
     if (compact && (length & BACK_REFERENCE))
     {
-        CString const * const known = compact->Find(length & ~BACK_REFERENCE);
-        if (!known)
+        if (!compact->Share(length & ~BACK_REFERENCE, text))
         {
             SetLastError(ERROR_INVALID_DATA);
             return 0;
         }
-        text = *known;
         return 1;
     }
     if (length > MAX_TEXT)
@@ -286,6 +284,7 @@ int CMsgStream::CCompactInfo::FindOrAddByContent(CString const & text, Recent & 
             return static_cast<int>(slot.nNumber - 1);
         }
     }
+    m_bWritten = true;
     recent = {text, static_cast<DWORD>(m_texts.size())};
     m_texts.push_back(text);
     m_slots[at] = {hash, static_cast<DWORD>(m_texts.size())};
@@ -311,8 +310,39 @@ void CMsgStream::CCompactInfo::Grow()
     }
 }
 
+void CMsgStream::CCompactInfo::Restock(Stock & stock, DWORD number)
+{
+    constexpr int MOST = 64;
+    m_bStocks = true;
+    int const count = stock.nNumber == number ? std::clamp(2 * stock.nTaken, 1, MOST) : 1;
+    if (stock.nLeft > 0)
+    {
+        kvx::TextReferences::Remove(m_texts[stock.nNumber], stock.nLeft);
+    }
+    stock = {number, 0, count};
+    kvx::TextReferences::Add(m_texts[number], count);
+    stock.nLeft = count;
+}
+
+void CMsgStream::CCompactInfo::ReturnStocks()
+{
+    for (Stock & stock : m_stocks)
+    {
+        if (stock.nLeft > 0)
+        {
+            kvx::TextReferences::Remove(m_texts[stock.nNumber], stock.nLeft);
+        }
+        stock = {};
+    }
+    m_bStocks = false;
+}
+
 void CMsgStream::CCompactInfo::Reset()
 {
+    if (m_bStocks)
+    {
+        ReturnStocks();
+    }
     // Tables of ordinary messages are kept for the next one; those of large ones would weigh on idle connections.
     constexpr std::size_t KEEP = 512;
     if (m_texts.capacity() > KEEP)
@@ -323,6 +353,12 @@ void CMsgStream::CCompactInfo::Reset()
     {
         m_texts.clear();
     }
+    if (!m_bWritten)
+    {
+        return;
+    }
+    m_bWritten = false;
+    m_recent = {};
     if (m_slots.size() > 4 * KEEP)
     {
         m_slots = {};

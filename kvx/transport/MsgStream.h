@@ -110,10 +110,25 @@ public:
         }
         return FindOrAddByContent(text, recent);
     }
-    /// Null for a number that was never given out.
-    CString const * Find(DWORD index) const { return index < m_texts.size() ? &m_texts[index] : nullptr; }
+    /// Fills an empty text with that of a number; false for a number that was never given out.
+    bool Share(DWORD number, CString & text)
+    {
+        if (number >= m_texts.size())
+        {
+            return false;
+        }
+        Stock & stock = m_stocks[number % STOCKS];
+        if (stock.nNumber != number || stock.nLeft == 0)
+        {
+            Restock(stock, number);
+        }
+        --stock.nLeft;
+        kvx::TextReferences::HandOver(m_texts[number], text);
+        return true;
+    }
     void Add(CString const & text) { m_texts.push_back(text); }
     void Reset();
+    ~CCompactInfo() override { Reset(); }
 
 private:
     // An open-addressing table over the texts; a slot holds the number plus 1, and the upper bits of the hash.
@@ -131,15 +146,29 @@ private:
     };
     static constexpr std::size_t RECENT = 64;
 
+    // References to a text that is asked for again and again are taken in advance, ever more at a time.
+    struct Stock
+    {
+        DWORD nNumber = 0;
+        int nLeft = 0;
+        int nTaken = 0;
+    };
+    static constexpr std::size_t STOCKS = 32;
+
     std::vector<CString> m_texts;
     std::vector<Slot> m_slots;
+    std::array<Stock, STOCKS> m_stocks{};
+    bool m_bStocks = false; // some are in use
     std::array<Recent, RECENT> m_recent{};
+    bool m_bWritten = false; // slots and addresses are in use
 
     static std::size_t RecentIndex(LPCTSTR characters)
     {
         auto const address = reinterpret_cast<UINT_PTR>(characters);
         return (address >> 4 ^ address >> 10) % RECENT;
     }
+    void Restock(Stock & stock, DWORD number);
+    void ReturnStocks();
     int FindOrAddByContent(CString const & text, Recent & recent);
     void Grow();
 };

@@ -10,6 +10,14 @@ namespace
 {
 constexpr int LISTEN_BACKLOG = 5;
 
+constexpr DWORD ACCEPT_PAUSE = 20; // milliseconds
+
+bool IsTransient(DWORD error)
+{
+    return error == WSAEMFILE || error == WSAENOBUFS || error == WSAECONNABORTED || error == WSAECONNRESET ||
+           error == ERROR_TOO_MANY_OPEN_FILES || error == ERROR_NOT_ENOUGH_MEMORY;
+}
+
 int TransferSize(DWORD count)
 {
     return static_cast<int>(std::min<DWORD>(count, std::numeric_limits<int>::max()));
@@ -85,15 +93,27 @@ int CMsgTCPConnection::Accept(CMsgConnection * target)
     auto * const connection = static_cast<CMsgTCPConnection *>(target);
     connection->Disconnect();
     connection->ResetBuffers();
-    return m_socket.Accept(connection->m_socket);
+    while (!m_socket.Accept(connection->m_socket))
+    {
+        // Want of descriptors or memory passes, and so does a client that has gone before it was accepted: neither is a
+        // reason to turn away everybody else for ever.
+        DWORD const error = GetLastError();
+        if (!m_socket.IsOpen() || !IsTransient(error))
+        {
+            SetLastError(error);
+            return 0;
+        }
+        Sleep(ACCEPT_PAUSE);
+    }
+    return 1;
 }
 
-int CMsgTCPConnection::SendAll(void const * buffer, DWORD count)
+int CMsgTCPConnection::SendAll(void const * buffer, DWORD count, bool bMore)
 {
     auto const * from = static_cast<BYTE const *>(buffer);
     while (count > 0)
     {
-        int const sent = m_socket.Send(from, TransferSize(count), 0);
+        int const sent = m_socket.Send(from, TransferSize(count), bMore ? winsock::SendMore : 0);
         if (sent <= 0)
         {
             if (sent == 0)

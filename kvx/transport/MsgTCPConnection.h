@@ -28,7 +28,7 @@ public:
     UINT GetLocalPort() const { return m_socket.GetLocalPort(); }
 
 protected:
-    int SendAll(void const * buffer, DWORD count) override;
+    int SendAll(void const * buffer, DWORD count, bool bMore) override;
     DWORD ReceiveSome(void * buffer, DWORD size) override;
 
 private:

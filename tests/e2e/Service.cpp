@@ -1,65 +1,71 @@
 #include "Service.h"
 
+#include <array>
+#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <spawn.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
 {
-class Reader
+std::string ReadToEnd(int file)
+{
+    std::string text;
+    std::array<char, 65536> buffer{};
+    for (ssize_t got = 0; (got = read(file, buffer.data(), buffer.size())) > 0;)
+    {
+        text.append(buffer.data(), static_cast<std::size_t>(got));
+    }
+    return text;
+}
+
+class JsonReader
 {
 public:
-    explicit Reader(std::string_view json) : m_rest(json) {}
+    std::string_view rest;
 
     bool Take(std::string_view literal)
     {
-        bool const bHere = m_rest.starts_with(literal);
-        m_rest.remove_prefix(bHere ? literal.size() : 0);
+        bool const bHere = rest.starts_with(literal);
+        rest.remove_prefix(bHere ? literal.size() : 0);
         return bHere;
     }
     void Expect(std::string_view literal)
     {
         if (!Take(literal))
         {
-            throw std::runtime_error("expected " + std::string(literal) + " at " + std::string(m_rest.substr(0, 40)));
+            throw std::runtime_error("expected " + std::string(literal) + " at " + std::string(rest.substr(0, 40)));
         }
     }
-    long long Number()
+    std::string TakeChars(std::size_t count)
     {
-        std::size_t used = 0;
-        long long const number = std::stoll(std::string(m_rest.substr(0, 20)), &used);
-        m_rest.remove_prefix(used);
-        return number;
+        std::string const chars(rest.substr(0, count));
+        rest.remove_prefix(chars.size());
+        return chars;
     }
     std::string Text()
     {
         std::string text;
         for (Expect("\""); !Take("\"");)
         {
-            char c = m_rest.at(0);
-            m_rest.remove_prefix(1);
+            char c = TakeChars(1).at(0);
             if (static_cast<unsigned char>(c) < 0x20)
             {
                 throw std::runtime_error("control character in a text");
             }
             if (c == '\\')
             {
-                constexpr std::string_view NAMES = "nrt\"\\/";
-                if (Take("u00"))
-                {
-                    c = static_cast<char>(std::stoi(std::string(m_rest.substr(0, 2)), nullptr, 16));
-                    m_rest.remove_prefix(2);
-                }
-                else
-                {
-                    c = "\n\r\t\"\\/"[NAMES.find(m_rest.at(0))];
-                    m_rest.remove_prefix(1);
-                }
+                c = Take("u00") ? static_cast<char>(std::stoi(TakeChars(2), nullptr, 16))
+                                : "\n\r\t\"\\"[std::string_view("nrt\"\\").find(TakeChars(1).at(0))];
             }
             text += c;
         }
@@ -70,27 +76,95 @@ public:
     {
         std::vector<decltype(item())> list;
         Expect("[");
-        if (!Take("]"))
+        for (bool bMore = !Take("]"); bMore; bMore = Take(",") || (Expect("]"), false))
         {
-            do
-            {
-                list.push_back(item());
-            } while (Take(","));
-            Expect("]");
+            list.push_back(item());
         }
         return list;
     }
-
-    std::string_view m_rest;
 };
 } // namespace
 
+Strings Join(Strings first, Strings const & second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+Process::Process(Strings const & args) : m_nErr(memfd_create("stderr", MFD_CLOEXEC))
+{
+    std::array<int, 2> out{};
+    if (m_nErr < 0 || pipe2(out.data(), O_CLOEXEC) != 0)
+    {
+        throw std::runtime_error("no pipe");
+    }
+    setenv("TZ", "UTC", 1); // so that the tests know what local time is
+    Strings words = Join({KVX_PROGRAM}, args);
+    std::vector<char *> argv;
+    for (std::string & word : words)
+    {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, m_nErr, STDERR_FILENO);
+    int const error = posix_spawn(&nPid, KVX_PROGRAM, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    m_nOut = out[0];
+    if (error != 0)
+    {
+        throw std::runtime_error("cannot start " KVX_PROGRAM);
+    }
+}
+
+Process::~Process()
+{
+    if (nPid > 0)
+    {
+        kill(nPid, SIGKILL);
+        Wait();
+    }
+    close(m_nOut);
+    close(m_nErr);
+}
+
+std::string Process::ReadLine() const
+{
+    std::string line;
+    for (char c = 0; read(m_nOut, &c, 1) == 1 && c != '\n';)
+    {
+        line += c;
+    }
+    return line;
+}
+
+int Process::Wait()
+{
+    strOut = ReadToEnd(m_nOut);
+    int status = 0;
+    waitpid(nPid, &status, 0);
+    nPid = -1;
+    lseek(m_nErr, 0, SEEK_SET);
+    strErr = ReadToEnd(m_nErr);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+Result RunKvx(Strings const & args)
+{
+    Process process(args);
+    int const status = process.Wait();
+    return {status, process.strOut, process.strErr};
+}
+
 Response::Response(std::string_view json)
 {
-    Reader reader(json);
+    JsonReader reader{json};
     auto const texts = [&] { return reader.List([&] { return reader.Text(); }); };
     reader.Expect("{\"code\":");
-    nCode = reader.Number();
+    nCode = std::stoll(reader.TakeChars(reader.rest.find(',')));
     reader.Expect(",\"text\":");
     strText = reader.Text();
     reader.Expect(",\"rowsets\":");
@@ -107,40 +181,24 @@ Response::Response(std::string_view json)
             reader.Expect("}");
             return set;
         });
-    reader.Expect("}\n");
-    if (!reader.m_rest.empty())
-    {
-        throw std::runtime_error("more behind the response");
-    }
+    EXPECT_EQ(reader.rest, "}\n");
 }
 
-Service::Service(std::vector<std::string> const & options)
+Service::Service(Strings const & options) : process(Join({"serve", "tcp:127.0.0.1:0"}, options))
 {
-    std::vector<std::string> args{"serve", "tcp:127.0.0.1:0"};
-    args.insert(args.end(), options.begin(), options.end());
-    m_process = std::make_unique<Process>(args);
-    std::string const line = m_process->ReadLine();
+    std::string const line = process.ReadLine();
     std::string const begin = "READY tcp:127.0.0.1:";
     if (!line.starts_with(begin))
     {
         throw std::runtime_error("not ready: " + line);
     }
-    m_strAddress = line.substr(6);
-    m_nPort = std::stoi(line.substr(begin.size()));
+    strAddress = line.substr(6);
+    nPort = std::stoi(line.substr(begin.size()));
 }
 
-Result Service::CallRaw(std::vector<std::string> const & words) const
+Response Service::Call(Strings const & words) const
 {
-    std::vector<std::string> args{"call", m_strAddress};
-    args.insert(args.end(), words.begin(), words.end());
-    return RunKvx(args);
-}
-
-Response Service::Call(std::vector<std::string> const & words) const
-{
-    std::vector<std::string> all{"--format", "json"};
-    all.insert(all.end(), words.begin(), words.end());
-    Result const result = CallRaw(all);
+    Result const result = RunKvx(Join({"call", strAddress, "--format", "json"}, words));
     Response response(result.strOut);
     std::string const line = "error " + std::to_string(response.nCode) + ": " + response.strText + "\n";
     EXPECT_EQ(result.strErr, response.nCode == 0 ? "" : line);
@@ -150,21 +208,20 @@ Response Service::Call(std::vector<std::string> const & words) const
 
 long Service::GetMemory() const
 {
-    std::ifstream status("/proc/" + std::to_string(m_process->GetPid()) + "/status");
-    for (std::string word; status >> word;)
+    std::ifstream status("/proc/" + std::to_string(process.nPid) + "/status");
+    std::string word;
+    while (status >> word && word != "VmRSS:")
     {
-        if (long kilobytes = 0; word == "VmRSS:" && status >> kilobytes)
-        {
-            return kilobytes / 1024;
-        }
     }
-    throw std::runtime_error("the service is gone");
+    long kilobytes = 0;
+    EXPECT_TRUE(status >> kilobytes);
+    return kilobytes / 1024;
 }
 
 int Service::Stop(int signal)
 {
-    m_process->Signal(signal);
-    return m_process->Wait();
+    kill(process.nPid, signal);
+    return process.Wait();
 }
 
 RawClient::RawClient(int port) : m_nSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
@@ -177,10 +234,7 @@ RawClient::RawClient(int port) : m_nSocket(socket(AF_INET, SOCK_STREAM | SOCK_CL
     int const on = 1;
     setsockopt(m_nSocket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     setsockopt(m_nSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    if (connect(m_nSocket, reinterpret_cast<sockaddr const *>(&address), sizeof(address)) != 0)
-    {
-        throw std::runtime_error("connect");
-    }
+    EXPECT_EQ(connect(m_nSocket, reinterpret_cast<sockaddr const *>(&address), sizeof(address)), 0);
 }
 
 RawClient::~RawClient()
@@ -190,12 +244,8 @@ RawClient::~RawClient()
 
 void RawClient::Send(std::string_view bytes) const
 {
-    // A server that has ended the link in the middle is one of the cases.
-    while (!bytes.empty())
-    {
-        ssize_t const sent = send(m_nSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        bytes.remove_prefix(sent > 0 ? static_cast<std::size_t>(sent) : bytes.size());
-    }
+    // All are few enough for the socket's buffer; that the server has ended the link meanwhile is one of the cases.
+    send(m_nSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
 void RawClient::EndSending() const
@@ -206,29 +256,17 @@ void RawClient::EndSending() const
 std::string RawClient::Receive(std::size_t count) const
 {
     std::string bytes(count, 0);
-    std::size_t have = 0;
-    while (have < count)
-    {
-        ssize_t const got = recv(m_nSocket, bytes.data() + have, count - have, 0);
-        if (got <= 0)
-        {
-            break;
-        }
-        have += static_cast<std::size_t>(got);
-    }
-    bytes.resize(have);
+    ssize_t const got = recv(m_nSocket, bytes.data(), count, MSG_WAITALL);
+    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
     return bytes;
 }
 
 bool RawClient::IsEnded() const
 {
     char c = 0;
-    for (;;)
+    ssize_t got = 0;
+    while ((got = recv(m_nSocket, &c, 1, 0)) > 0)
     {
-        ssize_t const got = recv(m_nSocket, &c, 1, 0);
-        if (got <= 0)
-        {
-            return got == 0 || errno == ECONNRESET;
-        }
     }
+    return got == 0 || errno == ECONNRESET;
 }

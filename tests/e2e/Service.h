@@ -1,9 +1,10 @@
 #pragma once
 
-#include "Process.h"
+/// The program under test as child processes, and a client that speaks bytes.
 
 #include <chrono>
 #include <csignal>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -11,47 +12,78 @@
 #include <thread>
 #include <vector>
 
+using Strings = std::vector<std::string>;
+
+Strings Join(Strings first, Strings const & second);
+
+/// `kvx` with these arguments. One that still runs at the end is killed.
+class Process
+{
+public:
+    explicit Process(Strings const & args);
+    Process(Process const &) = delete;
+    Process & operator=(Process const &) = delete;
+    ~Process();
+
+    /// The next line of its stdout, without the line end; what there is if it ends before.
+    std::string ReadLine() const;
+    /// Waits for its end: the exit status, or minus the signal that ended it. What it wrote is then in the two texts.
+    int Wait();
+
+    pid_t nPid = -1;
+    std::string strOut;
+    std::string strErr;
+
+private:
+    int m_nOut = -1;
+    int m_nErr = -1;
+};
+
+struct Result
+{
+    int nStatus;
+    std::string strOut;
+    std::string strErr;
+};
+
+/// Runs the program to its end.
+Result RunKvx(Strings const & args);
+
 struct RowSet
 {
     std::string strName;
-    std::vector<std::string> columns;
-    std::vector<std::vector<std::string>> rows;
+    Strings columns;
+    std::vector<Strings> rows;
 };
 
 /// What `--format json` says, read strictly: anything but the documented form throws.
 struct Response
 {
+    explicit Response(std::string_view json);
+
     long long nCode = 0;
     std::string strText;
     std::vector<RowSet> rowSets;
-
-    explicit Response(std::string_view json);
 };
 
 /// A running `kvx serve` on a port of its own.
 class Service
 {
 public:
-    explicit Service(std::vector<std::string> const & options = {});
+    explicit Service(Strings const & options = {});
 
-    /// The configuration that it has told by its READY line.
-    std::string const & GetAddress() const { return m_strAddress; }
-    int GetPort() const { return m_nPort; }
-    Process & GetProcess() { return *m_process; }
-
-    /// `kvx call` of it, with the response as JSON.
-    Response Call(std::vector<std::string> const & words) const;
-    /// The same with the options and formats as given.
-    Result CallRaw(std::vector<std::string> const & words) const;
+    /// `kvx call` of it, with the response as JSON. Checks that exit status and error line agree with it.
+    Response Call(Strings const & words) const;
+    /// The one cell of such a response.
+    std::string CallForValue(Strings const & words) const { return Call(words).rowSets.at(0).rows.at(0).at(0); }
     /// Resident memory in MB.
     long GetMemory() const;
     /// Asks it to end; its exit status.
     int Stop(int signal = SIGTERM);
 
-private:
-    std::unique_ptr<Process> m_process;
-    std::string m_strAddress;
-    int m_nPort = 0;
+    Process process;
+    std::string strAddress; // as its READY line tells
+    int nPort = 0;
 };
 
 class ServiceTest : public testing::Test
@@ -66,18 +98,13 @@ protected:
 template <class F>
 bool Becomes(F const & condition)
 {
-    for (int i = 0; i < 500; ++i)
+    for (int i = 0; i < 500 && !condition(); ++i)
     {
-        if (condition())
-        {
-            return true;
-        }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return false;
+    return condition();
 }
 
-/// A client that speaks bytes.
 class RawClient
 {
 public:

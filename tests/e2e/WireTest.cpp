@@ -41,7 +41,7 @@ class Wire : public ServiceTest
 protected:
     void ExpectExchange(std::string const & tag, std::string const & request, std::string const & response)
     {
-        RawClient const client(m_service.GetPort());
+        RawClient const client(m_service.nPort);
         client.Send(tag);
         EXPECT_EQ(client.Receive(4), tag);
         for (int i = 0; i < 2; ++i) // the link stays, and nothing of the first exchange is left
@@ -81,14 +81,14 @@ TEST_F(Wire, TakesBytesOneByOneAndManyAtOnce)
     std::string const request = Word(0) + Text("host.echo") + Word(1) + Text("k") + Text("v") + Text("") + Word(0);
     std::string const response =
         Text("") + Word(1) + Text("echo") + Word(1) + Word(1) + Text("k") + Word(1) + Text("v");
-    RawClient const slow(m_service.GetPort());
+    RawClient const slow(m_service.nPort);
     for (char const c : "VJOP" + request)
     {
         slow.Send({&c, 1});
     }
     EXPECT_EQ(slow.Receive(4 + response.size()), "VJOP" + response);
 
-    RawClient const fast(m_service.GetPort());
+    RawClient const fast(m_service.nPort);
     fast.Send("VJOP" + request + request + request);
     fast.EndSending();
     EXPECT_EQ(fast.Receive(4 + 3 * response.size()), "VJOP" + response + response + response);
@@ -112,24 +112,24 @@ TEST_F(Wire, EndsAHostileSessionAndNothingElse)
         "VJOP" + echo + Word(LARGEST) + Text("a"),               // absurd numbers of parameters
         "VJOP" + echo + Word(0) + Text("") + Word(LARGEST),      // of row sets
         "VJOP" + echo + Word(0) + Text("") + Word(LARGE) + Text("r"),
-        rowSet + Word(LARGEST) + Word(1) + Text("c") + Word(0),  // of rows
-        rowSet + Word(1) + Word(LARGEST) + Text("c") + Word(0),  // of columns
-        rowSet + Word(1) + Word(1) + Text("c") + Word(LARGEST),  // of cells
+        rowSet + Word(LARGEST) + Word(1) + Text("c") + Word(0), // of rows
+        rowSet + Word(1) + Word(LARGEST) + Text("c") + Word(0), // of columns
+        rowSet + Word(1) + Word(1) + Text("c") + Word(LARGEST), // of cells
         rowSet + Word(1) + Word(1) + Text("c") + Word(LARGE) + Text("v"),
     };
     // One that waits for its answer while the others come and go.
-    RawClient const bystander(m_service.GetPort());
+    RawClient const bystander(m_service.nPort);
     bystander.Send("VJOP" + echo);
     std::vector<std::unique_ptr<RawClient>> open;
     for (std::string const & bytes : hostile)
     {
-        RawClient const client(m_service.GetPort());
+        RawClient const client(m_service.nPort);
         client.Send(bytes);
         client.EndSending();
         EXPECT_TRUE(client.IsEnded()) << testing::PrintToString(bytes);
         for (int i = 0; i < 4; ++i)
         {
-            open.push_back(std::make_unique<RawClient>(m_service.GetPort()));
+            open.push_back(std::make_unique<RawClient>(m_service.nPort));
             open.back()->Send(bytes);
         }
     }
@@ -146,7 +146,7 @@ TEST_F(Wire, RefusesToSpellOutWhatIsOnlyClaimed)
     {
         std::string request = Head("host.echo") + Word(1) + Text("r") + Word(LARGE) + Word(columns);
         request += columns == 1 ? Text("c") + Word(0) : "";
-        RawClient const client(m_service.GetPort());
+        RawClient const client(m_service.nPort);
         client.Send("QLDR" + request);
         std::string const begin = Text("rc:=87;").substr(4);
         EXPECT_EQ(client.Receive(4 + 4 + begin.size()).substr(8), begin);

@@ -215,6 +215,56 @@ TEST(Stream, NumbersCountDistinctTextsByCase)
     EXPECT_LT(stream.m_bytes.size(), 1000u * (4 + 14) + 2000u * 4);
 }
 
+// Cells that repeat share their characters, on both sides: each goes and changes on its own, also behind the message.
+TEST(Stream, RepeatedCellsAreTextsOfTheirOwn)
+{
+    constexpr int ROWS = 2000;
+    constexpr int WORDS = 50;
+    auto const word = [](int row)
+    {
+        CString text;
+        text.Format(_T("word %d"), row % 7 == 0 ? 0 : row % WORDS);
+        return text;
+    };
+    CMemoryStream stream;
+    stream.EnableCompact();
+    {
+        std::vector<CString> words;
+        for (int i = 0; i < WORDS; ++i)
+        {
+            words.push_back(word(i));
+        }
+        CMsgCursor rows(new CMsgMultipleRowSets);
+        for (int row = 0; row < ROWS; ++row)
+        {
+            rows.AppendRow();
+            // Some share the word's characters, some are equal only.
+            rows[_T("c")] = row % 3 == 0 ? word(row) : words[static_cast<std::size_t>(row % 7 == 0 ? 0 : row % WORDS)];
+        }
+        CMsgStreamCompactor const message(stream);
+        ASSERT_TRUE(rows.GetRowSets()->Write(stream));
+    }
+    CMsgCursor rows(new CMsgMultipleRowSets);
+    {
+        CMsgStreamCompactor const message(stream);
+        ASSERT_TRUE(rows.GetRowSets()->Read(stream));
+    }
+    rows.RestartCurrentRowSet();
+    CMsgCursor copied(new CMsgMultipleRowSets(*rows.GetRowSets()));
+    for (int row = 0; rows.NextRow(); ++row)
+    {
+        CStringValue & cell = rows[_T("c")];
+        ASSERT_EQ(cell, word(row));
+        cell += _T("!");
+    }
+    for (int row = 0; copied.NextRow(); ++row)
+    {
+        ASSERT_EQ(copied[_T("c")], word(row));
+    }
+    ASSERT_TRUE(rows.SelectRow(reinterpret_cast<POSITION>(INT_PTR{ROWS})));
+    EXPECT_EQ(rows[_T("c")], word(ROWS - 1) + _T("!"));
+}
+
 TEST(Stream, NarrowStreamsCutAtTheLength)
 {
     CMemoryStream stream(0);

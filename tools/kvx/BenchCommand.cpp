@@ -129,8 +129,8 @@ struct alignas(64) Client
         }
     }
 
-    /// Measured on the last call, which costs the others nothing. A call within the process has no bytes on any wire; its
-    /// wire form tells how much it carries.
+    /// Measured on the last call, which costs the others nothing. A call within the process has no bytes on any wire;
+    /// its wire form tells how much it carries.
     ULONGLONG CountBytes(CMsgRequest & request) const
     {
         CCountingStream bytes(!pConnection || pConnection->IsCompact());
@@ -152,8 +152,8 @@ void ShowProgress(std::vector<Client> const & clients, int count)
         done += client.nDone.load(std::memory_order_relaxed);
     }
     auto const filled = static_cast<int>(done * WIDTH / count);
-    std::string const bar = std::string(static_cast<std::size_t>(filled), '#') +
-                            std::string(static_cast<std::size_t>(WIDTH - filled), '.');
+    std::string const bar =
+        std::string(static_cast<std::size_t>(filled), '#') + std::string(static_cast<std::size_t>(WIDTH - filled), '.');
     std::fprintf(stderr, "\r[%s] %3d%%  %lld calls", bar.c_str(), static_cast<int>(done * 100 / count), done);
     std::fflush(stderr);
 }
@@ -267,17 +267,18 @@ void AddBenchCommand(CLI::App & app, Run & run)
     auto const options = std::make_shared<BenchOptions>();
     CLI::App * const command = app.add_subcommand("bench", "Send many requests and tell how long they took");
     options->words.AddTo(*command);
-    command->add_option("--count", options->nCount, "Calls in all")->required()->check(CLI::Range(1, 100'000'000));
+    command->add_option("--count", options->nCount, "Calls in all")->required()->check(CLI::Range(1, 10'000'000));
     command->add_option("--clients", options->nClients, "Threads with a connection each")
         ->required()
         ->check(CLI::Range(1, 10'000));
     command->add_flag("--oneway", options->bOneWay, "Send the requests and read no responses");
-    command->footer("Prints times of a call in microseconds, and calls and bytes of messages per second. Connections are made\n"
-                    "before the clock starts.\n"
-                    "\n"
-                    "Examples:\n"
-                    "  kvx bench tcp:127.0.0.1:4100 host.echo text=hello --count 100000 --clients 4\n"
-                    "  kvx bench tcp:127.0.0.1:4100 host.table.get rows=10000 columns=4 --count 100 --clients 1\n"
-                    "  kvx bench inproc host.echo --count 1000000 --clients 2");
+    command->footer(
+        "Prints times of a call in microseconds, and calls and bytes of messages per second. Connections are made\n"
+        "before the clock starts.\n"
+        "\n"
+        "Examples:\n"
+        "  kvx bench tcp:127.0.0.1:4100 host.echo text=hello --count 100000 --clients 4\n"
+        "  kvx bench tcp:127.0.0.1:4100 host.table.get rows=10000 columns=4 --count 100 --clients 1\n"
+        "  kvx bench inproc host.echo --count 1000000 --clients 2");
     command->callback([&run, options] { run = [options] { return RunBench(*options); }; });
 }

@@ -35,8 +35,8 @@ struct TimedCall
     }
 };
 
-/// Waits for the call, and breaks it off when its time is over. False if it could not be broken off (a look-up of a host
-/// name can't): then its thread still uses it.
+/// Waits for the call, and breaks it off when its time is over. False if it could not be broken off (a look-up of a
+/// host name can't): then its thread still uses it.
 bool WaitForCall(TimedCall & call, DWORD timeout, Endpoint & endpoint, bool & bInTime)
 {
     constexpr DWORD STEP = 20; // milliseconds
@@ -115,7 +115,8 @@ void AddCallCommand(CLI::App & app, Run & run)
                     "  kvx call tcp:127.0.0.1:4100 host.count add=1 --oneway\n"
                     "  kvx call tcp:127.0.0.1:4100 host.sleep ms=5000 --timeout 1000\n"
                     "\n"
-                    "JSON is {\"code\":0,\"text\":\"\",\"rowsets\":[{\"name\":\"\",\"columns\":[],\"rows\":[[]]}]}, on failure too.\n"
+                    "JSON is {\"code\":0,\"text\":\"\",\"rowsets\":[{\"name\":\"\",\"columns\":[],\"rows\":[[]]}]}, on "
+                    "failure too.\n"
                     "Words behind -- are no options: kvx call tcp:HOST:PORT host.echo -- -x=1");
     command->callback([&run, options] { run = [options] { return RunCall(*options); }; });
 }

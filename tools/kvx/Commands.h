@@ -1,7 +1,7 @@
 #pragma once
 
-/// The commands of the program. Each adds its part of the command line; when its words have been parsed it leaves in `run`
-/// what is to be done, which gives the exit status: 0, or 1 with an error line on stderr.
+/// The commands of the program. Each adds its part of the command line; when its words have been parsed it leaves in
+/// `run` what is to be done, which gives the exit status: 0, or 1 with an error line on stderr.
 
 #include <functional>
 

@@ -14,7 +14,8 @@ struct DisplayText
     int nWidth = 0;
 };
 
-/// Control characters are shown as escapes (`\n`, `\x1B`): data can neither break lines nor give commands to a terminal.
+/// Control characters are shown as escapes (`\n`, `\x1B`): data can neither break lines nor give commands to a
+/// terminal.
 DisplayText ToDisplay(CString::View text);
 
 /// The part of a text that `ToDisplay` made that fits in `width` columns, with an ellipsis in the place of what is cut.

@@ -15,9 +15,8 @@ void CallWords::AddTo(CLI::App & command)
     command.add_option("CONNECTION", strConnection, "tcp:HOST:PORT, or inproc for this process itself")->required();
     command.add_option("COMMAND", strCommand, "Dotted path of the command, such as host.info.get")
         ->required()
-        ->check(
-            [](std::string const & word)
-            { return word.empty() ? std::string("a command is a dotted path") : std::string(); });
+        ->check([](std::string const & word)
+                { return word.empty() ? std::string("a command is a dotted path") : std::string(); });
     command.add_option("NAME=VALUE", params, "Parameters of the request")
         ->check(
             [](std::string const & word)

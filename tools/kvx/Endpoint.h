@@ -33,8 +33,8 @@ struct CallWords
 /// with a provider's or a listener's configuration, or an empty text.
 CString CheckConfiguration(CString const & config);
 
-/// Makes the whole tree of this process lead to a connection (`tcp:HOST:PORT`), or to the providers of `host` in the process
-/// itself (`inproc`). There is one at a time.
+/// Makes the whole tree of this process lead to a connection (`tcp:HOST:PORT`), or to the providers of `host` in the
+/// process itself (`inproc`). There is one at a time.
 class Endpoint
 {
 public:
@@ -46,7 +46,8 @@ public:
     /// False, with a line on stderr, for a connection that there is no provider for. Nothing is connected yet.
     bool Open(std::string_view connection);
 
-    /// A connection for requests to be pinned to (CMsgRequest::SetConnection), owned by the endpoint; null in the process.
+    /// A connection for requests to be pinned to (CMsgRequest::SetConnection), owned by the endpoint; null in the
+    /// process.
     CMsgConnection * NewConnection();
     /// Connects it, so that the first call needn't. A failure shows at the call.
     static void Connect(CMsgConnection * connection);

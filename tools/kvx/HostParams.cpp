@@ -3,8 +3,8 @@
 #include <charconv>
 #include <string>
 
-std::optional<LONGLONG> ReadNumber(CMsgRequest & request, LPCTSTR name, std::optional<LONGLONG> fallback, LONGLONG minimum,
-                                   LONGLONG maximum)
+std::optional<LONGLONG> ReadNumber(CMsgRequest & request, LPCTSTR name, std::optional<LONGLONG> fallback,
+                                   LONGLONG minimum, LONGLONG maximum)
 {
     CString value;
     if (!static_cast<CValueAccessor const &>(request).GetValue(name, value))
@@ -21,7 +21,8 @@ std::optional<LONGLONG> ReadNumber(CMsgRequest & request, LPCTSTR name, std::opt
     if (error != std::errc() || end != text.data() + text.size() || number < minimum || number > maximum)
     {
         request.SetResponseError(ERROR_INVALID_PARAMETER,
-                                 _T("The parameter '%s' must be a whole number from %I64d to %I64d"), name, minimum, maximum);
+                                 _T("The parameter '%s' must be a whole number from %I64d to %I64d"), name, minimum,
+                                 maximum);
         return std::nullopt;
     }
     return number;

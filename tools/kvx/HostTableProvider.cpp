@@ -13,12 +13,13 @@ constexpr LONGLONG COLUMNS_MAX = 10'000; // a column costs some hundred bytes ev
 constexpr std::size_t TABLES_KEPT = 4;
 constexpr LONGLONG CELLS_KEPT = 250'000; // larger tables aren't kept
 
-constexpr std::array FIRST_WORDS{_T("amber"), _T("brisk"),  _T("calm"),  _T("distant"), _T("early"), _T("faint"), _T("green"),
-                                 _T("high"),  _T("inner"),  _T("light"), _T("narrow"),  _T("old"),   _T("plain"), _T("quiet"),
-                                 _T("round"), _T("silver"), _T("third"), _T("upper"),   _T("warm"),  _T("young")};
-constexpr std::array SECOND_WORDS{_T("anchor"), _T("bridge"), _T("canal"),  _T("dune"),  _T("engine"),
+constexpr std::array FIRST_WORDS{_T("amber"),  _T("brisk"), _T("calm"),  _T("distant"), _T("early"),
+                                 _T("faint"),  _T("green"), _T("high"),  _T("inner"),   _T("light"),
+                                 _T("narrow"), _T("old"),   _T("plain"), _T("quiet"),   _T("round"),
+                                 _T("silver"), _T("third"), _T("upper"), _T("warm"),    _T("young")};
+constexpr std::array SECOND_WORDS{_T("anchor"), _T("bridge"), _T("canal"),   _T("dune"),   _T("engine"),
                                   _T("field"),  _T("gate"),   _T("harbour"), _T("island"), _T("lamp"),
-                                  _T("meadow"), _T("north"),  _T("orchard"), _T("paper"), _T("river")};
+                                  _T("meadow"), _T("north"),  _T("orchard"), _T("paper"),  _T("river")};
 
 /// "key-" and at least seven digits.
 CString MakeKey(LONGLONG number)
@@ -74,7 +75,8 @@ void CHostTableProvider::OnGet(CMsgRequest & request)
     }
     if (static_cast<ULONGLONG>(*rows * *columns) > CELL_LIMIT)
     {
-        request.SetResponseError(ERROR_INVALID_PARAMETER, _T("'rows' times 'columns' must not exceed %I64u"), CELL_LIMIT);
+        request.SetResponseError(ERROR_INVALID_PARAMETER, _T("'rows' times 'columns' must not exceed %I64u"),
+                                 CELL_LIMIT);
         return;
     }
     request.GetResponse().AssignRowSet(GetTable(*rows, *columns).Get());

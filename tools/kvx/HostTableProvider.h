@@ -1,14 +1,14 @@
 #pragma once
 
-#include "kvx/msgdata/MsgRowSet.h"
 #include "kvx/messaging/MsgProvider.h"
+#include "kvx/msgdata/MsgRowSet.h"
 
 #include <array>
 #include <vector>
 
-/// `host.table.get`: a table of `rows` x `columns` short texts, as real data has them: the first column is a key, different
-/// in each row, the others take their texts from vocabularies of some hundred. The same numbers give the same table.
-/// At most CELL_LIMIT cells and 10,000 columns.
+/// `host.table.get`: a table of `rows` x `columns` short texts, as real data has them: the first column is a key,
+/// different in each row, the others take their texts from vocabularies of some hundred. The same numbers give the same
+/// table. At most CELL_LIMIT cells and 10,000 columns.
 ///
 /// Tables are made once and never changed: the last few are kept, and answers share them by reference.
 class CHostTableProvider : public CMsgProvider

@@ -6,9 +6,9 @@
 
 /// Commands that exercise a connection.
 ///
-/// `host.echo` answers a row set `echo` with one row, a column for each parameter, and behind it the row sets that the request
-/// carried. `host.fail` answers with the error that `code` and `text` say. `host.sleep` answers after `ms` milliseconds.
-/// `host.count` adds `add` to a counter of 64 bits, and answers its value in the column `count`.
+/// `host.echo` answers a row set `echo` with one row, a column for each parameter, and behind it the row sets that the
+/// request carried. `host.fail` answers with the error that `code` and `text` say. `host.sleep` answers after `ms`
+/// milliseconds. `host.count` adds `add` to a counter of 64 bits, and answers its value in the column `count`.
 class CHostTestProvider : public CMsgProvider
 {
 public:

@@ -309,7 +309,8 @@ int PrintResponse(CMsgResponse & response, Format format)
     ULONGLONG const cells = CountClaimedCells(response.GetRowSets());
     if (cells > CELL_LIMIT)
     {
-        response.SetError(ERROR_NOT_ENOUGH_MEMORY, _T("The response claims %I64u cells, which is too many to show"), cells);
+        response.SetError(ERROR_NOT_ENOUGH_MEMORY, _T("The response claims %I64u cells, which is too many to show"),
+                          cells);
         response.ResetRowSets();
     }
     Output out;

@@ -18,9 +18,9 @@ inline constexpr ULONGLONG CELL_LIMIT = 10'000'000;
 /// What the row sets claim in all.
 ULONGLONG CountClaimedCells(CMsgMultipleRowSets const & rowSets);
 
-/// Writes the response, the failed one too, in the given format, and the error line if it failed. A response that claims
-/// too many cells, or a stdout that can't be written to, is reported as an error.
-/// The exit status: 0, or 1 for a failure.
+/// Writes the response, the failed one too, in the given format, and the error line if it failed. A response that
+/// claims too many cells, or a stdout that can't be written to, is reported as an error. The exit status: 0, or 1 for a
+/// failure.
 int PrintResponse(CMsgResponse & response, Format format);
 
 /// Writes the line `error CODE: TEXT` to stderr.

@@ -69,7 +69,8 @@ bool OpenLog(ServeOptions const & options)
         // The sink itself tells nobody when its file can't be opened.
         CFile file;
         CFileException problem;
-        if (!file.Open(path, CFile::modeCreate | CFile::modeNoTruncate | CFile::modeWrite | CFile::shareDenyNone, &problem))
+        if (!file.Open(path, CFile::modeCreate | CFile::modeNoTruncate | CFile::modeWrite | CFile::shareDenyNone,
+                       &problem))
         {
             CString text;
             auto const code = static_cast<DWORD>(problem.m_lOsError);

@@ -54,13 +54,14 @@ int main(int argc, char ** argv)
     app.set_version_flag("--version", "kvx " KVX_PROGRAM_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1);
-    app.footer("Examples:\n"
-               "  kvx serve tcp:127.0.0.1:4100\n"
-               "  kvx call tcp:127.0.0.1:4100 host.files.list path=/usr/include pattern='*.h' limit=10\n"
-               "  kvx bench tcp:127.0.0.1:4100 host.echo text=hello --count 10000 --clients 4\n"
-               "\n"
-               "Exit status: 0, 1 if the call or the connection failed (error CODE: TEXT on stderr), 2 for wrong usage.\n"
-               "kvx COMMAND --help tells more.");
+    app.footer(
+        "Examples:\n"
+        "  kvx serve tcp:127.0.0.1:4100\n"
+        "  kvx call tcp:127.0.0.1:4100 host.files.list path=/usr/include pattern='*.h' limit=10\n"
+        "  kvx bench tcp:127.0.0.1:4100 host.echo text=hello --count 10000 --clients 4\n"
+        "\n"
+        "Exit status: 0, 1 if the call or the connection failed (error CODE: TEXT on stderr), 2 for wrong usage.\n"
+        "kvx COMMAND --help tells more.");
     AddServeCommand(app, run);
     AddCallCommand(app, run);
     AddBenchCommand(app, run);

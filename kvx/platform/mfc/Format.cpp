@@ -364,7 +364,7 @@ private:
         std::string_view prefix;
         if (d.bAlternate && bits != 0)
         {
-            prefix = d.type == 'x' ? "0x" : d.type == 'X' ? "0X" : d.type == 'o' ? "0" : "";
+            prefix = d.type == 'x' ? "0x" : d.type == 'X' ? "0X" : "";
         }
         PutDigits(d, prefix, bits, d.type == 'o' ? 8 : d.type == 'u' ? 10 : 16);
     }
@@ -382,7 +382,11 @@ private:
         {
             text = {};
         }
-        int const zeros = std::max(0, d.nPrecision - static_cast<int>(text.size()));
+        int zeros = std::max(0, d.nPrecision - static_cast<int>(text.size()));
+        if (d.type == 'o' && d.bAlternate && zeros == 0 && !text.starts_with('0'))
+        {
+            zeros = 1; // an octal number shows what it is by a leading zero, whatever put it there
+        }
         PutNumber(d, prefix, zeros, text, d.nPrecision < 0);
     }
 
@@ -407,9 +411,9 @@ private:
         auto const result = kind == 'a' && d.nPrecision < 0 ? std::to_chars(first, last, magnitude, format)
                                                             : std::to_chars(first, last, magnitude, format, precision);
         digits.resize(static_cast<std::size_t>(result.ptr - first));
-        if (d.bAlternate && digits.find('.') == std::string::npos)
+        if (d.bAlternate)
         {
-            digits.insert(std::min(digits.find_first_of("ep"), digits.size()), 1, '.');
+            KeepPoint(digits, kind == 'g' ? std::max(precision, 1) : 0);
         }
         if (d.type != kind)
         {
@@ -421,6 +425,20 @@ private:
             prefix.append(d.type == 'a' ? "0x" : "0X");
         }
         PutNumber(d, prefix, 0, digits, true);
+    }
+
+    /// The '#' flag: a number always has a point, and with "%g" all of its significant digits.
+    static void KeepPoint(std::string & digits, int significant)
+    {
+        std::size_t const end = std::min(digits.find_first_of("ep"), digits.size());
+        std::string_view const mantissa(digits.data(), end);
+        bool const bPoint = mantissa.find('.') != std::string_view::npos;
+        std::size_t const first = mantissa.find_first_of("123456789");
+        auto const shown = first == std::string_view::npos ? std::ptrdiff_t{1}
+                                                           : std::ranges::count_if(mantissa.substr(first), kvx::IsDigit<char>);
+        std::string tail(bPoint ? "" : ".");
+        tail.append(static_cast<std::size_t>(std::max<std::ptrdiff_t>(0, significant - shown)), '0');
+        digits.insert(end, tail);
     }
 
     void PutNumber(Directive const & d, std::string_view prefix, int zeros, std::string_view digits, bool bMayPadZeros)

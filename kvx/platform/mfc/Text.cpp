@@ -116,7 +116,7 @@ XCHAR * CStringT<XCHAR>::Own(int capacity)
     {
         return m_pText;
     }
-    if (capacity == 0)
+    if (IsNil() && capacity == 0)
     {
         return m_pText; // the shared empty text already ends in a NUL, and there is no room to write to
     }
@@ -159,10 +159,6 @@ template <class XCHAR>
 void CStringT<XCHAR>::AppendGrowing(View text)
 {
     constexpr std::size_t SMALLEST = 12;
-    if (text.empty())
-    {
-        return;
-    }
     std::size_t const length = static_cast<std::size_t>(GetLength());
     if (text.size() > MAX_LENGTH - length)
     {
@@ -197,6 +193,7 @@ CStringT<XCHAR> CStringT<XCHAR>::Join(View a, View b)
 template <class XCHAR>
 int CStringT<XCHAR>::CompareNoCase(View other) const noexcept
 {
+    using Unit = std::make_unsigned_t<std::conditional_t<sizeof(XCHAR) == 1, char, std::int16_t>>;
     View const self = *this;
     std::size_t const common = std::min(self.size(), other.size());
     for (std::size_t i = 0; i < common; ++i)
@@ -205,7 +202,7 @@ int CStringT<XCHAR>::CompareNoCase(View other) const noexcept
         XCHAR const b = kvx::ToLower(other[i]);
         if (a != b)
         {
-            return a < b ? -1 : 1;
+            return static_cast<Unit>(a) < static_cast<Unit>(b) ? -1 : 1;
         }
     }
     return self.size() == other.size() ? 0 : (self.size() < other.size() ? -1 : 1);
@@ -247,14 +244,14 @@ CStringT<XCHAR> CStringT<XCHAR>::Mid(int first, int count) const
 template <class XCHAR>
 CStringT<XCHAR> CStringT<XCHAR>::SpanIncluding(PCXSTR set) const
 {
-    std::size_t const end = AsView().find_first_not_of(set);
+    std::size_t const end = AsView().find_first_not_of(ToView(set));
     return end == View::npos ? *this : Left(static_cast<int>(end));
 }
 
 template <class XCHAR>
 CStringT<XCHAR> CStringT<XCHAR>::SpanExcluding(PCXSTR set) const
 {
-    std::size_t const end = AsView().find_first_of(set);
+    std::size_t const end = AsView().find_first_of(ToView(set));
     return end == View::npos ? *this : Left(static_cast<int>(end));
 }
 
@@ -343,7 +340,7 @@ CStringT<XCHAR> & CStringT<XCHAR>::TrimLeft(XCHAR drop)
 template <class XCHAR>
 CStringT<XCHAR> & CStringT<XCHAR>::TrimLeft(PCXSTR set)
 {
-    TrimHead(*this, [drop = View(set)](XCHAR c) { return drop.find(c) != View::npos; });
+    TrimHead(*this, [drop = ToView(set)](XCHAR c) { return drop.find(c) != View::npos; });
     return *this;
 }
 
@@ -364,7 +361,7 @@ CStringT<XCHAR> & CStringT<XCHAR>::TrimRight(XCHAR drop)
 template <class XCHAR>
 CStringT<XCHAR> & CStringT<XCHAR>::TrimRight(PCXSTR set)
 {
-    TrimTail(*this, [drop = View(set)](XCHAR c) { return drop.find(c) != View::npos; });
+    TrimTail(*this, [drop = ToView(set)](XCHAR c) { return drop.find(c) != View::npos; });
     return *this;
 }
 
@@ -383,8 +380,8 @@ int CStringT<XCHAR>::Replace(XCHAR from, XCHAR to)
 template <class XCHAR>
 int CStringT<XCHAR>::Replace(PCXSTR from, PCXSTR to)
 {
-    View const old = from ? View(from) : View();
-    View const fresh = to ? View(to) : View();
+    View const old = ToView(from);
+    View const fresh = ToView(to);
     View const self = *this;
     std::size_t found = old.empty() ? View::npos : self.find(old);
     if (found == View::npos)
@@ -422,7 +419,7 @@ int CStringT<XCHAR>::Remove(XCHAR c)
 template <class XCHAR>
 int CStringT<XCHAR>::Insert(int index, PCXSTR text)
 {
-    View const part = text ? View(text) : View();
+    View const part = ToView(text);
     std::size_t const at = static_cast<std::size_t>(std::clamp(index, 0, GetLength()));
     if (!part.empty())
     {
@@ -460,7 +457,7 @@ template <class XCHAR>
 CStringT<XCHAR> CStringT<XCHAR>::Tokenize(PCXSTR delimiters, int & position) const
 {
     View const self = *this;
-    View const set = delimiters ? View(delimiters) : View();
+    View const set = ToView(delimiters);
     if (position < 0)
     {
         kvx::ThrowTextIndex();

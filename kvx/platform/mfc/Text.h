@@ -35,6 +35,8 @@ struct TextHead
     std::int32_t nCapacity; // characters, without the NUL; 0 only in the shared empty text
 };
 
+class TextReferences;
+
 template <class XCHAR>
 struct EmptyText
 {
@@ -101,7 +103,7 @@ public:
     CStringT() noexcept : m_pText(Nil()) {}
     CStringT(CStringT const & other) noexcept : m_pText(other.m_pText) { Share(); }
     CStringT(CStringT && other) noexcept : m_pText(std::exchange(other.m_pText, Nil())) {}
-    CStringT(PCXSTR text) : m_pText(Nil()) { Init(text ? View(text) : View()); }
+    CStringT(PCXSTR text) : m_pText(Nil()) { Init(ToView(text)); }
     CStringT(PCXSTR text, int length) : m_pText(Nil()) { Init(Checked(text, length)); }
     explicit CStringT(View text) : m_pText(Nil()) { Init(text); }
     CStringT(XCHAR c, int repeat) : m_pText(Nil())
@@ -136,7 +138,7 @@ public:
     }
     CStringT & operator=(PCXSTR text)
     {
-        Assign(text ? View(text) : View());
+        Assign(ToView(text));
         return *this;
     }
     CStringT & operator=(XCHAR c)
@@ -230,6 +232,10 @@ public:
 
     void Append(View text)
     {
+        if (text.empty())
+        {
+            return;
+        }
         std::size_t const length = static_cast<std::size_t>(GetLength());
         if (text.size() <= static_cast<std::size_t>(Head()->nCapacity) - length && !IsNil() && !IsShared())
         {
@@ -240,7 +246,7 @@ public:
         }
         AppendGrowing(text);
     }
-    void Append(PCXSTR text) { Append(text ? View(text) : View()); }
+    void Append(PCXSTR text) { Append(ToView(text)); }
     void Append(PCXSTR text, int length) { Append(Checked(text, length)); }
     void Append(CStringT const & text)
     {
@@ -273,18 +279,18 @@ public:
     int Compare(View other) const noexcept { return kvx::CompareUnits(AsView(), other); }
     int Compare(CStringT const & other) const noexcept { return Compare(View(other)); }
     int CompareNoCase(CStringT const & other) const noexcept { return CompareNoCase(View(other)); }
-    int Compare(PCXSTR other) const noexcept { return Compare(other ? View(other) : View()); }
+    int Compare(PCXSTR other) const noexcept { return Compare(ToView(other)); }
     int CompareNoCase(View other) const noexcept;
-    int CompareNoCase(PCXSTR other) const noexcept { return CompareNoCase(other ? View(other) : View()); }
+    int CompareNoCase(PCXSTR other) const noexcept { return CompareNoCase(ToView(other)); }
     int Collate(PCXSTR other) const noexcept { return Compare(other); }
 
     /// Index of the first occurrence at or behind `start`, or -1.
-    int Find(PCXSTR part, int start = 0) const { return Find(part ? View(part) : View(), start); }
+    int Find(PCXSTR part, int start = 0) const { return Find(ToView(part), start); }
     int Find(CStringT const & part, int start = 0) const noexcept { return Find(View(part), start); }
     int Find(View part, int start = 0) const noexcept;
     int Find(XCHAR c, int start = 0) const noexcept;
     int ReverseFind(XCHAR c) const noexcept { return ToIndex(AsView().rfind(c)); }
-    int FindOneOf(PCXSTR set) const { return ToIndex(AsView().find_first_of(set)); }
+    int FindOneOf(PCXSTR set) const { return ToIndex(AsView().find_first_of(ToView(set))); }
 
     CStringT Left(int count) const { return Mid(0, count); }
     CStringT Right(int count) const
@@ -340,8 +346,8 @@ public:
     }
 
     friend CStringT operator+(CStringT const & a, CStringT const & b) { return Join(a, b); }
-    friend CStringT operator+(CStringT const & a, PCXSTR b) { return Join(a, b ? View(b) : View()); }
-    friend CStringT operator+(PCXSTR a, CStringT const & b) { return Join(a ? View(a) : View(), b); }
+    friend CStringT operator+(CStringT const & a, PCXSTR b) { return Join(a, ToView(b)); }
+    friend CStringT operator+(PCXSTR a, CStringT const & b) { return Join(ToView(a), b); }
     friend CStringT operator+(CStringT const & a, XCHAR b) { return Join(a, View(&b, 1)); }
     friend CStringT operator+(XCHAR a, CStringT const & b) { return Join(View(&a, 1), b); }
 
@@ -349,12 +355,20 @@ public:
     {
         return a.m_pText == b.m_pText || Equal(a, b);
     }
-    friend bool operator==(CStringT const & a, PCXSTR b) noexcept { return Equal(a, b ? View(b) : View()); }
+    friend bool operator==(CStringT const & a, PCXSTR b) noexcept { return Equal(a, ToView(b)); }
     friend bool operator==(CStringT const & a, View b) noexcept { return Equal(a, b); }
+    // Spelled out beside <=>: the comparisons of the ranges library would else take a string for the pointer that it
+    // converts to.
+    friend bool operator<(CStringT const & a, CStringT const & b) noexcept { return a.Compare(View(b)) < 0; }
+    friend bool operator>(CStringT const & a, CStringT const & b) noexcept { return a.Compare(View(b)) > 0; }
+    friend bool operator<=(CStringT const & a, CStringT const & b) noexcept { return a.Compare(View(b)) <= 0; }
+    friend bool operator>=(CStringT const & a, CStringT const & b) noexcept { return a.Compare(View(b)) >= 0; }
     friend auto operator<=>(CStringT const & a, CStringT const & b) noexcept { return a.Compare(View(b)) <=> 0; }
     friend auto operator<=>(CStringT const & a, PCXSTR b) noexcept { return a.Compare(b) <=> 0; }
 
 private:
+    friend class kvx::TextReferences;
+
     XCHAR * m_pText;
 
     static XCHAR * Nil() noexcept { return const_cast<XCHAR *>(&kvx::EMPTY_TEXT<XCHAR>.terminator); }
@@ -365,13 +379,15 @@ private:
     {
         return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(XCHAR)) == 0;
     }
+    /// A null pointer is the empty text; never a null view, which the memory functions don't take.
+    static View ToView(PCXSTR text) noexcept { return text ? View(text) : View(Nil(), 0); }
     static View Checked(PCXSTR text, int length)
     {
         if (length < 0 || (!text && length > 0))
         {
             kvx::ThrowTextIndex();
         }
-        return View(text, static_cast<std::size_t>(length));
+        return text ? View(text, static_cast<std::size_t>(length)) : ToView(text);
     }
     static View CheckedFormat(PCXSTR format)
     {
@@ -434,7 +450,7 @@ private:
         {
             return; // never writes to the shared empty text, nor to one that others read
         }
-        Own(GetLength())[length] = 0;
+        Own(length > GetLength() ? length : GetLength())[length] = 0;
         Head()->nLength = length;
     }
     /// Characters of this string alone, with room for `capacity`.
@@ -452,4 +468,75 @@ namespace kvx
 {
 /// Reads UTF-8; bytes that are none become U+FFFD.
 KVX_API CString FromUtf8(std::string_view text);
+
+/// References to shared characters, many at a time: a change of a count that other threads may change too is dear, and
+/// tables repeat few texts in many cells.
+class TextReferences
+{
+public:
+    static void Add(CString const & text, int count) noexcept
+    {
+        if (!text.IsNil())
+        {
+            __gnu_cxx::__atomic_add_dispatch(&text.Head()->nRefs, count);
+        }
+    }
+    /// For fewer than there are.
+    static void Remove(CString const & text, int count) noexcept { Add(text, -count); }
+    /// Makes an empty string share characters by a reference that Add has taken.
+    static void HandOver(CString const & from, CString & to) noexcept { to.m_pText = from.m_pText; }
+
+    TextReferences() = default;
+    TextReferences(TextReferences const &) = delete;
+    TextReferences & operator=(TextReferences const &) = delete;
+    ~TextReferences()
+    {
+        for (Pending & pending : m_pending)
+        {
+            Release(pending);
+        }
+    }
+    /// Empties a string. Its reference is given back along with others to the same characters, at the latest when this
+    /// object goes.
+    void Collect(CString & text) noexcept
+    {
+        if (text.IsNil())
+        {
+            return;
+        }
+        TextHead * const head = text.Head();
+        if (!text.IsShared())
+        {
+            text.Empty();
+            return;
+        }
+        Pending & pending = m_pending[reinterpret_cast<std::uintptr_t>(head) / 16 % PENDING];
+        if (pending.pHead != head)
+        {
+            Release(pending);
+            pending = {head, 0};
+        }
+        ++pending.nCount;
+        text.m_pText = CString::Nil();
+    }
+
+private:
+    struct Pending
+    {
+        TextHead * pHead;
+        std::int32_t nCount;
+    };
+    static constexpr std::size_t PENDING = 32;
+
+    Pending m_pending[PENDING]{};
+
+    static void Release(Pending const & pending) noexcept
+    {
+        if (pending.nCount > 0 &&
+            __gnu_cxx::__exchange_and_add_dispatch(&pending.pHead->nRefs, -pending.nCount) == pending.nCount)
+        {
+            FreeText(pending.pHead);
+        }
+    }
+};
 } // namespace kvx

@@ -56,11 +56,15 @@ bool CatchEndSignals()
     }
     g_nWaited = ends[0];
     g_nSignalled = ends[1];
-    struct sigaction action{};
+    struct sigaction action
+    {
+    };
     action.sa_handler = &OnEndSignal;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
-    struct sigaction ignore{};
+    struct sigaction ignore
+    {
+    };
     ignore.sa_handler = SIG_IGN;
     if (::sigaction(SIGINT, &action, nullptr) != 0 || ::sigaction(SIGTERM, &action, nullptr) != 0 ||
         ::sigaction(SIGPIPE, &ignore, nullptr) != 0)

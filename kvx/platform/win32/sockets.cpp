@@ -454,10 +454,11 @@ int send(SOCKET hSocket, char const * pBuffer, int nLength, int nFlags)
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket)
         return SOCKET_ERROR;
-    if (nLength < 0 || nFlags != 0)
-        return Fail(nFlags != 0 ? WSAEOPNOTSUPP : WSAEINVAL);
+    if (nLength < 0 || (nFlags & ~SendMore) != 0)
+        return Fail(nLength < 0 ? WSAEINVAL : WSAEOPNOTSUPP);
+    int const nHostFlags = MSG_NOSIGNAL | (nFlags & SendMore ? MSG_MORE : 0);
     ssize_t const nSent =
-        Retry([&] { return ::send(socket->Get(), pBuffer, static_cast<std::size_t>(nLength), MSG_NOSIGNAL); });
+        Retry([&] { return ::send(socket->Get(), pBuffer, static_cast<std::size_t>(nLength), nHostFlags); });
     return nSent >= 0 ? static_cast<int>(nSent) : FailFromErrno(*socket);
 }
 

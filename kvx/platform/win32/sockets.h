@@ -46,6 +46,7 @@ inline constexpr int ShutdownBoth = 2;
 inline constexpr int ListenBacklogMax = 0x7FFFFFFF;
 inline constexpr int ReceivePeek = 2;
 inline constexpr int ReceiveWaitAll = 8;
+inline constexpr int SendMore = 0x10000; ///< more follows at once: an incomplete segment waits for it
 inline constexpr ULONG AddressAny = 0;
 inline constexpr ULONG AddressLoopback = 0x7F000001;
 inline constexpr ULONG AddressNone = 0xFFFFFFFF;
@@ -129,7 +130,7 @@ KVX_API SOCKET accept(SOCKET hSocket, SockAddr * pAddress, int * pnLength);
 /// Blocks as long as the host tries.
 KVX_API int connect(SOCKET hSocket, SockAddr const * pAddress, int nLength);
 
-/// Returns the bytes sent: all, unless the connection broke in the middle.
+/// Returns the bytes sent: all, unless the connection broke in the middle. The only flag is SendMore.
 KVX_API int send(SOCKET hSocket, char const * pBuffer, int nLength, int nFlags);
 
 /// Returns the bytes received, 0 when the peer has closed. Flags: ReceivePeek, ReceiveWaitAll.

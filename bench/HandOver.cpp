@@ -88,11 +88,13 @@ int main(int argc, char ** argv)
         char const * szName;
         int nCpu;
     };
-    for (Place const place : {Place{"event hand-over, one CPU : futex", 0}, Place{"event hand-over, two CPUs : futex", 1}})
+    for (Place const place :
+         {Place{"event hand-over, one CPU : futex", 0}, Place{"event hand-over, two CPUs : futex", 1}})
     {
-        Compare({.strName = place.szName, .target = Target::AtMost, .nTarget = 1.5}, rounds,
-                [&] { return TimeHandOvers<Events>(count, place.nCpu); },
-                [&] { return TimeHandOvers<Words>(count, place.nCpu); });
+        Compare(
+            {.strName = place.szName, .target = Target::AtMost, .nTarget = 1.5}, rounds,
+            [&] { return TimeHandOvers<Events>(count, place.nCpu); },
+            [&] { return TimeHandOvers<Words>(count, place.nCpu); });
     }
     return 0;
 }

@@ -94,11 +94,11 @@ std::string Duration(double nanoseconds)
     return text.data();
 }
 
-void PrintCells(std::string const & name, std::string const & ours, std::string const & limit, std::string const & ratio,
-                std::string const & target, std::string const & verdict)
+void PrintCells(std::string const & name, std::string const & ours, std::string const & limit,
+                std::string const & ratio, std::string const & target, std::string const & verdict)
 {
-    std::printf("%-58s %12s %12s %7s %9s  %s\n", name.c_str(), ours.c_str(), limit.c_str(), ratio.c_str(), target.c_str(),
-                verdict.c_str());
+    std::printf("%-58s %12s %12s %7s %9s  %s\n", name.c_str(), ours.c_str(), limit.c_str(), ratio.c_str(),
+                target.c_str(), verdict.c_str());
     std::fflush(stdout);
 }
 

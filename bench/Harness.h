@@ -1,7 +1,7 @@
 #pragma once
 
-/// What the measuring programs share: rounds that alternate between ours and the limit, the table of results, pinning to
-/// CPUs, and the processes at the other end.
+/// What the measuring programs share: rounds that alternate between ours and the limit, the table of results, pinning
+/// to CPUs, and the processes at the other end.
 
 #include <chrono>
 #include <functional>
@@ -19,7 +19,8 @@ using Clock = std::chrono::steady_clock;
 double Since(Clock::time_point start);
 
 double Median(std::vector<double> values);
-/// The least of the medians of three stretches of the samples: a disturbance that lasts spoils one stretch, not the result.
+/// The least of the medians of three stretches of the samples: a disturbance that lasts spoils one stretch, not the
+/// result.
 double Settled(std::span<double const> samples);
 
 /// "--name" and "--name=value" of the command line.

@@ -36,7 +36,8 @@ private:
     int m_nHandle;
 };
 
-/// Listens on a free port of the loopback address and runs `serve` for each client, on a thread of its own. Gives the port.
+/// Listens on a free port of the loopback address and runs `serve` for each client, on a thread of its own. Gives the
+/// port.
 int ServePlain(std::function<void(PlainSocket &)> serve);
 
 /// Gathers one message. A text that was in it before becomes a back reference.
@@ -54,8 +55,8 @@ private:
     std::unordered_map<std::u16string, std::uint32_t> m_known;
 };
 
-/// Reads messages from a socket, many bytes at a time. The end of the link is the end of the program's interest: `IsGood`
-/// turns false.
+/// Reads messages from a socket, many bytes at a time. The end of the link is the end of the program's interest:
+/// `IsGood` turns false.
 class PlainReader
 {
 public:

@@ -91,7 +91,8 @@ int main(int argc, char ** argv)
     std::string const plainWho = "tcp";
     auto const limit = [&]
     {
-        double const each = TimeBurst(lines, [&](int i) { logger->info("Started listener '{}' on port {}", plainWho, i); });
+        double const each =
+            TimeBurst(lines, [&](int i) { logger->info("Started listener '{}' on port {}", plainWho, i); });
         while (pool->queue_size() > 0)
         {
             Pause();
@@ -101,7 +102,8 @@ int main(int argc, char ** argv)
     };
 
     // The log's own thread works meanwhile, where there is a CPU for it.
-    Compare({.strName = "a log line : spdlog, asynchronous", .target = Target::AtMost, .nTarget = 1.0}, rounds, ours, limit);
+    Compare({.strName = "a log line : spdlog, asynchronous", .target = Target::AtMost, .nTarget = 1.0}, rounds, ours,
+            limit);
     CLogManager::Terminate();
     return 0;
 }

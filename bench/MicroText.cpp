@@ -212,12 +212,14 @@ int main(int argc, char ** argv)
     bench::RunPairs(argc, argv, 1.0);
 
     // From the first thread on, counts are changed by locked operations.
-    std::jthread const second([](std::stop_token stop) {
-        while (!stop.stop_requested())
+    std::jthread const second(
+        [](std::stop_token stop)
         {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-    });
+            while (!stop.stop_requested())
+            {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+        });
     RegisterAll(", 2 threads");
     bench::RunPairs(argc, argv, 1.0);
     return 0;

@@ -64,8 +64,7 @@ PlainRequest MakePlainRequest(int rows)
     std::string const digits = std::to_string(rows);
     PlainRequest request;
     request.strCommand = u"host.table.get";
-    request.parameters = {
-        {u"rows", {digits.begin(), digits.end()}}, {u"columns", u"4"}, {u"filter", u"all"}};
+    request.parameters = {{u"rows", {digits.begin(), digits.end()}}, {u"columns", u"4"}, {u"filter", u"all"}};
     return request;
 }
 
@@ -276,8 +275,9 @@ void MeasureRoundTrip(Effort const & effort)
         socket.Send(request);
         socket.ReceiveAll(response.data(), response.size());
     };
-    Compare({.strName = "round trip, 10 x 4 cells : ping-pong", .target = Target::AtMost, .nTarget = 2.0}, effort.nRounds,
-            [&] { return TimeCalls(effort.nRoundTrips, ours); }, [&] { return TimeCalls(effort.nRoundTrips, limit); });
+    Compare(
+        {.strName = "round trip, 10 x 4 cells : ping-pong", .target = Target::AtMost, .nTarget = 2.0}, effort.nRounds,
+        [&] { return TimeCalls(effort.nRoundTrips, ours); }, [&] { return TimeCalls(effort.nRoundTrips, limit); });
 }
 
 /// Wall time for each call when each of several threads makes its calls.
@@ -313,9 +313,10 @@ void MeasureClients(Effort const & effort, int cpu, std::string const & name, do
         ours.push_back(std::make_unique<TableCall>(_T("host.table.get"), SMALL_ROWS));
         limit.push_back(std::make_unique<PlainTableCall>(ends.ConnectPlain(), SMALL_ROWS));
     }
-    Compare({.strName = name, .target = Target::AtLeast, .nTarget = target}, effort.nRounds,
-            [&] { return TimeClients(ours, effort.nClientCalls); },
-            [&] { return TimeClients(limit, effort.nClientCalls); });
+    Compare(
+        {.strName = name, .target = Target::AtLeast, .nTarget = target}, effort.nRounds,
+        [&] { return TimeClients(ours, effort.nClientCalls); },
+        [&] { return TimeClients(limit, effort.nClientCalls); });
 }
 
 void MeasureLarge(Effort const & effort, LPCTSTR command, int serverCpu, std::string const & name)
@@ -324,8 +325,9 @@ void MeasureLarge(Effort const & effort, LPCTSTR command, int serverCpu, std::st
     Ends const ends("ready", serverCpu);
     TableCall ours(command, LARGE_ROWS);
     PlainTableCall limit(ends.ConnectPlain(), LARGE_ROWS);
-    Compare({.strName = name, .target = Target::AtMost, .nTarget = 1.0}, effort.nRounds,
-            [&] { return TimeCalls(effort.nLarge, ours); }, [&] { return TimeCalls(effort.nLarge, limit); });
+    Compare(
+        {.strName = name, .target = Target::AtMost, .nTarget = 1.0}, effort.nRounds,
+        [&] { return TimeCalls(effort.nLarge, ours); }, [&] { return TimeCalls(effort.nLarge, limit); });
 }
 
 /// Both ends work at the same time, each on its CPU.
@@ -364,8 +366,8 @@ void MeasureOneWay(Effort const & effort)
         socket.ReceiveAll(done.data(), done.size());
         return Since(start) / effort.nOneWay;
     };
-    Compare({.strName = "one-way requests : a send a message", .target = Target::AtLeast, .nTarget = 0.9}, effort.nRounds,
-            ours, limit);
+    Compare({.strName = "one-way requests : a send a message", .target = Target::AtLeast, .nTarget = 0.9},
+            effort.nRounds, ours, limit);
 }
 } // namespace
 

@@ -1,6 +1,7 @@
 #pragma once
 
-/// The texts of the tables that travel: a name that differs from row to row in the first column, few words in the others.
+/// The texts of the tables that travel: a name that differs from row to row in the first column, few words in the
+/// others.
 
 #include <array>
 #include <cstddef>

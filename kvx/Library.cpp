@@ -1,5 +1,5 @@
-/// The static objects of the library that depend on each other, in one place: they are constructed from top to bottom when
-/// the library is loaded, and go from bottom to top.
+/// The static objects of the library that depend on each other, in one place: they are constructed from top to bottom
+/// when the library is loaded, and go from bottom to top.
 ///
 /// Everything else that is static is constant-initialised, or made at its first use and independent of these.
 
@@ -13,11 +13,13 @@
 
 namespace
 {
-/// What the library does when it is loaded and unloaded. It is the last of the statics, so that it sees all of them alive.
+/// What the library does when it is loaded and unloaded. It is the last of the statics, so that it sees all of them
+/// alive.
 class LibraryEntry
 {
 public:
-    LibraryEntry() : m_pModule((AfxInitExtensionModule(m_extension, GetModuleHandleW(nullptr)), new CDynLinkLibrary(m_extension)))
+    LibraryEntry()
+        : m_pModule((AfxInitExtensionModule(m_extension, GetModuleHandleW(nullptr)), new CDynLinkLibrary(m_extension)))
     {
     }
     LibraryEntry(LibraryEntry const &) = delete;

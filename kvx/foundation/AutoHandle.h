@@ -12,7 +12,9 @@ class KVX_API CAutoHandle
 public:
     using CloseProc = int(WINAPI *)(void *);
 
-    CAutoHandle(void * handle = INVALID_HANDLE_VALUE, CloseProc proc = &CloseHandle) : m_hHandle(handle), m_pClose(proc) {}
+    CAutoHandle(void * handle = INVALID_HANDLE_VALUE, CloseProc proc = &CloseHandle) : m_hHandle(handle), m_pClose(proc)
+    {
+    }
     CAutoHandle(CAutoHandle const &) = default;
     CAutoHandle & operator=(CAutoHandle const &) = default;
     ~CAutoHandle() { m_pClose(m_hHandle); }

@@ -11,12 +11,12 @@
 
 class CMsgRequest;
 
-/// Formats on the caller's thread, calls the immediate sinks at once, and hands the event to the log's own thread, which
-/// writes it to the queued sinks. Nothing is logged while no queued sink is registered. Nothing limits the queue.
+/// Formats on the caller's thread, calls the immediate sinks at once, and hands the event to the log's own thread,
+/// which writes it to the queued sinks. Nothing is logged while no queued sink is registered. Nothing limits the queue.
 ///
 /// Threads: any thread may log. Sinks are called one at a time, under the lock of the sink lists; the order of the time
-/// stamps is the order of the lines. A slow queued sink holds up only those who log through immediate sinks or change the
-/// lists.
+/// stamps is the order of the lines. A slow queued sink holds up only those who log through immediate sinks or change
+/// the lists.
 class KVX_API CLogManager : public CAutoDelete
 {
 public:
@@ -26,15 +26,15 @@ public:
 
     static CLogManager * GetInstance() { return &sm_instance; }
 
-    /// Never fails its caller: a format that can't be carried out is logged as "LOG ERROR: " and the format. With a source
-    /// object its address stands in front of the text.
+    /// Never fails its caller: a format that can't be carried out is logged as "LOG ERROR: " and the format. With a
+    /// source object its address stands in front of the text.
     void LogEvent(CObject const * source, DWORD type, LPCTSTR format, FormatArgs const & args);
     void LogEvent(DWORD type, LPCTSTR format, FormatArgs const & args) { LogEvent(nullptr, type, format, args); }
     /// Command and parameters, at the type of information.
     void LogRequestParams(CMsgRequest & request);
 
-    /// The manager owns the sink from now on. Immediate sinks see every event, whatever their mask, before its built text
-    /// is made.
+    /// The manager owns the sink from now on. Immediate sinks see every event, whatever their mask, before its built
+    /// text is made.
     void RegisterSink(CLogSink * sink, int queued);
     /// The caller owns the sink again; one that isn't registered is no error.
     void UnregisterSink(CLogSink * sink);

@@ -30,9 +30,9 @@ CString::View TimeStamp(SYSTEMTIME const & time, std::array<WCHAR, 40> & buffer)
         WORD value;
         int digits;
     };
-    for (Piece const piece : {Piece{'-', time.wMonth, 2}, Piece{'-', time.wDay, 2}, Piece{' ', time.wHour, 2},
-                              Piece{':', time.wMinute, 2}, Piece{':', time.wSecond, 2},
-                              Piece{'.', time.wMilliseconds, 3}})
+    for (Piece const piece :
+         {Piece{'-', time.wMonth, 2}, Piece{'-', time.wDay, 2}, Piece{' ', time.wHour, 2}, Piece{':', time.wMinute, 2},
+          Piece{':', time.wSecond, 2}, Piece{'.', time.wMilliseconds, 3}})
     {
         *to++ = static_cast<WCHAR>(piece.separator);
         to = PutNumber(to, piece.value, piece.digits);

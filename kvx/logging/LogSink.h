@@ -29,8 +29,8 @@ public:
     void Reset();
 };
 
-/// Takes events. The manager calls one sink at a time, so that a sink needs no lock; it must not wait for another thread
-/// that registers or removes sinks.
+/// Takes events. The manager calls one sink at a time, so that a sink needs no lock; it must not wait for another
+/// thread that registers or removes sinks.
 class KVX_API CLogSink : public CObject
 {
 public:
@@ -52,8 +52,8 @@ private:
     DWORD m_nMask;
 };
 
-/// Lines of UTF-8 without a byte-order mark, ended by CR LF. An existing file is kept, and any process may read or write it
-/// meanwhile. A file that can't be opened leaves a sink whose Append throws a CFileException *.
+/// Lines of UTF-8 without a byte-order mark, ended by CR LF. An existing file is kept, and any process may read or
+/// write it meanwhile. A file that can't be opened leaves a sink whose Append throws a CFileException *.
 class KVX_API CFileLog : public CLogSink
 {
 public:

@@ -20,7 +20,9 @@ constexpr int NOTIFY_THREADS = 3;
 class CNamedQueue : public CObject
 {
 public:
-    CNamedQueue(void (*proc)(CObject *, void *), void * param, CString const & name) : m_queue(proc, param, 1, 0, name) {}
+    CNamedQueue(void (*proc)(CObject *, void *), void * param, CString const & name) : m_queue(proc, param, 1, 0, name)
+    {
+    }
 
     CThreadQueue m_queue;
 };

@@ -22,7 +22,7 @@ class CMsgConnection;
 class KVX_API CMsgRequest : public CRefObject, public CValueAccessor
 {
 public:
-    static constexpr DWORD FLAG_DISCARD_RESULTS = 1; // one-way
+    static constexpr DWORD FLAG_DISCARD_RESULTS = 1;  // one-way
     static constexpr DWORD FLAG_CLOSE_CONNECTION = 2; // the inverse of KeepAlive
 
     explicit CMsgRequest(DWORD flags = 0);
@@ -137,7 +137,7 @@ private:
     DWORD m_nFlags;
     int m_bHandled = 0;
     CMap<CString, CString const &, CStringValue, CStringValue const &> m_params{10};
-    CMsgResponse * m_pResponse;                // never null; one reference
+    CMsgResponse * m_pResponse;                  // never null; one reference
     CMsgMultipleRowSets * m_pExParams = nullptr; // one reference, if any
     CMsgConnection * m_pConnection = nullptr;
 

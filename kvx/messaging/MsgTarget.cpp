@@ -19,8 +19,8 @@ std::pair<View, View> SplitPath(View path)
     return dot == View::npos ? std::pair(path, View()) : std::pair(path.substr(0, dot), path.substr(dot + 1));
 }
 
-/// Takes an exception off a provider or a walk and leaves it as the response's error, with a line in the log. To be called
-/// from a catch-all.
+/// Takes an exception off a provider or a walk and leaves it as the response's error, with a line in the log. To be
+/// called from a catch-all.
 struct FailureTexts
 {
     LPCTSTR appException;
@@ -29,10 +29,10 @@ struct FailureTexts
     LPCTSTR unknownResponse;
 };
 
-constexpr FailureTexts SERVICE_TEXTS = {
-    _T("ERROR! CAppException in MsgTarget:Service path = %s name= %s text = %s"),
-    _T("ERROR! CException in MsgTarget:Service path = %s  name= %s, message = %s"),
-    _T("ERROR! Exception in MsgTarget:Service path = %s name= %s"), _T("Service: Unhandled exception")};
+constexpr FailureTexts SERVICE_TEXTS = {_T("ERROR! CAppException in MsgTarget:Service path = %s name= %s text = %s"),
+                                        _T("ERROR! CException in MsgTarget:Service path = %s  name= %s, message = %s"),
+                                        _T("ERROR! Exception in MsgTarget:Service path = %s name= %s"),
+                                        _T("Service: Unhandled exception")};
 
 // The last log text is the same as above on purpose.
 constexpr FailureTexts PROVIDERS_TEXTS = {

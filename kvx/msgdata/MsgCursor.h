@@ -1,7 +1,7 @@
 #pragma once
 
-/// A position in a list of row sets: how callers read and build rows. As a CValueAccessor it is the set of the current row's
-/// values, by column name.
+/// A position in a list of row sets: how callers read and build rows. As a CValueAccessor it is the set of the current
+/// row's values, by column name.
 ///
 ///     CMsgCursor rows(request.GetResponse());
 ///     while (rows.NextRow())
@@ -14,8 +14,8 @@ class CMsgResponse;
 
 /// A new cursor stands before the first row of the first row set. The row sets are shared, by one reference.
 ///
-/// Reading a value of a name that doesn't exist adds the column, and reading without a current row begins the first one: a
-/// fresh cursor on an empty response is ready to be written to. A column POSITION is the ordinal plus 1.
+/// Reading a value of a name that doesn't exist adds the column, and reading without a current row begins the first
+/// one: a fresh cursor on an empty response is ready to be written to. A column POSITION is the ordinal plus 1.
 ///
 /// Errors: 0 or null, as told at each operation; CInvalidArgException * for a bad ordinal.
 /// Threads: one at a time.
@@ -106,7 +106,10 @@ public:
     void GetNextValue(POSITION & pos, CString & name, CString & value) const override;
     /// Remove or rename the column, for all rows.
     int RemoveValue(CString const & name) override { return CurrentRowSet()->RemoveColumn(name); }
-    int RenameValue(CString const & oldName, CString const & newName) override { return RenameColumn(oldName, newName); }
+    int RenameValue(CString const & oldName, CString const & newName) override
+    {
+        return RenameColumn(oldName, newName);
+    }
     /// Does nothing: a generic clearing of values must not empty a result.
     void RemoveAllValues() override {}
 

@@ -10,9 +10,9 @@
 
 class CMsgStream;
 
-/// Rows are numbered from 1, and a cell comes into being when it is first asked for. Cells lie in blocks of neighbouring
-/// rows, which a tree finds by their first row: a missing block costs nothing, a filled column is dense. The address of a
-/// cell stays as it is until the column goes.
+/// Rows are numbered from 1, and a cell comes into being when it is first asked for. Cells lie in blocks of
+/// neighbouring rows, which a tree finds by their first row: a missing block costs nothing, a filled column is dense.
+/// The address of a cell stays as it is until the column goes.
 ///
 /// Threads: one at a time; several may use the const operations at once.
 class KVX_API CMsgDataSet : public CObject

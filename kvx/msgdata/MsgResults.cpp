@@ -84,8 +84,7 @@ void CMsgResults::AssignRowSet(CMsgRowSet * rowSet)
 
 void CMsgResults::AssignRowSets(CMsgMultipleRowSets * rowSets)
 {
-    kvx::RefPtr<CMsgMultipleRowSets> const keep(rowSets);
-    CheckResponseReferences();
+    CheckResponseReferences(); // what goes here others hold, so `rowSets` stays also when it belongs to that response
     RestartCurrentRowSet();
     m_pResponse->AssignRowSets(rowSets);
 }

@@ -5,8 +5,8 @@
 #include "kvx/messaging/MsgResponse.h"
 #include "kvx/msgdata/MsgCursor.h"
 
-/// Shares the response by one reference; a response with a count of 0, on the stack or embedded, is copied instead. Changing
-/// the rows of a response that others hold takes a new one first, without its error.
+/// Shares the response by one reference; a response with a count of 0, on the stack or embedded, is copied instead.
+/// Changing the rows of a response that others hold takes a new one first, without its error.
 class KVX_API CMsgResults : public CMsgCursor, public CAutoDelete
 {
 public:

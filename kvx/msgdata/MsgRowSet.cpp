@@ -97,7 +97,7 @@ int CMsgRowSet::RenameColumn(LPCTSTR oldName, LPCTSTR newName)
     }
     m_columns.RemoveKey(oldName);
     column->SetName(newName);
-    CObject *& slot = m_columns[newName];
+    CObject *& slot = m_columns[column->GetName()];
     if (slot)
     {
         m_displaced.Add(slot);
@@ -124,6 +124,10 @@ void CMsgRowSet::RemoveAllColumns()
 
 POSITION CMsgRowSet::AppendRow()
 {
+    if (m_nRows == std::numeric_limits<LONG>::max())
+    {
+        AfxThrowInvalidArgException();
+    }
     return kvx::RowPosition(++m_nRows);
 }
 

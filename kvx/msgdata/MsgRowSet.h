@@ -1,7 +1,7 @@
 #pragma once
 
-/// A named table of text cells: what requests and responses carry. Column by column in memory, sparse, so that a row is only a
-/// number.
+/// A named table of text cells: what requests and responses carry. Column by column in memory, sparse, so that a row is
+/// only a number.
 
 #include "kvx/foundation/AutoDelete.h"
 #include "kvx/foundation/RefCounter.h"
@@ -10,12 +10,11 @@
 
 class CMsgStream;
 
-/// A row POSITION is the row's number, from 1; null is none. Column names are case-sensitive; a column's ordinal counts from
-/// 0, and reading a name that doesn't exist through GetData, SetData or SetRow adds the column.
+/// A row POSITION is the row's number, from 1; null is none. Column names are case-sensitive; a column's ordinal counts
+/// from 0, and reading a name that doesn't exist through GetData, SetData or SetRow adds the column.
 ///
-/// Errors: CInvalidArgException * for an ordinal out of range or a position that is no row number. Names that don't exist
-/// give 0.
-/// Threads: one at a time; the reference count may be used by several, and Write too.
+/// Errors: CInvalidArgException * for an ordinal out of range, a position that is no row number, or a row too many.
+/// Names that don't exist give 0. Threads: one at a time; the reference count may be used by several, and Write too.
 class KVX_API CMsgRowSet : public CRefObject, public CAutoDelete
 {
 public:
@@ -48,7 +47,8 @@ public:
     void GetNextRowPosition(POSITION & pos) const;
     int IsValidRowPosition(POSITION pos) const;
 
-    /// The cell, created if it is missing; null is replaced by the first row, and a row beyond the end extends the row set.
+    /// The cell, created if it is missing; null is replaced by the first row, and a row beyond the end extends the row
+    /// set.
     CStringValue & GetData(POSITION & pos, int ordinal);
     CStringValue & GetData(POSITION & pos, CString const & column);
     void SetData(POSITION pos, LPCTSTR column, CStringValue const & value) { GetData(pos, CString(column)) = value; }

@@ -112,7 +112,7 @@ int CMsgTable::RenameColumn(LPCTSTR oldName, LPCTSTR newName)
     }
     m_columns.RemoveKey(oldName);
     column->SetName(newName);
-    AddColumn(column, newName);
+    AddColumn(column, column->GetName());
     return 1;
 }
 
@@ -336,6 +336,7 @@ int CMsgTable::Read(CMsgStream & stream)
         {
             if (!stream.Read(text))
             {
+                RemoveColumn(name); // whole columns alone stay
                 return 0;
             }
             if (row >= m_nRows)

@@ -1,6 +1,7 @@
 #pragma once
 
-/// A named table of text cells, row by row in memory: the row set's face and wire form (MsgRowSet.h) over another storage.
+/// A named table of text cells, row by row in memory: the row set's face and wire form (MsgRowSet.h) over another
+/// storage.
 
 #include "kvx/foundation/AutoDelete.h"
 #include "kvx/foundation/RefCounter.h"
@@ -13,7 +14,10 @@ class CMsgTable;
 class KVX_API CMsgTableColumn : public CObject
 {
 public:
-    CMsgTableColumn(CMsgTable * table, int ordinal, LPCTSTR name) : m_strName(name), m_nOrdinal(ordinal), m_pTable(table) {}
+    CMsgTableColumn(CMsgTable * table, int ordinal, LPCTSTR name)
+        : m_strName(name), m_nOrdinal(ordinal), m_pTable(table)
+    {
+    }
 
     CString const & GetName() const { return m_strName; }
     void SetName(CString const & name) { m_strName = name; }
@@ -29,8 +33,8 @@ private:
 
 /// A row POSITION is the row's number, from 1; null is none. Rows are never removed singly, so positions stay valid.
 ///
-/// Ordinals after RemoveAll go on counting from where they were, and CopyRows gives columns without names of their own: a
-/// table is filled once, by hand, by Read or by CopyRows.
+/// Ordinals after RemoveAll go on counting from where they were, and CopyRows gives columns without names of their own:
+/// a table is filled once, by hand, by Read or by CopyRows.
 ///
 /// Errors: CInvalidArgException * for a row or an ordinal out of range. Names that don't exist give 0 or -1.
 /// Threads: one at a time; the reference count may be used by several.

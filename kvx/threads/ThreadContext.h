@@ -8,8 +8,8 @@
 
 /// Made and kept by CThreadPool. Start gives a parked thread a job; nothing retires a parked thread but Terminate.
 ///
-/// Threads: one owner at a time starts and waits; the context data and the values belong to the job and its owner. Values
-/// stay for the thread's next job.
+/// Threads: one owner at a time starts and waits; the context data and the values belong to the job and its owner.
+/// Values stay for the thread's next job.
 class KVX_API CThreadContext : public CObject
 {
 public:

@@ -27,7 +27,8 @@ CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void 
     auto * context = static_cast<CThreadContext *>(sm_instance.m_cache.Allocate());
     while (context && !context->GetThreadHandle())
     {
-        context = static_cast<CThreadContext *>(sm_instance.m_cache.Allocate()); // one that was ended when it was parked
+        context =
+            static_cast<CThreadContext *>(sm_instance.m_cache.Allocate()); // one that was ended when it was parked
     }
     if (!context)
     {

@@ -25,8 +25,8 @@ public:
     /// Has at least `count` threads made; 0 when one can't be had. Doesn't wait until they have parked.
     static int PreAllocate(DWORD count, int priority);
 
-    /// Describes a thread: instead of its present description, or with `replace` 0 in front of it ("text.old"). An empty
-    /// text changes nothing.
+    /// Describes a thread: instead of its present description, or with `replace` 0 in front of it ("text.old"). An
+    /// empty text changes nothing.
     static void MarkThread(DWORD id, CString const & text, int replace);
     /// Sets a value for each thread, named by its id; "[Idle/Unused] " stands in front for a parked one.
     static void GetThreadDescriptions(CValueAccessor & target);

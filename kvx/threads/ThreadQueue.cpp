@@ -164,8 +164,8 @@ void CThreadQueue::ServeObject(CObject * object, DWORD id)
     }
 }
 
-/// A service thread has found the queue empty. False if an object came in since, which nobody else would serve before the
-/// next Insert. From a true result on, Insert no longer counts on this thread.
+/// A service thread has found the queue empty. False if an object came in since, which nobody else would serve before
+/// the next Insert. From a true result on, Insert no longer counts on this thread.
 bool CThreadQueue::MayEnd()
 {
     CSingleLock guard(*this, TRUE);

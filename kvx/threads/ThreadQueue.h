@@ -7,11 +7,11 @@
 #include <vector>
 
 /// Objects are served first in, first out, each on a thread of the pool. A service thread exists only while there is
-/// work: Insert starts one if fewer than the maximum are running, and a thread ends when it finds the queue empty. With a
-/// maximum of 1 objects are served in order, one at a time; with more there is no order among them.
+/// work: Insert starts one if fewer than the maximum are running, and a thread ends when it finds the queue empty. With
+/// a maximum of 1 objects are served in order, one at a time; with more there is no order among them.
 ///
-/// The queue doesn't own its objects except through Stop: the service procedure owns what it receives. An exception of the
-/// procedure goes to the log, and the next object is served.
+/// The queue doesn't own its objects except through Stop: the service procedure owns what it receives. An exception of
+/// the procedure goes to the log, and the next object is served.
 ///
 /// The owner stops the queue, and waits, before it destroys it.
 /// Threads: Insert, Stop and the waits may be called from any thread. Insert holds the queue's lock while it starts a

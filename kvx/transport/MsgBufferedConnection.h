@@ -6,11 +6,11 @@
 
 #include <memory>
 
-/// A transport supplies SendAll and ReceiveSome. Bytes, order and error results are those of an unbuffered connection; a
-/// failed send shows at the end of the message.
+/// A transport supplies SendAll and ReceiveSome. Bytes, order and error results are those of an unbuffered connection;
+/// a failed send shows at the end of the message.
 ///
-/// Buffers are small while messages are, and large ones are given back behind a large message, so that a connection that
-/// waits for its next message holds little memory.
+/// Buffers are small while messages are, and large ones are given back behind a large message, so that a connection
+/// that waits for its next message holds little memory.
 class KVX_API CMsgBufferedConnection : public CMsgConnection
 {
 public:
@@ -21,8 +21,8 @@ public:
     int FlushData() override;
 
 protected:
-    /// Sends all bytes or fails. With `bMore` the rest of the message follows at once, and the transport may keep back what
-    /// fills no packet: short packets in the middle of a message would wait for the peer's acknowledgement.
+    /// Sends all bytes or fails. With `bMore` the rest of the message follows at once, and the transport may keep back
+    /// what fills no packet: short packets in the middle of a message would wait for the peer's acknowledgement.
     virtual int SendAll(void const * buffer, DWORD count, bool bMore) = 0;
     /// Waits for bytes: how many have come, at most `size`; 0 on failure and at the end of the link.
     virtual DWORD ReceiveSome(void * buffer, DWORD size) = 0;

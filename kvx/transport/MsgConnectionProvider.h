@@ -7,8 +7,8 @@
 
 class CMsgConnection;
 
-/// Connections stay open between requests: only a request without KeepAlive or a failure drops one. There is no retry: a
-/// broken connection fails the request at hand, and the next one connects anew.
+/// Connections stay open between requests: only a request without KeepAlive or a failure drops one. There is no retry:
+/// a broken connection fails the request at hand, and the next one connects anew.
 ///
 /// Threads: any number at once; each request in flight has a connection to itself.
 class KVX_API CMsgConnectionProvider : public CMsgProvider
@@ -19,8 +19,8 @@ public:
 
     /// Uses the connection that the request is pinned to, or takes one for this call.
     void Service(CMsgRequest & request) override;
-    /// One exchange; connects and runs the handshake first if necessary. A one-way request is only written. Failures are
-    /// in the response.
+    /// One exchange; connects and runs the handshake first if necessary. A one-way request is only written. Failures
+    /// are in the response.
     virtual void TransmitRequest(CMsgConnection * connection, CMsgRequest & request);
     /// The connection that was released last, else a new one.
     virtual CMsgConnection * AllocateConnection();

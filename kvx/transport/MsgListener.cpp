@@ -125,8 +125,8 @@ void CMsgListener::EndListener()
     m_idleEvent.SetEvent();
     StopListener();
     m_bStopping = true;
-    // A thread that is still inside must not find the listener gone. Threads that the library's shutdown has killed never
-    // say that they are done.
+    // A thread that is still inside must not find the listener gone. Threads that the library's shutdown has killed
+    // never say that they are done.
     while (!CThreadPool::IsTerminated() && !WaitForThreads(POLL))
     {
     }

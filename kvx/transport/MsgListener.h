@@ -16,8 +16,8 @@ class KVX_API CMsgListenerEvent : public CObject
 public:
     enum EventType : DWORD
     {
-        SESSION_RELEASED = 0,  // a session that holds a connection
-        REQUESTS_IDLE = 3,     // no request is in progress any more
+        SESSION_RELEASED = 0, // a session that holds a connection
+        REQUESTS_IDLE = 3,    // no request is in progress any more
         BEFORE_DISPATCH = 5,
         AFTER_DISPATCH = 7,
         BEFORE_RESPONSE = 8,
@@ -27,14 +27,14 @@ public:
 
     DWORD m_nType = 0;
     DWORD m_nThreadId = 0;
-    SYSTEMTIME m_time{};              // local
+    SYSTEMTIME m_time{};                // local
     CMsgRequest * m_pRequest = nullptr; // null for events of sessions
     CMsgListener * m_pListener = nullptr;
     CMsgListenerSessionBase * m_pSession = nullptr;
 };
 
-/// A listener has one thread that accepts, one for each connected client, and one that serves one-way requests in order of
-/// arrival. The handshake with a client runs on the client's thread, so that a silent one holds up nobody.
+/// A listener has one thread that accepts, one for each connected client, and one that serves one-way requests in order
+/// of arrival. The handshake with a client runs on the client's thread, so that a silent one holds up nobody.
 ///
 /// A command that begins with the path of the listener's target is served below that target; anything else is answered
 /// with code 50.
@@ -78,8 +78,8 @@ protected:
     CMsgListener(int listenerPriority, int sessionPriority, DWORD stopTimeout);
 
     virtual void Run();
-    /// For the destructors of derived listeners, while CreateConnection can still be called: stops the listener and waits
-    /// for its threads without limit, other than those that the library's shutdown has ended.
+    /// For the destructors of derived listeners, while CreateConnection can still be called: stops the listener and
+    /// waits for its threads without limit, other than those that the library's shutdown has ended.
     void EndListener();
 
     /// The connection that listens, null unless the listener runs. Locked by the caller's knowledge that it does.
@@ -102,8 +102,8 @@ private:
     CEvent m_idleEvent;
 
     std::atomic<bool> m_bStopping{false};
-    CEvent m_runDone;    // manual: the listener thread does not run
-    CEvent m_startDone;  // manual: the listening has begun or failed
+    CEvent m_runDone;   // manual: the listener thread does not run
+    CEvent m_startDone; // manual: the listening has begun or failed
     DWORD m_nListenError = 0;
     CCriticalSection m_activeLock;
     LONG m_nActive = 0;  // sessions with a thread

@@ -15,11 +15,11 @@
 /// All operations give 0 at the first failure and leave the reason as the thread's last error; nothing resynchronises a
 /// stream after that. Memory for a text is taken as its bytes arrive, whatever its length word says.
 ///
-/// With compaction a text that has been sent in the same message before is replaced by a 4-byte back reference. The table
-/// lives for one message: CMsgStreamCompactor bounds it.
+/// With compaction a text that has been sent in the same message before is replaced by a 4-byte back reference. The
+/// table lives for one message: CMsgStreamCompactor bounds it.
 ///
-/// Threads: one at a time; DeleteCompact alone may come from another thread during a message, and then takes effect at the
-/// message's end.
+/// Threads: one at a time; DeleteCompact alone may come from another thread during a message, and then takes effect at
+/// the message's end.
 class KVX_API CMsgStream
 {
 public:
@@ -69,7 +69,8 @@ private:
     friend class CMsgStreamCompactor;
 
     std::atomic<CCompactInfo *> m_pCompact{nullptr};
-    std::atomic<LONG> m_nMessages{0}; // messages under way, nested; the sign bit says that compaction is to end with them
+    std::atomic<LONG> m_nMessages{
+        0}; // messages under way, nested; the sign bit says that compaction is to end with them
     bool m_bUnicode;
 
     void BeginMessage();

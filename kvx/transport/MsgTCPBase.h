@@ -9,8 +9,8 @@
 class KVX_API CMsgTCPBase
 {
 public:
-    /// An endpoint, from the text `host:port@seconds.microseconds`. A missing port is 0. The time-out is for applications:
-    /// connects and transfers block as long as the system lets them.
+    /// An endpoint, from the text `host:port@seconds.microseconds`. A missing port is 0. The time-out is for
+    /// applications: connects and transfers block as long as the system lets them.
     class KVX_API CConnectInfo : public CRefObject
     {
     public:

@@ -31,8 +31,8 @@ void CMsgTCPConnection::GetHandles(void *& read, void *& write)
 
 int CMsgTCPConnection::IsConnected()
 {
-    // The socket goes when the link does, and a peer that has gone shows at the next transfer: every request asks this, so
-    // the system isn't.
+    // The socket goes when the link does, and a peer that has gone shows at the next transfer: every request asks this,
+    // so the system isn't.
     return m_socket.IsOpen();
 }
 

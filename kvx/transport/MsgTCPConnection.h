@@ -6,8 +6,8 @@
 #include "kvx/transport/MsgSocket.h"
 #include "kvx/transport/MsgTCPBase.h"
 
-/// Errors: 1243 when connecting fails, for whatever reason; 10022 for an unknown host when listening; 10101 when the peer
-/// has closed; else the system's.
+/// Errors: 1243 when connecting fails, for whatever reason; 10022 for an unknown host when listening; 10101 when the
+/// peer has closed; else the system's.
 class KVX_API CMsgTCPConnection : public CMsgBufferedConnection, public CMsgTCPBase
 {
 public:

@@ -13,11 +13,13 @@ TEST(Lockable, BlocksWhateverTheTimeOut)
     lock.Lock(0); // re-entrant
     bool bLocked = false;
     int nGuarded = 0;
-    std::thread other([&] {
-        bLocked = lock.Lock(0) == 1;
-        nGuarded *= 2;
-        lock.Unlock();
-    });
+    std::thread other(
+        [&]
+        {
+            bLocked = lock.Lock(0) == 1;
+            nGuarded *= 2;
+            lock.Unlock();
+        });
     Sleep(20);
     nGuarded = 21;
     lock.Unlock();
@@ -35,25 +37,27 @@ TEST(MRSWLockable, AWriterIsAlone)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([&, i] {
-            for (int k = 0; k < 20; ++k)
+        threads.emplace_back(
+            [&, i]
             {
-                if (i == 0)
+                for (int k = 0; k < 20; ++k)
                 {
-                    CMRSWLockable::CWriteLock const write(&lock);
-                    CMRSWLockable::CReadLock const read(&lock); // of the writer's own
-                    ++nValue;
-                    std::this_thread::yield();
-                    ++nValue;
+                    if (i == 0)
+                    {
+                        CMRSWLockable::CWriteLock const write(&lock);
+                        CMRSWLockable::CReadLock const read(&lock); // of the writer's own
+                        ++nValue;
+                        std::this_thread::yield();
+                        ++nValue;
+                    }
+                    else
+                    {
+                        CMRSWLockable::CReadLock const read(&lock);
+                        EXPECT_EQ(nValue % 2, 0);
+                        std::this_thread::yield();
+                    }
                 }
-                else
-                {
-                    CMRSWLockable::CReadLock const read(&lock);
-                    EXPECT_EQ(nValue % 2, 0);
-                    std::this_thread::yield();
-                }
-            }
-        });
+            });
     }
     for (std::thread & thread : threads)
     {
@@ -70,11 +74,13 @@ TEST(MRSWLockable, AWriterWaitsForReadersAndHoldsOffNewOnes)
     std::atomic<int> nOrder{0};
     std::atomic<int> nWritten{0};
     std::atomic<int> nRead{0};
-    std::thread writer([&] {
-        CMRSWLockable::CWriteLock const write(&lock);
-        Sleep(30); // the third reader arrives meanwhile, if not before
-        nWritten = ++nOrder;
-    });
+    std::thread writer(
+        [&]
+        {
+            CMRSWLockable::CWriteLock const write(&lock);
+            Sleep(30); // the third reader arrives meanwhile, if not before
+            nWritten = ++nOrder;
+        });
     // The writer is in when nobody else can take the lock.
     CRITICAL_SECTION * const section = *static_cast<CCriticalSection *>(static_cast<CSyncObject *>(lock));
     while (TryEnterCriticalSection(section))
@@ -82,10 +88,12 @@ TEST(MRSWLockable, AWriterWaitsForReadersAndHoldsOffNewOnes)
         LeaveCriticalSection(section);
         std::this_thread::yield();
     }
-    std::thread reader([&] {
-        CMRSWLockable::CReadLock const read(&lock);
-        nRead = ++nOrder;
-    });
+    std::thread reader(
+        [&]
+        {
+            CMRSWLockable::CReadLock const read(&lock);
+            nRead = ++nOrder;
+        });
     first.reset();
     Sleep(30);
     EXPECT_EQ(nOrder, 0); // one reader is still inside

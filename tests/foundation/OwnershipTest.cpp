@@ -209,7 +209,8 @@ TEST(ObIterator, WalksEveryCollection)
     CObStringLookup texts;
     CObIntegerLookup numbers;
     CItems items;
-    auto const walk = [](CObIterator const & start) {
+    auto const walk = [](CObIterator const & start)
+    {
         std::vector<int> seen;
         for (CIterator<CItem> it(start); it.Next();)
         {
@@ -217,7 +218,8 @@ TEST(ObIterator, WalksEveryCollection)
         }
         return seen;
     };
-    auto const all = [&] {
+    auto const all = [&]
+    {
         std::vector<std::vector<int>> seen;
         for (CObIterator const & it : {CObIterator(list), CObIterator(array), CObIterator(map), CObIterator(texts),
                                        CObIterator(numbers), CObIterator(items)})

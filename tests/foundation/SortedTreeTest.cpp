@@ -1,6 +1,6 @@
+#include "kvx/foundation/SortedTree.h"
 #include "kvx/foundation/AutoDelete.h"
 #include "kvx/foundation/ObIterator.h"
-#include "kvx/foundation/SortedTree.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,10 @@ class CNumber : public CObject, public CSortable
 public:
     explicit CNumber(int value) : m_nValue(value) { ++sm_nAlive; }
     ~CNumber() override { --sm_nAlive; }
-    int Compare(CSortable const * other) const override { return m_nValue - dynamic_cast<CNumber const *>(other)->m_nValue; }
+    int Compare(CSortable const * other) const override
+    {
+        return m_nValue - dynamic_cast<CNumber const *>(other)->m_nValue;
+    }
 
     static inline int sm_nAlive = 0;
     int m_nValue;

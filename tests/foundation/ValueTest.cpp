@@ -60,7 +60,9 @@ TEST(Value, ReadingStopsAtWhatIsNoNumber)
 {
     EXPECT_EQ(CStringValue(_T("12abc")).ToInteger(), 12);
     EXPECT_EQ(CStringValue(_T("\t +7 8")).ToInteger(), 7);
-    EXPECT_EQ(CStringValue(_T("- 7")).ToInteger() + CStringValue(_T("+-7")).ToInteger() + CStringValue(_T("")).ToInteger(), 0);
+    EXPECT_EQ(CStringValue(_T("- 7")).ToInteger() + CStringValue(_T("+-7")).ToInteger() +
+                  CStringValue(_T("")).ToInteger(),
+              0);
     EXPECT_EQ(CStringValue(_T("99999999999")).ToInteger(), INT_MAX);
     EXPECT_EQ(CStringValue(_T("-99999999999")).ToInteger(), INT_MIN);
     EXPECT_EQ(CStringValue(_T("2147483648")).ToInteger(), INT_MAX);

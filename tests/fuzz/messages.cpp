@@ -1,4 +1,5 @@
-// Feeds arbitrary bytes to the readers of requests and responses. Whatever is read must be writable, and read back the same.
+// Feeds arbitrary bytes to the readers of requests and responses. Whatever is read must be writable, and read back the
+// same.
 
 #include "kvx/messaging/MsgRequest.h"
 #include "kvx/msgdata/MsgMultipleRowSets.h"

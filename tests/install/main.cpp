@@ -5,7 +5,8 @@ int main()
 {
     CMsgDispatcher::GetInstance()->RegisterProvider(
         _T("foreign.twice"),
-        [](CMsgRequest & request, void *) {
+        [](CMsgRequest & request, void *)
+        {
             CDictionary result;
             result[_T("value")] = 2 * request[_T("value")].ToInteger();
             request.SetResponseValues(result);

@@ -78,7 +78,8 @@ TEST(RowSet, GrowsByTouchingCells)
     Cell(rows, 7, _T("a"));
     EXPECT_EQ(rows.GetRowCount(), 7u);
     EXPECT_EQ(Cell(rows, 5, _T("a")), _T(""));
-    EXPECT_TRUE(rows.IsValidRowPosition(Row(7)) && !rows.IsValidRowPosition(Row(8)) && !rows.IsValidRowPosition(nullptr));
+    EXPECT_TRUE(rows.IsValidRowPosition(Row(7)) && !rows.IsValidRowPosition(Row(8)) &&
+                !rows.IsValidRowPosition(nullptr));
     int visited = 0;
     for (rows.GetNextRowPosition(row = nullptr); row; rows.GetNextRowPosition(row))
     {
@@ -214,7 +215,7 @@ TEST(MultipleRowSets, ListsByReference)
     POSITION pos = list->Find(_T("NAME"));
     EXPECT_EQ(list->GetAt(pos), shared.Get());
     kvx::RefPtr<CMsgMultipleRowSets> const other(new CMsgMultipleRowSets(*list)); // deep
-    other->Append(list.Get());                                                  // shared
+    other->Append(list.Get());                                                    // shared
     *other = *list;
     other->Copy(*other);
     EXPECT_EQ(other->GetRowSetCount(), 18);

@@ -12,14 +12,16 @@ TEST(Pattern, Matches)
         LPCTSTR text;
         bool bMatch;
     };
-    for (Case const & c : {Case{_T("a*"), _T("a"), true}, Case{_T("a*"), _T("abc"), true}, Case{_T("a*"), _T("ba"), false},
-                           Case{_T("*"), _T(""), true}, Case{_T("**"), _T("x"), true}, Case{_T(""), _T(""), true},
-                           Case{_T(""), _T("a"), false}, Case{_T("a"), _T("A"), false}, Case{_T("ab"), _T("a"), false},
-                           Case{_T("a*b*c"), _T("aXbYc"), true}, Case{_T("a*b*c"), _T("aXbYcZ"), false},
-                           Case{_T("*abc"), _T("abcxabc"), false}, Case{_T("*abc*"), _T("abcxabc"), true},
-                           Case{_T("a*a"), _T("a"), false}, Case{_T("a?"), _T("ab"), false}, Case{_T("a**b"), _T("ab"), true}})
+    for (Case const & c :
+         {Case{_T("a*"), _T("a"), true}, Case{_T("a*"), _T("abc"), true}, Case{_T("a*"), _T("ba"), false},
+          Case{_T("*"), _T(""), true}, Case{_T("**"), _T("x"), true}, Case{_T(""), _T(""), true},
+          Case{_T(""), _T("a"), false}, Case{_T("a"), _T("A"), false}, Case{_T("ab"), _T("a"), false},
+          Case{_T("a*b*c"), _T("aXbYc"), true}, Case{_T("a*b*c"), _T("aXbYcZ"), false},
+          Case{_T("*abc"), _T("abcxabc"), false}, Case{_T("*abc*"), _T("abcxabc"), true},
+          Case{_T("a*a"), _T("a"), false}, Case{_T("a?"), _T("ab"), false}, Case{_T("a**b"), _T("ab"), true}})
     {
-        EXPECT_EQ(CStringPattern(c.pattern).Match(c.text) != 0, c.bMatch) << CStringA(c.pattern) << " on " << CStringA(c.text);
+        EXPECT_EQ(CStringPattern(c.pattern).Match(c.text) != 0, c.bMatch)
+            << CStringA(c.pattern) << " on " << CStringA(c.text);
     }
     CStringPattern pattern;
     EXPECT_TRUE(pattern.IsEmpty() && pattern.Match(_T("")));

@@ -37,7 +37,8 @@ CString Tokens(LPCTSTR source, LPCTSTR delimiter)
 CString Words(LPCTSTR line)
 {
     CStringArray words;
-    EXPECT_EQ(CUtilities::TokenizeCommandLine(line, words), words.GetSize());
+    int const count = CUtilities::TokenizeCommandLine(line, words);
+    EXPECT_EQ(count, words.GetSize());
     return Joined(words);
 }
 } // namespace

@@ -105,10 +105,11 @@ TEST(Connection, EndpointTexts)
         LONG seconds;
         LONG microseconds;
     };
-    for (Case const & c : {Case{_T("myhost:4000@5.250000"), "myhost", 4000, true, 5, 250000},
-                           Case{_T("myhost:4000@5"), "myhost", 4000, true, 5, 0},
-                           Case{_T("myhost:4000"), "myhost", 4000, false, 0, 0}, Case{_T("myhost"), "myhost", 0, false, 0, 0},
-                           Case{_T(""), "", 0, false, 0, 0}, Case{_T("h:1:2@.7"), "h", 1, true, 0, 7}})
+    for (Case const & c :
+         {Case{_T("myhost:4000@5.250000"), "myhost", 4000, true, 5, 250000},
+          Case{_T("myhost:4000@5"), "myhost", 4000, true, 5, 0}, Case{_T("myhost:4000"), "myhost", 4000, false, 0, 0},
+          Case{_T("myhost"), "myhost", 0, false, 0, 0}, Case{_T(""), "", 0, false, 0, 0},
+          Case{_T("h:1:2@.7"), "h", 1, true, 0, 7}})
     {
         CMsgTCPBase const base(new CMsgTCPBase::CConnectInfo(c.text));
         EXPECT_EQ(base.GetServer(), c.host);

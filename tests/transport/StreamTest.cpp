@@ -27,9 +27,11 @@ TEST(Stream, ARequestHasTheseBytes)
     request[_T("x")] = _T("1");
     CMemoryStream plain;
     ASSERT_TRUE(request.Write(plain));
-    EXPECT_EQ(plain.ToHex(), Hex("00000000 00000003 61002F006200 00000001 00000001 7800 00000001 3100 00000000 00000000"));
+    EXPECT_EQ(plain.ToHex(),
+              Hex("00000000 00000003 61002F006200 00000001 00000001 7800 00000001 3100 00000000 00000000"));
 
-    // With compaction a value that repeats the key is a back reference, and the empty trailer takes a number of its own.
+    // With compaction a value that repeats the key is a back reference, and the empty trailer takes a number of its
+    // own.
     request[_T("x")] = _T("x");
     CMemoryStream compact;
     compact.EnableCompact();
@@ -50,7 +52,8 @@ TEST(Stream, AResponseHasTheseBytes)
     CMemoryStream stream;
     stream.EnableCompact();
     ASSERT_TRUE(response.Write(stream));
-    EXPECT_EQ(stream.ToHex(), Hex("00000000 00000001 00000001 7200 00000002 00000001 00000001 6300 00000002 00000001 7600 80000003"));
+    EXPECT_EQ(stream.ToHex(),
+              Hex("00000000 00000001 00000001 7200 00000002 00000001 00000001 6300 00000002 00000001 7600 80000003"));
 
     // The table lives for one message: the next one writes everything in full again.
     CMsgResponse again;

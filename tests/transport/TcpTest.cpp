@@ -132,7 +132,8 @@ int CountEntries(char const * folder)
 {
     int count = 0;
     std::error_code error;
-    for (auto it = std::filesystem::directory_iterator(folder, error); it != std::filesystem::directory_iterator(); ++it)
+    for (auto it = std::filesystem::directory_iterator(folder, error); it != std::filesystem::directory_iterator();
+         ++it)
     {
         ++count;
     }
@@ -198,11 +199,9 @@ TEST_F(Tcp, OneWayRequestsRunInOrderAndApart)
 TEST_F(Tcp, ConnectionsAreKeptUnlessTheRequestSaysNo)
 {
     static std::atomic<int> s_released{0};
-    CMsgListener::SetEventProc(
-        [](CMsgListenerEvent * event, void *) {
-            s_released += event->m_nType == CMsgListenerEvent::SESSION_RELEASED;
-        },
-        nullptr);
+    CMsgListener::SetEventProc([](CMsgListenerEvent * event, void *)
+                               { s_released += event->m_nType == CMsgListenerEvent::SESSION_RELEASED; },
+                               nullptr);
     CMsgRequest request;
     for (int i = 0; i < 3; ++i)
     {
@@ -292,10 +291,12 @@ TEST_F(Tcp, AServiceThatGoesEndsTheCallAtOnce)
 {
     CMsgRequest request;
     request[_T("ms")] = 300;
-    std::thread stopper([this] {
-        Sleep(100);
-        m_pListener->StopListener();
-    });
+    std::thread stopper(
+        [this]
+        {
+            Sleep(100);
+            m_pListener->StopListener();
+        });
     CMsgResponse & response = Call(request, _T("svc.sleep"));
     EXPECT_TRUE(response.Failed());
     stopper.join();
@@ -310,18 +311,20 @@ TEST_F(Tcp, ConcurrentCallsHaveAConnectionEach)
     std::atomic<int> good{0};
     for (int t = 0; t < 8; ++t)
     {
-        clients.emplace_back([&, t] {
-            CMsgRequest request;
-            for (int i = 0; i < 200; ++i)
+        clients.emplace_back(
+            [&, t]
             {
-                int const value = t * 1000 + i;
-                request[_T("v")] = value;
-                request.SetCommand(_T("svc.echo"));
-                m_pClient->Service(request);
-                CMsgCursor rows(request.GetResponse());
-                good += rows.NextRow() && rows[_T("v")].ToInteger() == value;
-            }
-        });
+                CMsgRequest request;
+                for (int i = 0; i < 200; ++i)
+                {
+                    int const value = t * 1000 + i;
+                    request[_T("v")] = value;
+                    request.SetCommand(_T("svc.echo"));
+                    m_pClient->Service(request);
+                    CMsgCursor rows(request.GetResponse());
+                    good += rows.NextRow() && rows[_T("v")].ToInteger() == value;
+                }
+            });
     }
     for (std::thread & client : clients)
     {
@@ -379,12 +382,14 @@ TEST_F(Tcp, DisconnectFromAnotherThreadBreaksTheCall)
         request.SetConnection(connection);
         request[_T("ms")] = 200;
         std::atomic<bool> bEnded{false};
-        std::thread breaker([&] {
-            for (Sleep(static_cast<DWORD>(round % 10)); !bEnded; Sleep(1))
+        std::thread breaker(
+            [&]
             {
-                connection->Disconnect();
-            }
-        });
+                for (Sleep(static_cast<DWORD>(round % 10)); !bEnded; Sleep(1))
+                {
+                    connection->Disconnect();
+                }
+            });
         auto const started = std::chrono::steady_clock::now();
         Call(request, _T("svc.sleep"));
         EXPECT_TRUE(request.GetResponse().Failed());

@@ -352,7 +352,8 @@ private:
         int const unused = 64 - Bits(d.size);
         value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) << unused) >> unused;
         bool const bNegative = value < 0;
-        std::uint64_t const magnitude = bNegative ? 0 - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
+        std::uint64_t const magnitude =
+            bNegative ? 0 - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
         std::string_view const sign = bNegative ? "-" : d.bPlus ? "+" : d.bBlank ? " " : "";
         PutDigits(d, sign, magnitude, 10);
     }
@@ -401,7 +402,8 @@ private:
         }
         int const precision = d.nPrecision < 0 ? 6 : d.nPrecision;
         char const kind = kvx::ToLower(d.type);
-        std::string digits(static_cast<std::size_t>(precision) + std::numeric_limits<double>::max_exponent10 + 16, '\0');
+        std::string digits(static_cast<std::size_t>(precision) + std::numeric_limits<double>::max_exponent10 + 16,
+                           '\0');
         auto const format = kind == 'f'   ? std::chars_format::fixed
                             : kind == 'e' ? std::chars_format::scientific
                             : kind == 'a' ? std::chars_format::hex
@@ -434,8 +436,9 @@ private:
         std::string_view const mantissa(digits.data(), end);
         bool const bPoint = mantissa.find('.') != std::string_view::npos;
         std::size_t const first = mantissa.find_first_of("123456789");
-        auto const shown = first == std::string_view::npos ? std::ptrdiff_t{1}
-                                                           : std::ranges::count_if(mantissa.substr(first), kvx::IsDigit<char>);
+        auto const shown = first == std::string_view::npos
+                               ? std::ptrdiff_t{1}
+                               : std::ranges::count_if(mantissa.substr(first), kvx::IsDigit<char>);
         std::string tail(bPoint ? "" : ".");
         tail.append(static_cast<std::size_t>(std::max<std::ptrdiff_t>(0, significant - shown)), '0');
         digits.insert(end, tail);
@@ -543,7 +546,9 @@ private:
 
     void PutPadded(Directive const & d, View text)
     {
-        int const pad = d.nWidth > 0 && text.size() < static_cast<std::size_t>(d.nWidth) ? d.nWidth - static_cast<int>(text.size()) : 0;
+        int const pad = d.nWidth > 0 && text.size() < static_cast<std::size_t>(d.nWidth)
+                            ? d.nWidth - static_cast<int>(text.size())
+                            : 0;
         if (!d.bLeft)
         {
             m_out.Fill(d.bZero ? '0' : ' ', pad);

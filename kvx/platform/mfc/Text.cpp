@@ -126,7 +126,8 @@ XCHAR * CStringT<XCHAR>::Own(int capacity)
     {
         wanted = std::max(wanted, static_cast<std::size_t>(length) + static_cast<std::size_t>(length) / 2);
     }
-    kvx::TextHead * const head = kvx::AllocateText(std::min(wanted, std::max(MAX_LENGTH, static_cast<std::size_t>(capacity))), sizeof(XCHAR));
+    kvx::TextHead * const head =
+        kvx::AllocateText(std::min(wanted, std::max(MAX_LENGTH, static_cast<std::size_t>(capacity))), sizeof(XCHAR));
     XCHAR * const characters = Characters(head);
     std::memcpy(characters, m_pText, (static_cast<std::size_t>(length) + 1) * sizeof(XCHAR));
     head->nLength = length;

@@ -44,8 +44,8 @@ struct EmptyText
     XCHAR terminator;
 };
 
-/// The text that empty strings point to. Its count is never touched. Each module of a program may have one of its own, so
-/// it is known by its capacity and not by its address.
+/// The text that empty strings point to. Its count is never touched. Each module of a program may have one of its own,
+/// so it is known by its capacity and not by its address.
 template <class XCHAR>
 inline constexpr EmptyText<XCHAR> EMPTY_TEXT{{0, 0, 0}, 0};
 
@@ -73,8 +73,8 @@ int CompareUnits(std::basic_string_view<XCHAR> a, std::basic_string_view<XCHAR> 
         std::memcpy(&theirs, b.data() + i, sizeof(Block));
         if (ours != theirs)
         {
-            auto const shift = static_cast<std::size_t>(std::countr_zero(ours ^ theirs)) / (8 * sizeof(XCHAR)) *
-                               (8 * sizeof(XCHAR));
+            auto const shift =
+                static_cast<std::size_t>(std::countr_zero(ours ^ theirs)) / (8 * sizeof(XCHAR)) * (8 * sizeof(XCHAR));
             return static_cast<Unit>(ours >> shift) < static_cast<Unit>(theirs >> shift) ? -1 : 1;
         }
     }
@@ -116,7 +116,10 @@ public:
     explicit CStringT(XCHAR c) : m_pText(Nil()) { Init(View(&c, 1)); }
 
     /// Converts with the ANSI code page.
-    CStringT(Other const * text) : m_pText(Nil()) { Convert(text ? std::basic_string_view<Other>(text) : std::basic_string_view<Other>()); }
+    CStringT(Other const * text) : m_pText(Nil())
+    {
+        Convert(text ? std::basic_string_view<Other>(text) : std::basic_string_view<Other>());
+    }
     CStringT(CStringT<Other> const & text) : m_pText(Nil()) { Convert(std::basic_string_view<Other>(text)); }
 
     ~CStringT() { Release(); }

@@ -120,8 +120,8 @@ KVX_API SOCKET socket(int nFamily, int nType, int nProtocol);
 /// A stream address can be bound although old connections linger on it; one with a living listener can't.
 KVX_API int bind(SOCKET hSocket, SockAddr const * pAddress, int nLength);
 
-/// WSAEADDRINUSE when another socket has begun to listen on the address since it was bound. The length of the queue is a
-/// hint: a short one is made longer.
+/// WSAEADDRINUSE when another socket has begun to listen on the address since it was bound. The length of the queue is
+/// a hint: a short one is made longer.
 KVX_API int listen(SOCKET hSocket, int nBacklog);
 
 /// Both pointers may be null. Connections that died in the queue are passed over.

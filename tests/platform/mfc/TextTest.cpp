@@ -257,7 +257,8 @@ TEST(Format, Table)
 {
     CString const wide = _T("w\u00e9");
     CStringA const narrow = "n\xE9";
-    EXPECT_EQ(Formatted(_T("%s %S %hs %ls %ws"), wide, narrow, narrow, wide, wide), "w\u00e9 n\u00e9 n\u00e9 w\u00e9 w\u00e9");
+    EXPECT_EQ(Formatted(_T("%s %S %hs %ls %ws"), wide, narrow, narrow, wide, wide),
+              "w\u00e9 n\u00e9 n\u00e9 w\u00e9 w\u00e9");
     EXPECT_EQ(Formatted(_T("%s|%S"), NO_TEXT, static_cast<char const *>(nullptr)), "(null)|(null)");
     EXPECT_EQ(Formatted(_T("[%6s|%-6s|%.1s|%6.2s|%*.*s]"), wide, wide, wide, _T("abc"), -4, 1, _T("xyz")),
               "[    w\u00e9|w\u00e9    |w|    ab|x   ]");
@@ -321,8 +322,9 @@ TEST(Format, NumbersAreThoseOfTheCLibrary)
 TEST(Format, HostileFormatsAreRefused)
 {
     EXPECT_TRUE(Raises<CInvalidArgException>([] { CString().Format(NO_TEXT); }));
-    for (LPCTSTR const format : {_T("%"), _T("a%"), _T("%5"), _T("%l"), _T("%I"), _T("%q"), _T("%\u00e9"), _T("%n"), _T("%s"),
-                                 _T("%hs"), _T("%.3"), _T("%-"), _T("%f"), _T("%99999999999d"), _T("%.99999999999d")})
+    for (LPCTSTR const format :
+         {_T("%"), _T("a%"), _T("%5"), _T("%l"), _T("%I"), _T("%q"), _T("%\u00e9"), _T("%n"), _T("%s"), _T("%hs"),
+          _T("%.3"), _T("%-"), _T("%f"), _T("%99999999999d"), _T("%.99999999999d")})
     {
         EXPECT_TRUE(Refuses(format, 1)) << kvx::ToUtf8(format);
     }
@@ -330,8 +332,10 @@ TEST(Format, HostileFormatsAreRefused)
     EXPECT_TRUE(Refuses(_T("%*d"), 1));
     EXPECT_TRUE(Refuses(_T("%*d"), 1 << 30, 1));
     EXPECT_TRUE(Refuses(_T("%*d"), LLONG_MIN, 1));
-    EXPECT_TRUE(Refuses(_T("%d"), _T("x")) && Refuses(_T("%d"), 1.5) && Refuses(_T("%x"), 1.5) && Refuses(_T("%c"), _T("x")));
-    EXPECT_TRUE(Refuses(_T("%S"), _T("x")) && Refuses(_T("%s"), "x") && Refuses(_T("%s"), static_cast<void *>(&std::cout)));
+    EXPECT_TRUE(Refuses(_T("%d"), _T("x")) && Refuses(_T("%d"), 1.5) && Refuses(_T("%x"), 1.5) &&
+                Refuses(_T("%c"), _T("x")));
+    EXPECT_TRUE(Refuses(_T("%S"), _T("x")) && Refuses(_T("%s"), "x") &&
+                Refuses(_T("%s"), static_cast<void *>(&std::cout)));
 
     // Whatever stands in a format, it is carried out or refused.
     std::mt19937 random(5);

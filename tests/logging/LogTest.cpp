@@ -1,0 +1,191 @@
+#include "kvx/logging/LogManager.h"
+#include "kvx/messaging/MsgRequest.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+namespace
+{
+constexpr DWORD PATIENCE = 20000; // milliseconds
+
+std::mutex g_lock;
+
+/// Keeps what it gets. The manager owns and deletes sinks, so the lines are kept outside.
+class CKeepingSink : public CLogSink
+{
+public:
+    CKeepingSink(std::vector<std::string> & lines, DWORD mask, bool bBuilt) : CLogSink(mask), m_lines(lines), m_bBuilt(bBuilt) {}
+
+    void Append(CLogEvent * event) override
+    {
+        std::scoped_lock const guard(g_lock);
+        m_lines.push_back(kvx::ToUtf8(m_bBuilt ? event->m_strBuilt : event->m_strText));
+    }
+
+private:
+    std::vector<std::string> & m_lines;
+    bool m_bBuilt;
+};
+
+class CThrowingSink : public CLogSink
+{
+public:
+    CThrowingSink() : CLogSink(LOG_ALL) {}
+    void Append(CLogEvent *) override { AfxThrowInvalidArgException(); }
+};
+
+template <class SINK>
+class Registered
+{
+public:
+    Registered(SINK * sink, int queued) : m_sink(sink) { CLogManager::GetInstance()->RegisterSink(sink, queued); }
+    ~Registered() { CLogManager::GetInstance()->UnregisterSink(m_sink.get()); }
+    Registered(Registered const &) = delete;
+    Registered & operator=(Registered const &) = delete;
+
+private:
+    std::unique_ptr<SINK> m_sink;
+};
+
+std::vector<std::string> WaitForLines(std::vector<std::string> & lines, std::size_t count)
+{
+    for (DWORD waited = 0; waited < PATIENCE; ++waited)
+    {
+        {
+            std::scoped_lock const guard(g_lock);
+            if (lines.size() >= count)
+            {
+                return lines;
+            }
+        }
+        Sleep(1);
+    }
+    std::scoped_lock const guard(g_lock);
+    return lines;
+}
+} // namespace
+
+TEST(Log, NothingIsLoggedWithoutAQueuedSink)
+{
+    std::vector<std::string> immediate;
+    std::vector<std::string> queued;
+    Registered first(new CKeepingSink(immediate, LOG_ERROR, false), 0);
+    LogError(_T("unheard"));
+    Registered second(new CKeepingSink(queued, LOG_ERROR, true), 1);
+    LogWarning(_T("warned %d"), 1);
+    LogError(_T("failed %s"), _T("twice"));
+    // The mask holds for queued sinks alone.
+    EXPECT_THAT(WaitForLines(queued, 1), testing::ElementsAre(testing::MatchesRegex(".* \\(E\\) failed twice")));
+    EXPECT_THAT(WaitForLines(immediate, 2), testing::ElementsAre("warned 1", "failed twice"));
+}
+
+TEST(Log, FormatsThatCantBeCarriedOutAreLogged)
+{
+    std::vector<std::string> lines;
+    Registered sink(new CKeepingSink(lines, LOG_ALL, false), 1);
+    SetLastError(4711);
+    LogError(_T("%s %n"), 5);
+    LogError(nullptr);
+    CObject const source;
+    LogSourceError(&source, _T("text"));
+    CMsgRequest request;
+    request.SetCommand(_T("a.b"));
+    request[_T("x")] = _T("100%");
+    CLogManager::GetInstance()->LogRequestParams(request);
+    EXPECT_EQ(GetLastError(), 4711u); // logging leaves the caller's error alone
+    CString address;
+    address.Format(_T("[%08X] text"), &source);
+    EXPECT_THAT(WaitForLines(lines, 4),
+                testing::ElementsAre("LOG ERROR: %s %n", "LOG ERROR: <EMPTY FORMAT STRING>", kvx::ToUtf8(address),
+                                     "LOG ERROR: Command: a.b\n    x: 100%"));
+}
+
+TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
+{
+    auto const path = std::filesystem::temp_directory_path() / ("kvx-log-" + std::to_string(GetCurrentProcessId()));
+    CString const name = kvx::FromUtf8(path.string());
+    std::ofstream(path) << "old\n";
+    constexpr int THREADS = 4;
+    constexpr int EACH = 500;
+    std::vector<std::string> seen;
+    {
+        Registered file(new CFileLog(name, 1, LOG_ALL), 1);
+        Registered broken(new CThrowingSink, 1); // takes nothing from the others
+        Registered keeper(new CKeepingSink(seen, LOG_ALL, true), 1);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < THREADS; ++t)
+        {
+            threads.emplace_back([t] {
+                for (int i = 0; i < EACH; ++i)
+                {
+                    LogInfo(_T("thread %d line %d \u00e4\u20ac"), t, i);
+                }
+            });
+        }
+        for (std::thread & thread : threads)
+        {
+            thread.join();
+        }
+        ASSERT_EQ(WaitForLines(seen, THREADS * EACH).size(), std::size_t{THREADS * EACH});
+    }
+    std::stringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    std::filesystem::remove(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(text, line);)
+    {
+        ASSERT_TRUE(line.ends_with('\r'));
+        lines.push_back(line.substr(0, line.size() - 1));
+    }
+    EXPECT_EQ(lines, seen);
+    std::vector<int> next(THREADS);
+    std::string last;
+    std::regex const form(R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) \(I\) thread (\d) line (\d+) ä€)");
+    for (std::string const & line : lines)
+    {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(line, match, form)) << line;
+        EXPECT_LE(last, match[1].str());
+        last = match[1];
+        EXPECT_EQ(std::stoi(match[3]), next[static_cast<std::size_t>(std::stoi(match[2]))]++);
+    }
+}
+
+TEST(Log, TypesHaveTheirLetters)
+{
+    SYSTEMTIME const time{2026, 1, 0, 31, 23, 59, 8, 7};
+    CString line;
+    CLogSink::BuildText(line, time, LOG_VERBOSE, _T("text"), _T("!"));
+    EXPECT_EQ(line, _T("2026-01-31 23:59:08.007 (V) text!"));
+    EXPECT_EQ(CLogSink::GetTypeChar(1), 'I');
+    EXPECT_EQ(CLogSink::GetTypeChar(2), 'W');
+    EXPECT_EQ(CLogSink::GetTypeChar(4), 'E');
+    EXPECT_EQ(CLogSink::GetTypeChar(8), 'I');
+    EXPECT_EQ(CLogSink::GetTypeChar(5), 'I');
+}
+
+// There is no way back from Terminate: it runs in a process of its own.
+TEST(LogDeathTest, TerminateSilencesTheLog)
+{
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_EXIT(
+        {
+            std::vector<std::string> lines;
+            CLogManager::GetInstance()->RegisterSink(new CKeepingSink(lines, LOG_ALL, false), 1);
+            LogInfo(_T("before"));
+            bool const bBefore = WaitForLines(lines, 1).size() == 1;
+            CLogManager::Terminate();
+            LogInfo(_T("after"));
+            CLogManager::Terminate();
+            std::_Exit(bBefore && lines.size() == 1 ? 3 : 4);
+        },
+        testing::ExitedWithCode(3), "");
+}

@@ -37,6 +37,7 @@ int CThreadContext::Create()
 DWORD WINAPI CThreadContext::ContextProc(void * param)
 {
     auto * const context = static_cast<CThreadContext *>(param);
+    context->m_nThreadId = GetCurrentThreadId(); // whoever creates the thread may still be busy noting it
     TlsSetValue(CThreadPool::GetThreadCtxTLS(), context);
     if (g_pStartThreadProc)
     {

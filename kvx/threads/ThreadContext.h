@@ -42,6 +42,8 @@ public:
     /// 0 and null once the thread has ended.
     DWORD GetThreadId() const { return m_nThreadId.load(); }
     HANDLE GetThreadHandle() const { return m_hThread.load(); }
+    /// Whether the thread has ended or has been told to: it takes no further job.
+    bool IsEnding() const { return m_bTerminating.load() || !m_hThread.load(); }
     /// What the last job returned, or the last error after an exception that was no CException.
     int GetExitCode() const { return m_nExitCode.load(); }
     HANDLE GetExitHandle() { return m_exitEvent; }

@@ -25,7 +25,7 @@ CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void 
         return nullptr;
     }
     auto * context = static_cast<CThreadContext *>(sm_instance.m_cache.Allocate());
-    while (context && !context->GetThreadHandle())
+    while (context && context->IsEnding())
     {
         context =
             static_cast<CThreadContext *>(sm_instance.m_cache.Allocate()); // one that was ended when it was parked

@@ -34,6 +34,19 @@ unsigned int WaitJob(void * event)
     return 7;
 }
 
+/// What a job tells and waits for.
+struct Gate
+{
+    CEvent & m_go;
+    CEvent &m_entered;
+};
+
+unsigned int GateJob(void * gate)
+{
+    static_cast<Gate *>(gate)->m_entered.SetEvent();
+    return WaitJob(&static_cast<Gate *>(gate)->m_go);
+}
+
 unsigned int FailingJob(void * kind)
 {
     SetLastError(1234);
@@ -134,7 +147,10 @@ TEST(Pool, EndedThreadsAreNotUsedAgain)
     EXPECT_TRUE(fresh != parked && fresh != told);
 
     go.ResetEvent();
-    ASSERT_EQ(CThreadPool::BeginThread(&WaitJob, &go, 0), fresh);
+    CEvent entered;
+    Gate gate{go, entered};
+    ASSERT_EQ(CThreadPool::BeginThread(&GateJob, &gate, 0), fresh);
+    EXPECT_TRUE(gate.m_entered.Lock(PATIENCE));
     EXPECT_FALSE(fresh->Terminate(1, 0)); // ends behind its job
     EXPECT_NE(fresh->GetThreadId(), 0u);
     go.SetEvent();

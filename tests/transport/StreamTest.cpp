@@ -223,10 +223,11 @@ TEST(Stream, RepeatedCellsAreTextsOfTheirOwn)
 {
     constexpr int ROWS = 2000;
     constexpr int WORDS = 50;
-    auto const word = [](int row)
+    auto const index = [](int row) { return row % 7 == 0 ? 0 : row % WORDS; };
+    auto const word = [&](int row)
     {
         CString text;
-        text.Format(_T("word %d"), row % 7 == 0 ? 0 : row % WORDS);
+        text.Format(_T("word %d"), index(row));
         return text;
     };
     CMemoryStream stream;
@@ -235,14 +236,14 @@ TEST(Stream, RepeatedCellsAreTextsOfTheirOwn)
         std::vector<CString> words;
         for (int i = 0; i < WORDS; ++i)
         {
-            words.push_back(word(i));
+            words.emplace_back().Format(_T("word %d"), i);
         }
         CMsgCursor rows(new CMsgMultipleRowSets);
         for (int row = 0; row < ROWS; ++row)
         {
             rows.AppendRow();
             // Some share the word's characters, some are equal only.
-            rows[_T("c")] = row % 3 == 0 ? word(row) : words[static_cast<std::size_t>(row % 7 == 0 ? 0 : row % WORDS)];
+            rows[_T("c")] = row % 3 == 0 ? word(row) : words[static_cast<std::size_t>(index(row))];
         }
         CMsgStreamCompactor const message(stream);
         ASSERT_TRUE(rows.GetRowSets()->Write(stream));
@@ -257,7 +258,7 @@ TEST(Stream, RepeatedCellsAreTextsOfTheirOwn)
     for (int row = 0; rows.NextRow(); ++row)
     {
         CStringValue & cell = rows[_T("c")];
-        ASSERT_EQ(cell, word(row));
+        ASSERT_EQ(CString(cell), word(row));
         cell += _T("!");
     }
     for (int row = 0; copied.NextRow(); ++row)

@@ -2,7 +2,6 @@
 
 #include <shellapi.h>
 
-#include <fcntl.h>
 #include <io.h>
 
 #include <cstdio>
@@ -33,8 +32,9 @@ namespace kvx
 std::vector<std::string> GetProgramArguments(int, char **)
 {
     SetConsoleOutputCP(CP_UTF8);
-    _setmode(_fileno(stdout), _O_BINARY);
-    _setmode(_fileno(stderr), _O_BINARY);
+    constexpr int BINARY = 0x8000; // no carriage returns are added
+    _setmode(_fileno(stdout), BINARY);
+    _setmode(_fileno(stderr), BINARY);
 
     int count = 0;
     LPWSTR * const words = CommandLineToArgvW(GetCommandLineW(), &count);

@@ -3,6 +3,10 @@
 #include "kvx/foundation/ValueAccessor.h"
 #include "kvx/messaging/MsgRequest.h"
 
+#include <array>
+#include <span>
+#include <utility>
+
 namespace
 {
 CString FormatEvent(CObject const * source, LPCTSTR format, FormatArgs const & args)
@@ -61,12 +65,7 @@ void CLogManager::LogEvent(CObject const * source, DWORD type, LPCTSTR format, F
     {
         if (m_hThread || StartQueueThread())
         {
-            CLogEvent * const event = NewEvent();
-            event->m_strText = FormatEvent(source, format, args);
-            event->m_nType = type;
-            event->m_nThreadId = GetCurrentThreadId();
-            event->m_nSessionId = GetThreadSessionId();
-            Enqueue(event);
+            Enqueue(type, FormatEvent(source, format, args));
         }
     }
     catch (CException * failure)
@@ -90,12 +89,17 @@ CLogEvent * CLogManager::NewEvent()
     return event;
 }
 
-void CLogManager::Enqueue(CLogEvent * event)
+void CLogManager::Enqueue(DWORD type, CString && text)
 {
     // The time is taken under the lock of the queue, so that time stamps are in the order of the queue. Immediate sinks
     // see the stamped event before the queue does.
     CSingleLock sinks(&m_sinkLock, m_nImmediate > 0);
-    CSingleLock guard(&m_queueLock, TRUE);
+    CSingleLock guard(m_events, TRUE);
+    CLogEvent * const event = NewEvent();
+    std::swap(event->m_strText, text); // what it held goes when the locks are given back
+    event->m_nType = type;
+    event->m_nThreadId = GetCurrentThreadId();
+    event->m_nSessionId = GetThreadSessionId();
     GetLocalTime(&event->m_time);
     if (sinks.IsLocked())
     {
@@ -140,24 +144,29 @@ DWORD WINAPI CLogManager::EventQueueProc(void * manager)
 
 void CLogManager::RunEventQueue()
 {
+    // Several at a time: each turn of the lock is one that a logging thread may have to wait for.
+    std::array<CLogEvent *, 64> batch;
+    std::size_t count = 0;
     while (m_queueEvent.Lock(INFINITE) && !m_bTerminating)
     {
-        CLogEvent * event = nullptr;
         {
-            CSingleLock guard(&m_queueLock, TRUE);
-            if (!m_queue.IsEmpty())
+            CSingleLock guard(m_events, TRUE);
+            for (CLogEvent * const event : std::span(batch).first(std::exchange(count, 0)))
             {
-                event = static_cast<CLogEvent *>(m_queue.RemoveHead());
+                m_events.Return(event);
+            }
+            while (count < batch.size() && !m_queue.IsEmpty())
+            {
+                batch[count++] = static_cast<CLogEvent *>(m_queue.RemoveHead());
             }
             if (m_queue.IsEmpty() && !m_bTerminating)
             {
                 m_queueEvent.ResetEvent();
             }
         }
-        if (event)
+        for (CLogEvent * const event : std::span(batch).first(count))
         {
             WriteEvent(event);
-            m_events.Return(event);
         }
     }
 }

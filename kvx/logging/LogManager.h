@@ -53,10 +53,9 @@ public:
 private:
     static CLogManager sm_instance;
 
-    CObCache m_events;
-    CCriticalSection m_sinkLock;  // the sink lists, and every call of a sink; taken before the next one
-    CCriticalSection m_queueLock; // the event queue
-    CEvent m_queueEvent;          // signalled while the queue holds events
+    CObCache m_events;           // its lock is the queue's too: a logging thread waits once
+    CCriticalSection m_sinkLock; // the sink lists, and every call of a sink; taken before that of the queue
+    CEvent m_queueEvent;         // signalled while the queue holds events
     std::atomic<LONG> m_bTerminating{0};
     std::atomic<LONG> m_nImmediate{0};
     std::atomic<LONG> m_nQueued{0};
@@ -72,7 +71,7 @@ private:
     void RunEventQueue();
     bool StartQueueThread();
     CLogEvent * NewEvent();
-    void Enqueue(CLogEvent * event);
+    void Enqueue(DWORD type, CString && text);
     void WriteEvent(CLogEvent * event);
     void CountSinks();
 };

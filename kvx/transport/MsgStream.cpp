@@ -267,6 +267,28 @@ void CMsgStream::EndMessage()
     }
 }
 
+int CMsgStream::CCompactInfo::FindOrAddAmongFew(CString const & text)
+{
+    constexpr std::size_t FEW = 8;
+    if (m_texts.size() == FEW)
+    {
+        m_bIndexed = true;
+        std::vector<CString> const few = std::exchange(m_texts, {});
+        for (CString const & known : few)
+        {
+            FindOrAdd(known);
+        }
+        return FindOrAdd(text);
+    }
+    auto const found = std::ranges::find(m_texts, text);
+    if (found != m_texts.end())
+    {
+        return static_cast<int>(found - m_texts.begin());
+    }
+    m_texts.push_back(text);
+    return -1;
+}
+
 int CMsgStream::CCompactInfo::FindOrAddByContent(CString const & text, Recent & recent)
 {
     if (m_slots.size() < 2 * (m_texts.size() + 1))
@@ -284,7 +306,6 @@ int CMsgStream::CCompactInfo::FindOrAddByContent(CString const & text, Recent & 
             return static_cast<int>(slot.nNumber - 1);
         }
     }
-    m_bWritten = true;
     recent = {text, static_cast<DWORD>(m_texts.size())};
     m_texts.push_back(text);
     m_slots[at] = {hash, static_cast<DWORD>(m_texts.size())};
@@ -353,11 +374,11 @@ void CMsgStream::CCompactInfo::Reset()
     {
         m_texts.clear();
     }
-    if (!m_bWritten)
+    if (!m_bIndexed)
     {
         return;
     }
-    m_bWritten = false;
+    m_bIndexed = false;
     m_recent = {};
     if (m_slots.size() > 4 * KEEP)
     {

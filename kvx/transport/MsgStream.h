@@ -104,6 +104,10 @@ public:
     /// The number of a text that is known, or -1 when it has now got the next number.
     int FindOrAdd(CString const & text)
     {
+        if (!m_bIndexed)
+        {
+            return FindOrAddAmongFew(text);
+        }
         Recent & recent = m_recent[RecentIndex(text)];
         if (recent.pCharacters == text.GetString())
         {
@@ -161,7 +165,7 @@ private:
     std::array<Stock, STOCKS> m_stocks{};
     bool m_bStocks = false; // some are in use
     std::array<Recent, RECENT> m_recent{};
-    bool m_bWritten = false; // slots and addresses are in use
+    bool m_bIndexed = false; // slots and addresses are in use; a few texts are told apart without
 
     static std::size_t RecentIndex(LPCTSTR characters)
     {
@@ -170,6 +174,7 @@ private:
     }
     void Restock(Stock & stock, DWORD number);
     void ReturnStocks();
+    int FindOrAddAmongFew(CString const & text);
     int FindOrAddByContent(CString const & text, Recent & recent);
     void Grow();
 };

@@ -40,6 +40,7 @@ int CMsgTCPConnection::Connect()
 {
     Disconnect();
     ResetBuffers();
+    m_bAnswered = true;
     if (!m_socket.Create(winsock::SocketStream))
     {
         return 0;
@@ -93,6 +94,7 @@ int CMsgTCPConnection::Accept(CMsgConnection * target)
     auto * const connection = static_cast<CMsgTCPConnection *>(target);
     connection->Disconnect();
     connection->ResetBuffers();
+    connection->m_bAnswered = true;
     while (!m_socket.Accept(connection->m_socket))
     {
         // Want of descriptors or memory passes, and so does a client that has gone before it was accepted: neither is a
@@ -111,6 +113,7 @@ int CMsgTCPConnection::Accept(CMsgConnection * target)
 int CMsgTCPConnection::SendAll(void const * buffer, DWORD count, bool bMore)
 {
     auto const * from = static_cast<BYTE const *>(buffer);
+    m_bAnswered = true;
     while (count > 0)
     {
         int const sent = m_socket.Send(from, TransferSize(count), bMore ? winsock::SendMore : 0);
@@ -130,7 +133,10 @@ int CMsgTCPConnection::SendAll(void const * buffer, DWORD count, bool bMore)
 
 DWORD CMsgTCPConnection::ReceiveSome(void * buffer, DWORD size)
 {
-    int const got = m_socket.Receive(buffer, TransferSize(size), 0);
+    // An answer carries the acknowledgement of what it answers. Where none was sent, the system would hold the
+    // acknowledgement back, and the peer its next small message until it comes.
+    int const got = m_socket.Receive(buffer, TransferSize(size), m_bAnswered ? 0 : winsock::ReceiveAcknowledge);
+    m_bAnswered = false;
     if (got == 0)
     {
         SetLastError(WSAEDISCON);

@@ -33,6 +33,7 @@ protected:
 
 private:
     CMsgSocket m_socket;
+    bool m_bAnswered = true;     // whether anything was sent behind what was received last
     CCriticalSection m_peerLock; // Disconnect may come from another thread
     CStringA m_strPeerName;
     CStringA m_strPeerAddress;

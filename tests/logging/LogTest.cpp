@@ -22,7 +22,10 @@ std::mutex g_lock;
 class CKeepingSink : public CLogSink
 {
 public:
-    CKeepingSink(std::vector<std::string> & lines, DWORD mask, bool bBuilt) : CLogSink(mask), m_lines(lines), m_bBuilt(bBuilt) {}
+    CKeepingSink(std::vector<std::string> & lines, DWORD mask, bool bBuilt)
+        : CLogSink(mask), m_lines(lines), m_bBuilt(bBuilt)
+    {
+    }
 
     void Append(CLogEvent * event) override
     {
@@ -123,12 +126,14 @@ TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
         std::vector<std::thread> threads;
         for (int t = 0; t < THREADS; ++t)
         {
-            threads.emplace_back([t] {
-                for (int i = 0; i < EACH; ++i)
+            threads.emplace_back(
+                [t]
                 {
-                    LogInfo(_T("thread %d line %d \u00e4\u20ac"), t, i);
-                }
-            });
+                    for (int i = 0; i < EACH; ++i)
+                    {
+                        LogInfo(_T("thread %d line %d \u00e4\u20ac"), t, i);
+                    }
+                });
         }
         for (std::thread & thread : threads)
         {

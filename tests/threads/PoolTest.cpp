@@ -20,10 +20,12 @@ struct Hooks
 {
     Hooks()
     {
-        CThreadContext::SetStartThreadProc([](void * context) -> int {
-            g_nStarted += static_cast<CThreadContext *>(context)->GetThreadId() == GetCurrentThreadId();
-            return 0;
-        });
+        CThreadContext::SetStartThreadProc(
+            [](void * context) -> int
+            {
+                g_nStarted += static_cast<CThreadContext *>(context)->GetThreadId() == GetCurrentThreadId();
+                return 0;
+            });
         CThreadContext::SetEndThreadProc([](void *) -> int { return ++g_nEnded; });
     }
 } const g_hooks;
@@ -38,7 +40,7 @@ unsigned int WaitJob(void * event)
 struct Gate
 {
     CEvent & m_go;
-    CEvent &m_entered;
+    CEvent & m_entered;
 };
 
 unsigned int GateJob(void * gate)
@@ -120,10 +122,12 @@ TEST(Pool, JobsLeaveTheirThreadsUsable)
     EXPECT_EQ(context->GetExitCode(), 7); // of the last job that returned
     EXPECT_EQ(RunJob(&FailingJob, nullptr), context);
     EXPECT_EQ(context->GetExitCode(), 1234);
-    auto const session = [](void *) -> unsigned int {
+    auto const session = [](void *) -> unsigned int
+    {
         DWORD const id = CLogManager::GetInstance()->GetThreadSessionId();
         CLogManager::GetInstance()->SetThreadSessionId(17);
-        return id == 0 && CThreadPool::GetCurrentThreadContext() == CThreadPool::GetContextFromThreadId(static_cast<DWORD>(-1));
+        return id == 0 &&
+               CThreadPool::GetCurrentThreadContext() == CThreadPool::GetContextFromThreadId(static_cast<DWORD>(-1));
     };
     for (int i = 0; i < 2; ++i)
     {
@@ -167,22 +171,25 @@ TEST(Pool, ServesManyAtOnce)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
     {
-        threads.emplace_back([&text] {
-            for (int k = 0; k < 100; ++k)
+        threads.emplace_back(
+            [&text]
             {
-                auto const job = [](void * shared) -> unsigned int {
-                    CString mine = *static_cast<CString const *>(shared);
-                    CString const copy = mine;
-                    mine.MakeUpper();
-                    s_nRuns += copy == _T("shared by all") && mine == _T("SHARED BY ALL");
-                    return 0;
-                };
-                CThreadContext * const context = CThreadPool::BeginThread(job, const_cast<CString *>(&text), 0);
-                CThreadPool::MarkThread(context->GetThreadId(), _T("runner"), 1);
-                CDictionary all;
-                CThreadPool::GetThreadDescriptions(all);
-            }
-        });
+                for (int k = 0; k < 100; ++k)
+                {
+                    auto const job = [](void * shared) -> unsigned int
+                    {
+                        CString mine = *static_cast<CString const *>(shared);
+                        CString const copy = mine;
+                        mine.MakeUpper();
+                        s_nRuns += copy == _T("shared by all") && mine == _T("SHARED BY ALL");
+                        return 0;
+                    };
+                    CThreadContext * const context = CThreadPool::BeginThread(job, const_cast<CString *>(&text), 0);
+                    CThreadPool::MarkThread(context->GetThreadId(), _T("runner"), 1);
+                    CDictionary all;
+                    CThreadPool::GetThreadDescriptions(all);
+                }
+            });
     }
     for (std::thread & thread : threads)
     {

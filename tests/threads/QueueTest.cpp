@@ -222,12 +222,14 @@ TEST(Queue, LosesNothingAndMayGoAtOnce)
             Log log;
             {
                 CThreadQueue queue(&Serve, &log, nMaximum, 0, _T("many"));
-                std::thread other([&] {
-                    for (int i = 0; i < 20; ++i)
+                std::thread other(
+                    [&]
                     {
-                        queue.Insert(new CJob(i));
-                    }
-                });
+                        for (int i = 0; i < 20; ++i)
+                        {
+                            queue.Insert(new CJob(i));
+                        }
+                    });
                 for (int i = 0; i < 20; ++i)
                 {
                     queue.Insert(new CJob(i));

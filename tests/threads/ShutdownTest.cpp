@@ -9,7 +9,8 @@ TEST(Shutdown, EndsEveryThread)
 {
     static CEvent s_never(FALSE, TRUE);
     static CEvent s_running(FALSE, TRUE);
-    auto const stuck = [](void *) -> unsigned int {
+    auto const stuck = [](void *) -> unsigned int
+    {
         s_running.SetEvent();
         s_never.Lock(INFINITE);
         return 0;

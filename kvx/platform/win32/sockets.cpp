@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -467,8 +468,13 @@ int recv(SOCKET hSocket, char * pBuffer, int nLength, int nFlags)
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket)
         return SOCKET_ERROR;
-    if (nLength < 0 || (nFlags & ~(ReceivePeek | ReceiveWaitAll)))
+    if (nLength < 0 || (nFlags & ~(ReceivePeek | ReceiveWaitAll | ReceiveAcknowledge)) != 0)
         return Fail(nLength < 0 ? WSAEINVAL : WSAEOPNOTSUPP);
+    if (nFlags & ReceiveAcknowledge)
+    {
+        int const bAtOnce = 1;
+        ::setsockopt(socket->Get(), IPPROTO_TCP, TCP_QUICKACK, &bAtOnce, sizeof bAtOnce);
+    }
     int const nHostFlags = (nFlags & MSG_PEEK) | (nFlags & ReceiveWaitAll ? MSG_WAITALL : 0);
     ssize_t const nReceived =
         Retry([&] { return ::recv(socket->Get(), pBuffer, static_cast<std::size_t>(nLength), nHostFlags); });

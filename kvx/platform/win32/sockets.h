@@ -46,7 +46,8 @@ inline constexpr int ShutdownBoth = 2;
 inline constexpr int ListenBacklogMax = 0x7FFFFFFF;
 inline constexpr int ReceivePeek = 2;
 inline constexpr int ReceiveWaitAll = 8;
-inline constexpr int SendMore = 0x10000; ///< more follows at once: an incomplete segment waits for it
+inline constexpr int ReceiveAcknowledge = 0x20000; ///< what has come before is acknowledged at once
+inline constexpr int SendMore = 0x10000;           ///< more follows at once: an incomplete segment waits for it
 inline constexpr ULONG AddressAny = 0;
 inline constexpr ULONG AddressLoopback = 0x7F000001;
 inline constexpr ULONG AddressNone = 0xFFFFFFFF;
@@ -133,7 +134,7 @@ KVX_API int connect(SOCKET hSocket, SockAddr const * pAddress, int nLength);
 /// Returns the bytes sent: all, unless the connection broke in the middle. The only flag is SendMore.
 KVX_API int send(SOCKET hSocket, char const * pBuffer, int nLength, int nFlags);
 
-/// Returns the bytes received, 0 when the peer has closed. Flags: ReceivePeek, ReceiveWaitAll.
+/// Returns the bytes received, 0 when the peer has closed. Flags: ReceivePeek, ReceiveWaitAll, ReceiveAcknowledge.
 KVX_API int recv(SOCKET hSocket, char * pBuffer, int nLength, int nFlags);
 
 KVX_API int shutdown(SOCKET hSocket, int nHow);

@@ -115,8 +115,21 @@ void GetSystemTime(SYSTEMTIME * pTime) noexcept
 
 void GetLocalTime(SYSTEMTIME * pTime) noexcept
 {
+    // Whoever stamps lines of a log asks many times in one second: the calendar is worked out once for each.
+    struct Recent
+    {
+        std::int64_t nSecond = -1;
+        SYSTEMTIME time{};
+    };
+    static thread_local constinit Recent t_recent;
     std::int64_t const nNow = GetNow();
-    *pTime = ToSystemTime(nNow + GetLocalOffset(nNow / TICKS_PER_S - EPOCH_S) * TICKS_PER_S);
+    std::int64_t const nSecond = nNow / TICKS_PER_S;
+    if (nSecond != t_recent.nSecond)
+    {
+        t_recent = {nSecond, ToSystemTime((nSecond + GetLocalOffset(nSecond - EPOCH_S)) * TICKS_PER_S)};
+    }
+    *pTime = t_recent.time;
+    pTime->wMilliseconds = static_cast<WORD>(nNow % TICKS_PER_S / TICKS_PER_MS);
 }
 
 void GetSystemTimeAsFileTime(FILETIME * pTime) noexcept

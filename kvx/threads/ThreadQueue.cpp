@@ -234,7 +234,14 @@ int CThreadQueue::Stop(int wait, int deleteObjects)
 
 int CThreadQueue::WaitForIdle(DWORD timeout)
 {
-    return m_idleEvent.Lock(timeout);
+    if (!m_idleEvent.Lock(timeout))
+    {
+        return 0;
+    }
+    // The thread that set the event did so under the lock: it must be out of there before the owner may go on to destroy
+    // the queue.
+    CSingleLock guard(*this, TRUE);
+    return 1;
 }
 
 int CThreadQueue::IsStopped() const

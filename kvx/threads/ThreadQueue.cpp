@@ -238,8 +238,8 @@ int CThreadQueue::WaitForIdle(DWORD timeout)
     {
         return 0;
     }
-    // The thread that set the event did so under the lock: it must be out of there before the owner may go on to destroy
-    // the queue.
+    // The thread that set the event did so under the lock: it must be out of there before the owner may go on to
+    // destroy the queue.
     CSingleLock guard(*this, TRUE);
     return 1;
 }

@@ -30,7 +30,7 @@ public:
         {
             if (text.size() <= m_short.size() - m_nShort)
             {
-                std::memcpy(m_short.data() + m_nShort, text.data(), text.size() * sizeof(XCHAR));
+                std::ranges::copy(text, m_short.begin() + static_cast<std::ptrdiff_t>(m_nShort));
                 m_nShort += text.size();
                 return;
             }

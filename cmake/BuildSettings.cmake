@@ -24,10 +24,11 @@ endif()
 if(WIN32)
     target_compile_definitions(kvx_build_settings INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
                                                             _WIN32_WINNT=0x0601)
-    target_link_libraries(kvx_build_settings INTERFACE ws2_32 shell32 advapi32)
+    target_link_libraries(kvx_build_settings INTERFACE ws2_32 shell32 shlwapi advapi32)
 else()
     find_package(Threads REQUIRED)
-    target_link_libraries(kvx_build_settings INTERFACE Threads::Threads)
+    find_package(SQLite3 REQUIRED) # the registry
+    target_link_libraries(kvx_build_settings INTERFACE Threads::Threads SQLite::SQLite3)
 endif()
 
 find_program(KVX_CCACHE ccache)

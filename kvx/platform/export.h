@@ -13,3 +13,10 @@
 #else
 #define KVX_API __attribute__((visibility("default")))
 #endif
+
+/// What a module exports under its plain name, for others to look up.
+#if defined(_WIN32)
+#define KVX_MODULE_EXPORT extern "C" __declspec(dllexport)
+#else
+#define KVX_MODULE_EXPORT extern "C" __attribute__((visibility("default")))
+#endif

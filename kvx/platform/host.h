@@ -16,6 +16,9 @@
 
 #include <windows.h>
 
+#include <sddl.h>
+#include <shlwapi.h>
+
 // <windows.h> spells these as macros; the library has members of those names.
 #undef GetCurrentTime
 #undef CreateEvent

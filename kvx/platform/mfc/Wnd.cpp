@@ -4,6 +4,61 @@
 
 IMPLEMENT_DYNAMIC(CWnd, CObject)
 
+CWnd::~CWnd()
+{
+    if (m_pfnSuper && m_hWnd)
+        ::DestroyWindow(m_hWnd);
+}
+
+BOOL CWnd::CreateEx(DWORD dwExStyle, LPCTSTR lpszClassName, LPCTSTR lpszWindowName, DWORD dwStyle, int x, int y,
+                    int nWidth, int nHeight, HWND hWndParent, HMENU nIDorHMenu, LPVOID lpParam)
+{
+    m_hWnd = CreateWindowExW(dwExStyle, lpszClassName, lpszWindowName, dwStyle, x, y, nWidth, nHeight, hWndParent,
+                             nIDorHMenu, GetModuleHandleW(nullptr), lpParam);
+    if (!m_hWnd)
+        return FALSE;
+    SetWindowLongPtrW(m_hWnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+    m_pfnSuper =
+        reinterpret_cast<WNDPROC>(SetWindowLongPtrW(m_hWnd, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(&AfxWndProc)));
+    return TRUE;
+}
+
+BOOL CWnd::DestroyWindow()
+{
+    return ::DestroyWindow(m_hWnd);
+}
+
+LRESULT CWnd::SendMessage(UINT message, WPARAM wParam, LPARAM lParam) const
+{
+    return SendMessageW(m_hWnd, message, wParam, lParam);
+}
+
+LRESULT CWnd::WindowProc(UINT message, WPARAM wParam, LPARAM lParam)
+{
+    return DefWindowProc(message, wParam, lParam);
+}
+
+LRESULT CWnd::DefWindowProc(UINT message, WPARAM wParam, LPARAM lParam)
+{
+    return CallWindowProcW(m_pfnSuper ? m_pfnSuper : &DefWindowProcW, m_hWnd, message, wParam, lParam);
+}
+
+LRESULT CALLBACK CWnd::AfxWndProc(HWND hWnd, UINT message, WPARAM wParam, LPARAM lParam)
+{
+    auto * const pWnd = reinterpret_cast<CWnd *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA));
+    if (!pWnd)
+        return DefWindowProcW(hWnd, message, wParam, lParam);
+    LRESULT const result = pWnd->WindowProc(message, wParam, lParam);
+    if (message == WM_NCDESTROY)
+    {
+        // The last message that a window gets.
+        SetWindowLongPtrW(hWnd, GWLP_USERDATA, 0);
+        pWnd->m_pfnSuper = nullptr;
+        pWnd->m_hWnd = nullptr;
+    }
+    return result;
+}
+
 void CWnd::GetWindowText(CString & rString) const
 {
     rString.Empty();

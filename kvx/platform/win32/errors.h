@@ -76,6 +76,9 @@ inline constexpr LONG ERROR_IO_INCOMPLETE = 996;
 inline constexpr LONG ERROR_IO_PENDING = 997;
 inline constexpr LONG ERROR_NOACCESS = 998;
 inline constexpr LONG ERROR_INVALID_FLAGS = 1004;
+inline constexpr LONG ERROR_BADDB = 1009;
+inline constexpr LONG ERROR_REGISTRY_IO_FAILED = 1016;
+inline constexpr LONG ERROR_KEY_DELETED = 1018;
 inline constexpr LONG ERROR_NO_UNICODE_TRANSLATION = 1113;
 inline constexpr LONG ERROR_IO_DEVICE = 1117;
 inline constexpr LONG ERROR_TOO_MANY_LINKS = 1142;
@@ -99,6 +102,7 @@ inline constexpr LONG ERROR_TIMEOUT = 1460;
 inline constexpr LONG ERROR_RESOURCE_DATA_NOT_FOUND = 1812;
 inline constexpr LONG ERROR_RESOURCE_TYPE_NOT_FOUND = 1813;
 inline constexpr LONG ERROR_RESOURCE_NAME_NOT_FOUND = 1814;
+inline constexpr LONG ERROR_NOT_CONNECTED = 2250;
 inline constexpr LONG ERROR_OBJECT_ALREADY_EXISTS = 5010;
 
 inline constexpr LONG WSAEINTR = 10004;

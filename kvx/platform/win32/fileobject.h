@@ -15,7 +15,7 @@ namespace kvx::win32
 class IoObject : public KernelObject
 {
 public:
-    static constexpr bool Matches(Kind kind) noexcept { return kind == Kind::File; }
+    static constexpr bool Matches(Kind kind) noexcept { return kind == Kind::File || kind == Kind::Pipe; }
 
     /// These work as the calls of the same name, with the last error set on failure.
     virtual BOOL Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverlapped) = 0;

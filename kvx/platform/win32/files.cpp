@@ -3,6 +3,7 @@
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/fileobject.h"
 #include "kvx/platform/win32/paths.h"
+#include "kvx/platform/win32/pipes.h"
 #include "kvx/platform/win32/termination.h"
 #include "kvx/platform/win32/upcase.h"
 
@@ -871,7 +872,8 @@ HANDLE CreateFileW(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, LPSECURITY_AT
         Refuse(ERROR_NOT_SUPPORTED);
         return INVALID_HANDLE_VALUE;
     }
-    HANDLE const hFile = CreateFileImpl(pszPath, dwAccess, dwShare, dwDisposition, dwFlags);
+    HANDLE const hFile = IsPipePath(pszPath) ? OpenNamedPipe(pszPath, dwAccess, dwDisposition)
+                                             : CreateFileImpl(pszPath, dwAccess, dwShare, dwDisposition, dwFlags);
     return hFile ? hFile : INVALID_HANDLE_VALUE;
 }
 

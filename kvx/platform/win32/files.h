@@ -109,9 +109,10 @@ enum GET_FILEEX_INFO_LEVELS
 /// Opens or creates a file. Share modes hold among the openings of this process: ERROR_SHARING_VIOLATION. A file
 /// without any write permission counts as read-only: ERROR_ACCESS_DENIED for write access, as for a folder
 /// without FILE_FLAG_BACKUP_SEMANTICS. CREATE_ALWAYS and OPEN_ALWAYS leave last error ERROR_ALREADY_EXISTS when
-/// the file was there, else 0. Of the attributes only read-only has an effect; of the flags write-through,
-/// delete-on-close, backup semantics and (with access 0) open-reparse-point. FILE_FLAG_OVERLAPPED
-/// files complete at once. The handle is closed with CloseHandle and not inherited by child processes.
+/// the file was there, else 0. The path of a named pipe opens a client's end: see pipes.h. Of the attributes only
+/// read-only has an effect; of the flags write-through, delete-on-close, backup semantics and (with access 0)
+/// open-reparse-point. FILE_FLAG_OVERLAPPED files complete at once. The handle is closed with CloseHandle and not
+/// inherited by child processes.
 KVX_API HANDLE CreateFileW(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES pSecurity,
                            DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate);
 

@@ -119,15 +119,20 @@ std::string HomeFolder()
     return "/nonexistent";
 }
 
+std::string DataFolder()
+{
+    if (char const * const pszData = std::getenv("XDG_DATA_HOME"); pszData && *pszData == '/')
+        return std::string(pszData) + "/kvx";
+    return HomeFolder() + "/.local/share/kvx";
+}
+
 std::string FindDriveC()
 {
     std::string strRoot;
     if (char const * const pszRoot = std::getenv("KVX_DRIVE_C"); pszRoot && *pszRoot == '/')
         strRoot = pszRoot;
-    else if (char const * const pszData = std::getenv("XDG_DATA_HOME"); pszData && *pszData == '/')
-        strRoot = std::string(pszData) + "/kvx/drive_c";
     else
-        strRoot = HomeFolder() + "/.local/share/kvx/drive_c";
+        strRoot = DataFolder() + "/drive_c";
     MakeFolders(strRoot);
     // getcwd tells the real path, by which the current directory is recognised as one on drive C.
     if (std::unique_ptr<char, decltype(&std::free)> const pszReal(realpath(strRoot.c_str(), nullptr), &std::free);
@@ -313,6 +318,15 @@ void ResolveCase(std::string & strPath, LastComponent last)
 }
 
 } // namespace
+
+std::string GetDataFolder()
+{
+    std::string strFolder = DataFolder();
+    if (MakeFolders(strFolder))
+        return strFolder;
+    SetLastErrorFromErrno();
+    return {};
+}
 
 std::string const & GetDriveCRoot()
 {

@@ -41,8 +41,12 @@ KVX_API std::u16string FromHost(std::string_view path);
 /// error for what ToHost refuses on sight.
 KVX_API std::u16string ToFullPath(std::u16string_view path);
 
-/// The host's folder for drive C, without a closing slash: KVX_DRIVE_C (if absolute), else kvx/drive_c in
-/// XDG_DATA_HOME, else in ~/.local/share. It is read and the folder made at the first call.
+/// The host's folder for what this user keeps, without a closing slash: kvx in XDG_DATA_HOME, else in ~/.local/share.
+/// It is made if it isn't there; empty with last error if it can't be.
+KVX_API std::string GetDataFolder();
+
+/// The host's folder for drive C, without a closing slash: KVX_DRIVE_C (if absolute), else drive_c in
+/// GetDataFolder. It is read and the folder made at the first call.
 KVX_API std::string const & GetDriveCRoot();
 
 /// Sets the last error for a call on a host path that failed with `nErrno`: for ENOENT it is

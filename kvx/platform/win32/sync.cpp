@@ -2,6 +2,7 @@
 
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/named.h"
+#include "kvx/platform/win32/processes.h"
 #include "kvx/platform/win32/spinlock.h"
 #include "kvx/platform/win32/termination.h"
 #include "kvx/platform/win32/threads.h"
@@ -247,7 +248,8 @@ BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProces
                      DWORD dwOptions) noexcept
 {
     UninterruptedScope const scope;
-    if (hSourceProcess != GetCurrentProcess() || hTargetProcess != GetCurrentProcess())
+    bool const bForeign = hSourceProcess != GetCurrentProcess();
+    if (hTargetProcess != GetCurrentProcess() || (bForeign && (dwOptions & DUPLICATE_CLOSE_SOURCE) != 0))
     {
         SetLastError(ERROR_NOT_SUPPORTED);
         return FALSE;
@@ -255,8 +257,7 @@ BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProces
     HANDLE hTarget = nullptr;
     if (pTarget)
     {
-        Ref<KernelObject> object =
-            hSource == GetCurrentThread() ? GetCurrentThreadObject() : FindObject<KernelObject>(hSource);
+        Ref<KernelObject> object = TakeFromProcess(hSourceProcess, hSource);
         if (object)
             hTarget = OpenHandle(std::move(object));
         *pTarget = hTarget;

@@ -88,8 +88,9 @@ KVX_API DWORD WaitForMultipleObjects(DWORD nCount, HANDLE const * pHandles, BOOL
 /// ERROR_INVALID_HANDLE.
 KVX_API BOOL CloseHandle(HANDLE hObject) noexcept;
 
-/// A further handle to the same object, within the process only: both process handles are GetCurrentProcess(), others
-/// give ERROR_NOT_SUPPORTED. The source may be GetCurrentThread(). dwOptions: DUPLICATE_CLOSE_SOURCE closes the
+/// A further handle of this process to the same object: hTargetProcess is GetCurrentProcess(), any other gives
+/// ERROR_NOT_SUPPORTED. The source may be GetCurrentThread(). From another process come the ends that CreatePipe gave
+/// it, and nothing else: ERROR_INVALID_HANDLE. dwOptions: DUPLICATE_CLOSE_SOURCE, of this process only, closes the
 /// source also on failure; access and inheritance are ignored.
 KVX_API BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess, HANDLE * pTarget,
                              DWORD dwAccess, BOOL bInherit, DWORD dwOptions) noexcept;

@@ -1,9 +1,18 @@
 #include "kvx/platform/win32/system.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/processes.h"
+#include "kvx/platform/win32/threads.h"
 
 #include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+#include <string>
 #include <string_view>
+
+#include <elf.h>
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -42,4 +51,144 @@ BOOL GetComputerNameW(LPWSTR pBuffer, DWORD * pSize) noexcept
     *std::ranges::transform(strName, pBuffer, [](char c) { return static_cast<WCHAR>(static_cast<BYTE>(c)); }).out = 0;
     *pSize = nLength;
     return TRUE;
+}
+
+void GetNativeSystemInfo(SYSTEM_INFO * pInfo) noexcept
+{
+    GetSystemInfo(pInfo);
+}
+
+BOOL GetVersionExW(OSVERSIONINFOW * pInfo) noexcept
+{
+    if (!pInfo || pInfo->dwOSVersionInfoSize != sizeof(OSVERSIONINFOW))
+    {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return FALSE;
+    }
+    utsname names{};
+    ::uname(&names);
+    *pInfo = {
+        .dwOSVersionInfoSize = sizeof(OSVERSIONINFOW),
+        .dwMajorVersion = 10,
+        .dwMinorVersion = 0,
+        .dwBuildNumber = 0,
+        .dwPlatformId = VER_PLATFORM_WIN32_NT,
+        .szCSDVersion = {},
+    };
+    auto out = std::begin(pInfo->szCSDVersion);
+    for (std::string_view const part :
+         {std::string_view(names.sysname), std::string_view(" "), std::string_view(names.release)})
+        for (char const c : part)
+            if (out < std::end(pInfo->szCSDVersion) - 1)
+                *out++ = static_cast<WCHAR>(static_cast<BYTE>(c));
+    return TRUE;
+}
+
+BOOL IsWow64Process(HANDLE hProcess, BOOL * pbWow64)
+{
+    if (!pbWow64)
+    {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    if (hProcess == GetCurrentProcess())
+    {
+        *pbWow64 = FALSE; // this layer is built for 64 bits alone
+        return TRUE;
+    }
+    DWORD const dwProcess = GetProcessId(hProcess);
+    if (dwProcess == 0)
+        return FALSE;
+    std::string const strPath = "/proc/" + std::to_string(dwProcess) + "/exe";
+    std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file(std::fopen(strPath.c_str(), "re"), &std::fclose);
+    std::array<unsigned char, EI_NIDENT> ident{};
+    if (!file || std::fread(ident.data(), ident.size(), 1, file.get()) != 1)
+    {
+        kvx::win32::SetLastErrorFromErrno();
+        return FALSE;
+    }
+    *pbWow64 = ident[EI_CLASS] == ELFCLASS32;
+    return TRUE;
+}
+
+namespace
+{
+
+struct Mapping
+{
+    std::uintptr_t nBegin = 0;
+    std::uintptr_t nEnd = 0;
+    std::array<char, 5> access{};
+    std::uint64_t nInode = 0;
+    std::string strDevice;
+};
+
+bool ReadMapping(std::FILE * pFile, Mapping & mapping)
+{
+    char * pszLine = nullptr;
+    std::size_t nLine = 0;
+    bool bRead = false;
+    if (::getline(&pszLine, &nLine, pFile) > 0)
+    {
+        std::array<char, 16> device{};
+        bRead = std::sscanf(pszLine, "%" SCNxPTR "-%" SCNxPTR " %4s %*s %15s %" SCNu64, &mapping.nBegin, &mapping.nEnd,
+                            mapping.access.data(), device.data(), &mapping.nInode) == 5;
+        mapping.strDevice = device.data();
+    }
+    std::free(pszLine);
+    return bRead;
+}
+
+DWORD ProtectionOf(std::array<char, 5> const & access)
+{
+    bool const bRead = access[0] == 'r';
+    bool const bWrite = access[1] == 'w';
+    if (access[2] == 'x')
+        return bWrite ? PAGE_EXECUTE_READWRITE : bRead ? PAGE_EXECUTE_READ : PAGE_EXECUTE;
+    return bWrite ? PAGE_READWRITE : bRead ? PAGE_READONLY : PAGE_NOACCESS;
+}
+
+} // namespace
+
+SIZE_T VirtualQuery(LPCVOID pAddress, MEMORY_BASIC_INFORMATION * pInfo, SIZE_T nSize)
+{
+    constexpr LONG ERROR_BAD_LENGTH = 24;
+    constexpr std::uintptr_t USER_END = std::uintptr_t(1) << 47;
+    auto const nAddress = reinterpret_cast<std::uintptr_t>(pAddress);
+    if (!pInfo || nSize < sizeof(MEMORY_BASIC_INFORMATION) || nAddress >= USER_END)
+    {
+        SetLastError(nAddress >= USER_END ? ERROR_INVALID_PARAMETER : ERROR_BAD_LENGTH);
+        return 0;
+    }
+    std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file(std::fopen("/proc/self/maps", "re"), &std::fclose);
+    if (!file)
+    {
+        kvx::win32::SetLastErrorFromErrno();
+        return 0;
+    }
+    std::uintptr_t const nPage = nAddress & ~(static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE)) - 1);
+    Mapping mapping;
+    Mapping previous;
+    std::uintptr_t nBase = 0; // of the run of mappings of one file
+    while (ReadMapping(file.get(), mapping) && mapping.nEnd <= nAddress)
+    {
+        bool const bSameFile =
+            mapping.nInode != 0 && mapping.nInode == previous.nInode && mapping.strDevice == previous.strDevice;
+        nBase = bSameFile ? nBase : mapping.nBegin;
+        previous = mapping;
+    }
+    auto const asPointer = [](std::uintptr_t n) { return reinterpret_cast<PVOID>(n); };
+    if (mapping.nBegin > nAddress || mapping.nEnd <= nAddress)
+    {
+        std::uintptr_t const nNext = mapping.nBegin > nAddress ? mapping.nBegin : USER_END;
+        *pInfo = {asPointer(nPage), nullptr, 0, nNext - nPage, MEM_FREE, PAGE_NOACCESS, 0};
+        return sizeof *pInfo;
+    }
+    bool const bSameFile =
+        mapping.nInode != 0 && mapping.nInode == previous.nInode && mapping.strDevice == previous.strDevice;
+    DWORD const dwProtect = ProtectionOf(mapping.access);
+    *pInfo = {
+        asPointer(nPage), asPointer(bSameFile ? nBase : mapping.nBegin), dwProtect, mapping.nEnd - nPage, MEM_COMMIT,
+        dwProtect,        mapping.nInode == 0 ? MEM_PRIVATE : MEM_MAPPED};
+    return sizeof *pInfo;
 }

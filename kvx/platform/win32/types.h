@@ -74,6 +74,16 @@ inline constexpr DWORD SYNCHRONIZE = 0x00100000;
 inline constexpr DWORD GENERIC_READ = 0x80000000;
 inline constexpr DWORD GENERIC_WRITE = 0x40000000;
 
+union ULARGE_INTEGER
+{
+    struct
+    {
+        DWORD LowPart;
+        DWORD HighPart;
+    } u;
+    ULONGLONG QuadPart;
+};
+
 struct FILETIME
 {
     DWORD dwLowDateTime;

@@ -2,6 +2,7 @@
 
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/named.h"
+#include "kvx/platform/win32/processes.h"
 #include "kvx/platform/win32/sync.h"
 #include "kvx/platform/win32/termination.h"
 
@@ -366,7 +367,10 @@ DWORD Wait(std::span<HANDLE const> handles, bool bAll, DWORD dwMilliseconds) noe
 
 DWORD WaitForSingleObject(HANDLE hObject, DWORD dwMilliseconds) noexcept
 {
-    return Wait({&hObject, 1}, false, dwMilliseconds);
+    DWORD const dwResult = Wait({&hObject, 1}, false, dwMilliseconds);
+    // A process is another system object than the rest: it is looked at when nothing else answers to the handle.
+    return dwResult == WAIT_FAILED && GetLastError() == ERROR_INVALID_HANDLE ? WaitForProcess(hObject, dwMilliseconds)
+                                                                             : dwResult;
 }
 
 DWORD WaitForMultipleObjects(DWORD nCount, HANDLE const * pHandles, BOOL bWaitAll, DWORD dwMilliseconds) noexcept

@@ -1,0 +1,621 @@
+#include "Asleep.h"
+#include "TestFolder.h"
+#include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/files.h"
+#include "kvx/platform/win32/handles.h"
+#include "kvx/platform/win32/pipes.h"
+#include "kvx/platform/win32/processes.h"
+#include "kvx/platform/win32/sync.h"
+#include "kvx/platform/win32/threads.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char ** environ;
+
+namespace
+{
+
+constexpr int Rounds = 100;
+
+std::size_t CountDescriptors()
+{
+    std::filesystem::directory_iterator const all("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+std::u16string PathOf(std::u16string const & strName)
+{
+    return u"\\\\.\\pipe\\" + strName;
+}
+
+HANDLE Serve(std::u16string const & strName, DWORD dwMode = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+             DWORD nInstances = PIPE_UNLIMITED_INSTANCES)
+{
+    return CreateNamedPipeW(PathOf(strName).c_str(), dwMode, 0, nInstances, 0, 0, 0, nullptr);
+}
+
+HANDLE Open(std::u16string const & strName)
+{
+    return CreateFileW(PathOf(strName).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+}
+
+bool Send(HANDLE hPipe, std::string const & strText)
+{
+    DWORD nWritten = 0;
+    return WriteFile(hPipe, strText.data(), static_cast<DWORD>(strText.size()), &nWritten, nullptr) &&
+           nWritten == strText.size();
+}
+
+/// What one read gives; the error code in brackets if it fails.
+std::string Receive(HANDLE hPipe, DWORD nSize = 100)
+{
+    std::string strText(nSize, 0);
+    DWORD nRead = 0;
+    if (!ReadFile(hPipe, strText.data(), nSize, &nRead, nullptr))
+        return '<' + std::to_string(GetLastError()) + '>';
+    strText.resize(nRead);
+    return strText;
+}
+
+/// Connects as the transport does. 0 or the error.
+DWORD Connect(HANDLE hPipe)
+{
+    HANDLE const hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = hEvent;
+    DWORD dwError = ConnectNamedPipe(hPipe, &overlapped) ? 0 : GetLastError();
+    if (dwError == ERROR_PIPE_CONNECTED)
+        dwError = 0;
+    if (dwError == ERROR_IO_PENDING)
+    {
+        DWORD n = 0;
+        dwError = GetOverlappedResult(hPipe, &overlapped, &n, TRUE) ? 0 : GetLastError();
+    }
+    CloseHandle(hEvent);
+    return dwError;
+}
+
+/// This program in another role, told by KVX_PIPE_ROLE; its output comes through a pipe.
+class Child
+{
+public:
+    explicit Child(std::string const & strRole)
+    {
+        int out[2];
+        EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
+        ::setenv("KVX_PIPE_ROLE", strRole.c_str(), 1);
+        posix_spawn_file_actions_t actions;
+        ::posix_spawn_file_actions_init(&actions);
+        ::posix_spawn_file_actions_adddup2(&actions, out[1], 9);
+        char szSelf[] = "/proc/self/exe";
+        char szFilter[] = "--gtest_filter=PipeRole.*";
+        char * arguments[] = {szSelf, szFilter, nullptr};
+        EXPECT_EQ(::posix_spawn(&m_nProcess, szSelf, &actions, nullptr, arguments, environ), 0);
+        ::posix_spawn_file_actions_destroy(&actions);
+        ::unsetenv("KVX_PIPE_ROLE");
+        ::close(out[1]);
+        m_nOut = out[0];
+    }
+    ~Child()
+    {
+        Kill();
+        ::close(m_nOut);
+    }
+
+    pid_t GetId() const { return m_nProcess; }
+
+    std::string ReadLine() const
+    {
+        std::string strLine;
+        for (char c = 0; ::read(m_nOut, &c, 1) == 1 && c != '\n';)
+            strLine += c;
+        return strLine;
+    }
+
+    void Kill()
+    {
+        if (m_nProcess <= 0)
+            return;
+        ::kill(m_nProcess, SIGKILL);
+        ::waitpid(std::exchange(m_nProcess, 0), nullptr, 0);
+    }
+
+private:
+    pid_t m_nProcess = 0;
+    int m_nOut = -1;
+};
+
+void Say(std::string const & strLine)
+{
+    std::string const strText = strLine + '\n';
+    EXPECT_EQ(::write(9, strText.data(), strText.size()), static_cast<ssize_t>(strText.size()));
+}
+
+/// The child's side. Each role runs until it is killed.
+TEST(PipeRole, Run)
+{
+    char const * const pszRole = std::getenv("KVX_PIPE_ROLE");
+    if (!pszRole)
+        return;
+    std::string const strRole(pszRole);
+    if (strRole.starts_with("echo "))
+    {
+        std::u16string const strName(strRole.begin() + 5, strRole.end());
+        HANDLE hPipe = Serve(strName);
+        Say(hPipe == INVALID_HANDLE_VALUE ? std::to_string(GetLastError()) : "ready");
+        for (;;)
+        {
+            ASSERT_EQ(Connect(hPipe), 0u);
+            HANDLE const hNext = Serve(strName);
+            std::thread(
+                [hPipe]
+                {
+                    for (std::string strText = Receive(hPipe, 65536); strText[0] != '<';
+                         strText = Receive(hPipe, 65536))
+                        Send(hPipe, strText);
+                    CloseHandle(hPipe);
+                })
+                .detach();
+            hPipe = hNext;
+        }
+    }
+    HANDLE hRead = nullptr;
+    HANDLE hWrite = nullptr;
+    ASSERT_TRUE(CreatePipe(&hRead, &hWrite, nullptr, 0));
+    Say(std::to_string(reinterpret_cast<std::size_t>(hRead)));
+    Say(std::to_string(reinterpret_cast<std::size_t>(hWrite)));
+    for (;;)
+        Say(Receive(hRead));
+}
+
+class Pipe : public TestFolder
+{
+protected:
+    Pipe() { ::setenv("KVX_RUNTIME_DIR", m_strHost.c_str(), 1); }
+    ~Pipe() override
+    {
+        EXPECT_EQ(CountDescriptors(), m_nDescriptors) << "descriptors leak";
+        EXPECT_EQ(kvx::win32::GetOpenHandleCount(), m_nHandles) << "handles leak";
+        ::unsetenv("KVX_RUNTIME_DIR");
+    }
+
+    std::set<std::string> Files() const
+    {
+        std::set<std::string> files;
+        for (auto const & entry : std::filesystem::directory_iterator(m_strHost))
+            files.insert(entry.path().filename());
+        return files;
+    }
+
+    std::size_t const m_nDescriptors = CountDescriptors();
+    std::uint32_t const m_nHandles = kvx::win32::GetOpenHandleCount();
+};
+
+/// Opens and closes sockets as fast as it can: a descriptor that was closed too early is in use again at once, and a
+/// call that hits it disturbs the byte in it.
+class Churn
+{
+public:
+    ~Churn()
+    {
+        m_bStop = true;
+        m_thread.join();
+        EXPECT_EQ(m_nDisturbed, 0);
+    }
+
+private:
+    void Run()
+    {
+        while (!m_bStop)
+        {
+            int pair[2];
+            char c = 'k';
+            if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
+                continue;
+            m_nDisturbed += !(::send(pair[0], &c, 1, MSG_NOSIGNAL) == 1 && ::sched_yield() == 0 &&
+                              ::recv(pair[1], &c, 1, 0) == 1 && c == 'k');
+            ::close(pair[0]);
+            ::close(pair[1]);
+        }
+    }
+
+    std::atomic<bool> m_bStop{false};
+    std::atomic<int> m_nDisturbed{0};
+    std::thread m_thread{[this] { Run(); }};
+};
+
+/// Runs `call` in a thread and `breaker` beside it, until the call is over: at once in some rounds, in others when the
+/// call sleeps.
+void BreakUnder(int nRound, std::function<void()> const & call, std::function<void()> const & breaker)
+{
+    std::atomic<unsigned> nThread{0};
+    std::atomic<bool> bOver{false};
+    std::thread thread(
+        [&]
+        {
+            nThread = GetCurrentThreadId();
+            call();
+            bOver = true;
+        });
+    while (nThread == 0)
+        std::this_thread::yield();
+    if (nRound % 3 == 0)
+        WaitUntilAsleep({nThread});
+    for (; !bOver; std::this_thread::yield())
+        breaker();
+    thread.join(); // ends, or the test's time-out tells
+}
+
+} // namespace
+
+TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
+{
+    HANDLE const hServer = Serve(u"one");
+    ASSERT_NE(hServer, INVALID_HANDLE_VALUE) << GetLastError();
+    EXPECT_EQ(Receive(hServer), "<536>"); // nobody is there yet
+    OVERLAPPED overlapped{};
+    DWORD n = 0;
+    EXPECT_FALSE(ConnectNamedPipe(hServer, &overlapped));
+    EXPECT_EQ(GetLastError(), ERROR_IO_PENDING);
+    EXPECT_FALSE(GetOverlappedResult(hServer, &overlapped, &n, FALSE));
+    EXPECT_EQ(GetLastError(), ERROR_IO_INCOMPLETE);
+    HANDLE const hClient = Open(u"ONE"); // case means nothing
+    ASSERT_NE(hClient, INVALID_HANDLE_VALUE) << GetLastError();
+    EXPECT_TRUE(GetOverlappedResult(hServer, &overlapped, &n, TRUE));
+    EXPECT_FALSE(ConnectNamedPipe(hServer, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_PIPE_CONNECTED);
+    EXPECT_EQ(GetFileType(hClient), FILE_TYPE_PIPE);
+
+    // A read gives what is there, and looking takes nothing away.
+    EXPECT_TRUE(PeekNamedPipe(hClient, nullptr, 0, nullptr, &n, nullptr));
+    EXPECT_EQ(n, 0u);
+    EXPECT_TRUE(Send(hServer, "hello"));
+    char c[2] = {};
+    DWORD nRead = 0;
+    EXPECT_TRUE(PeekNamedPipe(hClient, c, 2, &nRead, &n, nullptr));
+    EXPECT_EQ(std::string(c, 2) + std::to_string(nRead) + std::to_string(n), "he25");
+    EXPECT_EQ(Receive(hClient, 3), "hel");
+    EXPECT_EQ(Receive(hClient), "lo");
+    // More than any buffer holds arrives whole.
+    std::string const strLarge(3000000, 'x');
+    std::thread writer([&] { EXPECT_TRUE(Send(hClient, strLarge)); });
+    std::size_t nGot = 0;
+    while (nGot < strLarge.size())
+        nGot += Receive(hServer, 1000000).size();
+    writer.join();
+    EXPECT_EQ(nGot, strLarge.size());
+
+    // What was written outlives the connection; then there is nothing more.
+    EXPECT_TRUE(Send(hServer, "last"));
+    EXPECT_TRUE(FlushFileBuffers(hServer));
+    EXPECT_TRUE(DisconnectNamedPipe(hServer));
+    EXPECT_FALSE(DisconnectNamedPipe(hClient)); // not the client's to do
+    EXPECT_EQ(Receive(hServer), "<233>");
+    EXPECT_EQ(Receive(hClient), "last");
+    EXPECT_FALSE(PeekNamedPipe(hClient, nullptr, 0, nullptr, &n, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
+    EXPECT_EQ(Receive(hClient), "<109>");
+    EXPECT_FALSE(Send(hClient, "x"));
+    EXPECT_EQ(GetLastError(), ERROR_NO_DATA);
+
+    // The instance serves again, on a handle of the same value.
+    HANDLE const hOther = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_FALSE(ConnectNamedPipe(hServer, &overlapped));
+    HANDLE const hSecond = Open(u"one");
+    EXPECT_TRUE(GetOverlappedResult(hServer, &overlapped, &n, TRUE));
+    EXPECT_TRUE(Send(hSecond, "again"));
+    EXPECT_EQ(Receive(hServer), "again");
+    EXPECT_FALSE(PeekNamedPipe(hOther, nullptr, 0, nullptr, nullptr, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_BAD_PIPE);
+    for (HANDLE const hPipe : {hServer, hClient, hSecond, hOther})
+        EXPECT_TRUE(CloseHandle(hPipe));
+    EXPECT_TRUE(Files().empty());
+}
+
+TEST_F(Pipe, ANameIsMissingBusyOrFree)
+{
+    EXPECT_FALSE(WaitNamedPipeW(PathOf(u"x").c_str(), 10000)); // at once
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Open(u"x"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+
+    HANDLE const hFirst = Serve(u"x", PIPE_ACCESS_DUPLEX, 2);
+    EXPECT_TRUE(WaitNamedPipeW(PathOf(u"x").c_str(), 0));
+    HANDLE const hClient = Open(u"x"); // before the server waits
+    ASSERT_NE(hClient, INVALID_HANDLE_VALUE);
+    EXPECT_FALSE(ConnectNamedPipe(hFirst, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_PIPE_CONNECTED);
+    EXPECT_EQ(Open(u"x"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_PIPE_BUSY);
+    EXPECT_FALSE(WaitNamedPipeW(PathOf(u"x").c_str(), 20));
+    EXPECT_EQ(GetLastError(), ERROR_SEM_TIMEOUT);
+
+    // Whoever waits gets the next instance, of which there are two.
+    std::thread waiter([] { EXPECT_TRUE(WaitNamedPipeW(PathOf(u"X").c_str(), NMPWAIT_WAIT_FOREVER)); });
+    EXPECT_EQ(Serve(u"x", PIPE_ACCESS_INBOUND, 2), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    HANDLE const hSecond = Serve(u"x", PIPE_ACCESS_DUPLEX, 2);
+    waiter.join();
+    EXPECT_EQ(Serve(u"x", PIPE_ACCESS_DUPLEX, 2), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_PIPE_BUSY);
+    for (HANDLE const hPipe : {hFirst, hSecond, hClient})
+        CloseHandle(hPipe);
+    EXPECT_EQ(Open(u"x"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Serve(u"x", PIPE_ACCESS_DUPLEX | 0x10), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(CreateNamedPipeW(PathOf(u"x").c_str(), 3, PIPE_TYPE_MESSAGE, 1, 0, 0, 0, nullptr), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+}
+
+TEST_F(Pipe, NamesStayInTheFolderAndApart)
+{
+    std::u16string const strLong(230, u'l');
+    std::vector<std::u16string> const names = {u"plain",
+                                               u"..",
+                                               u"../../escape",
+                                               u"..\\..\\escape2",
+                                               u"/etc/passwd",
+                                               u".hidden",
+                                               u"%41",
+                                               u"A",
+                                               u"new\nline",
+                                               u"x+lock",
+                                               u"x",
+                                               u"x+1",
+                                               u"\xD83D\xDE00",
+                                               u"\xD800",
+                                               u" ",
+                                               u"~",
+                                               std::u16string(u"nul\0/../inside", 15),
+                                               strLong + u"1",
+                                               strLong + u"2",
+                                               u"\u00e4"};
+    std::vector<HANDLE> pipes;
+    for (std::u16string const & strName : names)
+        pipes.push_back(Serve(strName));
+    std::set<std::string> sockets;
+    for (std::string const & strFile : Files())
+    {
+        EXPECT_TRUE(strFile.starts_with("pipe.")) << strFile;
+        if (!strFile.ends_with("+lock"))
+            sockets.insert(strFile);
+    }
+    EXPECT_EQ(sockets.size(), names.size()); // no two names share one
+    EXPECT_TRUE(sockets.contains("pipe.plain") && sockets.contains("pipe.a") && sockets.contains("pipe.nul") &&
+                sockets.contains("pipe.%C3%84"));
+    for (std::size_t i = 0; i < names.size(); ++i)
+    {
+        HANDLE const hClient = Open(names[i]);
+        EXPECT_EQ(Connect(pipes[i]), 0u) << i;
+        EXPECT_TRUE(Send(hClient, "me"));
+        EXPECT_EQ(Receive(pipes[i]), "me") << i;
+        CloseHandle(hClient);
+        CloseHandle(pipes[i]);
+    }
+    EXPECT_TRUE(Files().empty());
+
+    for (auto const & [strPath, nError] : {std::pair(PathOf(std::u16string(10000, u'x')), ERROR_FILENAME_EXCED_RANGE),
+                                           {PathOf(u""), ERROR_INVALID_NAME},
+                                           {u"pipe", ERROR_INVALID_NAME},
+                                           {u"\\\\elsewhere\\pipe\\x", ERROR_BAD_NETPATH}})
+    {
+        EXPECT_FALSE(WaitNamedPipeW(strPath.c_str(), 0));
+        EXPECT_EQ(GetLastError(), nError);
+        EXPECT_EQ(CreateNamedPipeW(strPath.c_str(), 3, 0, 1, 0, 0, 0, nullptr), INVALID_HANDLE_VALUE);
+    }
+    // A folder that others can enter is no place for pipes.
+    ::chmod(m_strHost.c_str(), 0755);
+    EXPECT_EQ(Serve(u"plain"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+TEST_F(Pipe, BreakingAPendingConnectTouchesNothingElse)
+{
+    Churn const churn;
+    for (int nRound = 0; nRound < Rounds; ++nRound)
+    {
+        HANDLE const hPipe = Serve(u"broken", PIPE_ACCESS_DUPLEX | (nRound % 2 ? FILE_FLAG_OVERLAPPED : 0));
+        HANDLE const hOther = Serve(u"broken", PIPE_ACCESS_DUPLEX);
+        DWORD dwError = 0;
+        BreakUnder(
+            nRound, [&] { dwError = Connect(hPipe); },
+            [&] { nRound % 4 < 2 ? CloseHandle(hPipe) : DisconnectNamedPipe(hPipe); });
+        // Between the two calls the handle may go already.
+        EXPECT_TRUE(dwError == ERROR_OPERATION_ABORTED || dwError == ERROR_INVALID_HANDLE) << dwError;
+        if (nRound % 4 >= 2)
+            CloseHandle(hPipe);
+        // The other instance of the name is none the worse.
+        HANDLE const hClient = Open(u"broken");
+        EXPECT_EQ(Connect(hOther), 0u);
+        CloseHandle(hClient);
+        CloseHandle(hOther);
+    }
+}
+
+TEST_F(Pipe, BreakingATransferTouchesNothingElse)
+{
+    Churn const churn;
+    std::string const strLarge(1 << 20, 'x');
+    for (int nRound = 0; nRound < Rounds; ++nRound)
+    {
+        HANDLE const hServer = Serve(u"broken");
+        HANDLE const hClient = Open(u"broken");
+        ASSERT_EQ(Connect(hServer), 0u);
+        HANDLE const hBroken = nRound % 2 ? hServer : hClient;
+        std::string strGot;
+        BreakUnder(
+            nRound, [&] { nRound % 4 < 2 ? void(strGot = Receive(hBroken)) : void(Send(hBroken, strLarge)); },
+            [&] { nRound % 8 == 1 ? DisconnectNamedPipe(hBroken) : CloseHandle(hBroken); });
+        EXPECT_TRUE(nRound % 4 >= 2 || strGot == "<995>" || strGot == "<6>" || strGot == "<233>") << strGot;
+        CloseHandle(hServer);
+        CloseHandle(hClient);
+
+        HANDLE hRead = nullptr;
+        HANDLE hWrite = nullptr;
+        ASSERT_TRUE(CreatePipe(&hRead, &hWrite, nullptr, 0));
+        BreakUnder(
+            nRound, [&] { nRound % 2 ? void(strGot = Receive(hRead)) : void(Send(hWrite, strLarge)); },
+            [&] { CloseHandle(nRound % 2 ? hRead : hWrite); });
+        EXPECT_TRUE(nRound % 2 == 0 || strGot == "<995>" || strGot == "<6>") << strGot;
+        CloseHandle(nRound % 2 ? hWrite : hRead);
+    }
+}
+
+TEST_F(Pipe, AKilledServersNameIsFreeAndItsClientsKnowAtOnce)
+{
+    for (int nRound = 0; nRound < 5; ++nRound)
+    {
+        Child server("echo killed");
+        ASSERT_EQ(server.ReadLine(), "ready");
+        HANDLE const hClient = Open(u"killed");
+        ASSERT_NE(hClient, INVALID_HANDLE_VALUE) << GetLastError();
+        EXPECT_TRUE(Send(hClient, "ping"));
+        EXPECT_EQ(Receive(hClient), "ping");
+        // Some round kills it in the middle of traffic, and others while the client waits.
+        std::string strGot;
+        BreakUnder(
+            nRound,
+            [&]
+            {
+                do
+                    strGot = nRound % 2 && !Send(hClient, "more") ? "<0>" : Receive(hClient);
+                while (strGot[0] != '<');
+            },
+            [&] { server.Kill(); });
+        EXPECT_FALSE(PeekNamedPipe(hClient, nullptr, 0, nullptr, nullptr, nullptr));
+        CloseHandle(hClient);
+        EXPECT_EQ(Files().count("pipe.killed"), 1u); // left over, and nobody's
+        EXPECT_EQ(Open(u"killed"), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+        EXPECT_FALSE(WaitNamedPipeW(PathOf(u"killed").c_str(), 10000));
+    }
+    HANDLE const hPipe = Serve(u"killed");
+    EXPECT_EQ(Files(), (std::set<std::string>{"pipe.killed", "pipe.killed+lock"}));
+    CloseHandle(hPipe);
+    EXPECT_TRUE(Files().empty());
+}
+
+TEST_F(Pipe, SeveralProcessesServeOneName)
+{
+    Child first("echo shared");
+    ASSERT_EQ(first.ReadLine(), "ready");
+    HANDLE const hEarly = Open(u"shared");
+    // Another one neither takes the name away from the living one nor is turned away.
+    Child second("echo shared");
+    ASSERT_EQ(second.ReadLine(), "ready");
+    HANDLE const hOwn = Serve(u"shared");
+    ASSERT_NE(hOwn, INVALID_HANDLE_VALUE);
+    EXPECT_TRUE(Send(hEarly, "still there"));
+    EXPECT_EQ(Receive(hEarly), "still there");
+    first.Kill();
+    EXPECT_EQ(Receive(hEarly), "<109>");
+    HANDLE const hLate = Open(u"shared");
+    EXPECT_TRUE(Send(hLate, "the other"));
+    EXPECT_EQ(Receive(hLate), "the other");
+    second.Kill();
+    HANDLE const hLast = Open(u"shared");
+    EXPECT_EQ(Connect(hOwn), 0u);
+    for (HANDLE const hPipe : {hEarly, hLate, hLast, hOwn})
+        EXPECT_TRUE(CloseHandle(hPipe));
+}
+
+TEST_F(Pipe, ManyClientsAtOnceAllGetThrough)
+{
+    constexpr int Clients = 8;
+    Child server("echo busy");
+    ASSERT_EQ(server.ReadLine(), "ready");
+    std::atomic<int> nGood{0};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < Clients; ++i)
+        clients.emplace_back(
+            [&, i]
+            {
+                for (int nRound = 0; nRound < Rounds; ++nRound)
+                {
+                    HANDLE hPipe = INVALID_HANDLE_VALUE;
+                    while (hPipe == INVALID_HANDLE_VALUE && WaitNamedPipeW(PathOf(u"busy").c_str(), 10000))
+                        hPipe = Open(u"busy");
+                    std::string const strText = std::to_string(i * Rounds + nRound);
+                    nGood += Send(hPipe, strText) && Receive(hPipe) == strText;
+                    CloseHandle(hPipe);
+                }
+            });
+    for (std::thread & client : clients)
+        client.join();
+    EXPECT_EQ(nGood, Clients * Rounds);
+}
+
+TEST_F(Pipe, AnotherProcessesEndsCanBeDuplicated)
+{
+    Child child("fifo");
+    auto const toHandle = [](std::string const & strText)
+    { return reinterpret_cast<HANDLE>(static_cast<std::size_t>(std::stoul(strText))); };
+    HANDLE const hForeignRead = toHandle(child.ReadLine());
+    HANDLE const hForeignWrite = toHandle(child.ReadLine());
+    HANDLE const hProcess = OpenProcess(PROCESS_DUP_HANDLE, FALSE, static_cast<DWORD>(child.GetId()));
+    ASSERT_NE(hProcess, nullptr) << GetLastError();
+    EXPECT_EQ(WaitForSingleObject(hProcess, 0), WAIT_TIMEOUT);
+    HANDLE hWrite = nullptr;
+    auto const duplicate = [&](HANDLE hSource, HANDLE & hTarget)
+    { return DuplicateHandle(hProcess, hSource, GetCurrentProcess(), &hTarget, 0, FALSE, DUPLICATE_SAME_ACCESS); };
+    ASSERT_TRUE(duplicate(hForeignWrite, hWrite)) << GetLastError();
+    EXPECT_TRUE(Send(hWrite, "from afar"));
+    EXPECT_EQ(child.ReadLine(), "from afar");
+    EXPECT_EQ(Receive(hWrite), "<5>"); // the end keeps its direction
+    HANDLE hRead = nullptr;
+    EXPECT_TRUE(duplicate(hForeignRead, hRead));
+    EXPECT_EQ(GetFileType(hRead), FILE_TYPE_PIPE);
+    CloseHandle(hRead);
+
+    // What is no such end there, or no process, is nothing here.
+    HANDLE hNone = nullptr;
+    EXPECT_FALSE(duplicate(reinterpret_cast<HANDLE>(0x7FFFFFF0), hNone));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_FALSE(DuplicateHandle(hProcess, hForeignRead, hProcess, &hNone, 0, FALSE, 0));
+    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(OpenProcess(0, FALSE, 0x7FFFFFFE), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+
+    // Its death ends the wait for it, and a writer learns that nobody reads: by a code, not by a signal.
+    DWORD dwWaited = WAIT_FAILED;
+    BreakUnder(
+        0, [&] { dwWaited = WaitForSingleObject(hProcess, INFINITE); }, [&] { child.Kill(); });
+    EXPECT_EQ(dwWaited, WAIT_OBJECT_0);
+    EXPECT_FALSE(Send(hWrite, "x"));
+    EXPECT_EQ(GetLastError(), ERROR_NO_DATA);
+    EXPECT_FALSE(duplicate(hForeignWrite, hNone));
+    EXPECT_TRUE(CloseHandle(hWrite) && CloseHandle(hProcess));
+
+    // In this process the same calls work, and a closed end is no source.
+    HANDLE const hSelf = OpenProcess(PROCESS_DUP_HANDLE, FALSE, GetCurrentProcessId());
+    HANDLE hOwnWrite = nullptr;
+    ASSERT_TRUE(CreatePipe(&hRead, &hOwnWrite, nullptr, 600000));
+    EXPECT_TRUE(DuplicateHandle(hSelf, hOwnWrite, GetCurrentProcess(), &hWrite, 0, FALSE, DUPLICATE_SAME_ACCESS));
+    CloseHandle(hOwnWrite);
+    EXPECT_FALSE(DuplicateHandle(hSelf, hOwnWrite, GetCurrentProcess(), &hNone, 0, FALSE, DUPLICATE_SAME_ACCESS));
+    EXPECT_TRUE(Send(hWrite, std::string(200000, 'x'))); // the wished size holds it
+    CloseHandle(hWrite);
+    for (std::size_t n = 0; n < 200000;)
+        n += Receive(hRead, 200000).size();
+    EXPECT_EQ(Receive(hRead), "<109>");
+    CloseHandle(hRead);
+    CloseHandle(hSelf);
+    EXPECT_TRUE(Files().empty());
+}

@@ -1,0 +1,185 @@
+#include "kvx/platform/win32/profiles.h"
+
+#include "TestFolder.h"
+
+#include "kvx/platform/win32/errors.h"
+
+#include <array>
+#include <thread>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+class Profile : public TestFolder
+{
+protected:
+    std::u16string m_strPath = Path(u"a.ini");
+
+    std::u16string Read(LPCWSTR pszSection, LPCWSTR pszKey, LPCWSTR pszDefault = nullptr, DWORD nSize = 100) const
+    {
+        std::u16string strText(nSize + 1, u'#');
+        DWORD const nLength =
+            GetPrivateProfileStringW(pszSection, pszKey, pszDefault, strText.data(), nSize, m_strPath.c_str());
+        EXPECT_EQ(strText[nSize], u'#');
+        EXPECT_EQ(strText[nLength], u'\0');
+        return strText.substr(0, nLength);
+    }
+    bool Write(LPCWSTR pszSection, LPCWSTR pszKey, LPCWSTR pszValue) const
+    {
+        return WritePrivateProfileStringW(pszSection, pszKey, pszValue, m_strPath.c_str()) != FALSE;
+    }
+    std::string File() const { return Get("a.ini"); }
+    void File(std::string const & strText) const { Put("a.ini", strText); }
+};
+
+constexpr char const * SAMPLE = "; head\n"
+                                "stray=1\n"
+                                "[ First ]\n"
+                                "  Key One = some text \n"
+                                "quoted=\" a \"\n"
+                                "key one=second\n"
+                                "no value here\n"
+                                "=no key\n"
+                                "\n"
+                                "; about the second\n"
+                                "[Second\n"
+                                "[Second]x=y\n"
+                                "n=0x1F rest\n"
+                                "neg=-12\n"
+                                "text=abc\n"
+                                "empty=\n"
+                                "[first]\n"
+                                "late=1";
+
+TEST_F(Profile, Reads)
+{
+    File(SAMPLE);
+    EXPECT_EQ(Read(_T("FIRST"), _T("KEY ONE")), u"some text");
+    EXPECT_EQ(Read(_T("First"), _T("quoted")), u" a ");
+    EXPECT_EQ(Read(_T("First"), _T("stray"), _T("not there  ")), u"not there");
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(Read(_T("first"), _T("late"), _T("d")), u"d"); // the first section of the name counts
+    EXPECT_EQ(Read(_T("First"), _T("key one"), nullptr, 5), u"some");
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_MORE_DATA});
+    EXPECT_EQ(Read(nullptr, nullptr), std::u16string(u"First\0Second\0first\0", 19));
+    EXPECT_EQ(Read(_T("second"), nullptr), std::u16string(u"n\0neg\0text\0empty\0", 17));
+    EXPECT_EQ(Read(_T("second"), nullptr, nullptr, 6), std::u16string(u"n\0ne", 4));
+
+    auto const number = [&](LPCWSTR pszKey)
+    { return GetPrivateProfileIntW(_T("second"), pszKey, 7, m_strPath.c_str()); };
+    EXPECT_EQ(number(_T("n")), 31u);
+    EXPECT_EQ(static_cast<int>(number(_T("neg"))), -12);
+    EXPECT_EQ(number(_T("text")), 0u);
+    EXPECT_EQ(number(_T("empty")), 7u);
+    EXPECT_EQ(number(_T("none")), 7u);
+    EXPECT_EQ(GetPrivateProfileIntW(_T("s"), _T("k"), 7, Path(u"none\\b.ini").c_str()), 7u);
+}
+
+TEST_F(Profile, WritesChangeTheirLinesAlone)
+{
+    std::string strExpected = SAMPLE;
+    auto const replace = [&](std::string const & strFrom, std::string const & strTo)
+    { strExpected.replace(strExpected.find(strFrom), strFrom.size(), strTo); };
+    File(SAMPLE);
+    EXPECT_TRUE(Write(_T("first"), _T("KEY ONE"), _T("new")));
+    replace("some text ", "new");
+    EXPECT_TRUE(Write(_T("First"), _T("added"), _T("1")));
+    replace("=no key\n\n; about the second\n[Second\n", "=no key\n\n; about the second\n[Second\nadded=1\n");
+    EXPECT_TRUE(Write(_T("second"), _T("neg"), nullptr));
+    replace("neg=-12\n", "");
+    EXPECT_TRUE(Write(_T("Third"), _T("k"), _T("v")));
+    strExpected += "\n[Third]\nk=v\n";
+    EXPECT_TRUE(Write(_T("second"), _T("none"), nullptr));
+    EXPECT_EQ(File(), strExpected);
+    EXPECT_TRUE(Write(_T("second"), nullptr, nullptr));
+    replace("[Second]x=y\nn=0x1F rest\ntext=abc\nempty=\n", "");
+    EXPECT_EQ(File(), strExpected);
+
+    EXPECT_TRUE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(u"new.ini").c_str()));
+    EXPECT_EQ(Get("new.ini"), "[s]\r\nk=v\r\n");
+}
+
+TEST_F(Profile, EncodingsStay)
+{
+    auto const round =
+        [&](std::string const & strBefore, std::string const & strAfter, LPCWSTR pszText, bool bGood = true)
+    {
+        File(strBefore);
+        EXPECT_EQ(Write(_T("s"), _T("k"), pszText), bGood);
+        EXPECT_EQ(File(), bGood ? strAfter : strBefore);
+        EXPECT_TRUE(!bGood || Read(_T("s"), _T("k")) == pszText);
+    };
+    auto const wide = [](std::u16string_view text)
+    { return "\xFF\xFE" + std::string(reinterpret_cast<char const *>(text.data()), 2 * text.size()); };
+    round("\xEF\xBB\xBF[s]\r\nk=x", "\xEF\xBB\xBF[s]\r\nk=\xC3\xA4", _T("\u00E4"));
+    round("[s]\r\nk=x", "[s]\r\nk=\xC3\xA4", _T("\u00E4"));
+    round("[s]\r\nx=\xE4\nk=x", "[s]\r\nx=\xE4\nk=\xE4", _T("\u00E4"));
+    round("[s]\r\nx=\xE4\nk=x", "", _T("\u6F22"), false);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_UNICODE_TRANSLATION});
+    round("[s]\r\nk=\xE4", "[s]\r\nk=\xC3\x83\xC2\xA4", _T("\u00C3\u00A4")); // its last byte that was no UTF-8 goes
+    round(wide(u"[s]\r\n\u6F22=1\r\nk=x"), wide(u"[s]\r\n\u6F22=1\r\nk=\u0A0D\xD800"), _T("\u0A0D\xD800"));
+    round(wide(u"[s]\nk=x") + "\n", wide(u"[s]\nk=y"), _T("y"));
+    round("\xFE\xFF[s]", "", _T("x"), false);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_BAD_FORMAT});
+    // Bytes that are nothing at all stay as they are.
+    round(std::string("\0\xFF[\x80\n[s]\n\xFF\0\xFF=\x81\r\rk=\nk=x\n", 24),
+          std::string("\0\xFF[\x80\n[s]\n\xFF\0\xFF=\x81\r\rk=\nk=y\n", 24), _T("y"));
+}
+
+TEST_F(Profile, RefusesWhatCouldNotBeRead)
+{
+    File(SAMPLE);
+    for (auto const & [pszSection, pszKey, pszValue] :
+         std::vector<std::array<LPCWSTR, 3>>{{_T("a]b"), _T("k"), _T("v")},
+                                             {_T("s\n"), _T("k"), _T("v")},
+                                             {_T("s"), _T("k=l"), _T("v")},
+                                             {_T("s"), _T(" ;k"), _T("v")},
+                                             {_T("s"), _T("[k"), _T("v")},
+                                             {_T("s"), _T("  "), _T("v")},
+                                             {_T("s"), _T("k"), _T("v\n[evil]")},
+                                             {nullptr, _T("k"), _T("v")}})
+    {
+        EXPECT_FALSE(Write(pszSection, pszKey, pszValue));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    }
+    EXPECT_EQ(File(), SAMPLE);
+    EXPECT_FALSE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(u"none\\a.ini").c_str()));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_FALSE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), kvx::win32::FromHost(m_strHost).c_str()));
+    std::filesystem::resize_file(Host("a.ini"), (64 << 20) + 1);
+    EXPECT_FALSE(Write(_T("s"), _T("k"), _T("v")));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_TOO_LARGE});
+}
+
+TEST_F(Profile, ReplacesAsAWhole)
+{
+    File("[s]\nk=0\n");
+    chmod(Host("a.ini").c_str(), 0640);
+    std::filesystem::create_symlink(Host("a.ini"), Host("link.ini"));
+    std::vector<std::thread> threads;
+    for (int nThread = 0; nThread < 3; ++nThread)
+        threads.emplace_back(
+            [&, nThread]
+            {
+                std::u16string const strKey(1, static_cast<char16_t>(u'a' + nThread));
+                for (int i = 0; i < 20; ++i)
+                {
+                    WritePrivateProfileStringW(_T("s"),
+                                               (strKey + std::u16string(1, static_cast<char16_t>(u'A' + i))).c_str(),
+                                               _T("1"), Path(nThread == 0 ? u"link.ini" : u"a.ini").c_str());
+                    EXPECT_EQ(Read(_T("s"), _T("k")), u"0");
+                }
+            });
+    for (std::thread & thread : threads)
+        thread.join();
+    EXPECT_EQ(kvx::win32::IniText(File()).GetKeys(u"s").size(), 61u);
+    struct stat info;
+    stat(Host("a.ini").c_str(), &info);
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+    EXPECT_TRUE(std::filesystem::is_symlink(Host("link.ini")));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_strHost), {}), 2);
+}
+} // namespace

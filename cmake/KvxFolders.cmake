@@ -16,14 +16,15 @@ function(kvx_folder)
     set_property(GLOBAL APPEND PROPERTY KVX_OBJECT_LIBRARIES ${target})
 endfunction()
 
-# kvx_test(NAME foundation SOURCES ValueTest.cpp ... [LABELS threaded] [TIMEOUT seconds])
-# One GoogleTest program for a folder; ctest runs it as a whole. The label "threaded" puts it on the list
+# kvx_test(NAME foundation SOURCES ValueTest.cpp ... [LABELS threaded] [TIMEOUT seconds] [SHARED])
+# One GoogleTest program for a folder; ctest runs it as a whole. SHARED links it to the shared library, for tests that load
+# modules which use the library too. The label "threaded" puts it on the list
 # that runs under ThreadSanitizer.
 function(kvx_test)
-    cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;LABELS" ${ARGN})
+    cmake_parse_arguments(ARG "SHARED" "NAME;TIMEOUT" "SOURCES;LABELS" ${ARGN})
     string(REPLACE "/" "_" target "test_${ARG_NAME}")
     add_executable(${target} ${ARG_SOURCES})
-    target_link_libraries(${target} PRIVATE kvxbase5_static GTest::gmock GTest::gtest_main)
+    target_link_libraries(${target} PRIVATE $<IF:$<BOOL:${ARG_SHARED}>,kvxbase5,kvxbase5_static> GTest::gmock GTest::gtest_main)
     add_test(NAME ${ARG_NAME} COMMAND ${target})
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 120)

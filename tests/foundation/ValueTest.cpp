@@ -157,7 +157,7 @@ TEST(ValueSet, ReadingAndCopying)
     EXPECT_EQ(values[_T("c")], _T(""));
     values = other;
     EXPECT_EQ(values.GetCount(), 2);
-    values = values;
+    values = static_cast<CDictionary const &>(values);
     EXPECT_EQ(values.RenameValue(_T("a"), _T("b")), 1);
     EXPECT_EQ(values.RenameValue(_T("a"), _T("b")), 0);
     EXPECT_EQ(values.ToString(0, _T(" ")), _T("b=5"));

@@ -1,0 +1,162 @@
+#include "kvx/foundation/DictionaryTree.h"
+
+#include "kvx/text/StringTokenizer.h"
+
+IMPLEMENT_SERIAL(CDictionaryTree, CObject, 1)
+
+CDictionaryTree::CDictionaryTree(LPCTSTR name, LPCTSTR separator)
+    : m_strName(name), m_strSeparator(separator ? separator : _T("\\"))
+{
+}
+
+void CDictionaryTree::Copy(CDictionaryTree const & other)
+{
+    if (this == &other)
+    {
+        return;
+    }
+    RemoveAll();
+    m_strName = other.m_strName;
+    CString key;
+    CDictionaryTree * child = nullptr;
+    for (POSITION pos = other.GetStartChildPosition(); pos;)
+    {
+        other.GetNextChild(pos, key, child);
+        m_children.SetAt(key, new CDictionaryTree(*child));
+    }
+    m_values = other.m_values;
+    m_strSeparator = other.m_strSeparator;
+}
+
+CDictionaryTree * CDictionaryTree::CreateChild(LPCTSTR path)
+{
+    CStringTokenizer steps(path, m_strSeparator);
+    return CreateChild(steps);
+}
+
+CDictionaryTree * CDictionaryTree::CreateChild(CStringTokenizer & path)
+{
+    CDictionaryTree * node = this;
+    for (CString step; path.GetNextString(step);)
+    {
+        CObject *& child = node->m_children[step];
+        if (!child)
+        {
+            child = new CDictionaryTree;
+        }
+        node = static_cast<CDictionaryTree *>(child);
+    }
+    return node;
+}
+
+CDictionaryTree * CDictionaryTree::FindChild(LPCTSTR path) const
+{
+    CStringTokenizer steps(path, m_strSeparator);
+    return FindChild(steps);
+}
+
+CDictionaryTree * CDictionaryTree::FindChild(CStringTokenizer & path) const
+{
+    auto * node = const_cast<CDictionaryTree *>(this);
+    for (CString step; path.GetNextString(step);)
+    {
+        CObject * child = nullptr;
+        if (!node->m_children.Lookup(step, child))
+        {
+            return nullptr;
+        }
+        node = static_cast<CDictionaryTree *>(child);
+    }
+    return node;
+}
+
+void CDictionaryTree::GetNextChild(POSITION & pos, CString & key) const
+{
+    CDictionaryTree * child = nullptr;
+    GetNextChild(pos, key, child);
+}
+
+void CDictionaryTree::GetNextChild(POSITION & pos, CString & key, CDictionaryTree *& child) const
+{
+    CObject * object = nullptr;
+    m_children.GetNextAssoc(pos, key, object);
+    child = static_cast<CDictionaryTree *>(object);
+}
+
+CStringValue CDictionaryTree::GetValue(LPCTSTR name, LPCTSTR path) const
+{
+    CDictionaryTree const * const node = FindChild(path);
+    return node ? node->m_values.GetValue(name) : CStringValue();
+}
+
+void CDictionaryTree::SetValue(LPCTSTR name, CStringValue const & value, LPCTSTR path)
+{
+    CreateChild(path)->m_values.CreateValue(name) = value;
+}
+
+void CDictionaryTree::GetValues(CDictionary & target, LPCTSTR path) const
+{
+    if (CDictionaryTree const * const node = FindChild(path))
+    {
+        target = node->m_values;
+    }
+}
+
+CDictionary CDictionaryTree::operator[](LPCTSTR path) const
+{
+    CDictionary values;
+    GetValues(values, path);
+    return values;
+}
+
+void CDictionaryTree::RemoveAll()
+{
+    CString key;
+    CObject * child = nullptr;
+    for (POSITION pos = m_children.GetStartPosition(); pos;)
+    {
+        m_children.GetNextAssoc(pos, key, child);
+        delete child;
+    }
+    m_children.RemoveAll();
+}
+
+void CDictionaryTree::Serialize(CArchive & archive)
+{
+    if (archive.IsStoring())
+    {
+        m_children.Serialize(archive);
+        m_values.Serialize(archive);
+        archive << m_strSeparator;
+        return;
+    }
+    RemoveAll();
+    m_bTaken = true; // from now on: an archive may not make a node its own descendant
+    for (auto left = archive.ReadCount(); left > 0; --left)
+    {
+        LoadChild(archive);
+    }
+    m_values.Serialize(archive);
+    archive >> m_strSeparator;
+    m_bTaken = false;
+}
+
+/// Takes a child from the archive, unless another node has it already or the key stands twice: each has one owner.
+void CDictionaryTree::LoadChild(CArchive & archive)
+{
+    CString key;
+    archive >> key;
+    auto * const child = static_cast<CDictionaryTree *>(archive.ReadObject(RUNTIME_CLASS(CDictionaryTree)));
+    CObject * known = nullptr;
+    bool const bFree = child && !child->m_bTaken;
+    if (!bFree || m_children.Lookup(key, known))
+    {
+        if (bFree)
+        {
+            delete child;
+        }
+        AfxThrowArchiveException(CArchiveException::badIndex);
+    }
+    child->m_bTaken = true;
+    m_children.SetAt(key, child);
+}

@@ -1,0 +1,202 @@
+#include "kvx/threads/TimerQueue.h"
+#include "kvx/foundation/Dictionary.h"
+#include "kvx/threads/ThreadPool.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace
+{
+constexpr DWORD PATIENCE = 20000; // milliseconds
+constexpr DWORD FAR = 3600000;
+
+/// What fired, in order, and a wait for so many.
+class Record
+{
+public:
+    struct Entry
+    {
+        Record * pRecord;
+        int nNumber;
+        std::function<void()> also;
+    };
+
+    /// A parameter for Fire, owned by the record.
+    void * Param(int number, std::function<void()> also = {})
+    {
+        m_entries.push_back(std::make_unique<Entry>(Entry{this, number, std::move(also)}));
+        return m_entries.back().get();
+    }
+    static void Fire(void * param)
+    {
+        auto * const entry = static_cast<Entry *>(param);
+        {
+            CSingleLock guard(&entry->pRecord->m_lock, TRUE);
+            entry->pRecord->m_fired.push_back(entry->nNumber);
+        }
+        entry->pRecord->m_event.SetEvent();
+        if (entry->also)
+        {
+            entry->also();
+        }
+    }
+    std::vector<int> WaitFor(std::size_t count)
+    {
+        for (;;)
+        {
+            {
+                CSingleLock guard(&m_lock, TRUE);
+                if (m_fired.size() >= count)
+                {
+                    return m_fired;
+                }
+            }
+            if (!m_event.Lock(PATIENCE))
+            {
+                return {};
+            }
+        }
+    }
+
+private:
+    CCriticalSection m_lock;
+    CEvent m_event;
+    std::vector<int> m_fired;
+    std::vector<std::unique_ptr<Entry>> m_entries;
+};
+
+CString Describe(DWORD id)
+{
+    CDictionary all;
+    CThreadPool::GetThreadDescriptions(all);
+    return all.GetValue(CStringValue(id));
+}
+} // namespace
+
+TEST(TimerQueue, FiresInOrderOfDueTimesWhateverIsThrown)
+{
+    Record record;
+    CTimerQueue queue;
+    queue.CreateTimer(120, &Record::Fire, record.Param(3, [] { throw std::runtime_error("dropped"); }));
+    queue.CreateTimer(60, &Record::Fire, record.Param(1, [] { AfxThrowInvalidArgException(); }));
+    queue.CreateTimer(90, &Record::Fire, record.Param(2, [] { throw 5; }));
+    queue.CreateTimer(150, &Record::Fire, record.Param(4));
+    queue.CreateTimer(0, &Record::Fire, record.Param(0));
+    EXPECT_EQ(record.WaitFor(5), (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+TEST(TimerQueue, ChangesAndDeletesWhatWaits)
+{
+    Record record;
+    CTimerQueue queue;
+    void * const late = queue.CreateTimer(FAR, &Record::Fire, record.Param(1));
+    void * const gone = queue.CreateTimer(200, &Record::Fire, record.Param(9));
+    void * const later = queue.CreateTimer(50, &Record::Fire, record.Param(2));
+    EXPECT_TRUE(queue.DeleteTimer(gone));
+    EXPECT_FALSE(queue.DeleteTimer(gone));
+    EXPECT_FALSE(queue.ChangeTimer(gone, 0));
+    EXPECT_FALSE(queue.DeleteTimer(nullptr));
+    EXPECT_TRUE(queue.ChangeTimer(later, 300)); // moved behind the next one
+    EXPECT_TRUE(queue.ChangeTimer(late, 1));
+    EXPECT_EQ(record.WaitFor(2), (std::vector<int>{1, 2}));
+    EXPECT_FALSE(queue.ChangeTimer(late, 0));
+}
+
+TEST(TimerQueue, FunctionsMayUseTheirQueueAndTheThreadGoes)
+{
+    Record record;
+    CTimerQueue queue;
+    std::atomic<DWORD> id{0};
+    queue.CreateTimer(0, &Record::Fire,
+                      record.Param(0,
+                                   [&]
+                                   {
+                                       id = GetCurrentThreadId();
+                                       queue.CreateTimer(0, &Record::Fire, record.Param(1));
+                                       queue.DeleteTimer(queue.CreateTimer(FAR, &Record::Fire, nullptr));
+                                   }));
+    EXPECT_EQ(record.WaitFor(2), (std::vector<int>{0, 1}));
+    while (!CThreadPool::IsThreadFree(static_cast<int>(id)))
+    {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(Describe(id).Find(_T("[Idle/Unused] TimerQueue::TimerProc: ")), 0);
+    queue.CreateTimer(0, &Record::Fire, record.Param(2)); // a thread again
+    EXPECT_EQ(record.WaitFor(3).size(), 3u);
+}
+
+TEST(TimerQueue, OfEqualTimesTheLastComesFirst)
+{
+    // The first one holds the thread until all others have been set, within a millisecond if the machine lets it.
+    for (int attempt = 0; attempt < 100; ++attempt)
+    {
+        Record record;
+        CEvent go(FALSE, TRUE);
+        CTimerQueue queue;
+        queue.CreateTimer(0, &Record::Fire, record.Param(0, [&] { go.Lock(PATIENCE); }));
+        record.WaitFor(1);
+        DWORD const before = ::GetTickCount();
+        for (int i = 1; i <= 3; ++i)
+        {
+            queue.CreateTimer(0, &Record::Fire, record.Param(i));
+        }
+        bool const bSame = ::GetTickCount() == before;
+        go.SetEvent();
+        std::vector<int> const fired = record.WaitFor(4);
+        if (bSame && fired == std::vector<int>{0, 3, 2, 1})
+        {
+            return;
+        }
+    }
+    FAIL() << "never in reverse";
+}
+
+TEST(TimerQueue, ManyThreadsLoseNothingAndTheQueueMayGoAtAnyTime)
+{
+    static std::atomic<int> s_nFired{0};
+    s_nFired = 0;
+    auto const count = [](void *) { ++s_nFired; };
+    std::atomic<int> nDeleted{0};
+    constexpr int EACH = 2000;
+    {
+        CTimerQueue queue;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 3; ++t)
+        {
+            threads.emplace_back(
+                [&, t]
+                {
+                    for (int i = 0; i < EACH; ++i)
+                    {
+                        void * const timer =
+                            queue.CreateTimer(static_cast<DWORD>(i % 5 == t ? FAR : i % 3), count, nullptr);
+                        if (i % 5 == t)
+                        {
+                            nDeleted += queue.DeleteTimer(timer);
+                        }
+                    }
+                });
+        }
+        for (std::thread & thread : threads)
+        {
+            thread.join();
+        }
+        while (s_nFired + nDeleted < 3 * EACH)
+        {
+            std::this_thread::yield();
+        }
+    }
+    EXPECT_EQ(s_nFired + nDeleted, 3 * EACH);
+    EXPECT_EQ(nDeleted, 3 * EACH / 5);
+    for (int round = 0; round < 200; ++round)
+    {
+        CTimerQueue queue;
+        queue.CreateTimer(static_cast<DWORD>(round % 2), count, nullptr);
+        queue.CreateTimer(FAR, count, nullptr);
+    }
+}

@@ -5,8 +5,10 @@
 
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgDispatcher.h"
+#include "kvx/messaging/MsgInProcFactory.h"
 #include "kvx/messaging/MsgProvider.h"
 #include "kvx/msgdata/MsgDataSet.h"
+#include "kvx/system/WinSecurity.h"
 #include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ThreadPool.h"
 #include "kvx/transport/MsgStream.h"
@@ -44,11 +46,16 @@ private:
 };
 } // namespace
 
+CWinSecurityDescriptor CWinSecurityDescriptor::NULL_DACL(1);
+CWinSecurityAttributes CWinSecurityAttributes::NULL_DACL(0, CWinSecurityDescriptor::NULL_DACL);
+
 CLogManager CLogManager::sm_instance;
 
 CStringValue const CMsgDataSet::EMPTY_DATA;
 
 CMsgDispatcher CMsgDispatcher::sm_instance;
+
+CString const CMsgInProcFactory::CREATE_PROVIDER = _T("KVXMSG_CreateInProcProvider");
 
 CString const CMsgProvider::PROVIDER_STARTING = _T("starting");
 CString const CMsgProvider::PROVIDER_STARTED = _T("started");

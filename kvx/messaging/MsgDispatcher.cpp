@@ -4,12 +4,18 @@
 #include "kvx/foundation/Utilities.h"
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgFactory.h"
+#include "kvx/messaging/MsgForwardProvider.h"
+#include "kvx/messaging/MsgInProcFactory.h"
 #include "kvx/messaging/MsgProvider.h"
+#include "kvx/system/WinModule.h"
 #include "kvx/text/StringTokenizer.h"
 #include "kvx/threads/ThreadPool.h"
 #include "kvx/transport/MsgListener.h"
+#include "kvx/transport/MsgPipeFactory.h"
+#include "kvx/transport/MsgRelayProvider.h"
 #include "kvx/transport/MsgTCPFactory.h"
 
+#include <memory>
 #include <utility>
 
 namespace
@@ -39,7 +45,11 @@ CString CommonQueueName(PROC proc)
 CMsgDispatcher::CMsgDispatcher() : m_notifyQueue(&NotifyProc, this, NOTIFY_THREADS, 0, CommonQueueName(&NotifyProc))
 {
     m_pRoot = new CMsgTarget;
+    CMsgPipeFactory::RegisterTypes(*this);
     CMsgTCPFactory::RegisterTypes(*this);
+    CMsgInProcFactory::RegisterTypes(*this);
+    RegisterFactory(_T("forward"), new CMsgForwardFactory);
+    RegisterFactory(_T("relay"), new CMsgRelayFactory);
 }
 
 CMsgDispatcher::~CMsgDispatcher()
@@ -68,7 +78,7 @@ void CMsgDispatcher::DeleteFactories()
     for (POSITION pos = m_factories.GetStartPosition(); pos;)
     {
         m_factories.GetNextAssoc(pos, name, object);
-        CObject * const module = static_cast<CMsgFactory *>(object)->GetModule();
+        CWinModule * const module = static_cast<CMsgFactory *>(object)->GetModule();
         delete object;
         delete module;
     }
@@ -156,7 +166,7 @@ CMsgProvider * CMsgDispatcher::RegisterProvider(LPCTSTR path, LPCTSTR config, in
         return provider;
     }
     LogError(_T("Cannot register provider '%s=%s'"), path, config);
-    delete provider;
+    CMsgProvider::DeleteWithModule(provider);
     return nullptr;
 }
 
@@ -245,6 +255,32 @@ int CMsgDispatcher::RegisterFactory(LPCTSTR name, CMsgFactory * factory)
     {
         m_factories.SetAt(name, factory);
     }
+    return 1;
+}
+
+int CMsgDispatcher::RegisterFactory(LPCTSTR name, LPCTSTR config)
+{
+    if (LookupFactory(name))
+    {
+        return 1;
+    }
+    CString file;
+    CString entryPoint;
+    if (CUtilities::SplitString(config, file, entryPoint, _T("@"), 0) < 0)
+    {
+        entryPoint = _T("KVXMSG_CreateFactory");
+    }
+    auto module = std::make_unique<CWinModule>();
+    CMsgFactory * const factory =
+        module->Load(file) ? CMsgFactory::LoadFactory(name, module.get(), entryPoint) : nullptr;
+    if (!factory)
+    {
+        LogError(_T("Cannot load factory '%s=%s': %s"), name, file, CWinError(GetLastError()).GetText());
+        return 0;
+    }
+    module.release(); // the factory's now
+    m_factories.SetAt(name, factory);
+    LogInfo(_T("Loaded factory '%s=%s'"), name, file);
     return 1;
 }
 

@@ -12,7 +12,8 @@ class CMsgProvider;
 
 /// Configuration strings: a provider configuration is `type:params`; a listener configuration is the same, with at most
 /// one further token `event:name;` in front of it. Type names are case-sensitive. The params of "tcp" are
-/// `address:port@seconds.microseconds`, the last two parts optional.
+/// `address:port@seconds.microseconds`, the last two parts optional; those of "inproc" are `module@provider`; those of
+/// "forward" and "relay" are another provider configuration.
 ///
 /// Threads: Service and Notify may be called by any thread. Factories and providers are registered at start-up.
 class KVX_API CMsgDispatcher
@@ -64,6 +65,9 @@ public:
 
     /// Takes the factory over, unless the name is known: then nothing is stored, and the caller keeps it. Gives 1.
     int RegisterFactory(LPCTSTR name, CMsgFactory * factory);
+    /// From a module, `module` or `module@entry point` ("KVXMSG_CreateFactory" by default), unless the name is known:
+    /// then nothing is loaded. 0, with the reason in the log, if the module makes no factory.
+    int RegisterFactory(LPCTSTR name, LPCTSTR config);
     CMsgFactory * LookupFactory(LPCTSTR name) const;
 
 private:

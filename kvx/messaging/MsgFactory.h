@@ -6,6 +6,7 @@
 
 class CMsgListener;
 class CMsgProvider;
+class CWinModule;
 
 /// Registered with the dispatcher under the type name that stands before the ":" of a configuration string.
 /// Threads: the built-in factories keep no state, and may be called by several threads.
@@ -19,9 +20,13 @@ public:
     virtual CMsgListener * CreateListener(LPCTSTR params);
 
     /// The module that holds the factory's code, null for a built-in one; the dispatcher deletes it behind the factory.
-    CObject * GetModule() const { return m_pModule; }
-    void SetModule(CObject * module) { m_pModule = module; }
+    CWinModule * GetModule() const { return m_pModule; }
+    void SetModule(CWinModule * module) { m_pModule = module; }
+
+    /// Has a module make a factory: it exports, without name mangling, `CMsgFactory * entryPoint(CString const &
+    /// name)`. The factory, which the module is set for, or null.
+    static CMsgFactory * LoadFactory(CString const & name, CWinModule * module, CString const & entryPoint);
 
 private:
-    CObject * m_pModule = nullptr;
+    CWinModule * m_pModule = nullptr;
 };

@@ -2,6 +2,7 @@
 
 #include "kvx/foundation/Utilities.h"
 #include "kvx/messaging/MsgTarget.h"
+#include "kvx/system/WinModule.h"
 
 #include <utility>
 
@@ -18,6 +19,17 @@ CMsgProvider::~CMsgProvider()
     }
     // The entries that go now call DetachAggregate, and must find nothing.
     delete std::exchange(m_pAggregates, nullptr);
+}
+
+void CMsgProvider::DeleteWithModule(CMsgProvider * provider)
+{
+    if (!provider)
+    {
+        return;
+    }
+    CWinModule * const module = provider->m_pInProcModule;
+    delete provider;
+    delete module;
 }
 
 void CMsgProvider::SetTarget(CMsgTarget * target)

@@ -8,6 +8,7 @@
 #include "kvx/messaging/MsgRequest.h"
 
 class CMsgTarget;
+class CWinModule;
 
 /// Hangs on a target of the tree, which holds one reference. Starts with a count of 0: the target's reference keeps it
 /// alive, and when DetachTarget drops the last one the provider deletes itself.
@@ -49,8 +50,10 @@ public:
     static CString GetProviderName() { return _T("provider"); }
 
     /// The module that holds the provider's code; the target deletes it when the provider is gone.
-    CObject * GetInProcModule() const { return m_pInProcModule; }
-    void SetInProcModule(CObject * module) { m_pInProcModule = module; }
+    CWinModule * GetInProcModule() const { return m_pInProcModule; }
+    void SetInProcModule(CWinModule * module) { m_pInProcModule = module; }
+    /// Deletes a provider that hangs on no target, and then its module; null is nothing.
+    static void DeleteWithModule(CMsgProvider * provider);
 
     /// Registers on a path relative to this provider's target ("root:" begins at the root); 0 without a target.
     int AddProvider(CString const & path, CMsgProvider * provider);
@@ -67,7 +70,7 @@ private:
     CString m_strParams;
     CMsgTarget * m_pTarget = nullptr;
     CObIntegerLookup * m_pAggregates = nullptr;
-    CObject * m_pInProcModule = nullptr;
+    CWinModule * m_pInProcModule = nullptr;
 };
 
 /// A provider that calls a function. A request on a path below its target counts as handled only if the function calls

@@ -3,6 +3,7 @@
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/messaging/MsgProvider.h"
+#include "kvx/system/WinModule.h"
 
 #include <algorithm>
 #include <array>
@@ -266,7 +267,7 @@ CMsgProvider * CMsgTarget::LookupProvider(CString const & params) const
 void CMsgTarget::DetachProvider(CMsgProvider * provider)
 {
     // The provider's code must stay loaded until the provider is gone.
-    CObject * const module = provider->GetInProcModule();
+    CWinModule * const module = provider->GetInProcModule();
     if (static_cast<LONG>(provider->DetachTarget()) < 1)
     {
         delete module;

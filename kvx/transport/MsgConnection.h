@@ -40,11 +40,14 @@ public:
 
     HANDLE GetReadHandle();
     HANDLE GetWriteHandle();
+    /// For threads that take turns in writing whole messages.
+    CSyncObject * GetWriteLock() { return &m_writeLock; }
     CMsgConnectionProvider * GetOwner() const { return m_pOwner; }
     void SetOwner(CMsgConnectionProvider * owner) { m_pOwner = owner; }
 
 private:
     CMsgConnectionProvider * m_pOwner = nullptr; // not owned
+    CCriticalSection m_writeLock;
 };
 
 /// Forwards to an inner connection. Texts and compaction are the wrapper's; raw bytes reach the inner one.

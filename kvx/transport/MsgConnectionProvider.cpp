@@ -28,6 +28,12 @@ void CMsgConnectionProvider::ReleaseConnection(CMsgConnection * connection)
     m_connections.Return(connection);
 }
 
+void CMsgConnectionProvider::ForgetConnection(CMsgConnection * connection)
+{
+    m_connections.Remove(connection);
+    connection->SetOwner(nullptr);
+}
+
 void CMsgConnectionProvider::Service(CMsgRequest & request)
 {
     if (CMsgConnection * const pinned = request.GetConnection())
@@ -35,7 +41,12 @@ void CMsgConnectionProvider::Service(CMsgRequest & request)
         TransmitRequest(pinned, request);
         return;
     }
-    CMsgConnection * const connection = AllocateConnection();
+    Exchange(AllocateConnection(), request);
+}
+
+/// One exchange on a connection that was allocated for it, and its release.
+void CMsgConnectionProvider::Exchange(CMsgConnection * connection, CMsgRequest & request)
+{
     try
     {
         TransmitRequest(connection, request);

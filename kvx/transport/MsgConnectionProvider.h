@@ -29,8 +29,13 @@ public:
 
 protected:
     virtual CMsgConnection * CreateConnection() = 0;
+    void Exchange(CMsgConnection * connection, CMsgRequest & request);
+    /// Hands a connection that is in use over to the caller.
+    void ForgetConnection(CMsgConnection * connection);
 
 private:
+    friend class CMsgRelayProvider; // has another provider create its connections
+
     CObCache m_connections;
 
     static bool RunHandshake(CMsgConnection & connection);

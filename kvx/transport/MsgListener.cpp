@@ -314,11 +314,32 @@ void CMsgListener::ProcessRequest(CMsgListenerSession * session, CMsgConnection 
             continue;
         }
         DispatchRequest(*request);
+        if (!request->GetConnection())
+        {
+            ResetRequest(*request);
+            return; // a provider has taken the connection
+        }
         NotifyEvent(CMsgListenerEvent::BEFORE_RESPONSE, session, request.get());
         WriteResponse(connection, *request); // a dead client shows at the next read
         NotifyEvent(CMsgListenerEvent::AFTER_RESPONSE, session, request.get());
         ResetRequest(*request);
     }
+}
+
+CMsgConnection * CMsgListener::TakeConnection(CMsgRequest & request)
+{
+    CMsgConnection * const connection = request.GetConnection();
+    request.SetConnection(nullptr);
+    request.DiscardResults(1);
+    request.KeepAlive(0);
+    auto * const served = dynamic_cast<CListenerRequest *>(&request);
+    auto * const session = served ? dynamic_cast<CMsgListenerSession *>(served->GetSession()) : nullptr;
+    if (connection && session && session->TakeServed())
+    {
+        session->SetConnection(nullptr);
+        session->m_pListener->ForgetConnection(connection);
+    }
+    return connection;
 }
 
 void CMsgListener::NotifyRequestProc(CObject * object, void * param)

@@ -61,10 +61,17 @@ public:
     /// shuts down, and then nothing is touched.
     virtual int StopListener();
     /// Waits until the listener accepts clients or has failed to: 1, or 0 with the reason as the thread's last error.
-    int WaitUntilListening(DWORD timeout);
+    virtual int WaitUntilListening(DWORD timeout);
+    /// 0 before it listens, and once it has stopped, also by itself.
+    int IsListening() const { return GetListeningConnection() != nullptr; }
 
     virtual int ReadRequest(CMsgConnection * connection, CMsgRequest & request);
     virtual int WriteResponse(CMsgConnection * connection, CMsgRequest & request);
+
+    /// For a provider that keeps the connection of the request that it serves. Takes it from the request and, if a
+    /// listener read that, out of the listener's hands: the session writes no response and ends. The connection belongs
+    /// to the caller if it has no owner any more. Null if the request has none.
+    static CMsgConnection * TakeConnection(CMsgRequest & request);
 
     /// Names an event that the listener waits for before it listens, if the event exists.
     void SetEvent(LPCTSTR name) { m_strStartEvent = name; }
@@ -81,6 +88,9 @@ protected:
     /// For the destructors of derived listeners, while CreateConnection can still be called: stops the listener and
     /// waits for its threads without limit, other than those that the library's shutdown has ended.
     void EndListener();
+
+    /// Said on the listener's thread where listening turns out to fail later than in Listen: see WaitUntilListening.
+    void ReportListenError(DWORD error) { m_nListenError = error; }
 
     /// The connection that listens, null unless the listener runs. Locked by the caller's knowledge that it does.
     CMsgConnection * GetListeningConnection() const { return m_pListening.load(); }
@@ -104,7 +114,7 @@ private:
     std::atomic<bool> m_bStopping{false};
     CEvent m_runDone;   // manual: the listener thread does not run
     CEvent m_startDone; // manual: the listening has begun or failed
-    DWORD m_nListenError = 0;
+    std::atomic<DWORD> m_nListenError{0};
     CCriticalSection m_activeLock;
     LONG m_nActive = 0;  // sessions with a thread
     CEvent m_noneActive; // manual

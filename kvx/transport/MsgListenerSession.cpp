@@ -96,10 +96,13 @@ void CMsgListenerSession::Run()
     }
     SetConnection(nullptr);
 
-    // The session is free when its link has been given back, and not to be touched from then on.
-    TakeServed();
-    connection->Disconnect();
-    listener->ReleaseConnection(connection);
+    // The session is free when its link has been given back, and not to be touched from then on. A provider may have
+    // taken the link for itself.
+    if (TakeServed())
+    {
+        connection->Disconnect();
+        listener->ReleaseConnection(connection);
+    }
     m_done.SetEvent();
     listener->m_sessions.Return(this);
     listener->SessionEnds();

@@ -1,6 +1,7 @@
 #include "TestProvider.h"
 
 #include "kvx/messaging/MsgFactory.h"
+#include "kvx/system/WinModule.h"
 #include "kvx/threads/ThreadPool.h"
 
 #include <gtest/gtest.h>
@@ -47,8 +48,8 @@ TEST(Terminate, TakesDownQueuesTreeAndFactoriesInThisOrder)
     auto * const factory = new Ending<CMsgFactory>(end, '5');
     Dispatcher().RegisterFactory(_T("ending"), factory);
     // A module goes behind what is made from its code.
-    fromModule->SetInProcModule(new Ending<CObject>(end, '2'));
-    factory->SetModule(new Ending<CObject>(end, '6'));
+    fromModule->SetInProcModule(new Ending<CWinModule>(end, '2'));
+    factory->SetModule(new Ending<CWinModule>(end, '6'));
 
     // One notification runs in a named queue, others wait behind it and are dropped.
     CMsgRequest request;

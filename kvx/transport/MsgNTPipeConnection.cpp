@@ -1,0 +1,191 @@
+#include "kvx/transport/MsgNTPipeConnection.h"
+
+#include "kvx/foundation/AppException.h"
+#include "kvx/foundation/Utilities.h"
+#include "kvx/logging/LogManager.h"
+#include "kvx/system/WinSecurity.h"
+#include "kvx/transport/MsgPipeFactory.h"
+
+#include <utility>
+
+namespace
+{
+constexpr int CONNECT_TRIES = 5;
+constexpr DWORD CONNECT_WAIT = 10000; // milliseconds
+
+CString MakePath(CString const & name)
+{
+    CString machine;
+    CString pipe;
+    CString path;
+    if (CUtilities::SplitString(name, machine, pipe, _T(":"), 0) >= 0)
+    {
+        path.Format(_T("\\\\%s\\pipe\\%s"), machine, pipe);
+    }
+    else
+    {
+        path.Format(_T("\\\\.\\pipe\\%s"), name);
+    }
+    return path;
+}
+
+/// Puts the label on a descriptor that lets clients of low integrity open the pipe. Without it, where there are no such
+/// levels, the descriptor serves as it is.
+class COwnedLabel
+{
+public:
+    explicit COwnedLabel(SECURITY_DESCRIPTOR * descriptor)
+    {
+        BOOL bPresent = FALSE;
+        BOOL bDefaulted = FALSE;
+        PACL acl = nullptr;
+        if (ConvertStringSecurityDescriptorToSecurityDescriptorW(_T("S:(ML;;NW;;;LW)"), SDDL_REVISION_1, &m_pLabel,
+                                                                 nullptr) &&
+            GetSecurityDescriptorSacl(m_pLabel, &bPresent, &acl, &bDefaulted) && bPresent)
+        {
+            SetSecurityDescriptorSacl(descriptor, TRUE, acl, FALSE);
+        }
+    }
+    COwnedLabel(COwnedLabel const &) = delete;
+    COwnedLabel & operator=(COwnedLabel const &) = delete;
+    ~COwnedLabel()
+    {
+        if (m_pLabel)
+        {
+            LocalFree(m_pLabel);
+        }
+    }
+
+private:
+    PSECURITY_DESCRIPTOR m_pLabel = nullptr; // the descriptor refers to its list
+};
+} // namespace
+
+CMsgNTPipeConnection::CMsgNTPipeConnection(CMsgPipeListener * listener, CString const & name, int unicode)
+    : CMsgPipeConnection(listener, unicode)
+{
+    m_strPath = MakePath(name);
+}
+
+int CMsgNTPipeConnection::GetConnectionInfo(CValueAccessor & info)
+{
+    SetInfo(info, _T("NTPipe"), m_strPath);
+    return 1;
+}
+
+int CMsgNTPipeConnection::Connect()
+{
+    Disconnect();
+    CWinSecurityDescriptor descriptor;
+    CWinSecurityAttributes attributes(0, descriptor);
+    HANDLE pipe = INVALID_HANDLE_VALUE;
+    for (int i = 1; i <= CONNECT_TRIES; ++i)
+    {
+        if (WaitNamedPipeW(m_strPath, CONNECT_WAIT))
+        {
+            pipe = CreateFileW(m_strPath, GENERIC_READ | GENERIC_WRITE, 0, attributes, OPEN_EXISTING, 0, nullptr);
+        }
+        if (pipe != INVALID_HANDLE_VALUE || GetLastError() != ERROR_PIPE_BUSY)
+        {
+            break;
+        }
+        LogSourceWarning(this, _T("Connect retry %d"), i);
+        SetLastError(ERROR_PIPE_BUSY);
+    }
+    if (pipe == INVALID_HANDLE_VALUE)
+    {
+        LogSourceError(this, _T("Connection: %s"), CWinError::GetLastErrorText());
+        SetLastError(ERROR_NOT_CONNECTED);
+        return 0;
+    }
+    SetHandles(pipe, pipe);
+    return 1;
+}
+
+void CMsgNTPipeConnection::SignalInstance(DWORD error)
+{
+    if (GetListener())
+    {
+        GetListener()->SignalInstance(error);
+    }
+}
+
+HANDLE CMsgNTPipeConnection::CreateInstance() const
+{
+    CWinSecurityDescriptor descriptor;
+    COwnedLabel const label(descriptor);
+    CWinSecurityAttributes attributes(0, descriptor);
+    return CreateNamedPipeW(m_strPath, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, PIPE_UNLIMITED_INSTANCES, 0, 0, 0,
+                            attributes);
+}
+
+bool CMsgNTPipeConnection::WaitForClient(HANDLE pipe)
+{
+    CEvent event(FALSE, TRUE);
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = event;
+    if (ConnectNamedPipe(pipe, &overlapped))
+    {
+        return true;
+    }
+    DWORD transferred = 0;
+    return GetLastError() == ERROR_PIPE_CONNECTED ||
+           (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(pipe, &overlapped, &transferred, TRUE));
+}
+
+int CMsgNTPipeConnection::Accept(CMsgConnection * target)
+{
+    HANDLE pipe = m_hNext.exchange(INVALID_HANDLE_VALUE);
+    if (pipe == INVALID_HANDLE_VALUE)
+    {
+        pipe = CreateInstance();
+    }
+    if (pipe == INVALID_HANDLE_VALUE)
+    {
+        CWinError const failure;
+        SignalInstance(failure.GetCode());
+        LogSourceError(this, _T("CMsgNTPipeConnection::Accept - (%d) %s"), failure.GetCode(), failure.GetText());
+        SetLastError(failure.GetCode());
+        return 0;
+    }
+    SetHandles(pipe, pipe);
+    SignalInstance(0);
+    bool const bConnected = WaitForClient(pipe);
+    DWORD const lastError = GetLastError();
+    HANDLE read = INVALID_HANDLE_VALUE;
+    HANDLE write = INVALID_HANDLE_VALUE;
+    if (bConnected)
+    {
+        m_hNext = CreateInstance(); // without one the next call says why
+    }
+    TakeHandles(read, write);
+    if (!bConnected || read != pipe)
+    {
+        CloseHandles(read, write);
+        SetLastError(bConnected ? static_cast<DWORD>(ERROR_OPERATION_ABORTED) : lastError);
+        return 0;
+    }
+    auto * const connection = static_cast<CMsgNTPipeConnection *>(target);
+    connection->Disconnect();
+    connection->SetHandles(pipe, pipe);
+    return 1;
+}
+
+void CMsgNTPipeConnection::DropNext()
+{
+    HANDLE const next = m_hNext.exchange(INVALID_HANDLE_VALUE);
+    CloseHandles(next, next);
+}
+
+int CMsgNTPipeConnection::Disconnect()
+{
+    DropNext();
+    HANDLE const pipe = m_hWrite;
+    if (pipe == INVALID_HANDLE_VALUE)
+    {
+        return 1;
+    }
+    FlushFileBuffers(pipe);
+    DisconnectNamedPipe(pipe); // on the client's side it fails, which is harmless
+    return CMsgPipeConnection::Disconnect();
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+/// A connection over a named pipe.
+
+#include "kvx/transport/MsgPipeConnection.h"
+
+/// The name is `pipe` or `machine:pipe`. On POSIX hosts only this machine's pipes can be reached.
+/// Errors: 2250 when a client can't connect, for whatever reason.
+class KVX_API CMsgNTPipeConnection : public CMsgPipeConnection
+{
+public:
+    CMsgNTPipeConnection(CMsgPipeListener * listener, CString const & name, int unicode);
+    ~CMsgNTPipeConnection() override { CMsgNTPipeConnection::Disconnect(); }
+
+    /// "type" is "NTPipe", "path" the pipe's.
+    int GetConnectionInfo(CValueAccessor & info) override;
+    /// Waits up to 10 seconds for a free instance of the pipe, and tries 5 times when others are quicker.
+    int Connect() override;
+    int Disconnect() override;
+    /// Does nothing: the pipe comes into being with Accept.
+    int Listen() override { return 1; }
+    /// Gives the target an instance of the pipe that a client has opened. The next instance is there before that, so
+    /// that no client finds the pipe missing between two calls; Disconnect removes it.
+    int Accept(CMsgConnection * target) override;
+
+private:
+    std::atomic<HANDLE> m_hNext{INVALID_HANDLE_VALUE};
+
+    void SignalInstance(DWORD error);
+    HANDLE CreateInstance() const;
+    static bool WaitForClient(HANDLE pipe);
+    void DropNext();
+};

@@ -1,0 +1,6 @@
+#include "kvx/platform/export.h"
+
+KVX_MODULE_EXPORT int SomethingElse()
+{
+    return 1;
+}

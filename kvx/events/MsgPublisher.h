@@ -1,0 +1,66 @@
+#pragma once
+
+/// The server's end of subscriptions: a client's own connection is kept, and from then on carries requests to the
+/// client.
+
+#include "kvx/foundation/Lockable.h"
+#include "kvx/foundation/ObLookup.h"
+#include "kvx/messaging/MsgProvider.h"
+
+class CMsgConnection;
+class CMsgPublication;
+
+/// An application's handler of a subscribing command calls RegisterSubscription. Publishing is serving a request: its
+/// whole command is the name of the publication, and all who subscribed to that name get the request.
+///
+/// Threads: any number may publish and subscribe at once. The publisher's lock comes before a publication's. See
+/// CMsgPublication for what a subscriber that stops reading does to those who publish.
+class KVX_API CMsgPublisher : public CMsgProvider, public CLockable
+{
+public:
+    CMsgPublisher();
+    /// Drops all subscriptions. Nobody may be publishing.
+    ~CMsgPublisher() override;
+
+    /// Sends the request to the subscribers of the publication of that name; without such a publication nothing
+    /// happens. Subscribers that can't be reached are dropped.
+    void Service(CMsgRequest & request) override;
+
+    /// Takes over a publication that the application made. One of that name which is there already stays, and the new
+    /// one is deleted.
+    virtual void RegisterPublication(CString const & name, CMsgPublication * publication);
+
+    /// Subscribes a connection to publications, `name,name,...`, and creates those that are missing. A `request` gets
+    /// the value "handle" in its response. Gives the handle, which is unique among the subscriptions of this publisher.
+    virtual CStringValue RegisterSubscription(CMsgConnection * connection, CString const & events,
+                                              CMsgRequest * request);
+    /// The same for the connection that the request came on. The publisher takes the connection over and writes the
+    /// response itself. Throws CAppException * with code 87 if there is none.
+    virtual CStringValue RegisterSubscription(CMsgRequest & request, CString const & events);
+    /// Drops the connection, and what it subscribed to. A connection or handle that isn't known is ignored.
+    virtual void UnregisterSubscription(CMsgConnection * connection);
+    virtual void UnregisterSubscription(CStringValue const & handle);
+
+    /// Drops all subscriptions, at once also those that somebody is blocked in writing to. Any thread; subscriptions
+    /// that come meanwhile may stay.
+    void DropSubscriptions();
+
+    int GetSubscriptionCount() const;
+    int HasSubscriptions() const { return GetSubscriptionCount() > 0; }
+
+protected:
+    /// Null if there is none and `create` is 0.
+    CMsgPublication * LookupPublication(CString const & name, int create);
+
+private:
+    class CSubscription;
+
+    CObIntegerLookup m_subscriptions{1}; // by connection
+    CObStringLookup m_publications{1};
+    // The connections of all subscriptions. The lock is the last in order, and never held while something is written:
+    // whoever is blocked in writing may hold the others.
+    CMapPtrToPtr m_links{10};
+    CCriticalSection m_linksLock;
+
+    CSubscription * LookupSubscription(CMsgConnection * connection) const;
+};

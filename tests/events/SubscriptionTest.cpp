@@ -1,0 +1,230 @@
+#include "Received.h"
+
+#include "kvx/events/MsgPublication.h"
+#include "kvx/events/MsgPublisher.h"
+#include "kvx/events/MsgSubscriber.h"
+#include "kvx/foundation/AppException.h"
+#include "kvx/transport/MsgConnection.h"
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <thread>
+
+namespace
+{
+/// A service on the target "pub" with a subscribing command, and its publisher.
+class Service
+{
+public:
+    explicit Service(UINT port = 0)
+    {
+        auto const subscribe = [](CMsgRequest & request, void * publisher)
+        {
+            request.SetHandled(1);
+            CString const events = request[_T("events")];
+            static_cast<CMsgPublisher *>(publisher)->RegisterSubscription(request, events);
+        };
+        m_listener.emplace(_T("pub"), port);
+        Dispatcher().RegisterProvider(_T("pub.subscribe"), subscribe, m_publisher.get());
+    }
+    Service(Service const &) = delete;
+    Service & operator=(Service const &) = delete;
+    ~Service()
+    {
+        m_listener.reset(); // nobody subscribes any more
+        m_publisher.reset();
+    }
+
+    void Publish(LPCTSTR command, int n)
+    {
+        CMsgRequest request;
+        request[_T("n")] = n;
+        request.SetCommand(command);
+        m_publisher->Service(request);
+    }
+    CMsgPublisher & GetPublisher() { return *m_publisher; }
+    CString GetConnection() const { return m_listener->GetConnection(); }
+    UINT GetPort() const { return m_listener->GetPort(); }
+
+private:
+    std::unique_ptr<CMsgPublisher> m_publisher = std::make_unique<CMsgPublisher>();
+    std::optional<Listening> m_listener;
+};
+
+int Connect(CMsgSubscriber & subscriber, CString const & events, CString const & connection)
+{
+    CMsgRequest request;
+    request.SetCommand(_T("pub.subscribe"));
+    request[_T("events")] = events;
+    return subscriber.Connect(request, connection, 0);
+}
+} // namespace
+
+TEST(Subscriptions, GetWhatTheySubscribedToInOrder)
+{
+    Receiving got(_T("got"));
+    Service service;
+    service.Publish(_T("got.a"), 1); // nobody is there
+    CMsgSubscriber one;
+    CMsgSubscriber two;
+    ASSERT_TRUE(Connect(one, _T("got.a"), service.GetConnection()));
+    ASSERT_TRUE(Connect(two, _T("got.a,got.b,got.a"), service.GetConnection()));
+    EXPECT_NE(one.GetConnectionHandle(), two.GetConnectionHandle());
+    EXPECT_EQ(service.GetPublisher().GetSubscriptionCount(), 2);
+    service.Publish(_T("got.b"), 2);
+    service.Publish(_T("got.c"), 3);
+    EXPECT_EQ(got->WaitFor(1), std::vector<std::string>{"got.b=2"});
+    for (int n = 0; n < 100; ++n)
+    {
+        service.Publish(_T("got.a"), n);
+    }
+    std::vector<std::string> const lines = got->WaitFor(201);
+    int last = -1;
+    for (int n = 0; n < 100; ++n)
+    {
+        EXPECT_EQ(got->Count("got.a=" + std::to_string(n)), 2);
+        auto const at = static_cast<int>(std::ranges::find(lines, "got.a=" + std::to_string(n)) - lines.begin());
+        EXPECT_GT(at, last);
+        last = at;
+    }
+    CStringValue const handle = two.GetConnectionHandle();
+    service.GetPublisher().UnregisterSubscription(_T("99"));
+    service.GetPublisher().UnregisterSubscription(handle); // and it comes back, with another handle
+    service.GetPublisher().UnregisterSubscription(handle);
+    while (got->Count("got.b=7") == 0)
+    {
+        service.Publish(_T("got.b"), 7);
+        std::this_thread::yield();
+    }
+    one.Disconnect();
+    one.Disconnect();
+    EXPECT_EQ(one.GetConnectionHandle(), CString());
+    two.Disconnect();
+    while (service.GetPublisher().HasSubscriptions()) // noticed when something is written
+    {
+        service.Publish(_T("got.a"), 0);
+    }
+}
+
+TEST(Subscriptions, ComeBackAfterEveryRestart)
+{
+    constexpr int SUBSCRIBERS = 20;
+    constexpr int RESTARTS = 50;
+    Receiving got(_T("got"));
+    auto service = std::make_unique<Service>();
+    UINT const port = service->GetPort();
+    std::vector<std::unique_ptr<CMsgSubscriber>> subscribers;
+    for (int i = 0; i < SUBSCRIBERS; ++i)
+    {
+        subscribers.push_back(std::make_unique<CMsgSubscriber>());
+        // Tries without the usual pauses, which would be most of this test.
+        auto const reconnect = [](CMsgSubscriber * subscriber, void *)
+        {
+            for (; !subscriber->ShouldTerminate(); Sleep(1))
+            {
+                CMsgRequest request;
+                request.SetCommand(subscriber->GetCommand());
+                request.SetParams(subscriber->GetParameters());
+                if (subscriber->Reconnect(request))
+                {
+                    return;
+                }
+            }
+        };
+        subscribers.back()->SetReconnectProc(reconnect, nullptr);
+        ASSERT_TRUE(Connect(*subscribers.back(), _T("got.it"), service->GetConnection()));
+    }
+    for (int round = 0; round < RESTARTS; ++round)
+    {
+        service.reset();
+        service = std::make_unique<Service>(port);
+        DWORD const start = GetTickCount();
+        while (service->GetPublisher().GetSubscriptionCount() < SUBSCRIBERS && GetTickCount() - start < PATIENCE)
+        {
+            SwitchToThread();
+        }
+        ASSERT_EQ(service->GetPublisher().GetSubscriptionCount(), SUBSCRIBERS) << round;
+    }
+    // All have had the answer to their request by the time that each gets this.
+    std::string const line = "got.it=1";
+    while (got->Count(line) < SUBSCRIBERS)
+    {
+        service->Publish(_T("got.it"), 1);
+    }
+}
+
+TEST(Subscriptions, ABlockedWriteEndsWithTheSubscription)
+{
+    static CEvent s_never(FALSE, TRUE);
+    s_never.ResetEvent();
+    Dispatcher().RegisterProvider(
+        _T("stop"), [](CMsgRequest &, void *) { s_never.Lock(PATIENCE); }, nullptr);
+    Service service;
+    {
+        CMsgSubscriber lazy;
+        ASSERT_TRUE(Connect(lazy, _T("stop.here"), service.GetConnection()));
+        std::atomic<int> nPublished{0};
+        std::atomic<bool> bEnd{false};
+        std::thread publishing(
+            [&]
+            {
+                CMsgRequest request;
+                request[_T("n")] = CString(_T('x'), 100000);
+                request.SetCommand(_T("stop.here"));
+                for (; !bEnd; ++nPublished)
+                {
+                    service.GetPublisher().Service(request);
+                }
+            });
+        for (int last = -1; last != nPublished || last == 0;) // until it stands still
+        {
+            last = nPublished;
+            Sleep(20);
+        }
+        bEnd = true;
+        service.GetPublisher().UnregisterSubscription(lazy.GetConnectionHandle());
+        publishing.join();
+        s_never.SetEvent();
+    }
+    Dispatcher().DeleteTarget(_T("stop"));
+}
+
+TEST(Subscriptions, FailAndEndCleanly)
+{
+    Receiving got(_T("got"));
+    Service service;
+    CMsgSubscriber subscriber;
+    EXPECT_FALSE(Connect(subscriber, _T("got.a"), CString()));
+    EXPECT_FALSE(Connect(subscriber, _T("got.a"), _T("nonsense")));
+    EXPECT_FALSE(Connect(subscriber, _T("got.a"), _T("forward:") + service.GetConnection())); // no connection to keep
+    EXPECT_EQ(subscriber.Connect(_T("pub.unknown"), service.GetConnection(), 0), CString());
+    EXPECT_TRUE(subscriber.ShouldTerminate());
+    EXPECT_TRUE(Connect(subscriber, CString(), service.GetConnection())); // to nothing at all
+    EXPECT_FALSE(service.GetPublisher().HasSubscriptions());
+
+    CMsgRequest local;
+    local[_T("events")] = _T("got.a");
+    CMsgResponse const & response = local.Execute(_T("pub.subscribe"));
+    EXPECT_EQ(response.GetErrorCode(), 87u);
+    EXPECT_EQ(response.GetErrorText(), _T("Connection required"));
+
+    // A handler may end its own subscription, and whatever it throws ends a connection at most.
+    static CMsgSubscriber * s_pSubscriber = nullptr;
+    s_pSubscriber = &subscriber;
+    Dispatcher().RegisterProvider(
+        _T("leave"), [](CMsgRequest &, void *) { s_pSubscriber->Disconnect(); }, nullptr);
+    ASSERT_TRUE(Connect(subscriber, _T("leave.now"), service.GetConnection()));
+    service.Publish(_T("leave.now"), 1);
+    while (!subscriber.ShouldTerminate())
+    {
+        std::this_thread::yield();
+    }
+    subscriber.Disconnect();
+    Dispatcher().DeleteTarget(_T("leave"));
+    for (int round = 0; round < 200; ++round)
+    {
+        CMsgSubscriber brief;
+        ASSERT_TRUE(Connect(brief, _T("got.a"), service.GetConnection()));
+    }
+}

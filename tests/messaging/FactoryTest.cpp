@@ -1,5 +1,5 @@
-#include "KeptLog.h"
 #include "TestProvider.h"
+#include "tests/support/KeptLog.h"
 
 #include "kvx/foundation/AppException.h"
 #include "kvx/messaging/MsgFactory.h"
@@ -103,6 +103,16 @@ TEST(Factory, ProvidersComeFromText)
                                         "I Loaded provider 't.x=Test:lame'", "I Loaded provider 't.x=Test:a:b@c'"));
     EXPECT_TRUE(Dispatcher().UnregisterProvider(_T("t.x"), _T("Test:a:b@c")));
     EXPECT_EQ(CTestProvider::sm_nAlive, 1);
+
+    CString nested = _T("Test:x");
+    for (int i = 0; i < 1000; ++i)
+    {
+        nested = _T("forward:") + nested;
+    }
+    EXPECT_EQ(Dispatcher().CreateProvider(nested), nullptr);
+    EXPECT_THAT(log.Take(), ElementsAre("E Cannot create provider: more than 100 configurations in one"));
+    kvx::RefPtr<CMsgProvider> const less(Dispatcher().CreateProvider(nested.Right(99 * 8 + 6)));
+    EXPECT_EQ(CTestProvider::sm_nAlive, 2);
 }
 
 TEST(Factory, ListenersComeFromTextWithAnEvent)

@@ -1,5 +1,5 @@
-#include "KeptLog.h"
 #include "TestProvider.h"
+#include "tests/support/KeptLog.h"
 
 #include "kvx/foundation/AppException.h"
 #include "kvx/messaging/MsgFactory.h"

@@ -1,5 +1,5 @@
-#include "KeptLog.h"
 #include "TestProvider.h"
+#include "tests/support/KeptLog.h"
 
 #include <gmock/gmock.h>
 

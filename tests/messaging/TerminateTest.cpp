@@ -22,6 +22,13 @@ private:
     std::string & m_end;
     char m_cSign;
 };
+
+/// Tidies up behind itself.
+class Tidy : public CMsgProvider
+{
+public:
+    ~Tidy() override { EXPECT_EQ(Dispatcher().DeleteTarget(_T("a")), 0); }
+};
 } // namespace
 
 // There is no way back from Terminate: this program has one test.
@@ -43,6 +50,7 @@ TEST(Terminate, TakesDownQueuesTreeAndFactoriesInThisOrder)
     Dispatcher().RegisterProvider(_T("a"), new CTestProvider({}, &end, '3'), 1);
     Dispatcher().RegisterProvider(_T("a"), new CTestProvider({}, &end, '4'), 1);
     Dispatcher().RegisterProvider(_T("a.b"), new CTestProvider({}, &end, '1'), 1);
+    Dispatcher().RegisterProvider(_T("tidy"), new Tidy, 1);
     auto * const fromModule = new CTestProvider({}, &end, '1');
     Dispatcher().RegisterProvider(_T("a.b"), fromModule, 0);
     auto * const factory = new Ending<CMsgFactory>(end, '5');

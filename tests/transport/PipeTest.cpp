@@ -5,6 +5,7 @@
 #include "kvx/transport/Msg9XPipeConnection.h"
 #include "kvx/transport/MsgNTPipeConnection.h"
 #include "kvx/transport/MsgPipeFactory.h"
+#include "tests/support/KeptLog.h"
 
 #include <gmock/gmock.h>
 
@@ -26,53 +27,6 @@ extern char ** environ;
 namespace
 {
 constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-
-/// Keeps the lines that the library logs during its life.
-class KeptLines
-{
-public:
-    KeptLines() : m_keeper(*this)
-    {
-        CLogManager::GetInstance()->RegisterSink(&m_awake, 1); // nothing is logged without a queued sink
-        CLogManager::GetInstance()->RegisterSink(&m_keeper, 0);
-    }
-    ~KeptLines()
-    {
-        CLogManager::GetInstance()->UnregisterSink(&m_keeper);
-        CLogManager::GetInstance()->UnregisterSink(&m_awake);
-    }
-    std::vector<std::string> Take()
-    {
-        std::scoped_lock const guard(m_lock);
-        return std::exchange(m_lines, {});
-    }
-
-private:
-    class CKeeper : public CLogSink
-    {
-    public:
-        explicit CKeeper(KeptLines & owner) : CLogSink(LOG_ALL), m_owner(owner) {}
-        void Append(CLogEvent * event) override
-        {
-            std::scoped_lock const guard(m_owner.m_lock);
-            m_owner.m_lines.push_back(kvx::ToUtf8(event->m_strText));
-        }
-
-    private:
-        KeptLines & m_owner;
-    };
-    class CNoSink : public CLogSink
-    {
-    public:
-        CNoSink() : CLogSink(0) {}
-        void Append(CLogEvent *) override {}
-    };
-
-    std::mutex m_lock;
-    std::vector<std::string> m_lines;
-    CKeeper m_keeper;
-    CNoSink m_awake;
-};
 
 void Echo(CMsgRequest & request, void *)
 {
@@ -259,7 +213,7 @@ TEST_F(Pipes, EveryKindOfNamedPipeServes)
 
 TEST_F(Pipes, MissingAndBusyPipesAreToldApart)
 {
-    KeptLines lines;
+    KeptLog lines;
     CMsgNTPipeConnection client(nullptr, _T("full"), 1);
     EXPECT_FALSE(client.Connect());
     EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_CONNECTED});
@@ -455,7 +409,7 @@ TEST_F(Pipes, AKilledServiceIsAnErrorAndComesBack)
 
 TEST_F(Pipes, TheRegistrySchemeKeepsItsRecordsAndErrors)
 {
-    KeptLines lines;
+    KeptLog lines;
     CMsg9XPipeConnection client(nullptr, _T("scheme"));
     EXPECT_FALSE(client.Connect());
     EXPECT_THAT(lines.Take(), testing::ElementsAre(testing::EndsWith("] Query server handle: Invalid server handle")));

@@ -4,6 +4,7 @@
 #include "kvx/platform/win32/fileobject.h"
 #include "kvx/platform/win32/paths.h"
 #include "kvx/platform/win32/pipes.h"
+#include "kvx/platform/win32/retry.h"
 #include "kvx/platform/win32/termination.h"
 #include "kvx/platform/win32/upcase.h"
 
@@ -45,17 +46,6 @@ BOOL Fail()
 {
     SetLastErrorFromErrno();
     return FALSE;
-}
-
-/// Runs a system call until no signal gets in its way.
-template <typename Call>
-auto Retry(Call call)
-{
-    decltype(call()) nResult;
-    do
-        nResult = call();
-    while (nResult < 0 && errno == EINTR);
-    return nResult;
 }
 
 /// Keeps SIGPIPE from this thread while it writes to a pipe.

@@ -4,6 +4,7 @@
 #include "kvx/platform/win32/fileobject.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/futex.h"
+#include "kvx/platform/win32/retry.h"
 #include "kvx/platform/win32/runtime_dir.h"
 #include "kvx/platform/win32/sync.h"
 #include "kvx/platform/win32/termination.h"
@@ -51,16 +52,6 @@ BOOL Refuse(DWORD dwError)
 {
     SetLastError(dwError);
     return FALSE;
-}
-
-template <typename Call>
-auto Retry(Call call)
-{
-    decltype(call()) nResult;
-    do
-        nResult = call();
-    while (nResult < 0 && errno == EINTR);
-    return nResult;
 }
 
 // Names

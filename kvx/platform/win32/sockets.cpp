@@ -2,6 +2,7 @@
 
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/handles.h"
+#include "kvx/platform/win32/retry.h"
 
 #include <algorithm>
 #include <array>
@@ -80,16 +81,6 @@ int Fail(DWORD dwError)
 int FailFromErrno(Socket const & socket)
 {
     return Fail(socket.IsClosed() ? WSAEINTR : WsaErrorFromErrno(errno));
-}
-
-template <typename Call>
-auto Retry(Call call)
-{
-    decltype(call()) nResult;
-    do
-        nResult = call();
-    while (nResult < 0 && errno == EINTR);
-    return nResult;
 }
 
 sockaddr const * ToHostAddress(winsock::SockAddr const * pAddress)

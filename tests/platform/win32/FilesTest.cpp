@@ -1,4 +1,5 @@
 #include "kvx/platform/win32/files.h"
+#include "Descriptors.h"
 #include "kvx/platform/win32/console.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/handles.h"
@@ -27,12 +28,6 @@ namespace
 
 constexpr DWORD ReadWrite = GENERIC_READ | GENERIC_WRITE;
 constexpr DWORD ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-
-std::size_t CountDescriptors()
-{
-    std::filesystem::directory_iterator const all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
 
 class Files : public TestFolder
 {

@@ -1,4 +1,5 @@
 #include "Asleep.h"
+#include "Descriptors.h"
 #include "TestFolder.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/files.h"
@@ -32,12 +33,6 @@ namespace
 {
 
 constexpr int Rounds = 100;
-
-std::size_t CountDescriptors()
-{
-    std::filesystem::directory_iterator const all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
 
 std::u16string PathOf(std::u16string const & strName)
 {
@@ -205,39 +200,6 @@ protected:
 
     std::size_t const m_nDescriptors = CountDescriptors();
     std::uint32_t const m_nHandles = kvx::win32::GetOpenHandleCount();
-};
-
-/// Opens and closes sockets as fast as it can: a descriptor that was closed too early is in use again at once, and a
-/// call that hits it disturbs the byte in it.
-class Churn
-{
-public:
-    ~Churn()
-    {
-        m_bStop = true;
-        m_thread.join();
-        EXPECT_EQ(m_nDisturbed, 0);
-    }
-
-private:
-    void Run()
-    {
-        while (!m_bStop)
-        {
-            int pair[2];
-            char c = 'k';
-            if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
-                continue;
-            m_nDisturbed += !(::send(pair[0], &c, 1, MSG_NOSIGNAL) == 1 && ::sched_yield() == 0 &&
-                              ::recv(pair[1], &c, 1, 0) == 1 && c == 'k');
-            ::close(pair[0]);
-            ::close(pair[1]);
-        }
-    }
-
-    std::atomic<bool> m_bStop{false};
-    std::atomic<int> m_nDisturbed{0};
-    std::thread m_thread{[this] { Run(); }};
 };
 
 /// Runs `call` in a thread and `breaker` beside it, until the call is over: at once in some rounds, in others when the

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Descriptors.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/handles.h"
 #include "kvx/platform/win32/sockets.h"
@@ -61,12 +62,6 @@ SOCKET ConnectTo(USHORT nPort)
     return hClient;
 }
 
-std::size_t CountDescriptors()
-{
-    std::filesystem::directory_iterator const all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
 class Sockets : public testing::Test
 {
 protected:
@@ -78,42 +73,6 @@ protected:
 
     std::size_t const m_nDescriptors = CountDescriptors();
     std::uint32_t const m_nHandles = kvx::win32::GetOpenHandleCount();
-};
-
-/// Opens pipes as fast as it can, so that a descriptor closed too early is in use again at once. A call
-/// that hits one of them disturbs the byte in it.
-class Churn
-{
-public:
-    ~Churn()
-    {
-        m_bStop = true;
-        m_thread.join();
-        EXPECT_EQ(m_nDisturbed, 0);
-    }
-
-private:
-    void Run()
-    {
-        while (!m_bStop)
-        {
-            int pair[2];
-            if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
-                continue;
-            char c = 'k';
-            bool const bWhole = ::send(pair[0], &c, 1, MSG_NOSIGNAL) == 1 && sched_yield() == 0 &&
-                                ::recv(pair[1], &c, 1, 0) == 1 && c == 'k' &&
-                                ::recv(pair[1], &c, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN;
-            if (!bWhole)
-                ++m_nDisturbed;
-            close(pair[0]);
-            close(pair[1]);
-        }
-    }
-
-    std::atomic<bool> m_bStop{false};
-    std::atomic<int> m_nDisturbed{0};
-    std::thread m_thread{[this] { Run(); }};
 };
 
 /// Runs `call` in a thread and closes the socket under it, at once or a little later.

@@ -5,8 +5,8 @@
 namespace
 {
 constexpr DWORD SMALLEST = 2048;
-constexpr DWORD LARGEST_READ = 65536;
-constexpr DWORD LARGEST_WRITE = 65536;
+constexpr DWORD LARGEST_READ = 262144;
+constexpr DWORD LARGEST_WRITE = 262144;
 } // namespace
 
 void CMsgBufferedConnection::ResetBuffers()

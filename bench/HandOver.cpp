@@ -1,15 +1,12 @@
 /// Set-and-wait between two threads, against bare futex words.
 
+#include "FutexWord.h"
 #include "Harness.h"
 
 #include "kvx/platform/mfc/Afx.h"
 
 #include <array>
-#include <atomic>
-#include <linux/futex.h>
-#include <sys/syscall.h>
 #include <thread>
-#include <unistd.h>
 
 namespace
 {
@@ -30,26 +27,11 @@ private:
 class Words
 {
 public:
-    void Give(int side)
-    {
-        auto & word = m_words[static_cast<std::size_t>(side)];
-        word.store(1, std::memory_order_release);
-        ::syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-    }
-    void Take(int side)
-    {
-        auto & word = m_words[static_cast<std::size_t>(side)];
-        while (word.exchange(0, std::memory_order_acquire) == 0)
-        {
-            ::syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
-        }
-    }
+    void Give(int side) { m_words[static_cast<std::size_t>(side)].Give(); }
+    void Take(int side) { m_words[static_cast<std::size_t>(side)].Take(); }
 
 private:
-    struct alignas(64) Word : std::atomic<std::uint32_t>
-    {
-    };
-    std::array<Word, 2> m_words{};
+    std::array<FutexWord, 2> m_words;
 };
 
 /// Nanoseconds from a set to the end of the other thread's wait.

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sched.h>
@@ -158,7 +159,10 @@ void Compare(Row row, int rounds, std::function<double()> const & ours, std::fun
     PrintRow(row);
 }
 
-void PinTo(int cpu)
+namespace
+{
+/// False for a thread that has gone meanwhile.
+bool PinThread(pid_t thread, int cpu)
 {
     static cpu_set_t const all = []
     {
@@ -179,9 +183,23 @@ void PinTo(int cpu)
         CPU_ZERO(&set);
         CPU_SET(number, &set);
     }
-    if (::sched_setaffinity(0, sizeof(set), &set) != 0)
+    return ::sched_setaffinity(thread, sizeof(set), &set) == 0;
+}
+} // namespace
+
+void PinTo(int cpu)
+{
+    if (!PinThread(0, cpu))
     {
         Fail("cannot pin to a CPU");
+    }
+}
+
+void PinAllTo(int cpu)
+{
+    for (auto const & thread : std::filesystem::directory_iterator("/proc/self/task"))
+    {
+        PinThread(std::stoi(thread.path().filename()), cpu);
     }
 }
 

@@ -67,6 +67,8 @@ void Compare(Row row, int rounds, std::function<double()> const & ours, std::fun
 /// The calling thread and what it starts from now on run on this CPU alone; counted modulo the CPUs there are.
 /// A negative one frees the thread again.
 void PinTo(int cpu);
+/// The same for all threads of this process: those of a pool outlive the measurement that they were started for.
+void PinAllTo(int cpu);
 
 /// This same program in another role. It writes one line when it is ready, and is to end when its standard input does.
 class Child

@@ -31,6 +31,7 @@ public:
     std::size_t Receive(void * buffer, std::size_t size) const;
     /// One receive that waits for all of it; false at the end of the link.
     bool ReceiveAll(void * buffer, std::size_t size) const;
+    int GetHandle() const { return m_nHandle; }
 
 private:
     int m_nHandle;

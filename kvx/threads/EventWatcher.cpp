@@ -159,12 +159,24 @@ bool CEventWatcher::CEventWatcherThreadQueue::Take(CTrigger * trigger)
 {
     CSingleLock guard(*this, TRUE);
     WORD known = 0;
-    if (IsStopped() || (m_bMerges && m_waiting.Lookup(trigger->m_pParam, known)))
+    if (m_bMerges && m_waiting.Lookup(trigger->m_pParam, known))
     {
         return false;
     }
-    m_waiting.SetAt(trigger->m_pParam, 1);
-    Insert(trigger); // it stays in the queue even if no thread can be had now
+    Added const added = Add(trigger);
+    if (added == Added::Refused)
+    {
+        return false;
+    }
+    if (m_bMerges)
+    {
+        m_waiting.SetAt(trigger->m_pParam, 1);
+    }
+    guard.Unlock();
+    if (added == Added::ThreadDue)
+    {
+        StartServiceThread(); // the trigger stays in the queue even if no thread can be had now
+    }
     return true;
 }
 
@@ -172,7 +184,7 @@ CObject * CEventWatcher::CEventWatcherThreadQueue::PopNextObject()
 {
     CSingleLock guard(*this, TRUE);
     CObject * const object = CThreadQueue::PopNextObject();
-    if (object)
+    if (object && !m_waiting.IsEmpty())
     {
         m_waiting.RemoveKey(static_cast<CTrigger *>(object)->m_pParam);
     }

@@ -11,16 +11,15 @@ CEventWatcherSet::CEventWatcherSet(CEventWatcher * watcher, int priority)
     m_pTable->m_pSet = this;
     m_pTable->m_pWatcher = watcher;
     auto share = std::make_unique<std::shared_ptr<CTable>>(m_pTable);
-    m_pThread = CThreadPool::BeginThread(&TriggerProc, share.get(), priority);
+    CString text;
+    text.Format(_T("EventWatcherSet::TriggerProc: %X of EventWatcher %X with EventProc %X"), &TriggerProc, watcher,
+                watcher->m_pEventProc.load());
+    m_pThread = CThreadPool::BeginThread(&TriggerProc, share.get(), priority, text);
     if (!m_pThread)
     {
         ThrowAppException(GetLastError(), _T("Cannot allocate event queue thread: %s"), CWinError::GetLastErrorText());
     }
     share.release(); // the thread's
-    CString text;
-    text.Format(_T("EventWatcherSet::TriggerProc: %X of EventWatcher %X with EventProc %X"), &TriggerProc, watcher,
-                watcher->m_pEventProc.load());
-    CThreadPool::MarkThread(m_pThread->GetThreadId(), text, 1);
 }
 
 CEventWatcherSet::~CEventWatcherSet()
@@ -118,7 +117,15 @@ void CEventWatcherSet::CTable::Run()
             handles = m_handles;
             count = m_nCount;
         }
-        DWORD const slot = WaitForMultipleObjects(count, handles.data(), FALSE, INFINITE) - WAIT_OBJECT_0;
+        DWORD slot = WaitForMultipleObjects(count, handles.data(), FALSE, INFINITE);
+        if (slot == WAIT_FAILED)
+        {
+            // Either one was closed, which the next pass drops, or it is of a kind that can only be looked at by
+            // itself.
+            constexpr DWORD LOOK = 10; // milliseconds
+            WaitForSingleObject(handles[0], LOOK);
+        }
+        slot -= WAIT_OBJECT_0;
         woken = slot > 0 && slot < count ? handles[slot] : nullptr;
         if (woken && m_pWatcher->ImmedeateProcessing())
         {

@@ -20,6 +20,14 @@ CThreadPool::~CThreadPool()
 
 CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void * param, int priority)
 {
+    CString text;
+    text.Format(_T("Unnamed Thread (ThreadProc: %08X)"), proc);
+    return BeginThread(proc, param, priority, text);
+}
+
+CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void * param, int priority,
+                                          CString const & description)
+{
     if (CKVXBaseApp::IsShuttingDown())
     {
         return nullptr;
@@ -41,9 +49,7 @@ CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void 
         sm_instance.m_cache.Insert(context, 1);
     }
     // Described before it runs: the job, or whoever started it, may give a better text at once.
-    CString text;
-    text.Format(_T("Unnamed Thread (ThreadProc: %08X)"), proc);
-    sm_threadMap.SetAt(static_cast<int>(context->GetThreadId()), text);
+    sm_threadMap.SetAt(static_cast<int>(context->GetThreadId()), description);
     if (!context->Start(proc, param, priority))
     {
         sm_instance.m_cache.Return(context);

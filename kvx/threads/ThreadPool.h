@@ -22,6 +22,9 @@ public:
 
     /// Runs `proc` with `param` at a Win32 thread priority. Null on failure, and as soon as the library shuts down.
     static CThreadContext * BeginThread(CThreadContext::ThreadProc proc, void * param, int priority);
+    /// The same with the thread's description.
+    static CThreadContext * BeginThread(CThreadContext::ThreadProc proc, void * param, int priority,
+                                        CString const & description);
     /// Has at least `count` threads made; 0 when one can't be had. Doesn't wait until they have parked.
     static int PreAllocate(DWORD count, int priority);
 

@@ -39,54 +39,60 @@ void CThreadQueue::Initialize(ServiceProcType proc, void * param, int maxThreads
     m_nMaxThreads = maxThreads;
     m_nPriority = priority;
     m_strName = name;
+    m_strThreads.Format(_T("%s (ServiceProc: %08X)"), name.IsEmpty() ? CString(_T("Unnamed ThreadQueue")) : name,
+                        &ServiceProc);
     m_threadIds.assign(static_cast<std::size_t>(std::max(maxThreads, 0)), 0);
+}
+
+CThreadQueue::Added CThreadQueue::Add(CObject * object)
+{
+    if (m_bStopped)
+    {
+        return Added::Refused;
+    }
+    m_objects.AddTail(object);
+    if (m_nThreads >= m_nMaxThreads)
+    {
+        return Added::Served;
+    }
+    m_idleEvent.ResetEvent();
+    ++m_nThreads;
+    return Added::ThreadDue;
 }
 
 int CThreadQueue::Insert(CObject * object)
 {
     CSingleLock guard(*this, TRUE);
-    if (m_bStopped)
-    {
-        return 0;
-    }
-    m_objects.AddTail(object);
-    if (m_nThreads >= m_nMaxThreads)
-    {
-        return 1;
-    }
-    return StartServiceThread();
+    Added const added = Add(object);
+    guard.Unlock();
+    return added == Added::ThreadDue ? StartServiceThread() : added == Added::Served;
 }
 
 int CThreadQueue::InsertOrDelete(CObject * object)
 {
     CSingleLock guard(*this, TRUE);
-    if (m_bStopped)
+    Added const added = Add(object);
+    guard.Unlock();
+    if (added == Added::Refused)
     {
         delete object;
-        return 0;
     }
-    return Insert(object);
+    return added == Added::ThreadDue ? StartServiceThread() : added == Added::Served;
 }
 
-/// Called with the lock held.
+/// Without the lock, which the thread wants first of all.
 int CThreadQueue::StartServiceThread()
 {
-    m_idleEvent.ResetEvent();
-    CThreadContext * const context = CThreadPool::BeginThread(&ServiceProc, this, m_nPriority);
-    if (!context)
+    if (CThreadPool::BeginThread(&ServiceProc, this, m_nPriority, m_strThreads))
     {
-        if (m_nThreads == 0 && m_nEnding == 0)
-        {
-            m_idleEvent.SetEvent(); // no thread runs, and none is due
-        }
-        return 0;
+        return 1; // as far as this thread knows the queue may be gone by now
     }
-    CString text;
-    text.Format(_T("%s (ServiceProc: %08X)"), m_strName.IsEmpty() ? CString(_T("Unnamed ThreadQueue")) : m_strName,
-                &ServiceProc);
-    CThreadPool::MarkThread(context->GetThreadId(), text, 1);
-    ++m_nThreads;
-    return 1;
+    CSingleLock guard(*this, TRUE);
+    if (--m_nThreads == 0 && m_nEnding == 0)
+    {
+        m_idleEvent.SetEvent(); // no thread runs, and none is due
+    }
+    return 0;
 }
 
 unsigned int CThreadQueue::ServiceProc(void * param)

@@ -14,8 +14,7 @@
 /// the procedure goes to the log, and the next object is served.
 ///
 /// The owner stops the queue, and waits, before it destroys it.
-/// Threads: Insert, Stop and the waits may be called from any thread. Insert holds the queue's lock while it starts a
-/// thread: a queue's lock comes before the pool's.
+/// Threads: Insert, Stop and the waits may be called from any thread.
 class KVX_API CThreadQueue : public CLockable
 {
 public:
@@ -52,6 +51,17 @@ public:
     int InsertOrDelete(CObject * object);
 
 protected:
+    enum class Added
+    {
+        Refused, ///< the queue is stopped
+        Served,  ///< a thread that runs will come to it
+        ThreadDue,
+    };
+    /// The two halves of Insert, for a derived class that has more to do under the lock: the first is called with it,
+    /// and StartServiceThread, which gives the result of Insert, when a thread is due, without it.
+    Added Add(CObject * object);
+    int StartServiceThread();
+
     /// Chooses the next object and takes it out of the queue; null if there is none.
     virtual CObject * PopNextObject();
     virtual void Service(CObject * object, void * param);
@@ -69,6 +79,7 @@ private:
     int m_nEnding = 0;  // that have left the list for good, and still run
     int m_nMaxThreads = 0;
     CString m_strName;
+    CString m_strThreads; // the description of the service threads
     CEvent m_idleEvent;
     CObList m_objects{10};
     std::vector<DWORD> m_threadIds; // one slot per thread, 0 when it is free
@@ -78,7 +89,6 @@ private:
     bool ServeObjects(DWORD threadId);
     void ServeObject(CObject * object, DWORD threadId);
     bool ChangeThreadSlot(DWORD old, DWORD fresh);
-    int StartServiceThread();
     bool MayEnd();
     void LeaveService();
     void EndServiceThread(DWORD threadId);

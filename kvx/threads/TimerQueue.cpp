@@ -1,24 +1,35 @@
 #include "kvx/threads/TimerQueue.h"
 
 #include "kvx/threads/ThreadPool.h"
+#include "kvx/threads/TimerWheel.h"
 
 #include <array>
+#include <functional>
+#include <limits>
+#include <utility>
 
-class CTimerQueue::CTimer : public CObject
+class CTimerQueue::CTimer : public kvx::TimerEntry
 {
 public:
-    ULARGE_INTEGER m_due{};
-    ULONGLONG m_nNumber = 0; // counts the insertions
     TimerFunction m_pFunction = nullptr;
     void * m_pParam = nullptr;
+    CTimer * m_pNextFree = nullptr;
+    bool m_bWaits = false;
 };
 
-bool CTimerQueue::FiresEarlier::operator()(CTimer const * a, CTimer const * b) const noexcept
+namespace
 {
-    return a->m_due.QuadPart != b->m_due.QuadPart ? a->m_due.QuadPart < b->m_due.QuadPart : a->m_nNumber > b->m_nNumber;
-}
+constexpr std::size_t FIRST_BLOCK = 16; // timers
 
-CTimerQueue::CTimerQueue() = default;
+/// The difference of an overdue time wraps round, beyond any delay.
+DWORD Distance(ULONGLONG now, ULONGLONG time)
+{
+    ULONGLONG const left = time - now;
+    return left >> 32 ? 0 : static_cast<DWORD>(left);
+}
+} // namespace
+
+CTimerQueue::CTimerQueue() : m_pWheel(std::make_unique<kvx::TimerWheel>()) {}
 
 CTimerQueue::~CTimerQueue()
 {
@@ -43,15 +54,49 @@ ULARGE_INTEGER CTimerQueue::GetTickCount()
 
 DWORD CTimerQueue::CalcWaitTime(CTimer * timer)
 {
-    // The difference of an overdue timer wraps round, beyond any delay.
-    ULONGLONG const left = timer->m_due.QuadPart - GetTickCount().QuadPart;
-    return left >> 32 ? 0 : static_cast<DWORD>(left);
+    return Distance(GetTickCount().QuadPart, timer->nDue);
+}
+
+CTimerQueue::CTimer * CTimerQueue::TakeFree()
+{
+    if (!m_pFree)
+    {
+        std::size_t const length = FIRST_BLOCK << m_blocks.size();
+        m_blocks.push_back(std::make_unique<CTimer[]>(length));
+        for (std::size_t i = length; i > 0; --i)
+        {
+            MakeFree(&m_blocks.back()[i - 1]);
+        }
+    }
+    return std::exchange(m_pFree, m_pFree->m_pNextFree);
+}
+
+void CTimerQueue::MakeFree(CTimer * timer)
+{
+    timer->m_pNextFree = std::exchange(m_pFree, timer);
+}
+
+/// A handle is looked up before it is believed.
+CTimerQueue::CTimer * CTimerQueue::FindWaiting(void * handle) const
+{
+    auto * const timer = static_cast<CTimer *>(handle);
+    for (std::size_t i = m_blocks.size(); i > 0; --i)
+    {
+        CTimer * const block = m_blocks[i - 1].get();
+        std::size_t const length = FIRST_BLOCK << (i - 1);
+        if (!std::less<>()(timer, block) && std::less<>()(timer, block + length))
+        {
+            auto const offset = reinterpret_cast<UINT_PTR>(timer) - reinterpret_cast<UINT_PTR>(block);
+            return offset % sizeof(CTimer) == 0 && timer->m_bWaits ? timer : nullptr;
+        }
+    }
+    return nullptr;
 }
 
 void * CTimerQueue::CreateTimer(DWORD delay, TimerFunction function, void * param)
 {
     CSingleLock guard(*this, TRUE);
-    CTimer * const timer = m_cache.Allocate();
+    CTimer * const timer = TakeFree();
     timer->m_pFunction = function;
     timer->m_pParam = param;
     InsertTimer(timer, delay);
@@ -61,11 +106,12 @@ void * CTimerQueue::CreateTimer(DWORD delay, TimerFunction function, void * para
 int CTimerQueue::ChangeTimer(void * handle, DWORD delay)
 {
     CSingleLock guard(*this, TRUE);
-    auto * const timer = static_cast<CTimer *>(handle);
-    if (!RemoveTimer(timer))
+    CTimer * const timer = FindWaiting(handle);
+    if (!timer)
     {
         return 0;
     }
+    RemoveTimer(timer);
     InsertTimer(timer, delay);
     return 1;
 }
@@ -73,13 +119,14 @@ int CTimerQueue::ChangeTimer(void * handle, DWORD delay)
 int CTimerQueue::DeleteTimer(void * handle)
 {
     CSingleLock guard(*this, TRUE);
-    auto * const timer = static_cast<CTimer *>(handle);
-    if (!RemoveTimer(timer))
+    CTimer * const timer = FindWaiting(handle);
+    if (!timer)
     {
         return 0;
     }
-    m_cache.Return(timer);
-    if (m_timers.empty())
+    RemoveTimer(timer);
+    MakeFree(timer);
+    if (m_pWheel->IsEmpty())
     {
         m_wakeEvent.SetEvent();
     }
@@ -89,37 +136,33 @@ int CTimerQueue::DeleteTimer(void * handle)
 int CTimerQueue::DeleteAllTimers()
 {
     CSingleLock guard(*this, TRUE);
-    for (CTimer * const timer : m_timers)
+    for (ULONGLONG next = 0; !m_pWheel->IsEmpty();)
     {
-        m_cache.Return(timer);
+        auto * const timer = static_cast<CTimer *>(m_pWheel->GetFirst(std::numeric_limits<ULONGLONG>::max(), next));
+        RemoveTimer(timer);
+        MakeFree(timer);
     }
-    m_timers.clear();
-    m_handles.clear();
     m_wakeEvent.SetEvent();
     return 1;
 }
 
-bool CTimerQueue::RemoveTimer(CTimer * timer)
+void CTimerQueue::RemoveTimer(CTimer * timer)
 {
-    if (m_handles.erase(timer) == 0)
-    {
-        return false;
-    }
-    m_timers.erase(timer);
-    return true;
+    m_pWheel->Remove(*timer);
+    timer->m_bWaits = false;
 }
 
 void CTimerQueue::InsertTimer(CTimer * timer, DWORD delay)
 {
-    timer->m_due.QuadPart = GetTickCount().QuadPart + delay;
-    timer->m_nNumber = ++m_nInserted;
-    m_handles.insert(timer);
-    m_timers.insert(timer);
+    ULONGLONG const now = GetTickCount().QuadPart;
+    timer->nDue = now + delay;
+    timer->m_bWaits = true;
+    m_pWheel->Insert(*timer, now);
     if (!m_pThread)
     {
         StartThread();
     }
-    if (*m_timers.begin() == timer)
+    if (timer->nDue < m_nWaitsUntil)
     {
         m_wakeEvent.SetEvent();
     }
@@ -128,23 +171,21 @@ void CTimerQueue::InsertTimer(CTimer * timer, DWORD delay)
 void CTimerQueue::StartThread()
 {
     auto const proc = [](void * queue) -> unsigned int { return TimerProc(static_cast<CTimerQueue *>(queue)); };
+    CString text;
+    text.Format(_T("TimerQueue::TimerProc: %X"), &CTimerQueue::TimerProc);
     m_idleEvent.ResetEvent();
-    m_pThread = CThreadPool::BeginThread(proc, this, 0);
+    m_pThread = CThreadPool::BeginThread(proc, this, 0, text);
     if (!m_pThread)
     {
         m_idleEvent.SetEvent();
-        return;
     }
-    CString text;
-    text.Format(_T("TimerQueue::TimerProc: %X"), &CTimerQueue::TimerProc);
-    CThreadPool::MarkThread(m_pThread->GetThreadId(), text, 1);
 }
 
 unsigned int CTimerQueue::TimerProc(CTimerQueue * queue)
 {
     CThreadContext * const context = CThreadPool::GetContextFromThreadId(static_cast<DWORD>(-1));
     CSingleLock guard(*queue, TRUE);
-    while (context && !queue->m_timers.empty() && queue->ServeTimer(guard, context->GetActiveHandle()))
+    while (context && !queue->m_pWheel->IsEmpty() && queue->ServeTimer(guard, context->GetActiveHandle()))
     {
     }
     // Under the lock that has shown an empty list: the next timer starts the next thread.
@@ -157,14 +198,24 @@ unsigned int CTimerQueue::TimerProc(CTimerQueue * queue)
 /// Runs the first timer if it is due, else waits until it is or the list changes. False when the thread is told to end.
 bool CTimerQueue::ServeTimer(CSingleLock & guard, HANDLE endEvent)
 {
-    CTimer * const timer = *m_timers.begin();
-    if (DWORD const wait = CalcWaitTime(timer))
+    ULONGLONG const now = GetTickCount().QuadPart;
+    ULONGLONG next = 0;
+    kvx::TimerEntry * first = m_pWheel->GetFirst(now, next);
+    if (!first && Distance(now, next) == 0)
     {
+        // Beyond any delay, for the clock was set back: what is that far off counts as overdue.
+        first = m_pWheel->GetFirst(std::numeric_limits<ULONGLONG>::max(), next);
+    }
+    auto * const timer = static_cast<CTimer *>(first);
+    if (DWORD const wait = timer ? CalcWaitTime(timer) : Distance(now, next))
+    {
+        m_nWaitsUntil = now + wait;
         guard.Unlock();
         std::array<HANDLE, 2> const handles{endEvent, m_wakeEvent};
         DWORD const woken = WaitForMultipleObjects(2, handles.data(), FALSE, wait);
         m_wakeEvent.ResetEvent();
         guard.Lock();
+        m_nWaitsUntil = 0;
         return woken != WAIT_OBJECT_0 && woken != WAIT_FAILED;
     }
     RemoveTimer(timer);
@@ -184,6 +235,6 @@ bool CTimerQueue::ServeTimer(CSingleLock & guard, HANDLE endEvent)
     {
     }
     guard.Lock();
-    m_cache.Return(timer);
+    MakeFree(timer);
     return true;
 }

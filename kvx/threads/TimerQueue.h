@@ -2,11 +2,16 @@
 
 /// One-shot timers on one thread.
 
-#include "kvx/foundation/ObCache.h"
+#include "kvx/foundation/Lockable.h"
 #include "kvx/threads/ThreadContext.h"
 
-#include <set>
-#include <unordered_set>
+#include <memory>
+#include <vector>
+
+namespace kvx
+{
+class TimerWheel;
+}
 
 /// The functions run one at a time, in the order in which they are due, on a thread of the pool that exists only while
 /// timers wait. Of timers that are due in the same millisecond the one that was set last runs first. A long function
@@ -50,20 +55,21 @@ protected:
     static unsigned int TimerProc(CTimerQueue * queue);
 
 private:
-    struct FiresEarlier
-    {
-        bool operator()(CTimer const * a, CTimer const * b) const noexcept;
-    };
-
-    CEvent m_wakeEvent{FALSE, TRUE}; // signalled when there is another timer at the head, or none any more
+    CEvent m_wakeEvent{FALSE, TRUE}; // signalled when a timer comes that the thread doesn't wait for, or none is left
     CEvent m_idleEvent{TRUE, TRUE};  // signalled while there is no thread
-    std::set<CTimer *, FiresEarlier> m_timers;
-    std::unordered_set<void const *> m_handles; // of the timers that wait: a handle is looked up before it is believed
-    CCache<CTimer> m_cache;
+    std::unique_ptr<kvx::TimerWheel> m_pWheel;
+    ULONGLONG m_nWaitsUntil = 0; // when the thread looks again by itself; 0 while it doesn't wait
     CThreadContext * m_pThread = nullptr;
-    ULONGLONG m_nInserted = 0;
 
-    bool RemoveTimer(CTimer * timer);
+    // Timers live in blocks, each twice as long as the one before: that tells handles from what isn't one. Those that
+    // don't wait are in the list of free ones, unless their function runs.
+    std::vector<std::unique_ptr<CTimer[]>> m_blocks;
+    CTimer * m_pFree = nullptr;
+
+    CTimer * TakeFree();
+    void MakeFree(CTimer * timer);
+    CTimer * FindWaiting(void * handle) const;
+    void RemoveTimer(CTimer * timer);
     bool ServeTimer(CSingleLock & guard, HANDLE endEvent);
     void StartThread();
 };

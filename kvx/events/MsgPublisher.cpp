@@ -14,7 +14,8 @@
 
 namespace
 {
-INT_PTR ToKey(CMsgConnection * connection)
+/// The address alone, for a connection that may be gone by now.
+INT_PTR ToKey(CObject const * connection)
 {
     return reinterpret_cast<INT_PTR>(connection);
 }
@@ -188,7 +189,17 @@ void CMsgPublisher::Service(CMsgRequest & request)
     publication->Service(request, failed);
     for (POSITION pos = failed.GetHeadPosition(); pos;)
     {
-        UnregisterSubscription(static_cast<CMsgConnection *>(failed.GetNext(pos)));
+        UnregisterKey(ToKey(failed.GetNext(pos)));
+    }
+}
+
+/// Another thread may have unregistered the connection, and deleted it: it is looked up before it is touched.
+void CMsgPublisher::UnregisterKey(INT_PTR key)
+{
+    CSingleLock guard(*this, TRUE);
+    if (auto const * const subscription = static_cast<CSubscription *>(m_subscriptions.Lookup(key)))
+    {
+        UnregisterSubscription(subscription->m_pConnection);
     }
 }
 
@@ -200,6 +211,5 @@ void CMsgPublisher::UnregisterSubscription(CMsgConnection * connection)
 
 void CMsgPublisher::UnregisterSubscription(CStringValue const & handle)
 {
-    // No more than a number that is looked up, whoever sent it.
-    UnregisterSubscription(reinterpret_cast<CMsgConnection *>(static_cast<INT_PTR>(handle.ToInteger64())));
+    UnregisterKey(static_cast<INT_PTR>(handle.ToInteger64()));
 }

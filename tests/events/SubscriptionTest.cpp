@@ -25,8 +25,8 @@ public:
             CString const events = request[_T("events")];
             static_cast<CMsgPublisher *>(publisher)->RegisterSubscription(request, events);
         };
-        m_listener.emplace(_T("pub"), port);
         Dispatcher().RegisterProvider(_T("pub.subscribe"), subscribe, m_publisher.get());
+        m_listener.emplace(_T("pub"), port); // clients come from here on
     }
     Service(Service const &) = delete;
     Service & operator=(Service const &) = delete;

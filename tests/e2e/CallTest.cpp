@@ -166,7 +166,10 @@ TEST(Usage, IsExplained)
     for (Strings const & wrong :
          {Strings{}, Strings{"dance"}, Strings{"call", "inproc"}, Strings{"call", "inproc", ""}, Join(echo, {"word"}),
           Join(echo, {"=1"}), Join(echo, {"--format", "xml"}), Join(echo, {"--timeout", "0"}), Join(echo, {"--bogus"}),
-          Strings{"serve"}, Strings{"serve", "tcp:127.0.0.1:0", "more"},
+          Strings{"serve"}, Strings{"serve", "tcp:127.0.0.1:0", "--provider", "path"},
+          Strings{"serve", "tcp:127.0.0.1:0", "--provider", "a..b=inproc:x@y"}, Strings{"watch", "tcp:127.0.0.1:1"},
+          Strings{"watch", "tcp:127.0.0.1:1", "host.tick", "--count", "0"},
+          Strings{"watch", "tcp:127.0.0.1:1", "host.tick", "--format", "csv"},
           Strings{"bench", "inproc", "host.echo", "--count", "0", "--clients", "1"}})
     {
         Result const result = RunKvx(wrong);
@@ -174,7 +177,7 @@ TEST(Usage, IsExplained)
         EXPECT_EQ(result.strOut, "");
         EXPECT_NE(result.strErr, "");
     }
-    for (Strings const & command : {Strings{}, Strings{"serve"}, Strings{"call"}, Strings{"bench"}})
+    for (Strings const & command : {Strings{}, Strings{"serve"}, Strings{"call"}, Strings{"bench"}, Strings{"watch"}})
     {
         Result const result = RunKvx(Join(command, {"--help"}));
         EXPECT_EQ(result.nStatus, 0);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -141,6 +142,14 @@ std::string Process::ReadLine() const
     return line;
 }
 
+std::string Process::PeekErr() const
+{
+    std::string text(1 << 20, 0);
+    ssize_t const got = pread(m_nErr, text.data(), text.size(), 0); // the place to write at is the program's
+    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return text;
+}
+
 int Process::Wait()
 {
     strOut = ReadToEnd(m_nOut);
@@ -184,16 +193,22 @@ Response::Response(std::string_view json)
     EXPECT_EQ(reader.rest, "}\n");
 }
 
-Service::Service(Strings const & options) : process(Join({"serve", "tcp:127.0.0.1:0"}, options))
+Service::Service(Strings const & options, Strings const & listeners)
+    : process(Join(Join({"serve"}, listeners), options))
 {
-    std::string const line = process.ReadLine();
-    std::string const begin = "READY tcp:127.0.0.1:";
-    if (!line.starts_with(begin))
+    std::string const tcp = "tcp:127.0.0.1:";
+    for (std::size_t i = 0; i < listeners.size(); ++i)
     {
-        throw std::runtime_error("not ready: " + line);
+        std::string const line = process.ReadLine();
+        if (!line.starts_with("READY "))
+        {
+            process.Wait();
+            throw std::runtime_error("not ready: " + line + process.strErr);
+        }
+        addresses.push_back(line.substr(6));
+        nPort = addresses.back().starts_with(tcp) ? std::stoi(addresses.back().substr(tcp.size())) : nPort;
     }
-    strAddress = line.substr(6);
-    nPort = std::stoi(line.substr(begin.size()));
+    strAddress = addresses.front();
 }
 
 Response Service::Call(Strings const & words) const
@@ -222,6 +237,18 @@ int Service::Stop(int signal)
 {
     kill(process.nPid, signal);
     return process.Wait();
+}
+
+RegistryFile::RegistryFile() : strFolder(testing::TempDir() + "/kvx-reg-XXXXXX")
+{
+    EXPECT_NE(mkdtemp(strFolder.data()), nullptr);
+    setenv("KVX_REGISTRY", (strFolder + "/registry.db").c_str(), 1);
+}
+
+RegistryFile::~RegistryFile()
+{
+    unsetenv("KVX_REGISTRY");
+    std::filesystem::remove_all(strFolder);
 }
 
 RawClient::RawClient(int port) : m_nSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))

@@ -27,6 +27,8 @@ public:
 
     /// The next line of its stdout, without the line end; what there is if it ends before.
     std::string ReadLine() const;
+    /// What it has written to stderr so far.
+    std::string PeekErr() const;
     /// Waits for its end: the exit status, or minus the signal that ended it. What it wrote is then in the two texts.
     int Wait();
 
@@ -66,11 +68,11 @@ struct Response
     std::vector<RowSet> rowSets;
 };
 
-/// A running `kvx serve` on a port of its own.
+/// A running `kvx serve`, on a port of its own if nothing else is said.
 class Service
 {
 public:
-    explicit Service(Strings const & options = {});
+    explicit Service(Strings const & options = {}, Strings const & listeners = {"tcp:127.0.0.1:0"});
 
     /// `kvx call` of it, with the response as JSON. Checks that exit status and error line agree with it.
     Response Call(Strings const & words) const;
@@ -82,8 +84,20 @@ public:
     int Stop(int signal = SIGTERM);
 
     Process process;
-    std::string strAddress; // as its READY line tells
-    int nPort = 0;
+    Strings addresses;      // as its READY lines tell, in no fixed order
+    std::string strAddress; // the first one
+    int nPort = 0;          // of TCP
+};
+
+/// Has the programs use a registry of the test's own.
+class RegistryFile
+{
+public:
+    RegistryFile();
+    RegistryFile(RegistryFile const &) = delete;
+    ~RegistryFile();
+
+    std::string strFolder;
 };
 
 class ServiceTest : public testing::Test

@@ -140,6 +140,26 @@ TEST_F(Wire, EndsAHostileSessionAndNothingElse)
     EXPECT_EQ(bystander.Receive(4 + 4), "VJOP" + Text(""));
 }
 
+TEST(Subscriber, ThatStopsReadingHoldsUpNobodyElse)
+{
+    Service service({"--verbose"});
+    RawClient const stalled(service.nPort);
+    stalled.Send("QLDR" + Word(0) + Text("host.subscribe") + Word(1) + Text("events") + Text("host.log") + Text("") +
+                 Word(0));
+    EXPECT_EQ(stalled.Receive(8), "QLDR" + Word(0));
+    // More lines than the system's buffers take, each with as much of a value as a line shows.
+    std::string const value(200, 'v');
+    EXPECT_EQ(RunKvx({"bench", service.strAddress, "host.count", "add=1", "a=" + value, "b=" + value, "c=" + value,
+                      "--count", "10000", "--clients", "2"})
+                  .nStatus,
+              0);
+    EXPECT_EQ(service.CallForValue({"host.count"}), "10000");
+    EXPECT_EQ(RunKvx({"watch", service.strAddress, "host.tick", "--count", "1"}).nStatus, 0);
+    Process waiting({"watch", service.strAddress, "host.log"}); // shares the fate of the one that stalls
+    EXPECT_LT(service.GetMemory(), MEMORY_MAX);
+    EXPECT_EQ(service.Stop(), 0);
+}
+
 TEST_F(Wire, RefusesToSpellOutWhatIsOnlyClaimed)
 {
     for (std::uint32_t const columns : {0u, 1u})

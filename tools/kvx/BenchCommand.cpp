@@ -279,6 +279,9 @@ void AddBenchCommand(CLI::App & app, Run & run)
         "Examples:\n"
         "  kvx bench tcp:127.0.0.1:4100 host.echo text=hello --count 100000 --clients 4\n"
         "  kvx bench tcp:127.0.0.1:4100 host.table.get rows=10000 columns=4 --count 100 --clients 1\n"
-        "  kvx bench inproc host.echo --count 1000000 --clients 2");
+        "  kvx bench nt_pipe:kvx host.echo text=hello --count 100000 --clients 1\n"
+        "  kvx bench inproc host.echo --count 1000000 --clients 2\n"
+        "\n" +
+        std::string(CONNECTION_HELP));
     command->callback([&run, options] { run = [options] { return RunBench(*options); }; });
 }

@@ -42,9 +42,8 @@ bool WaitForCall(TimedCall & call, DWORD timeout, Endpoint & endpoint, bool & bI
     constexpr DWORD STEP = 20; // milliseconds
     constexpr int STEPS = 50;
     bInTime = call.done.Lock(timeout) != 0;
-    for (int step = 0; !bInTime && step < STEPS; ++step)
+    for (int step = 0; !bInTime && step < STEPS && endpoint.Break(call.request.GetConnection()); ++step)
     {
-        endpoint.Break(call.request.GetConnection());
         if (call.done.Lock(STEP))
         {
             return true;
@@ -111,12 +110,15 @@ void AddCallCommand(CLI::App & app, Run & run)
         ->type_name("MS");
     command->footer("Examples:\n"
                     "  kvx call tcp:127.0.0.1:4100 host.info.get\n"
+                    "  kvx call nt_pipe:kvx host.info.get\n"
                     "  kvx call tcp:127.0.0.1:4100 host.files.list path=/usr/include pattern='*.h' --format csv\n"
                     "  kvx call tcp:127.0.0.1:4100 host.count add=1 --oneway\n"
                     "  kvx call tcp:127.0.0.1:4100 host.sleep ms=5000 --timeout 1000\n"
                     "\n"
                     "JSON is {\"code\":0,\"text\":\"\",\"rowsets\":[{\"name\":\"\",\"columns\":[],\"rows\":[[]]}]}, on "
                     "failure too.\n"
-                    "Words behind -- are no options: kvx call tcp:HOST:PORT host.echo -- -x=1");
+                    "Words behind -- are no options: kvx call tcp:HOST:PORT host.echo -- -x=1\n"
+                    "\n" +
+                    std::string(CONNECTION_HELP));
     command->callback([&run, options] { run = [options] { return RunCall(*options); }; });
 }

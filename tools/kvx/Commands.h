@@ -14,4 +14,6 @@ using Run = std::function<int()>;
 
 void AddServeCommand(CLI::App & app, Run & run);
 void AddCallCommand(CLI::App & app, Run & run);
+void AddWatchCommand(CLI::App & app, Run & run);
 void AddBenchCommand(CLI::App & app, Run & run);
+void AddRegCommand(CLI::App & app, Run & run);

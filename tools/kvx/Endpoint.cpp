@@ -2,9 +2,10 @@
 
 #include "Output.h"
 
+#include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/transport/MsgConnection.h"
-#include "kvx/transport/MsgConnectionProvider.h"
+#include "kvx/transport/MsgRelayProvider.h"
 
 #include <CLI/App.hpp>
 
@@ -12,7 +13,9 @@
 
 void CallWords::AddTo(CLI::App & command)
 {
-    command.add_option("CONNECTION", strConnection, "tcp:HOST:PORT, or inproc for this process itself")->required();
+    command
+        .add_option("CONNECTION", strConnection, "tcp:HOST:PORT, nt_pipe:NAME, ..., or inproc for this process itself")
+        ->required();
     command.add_option("COMMAND", strCommand, "Dotted path of the command, such as host.info.get")
         ->required()
         ->check([](std::string const & word)
@@ -37,36 +40,160 @@ void CallWords::Fill(CMsgRequest & request) const
     }
 }
 
-CString CheckConfiguration(CString const & config)
+namespace
 {
-    constexpr CString::View EVENT = _T("event:");
+using View = CString::View;
+
+std::pair<View, View> SplitType(View config)
+{
+    auto const colon = config.find(WCHAR{':'});
+    return colon == View::npos ? std::pair(View(), config)
+                               : std::pair(config.substr(0, colon), config.substr(colon + 1));
+}
+
+CString CheckAddress(View address, CString const & config)
+{
     constexpr int PORT_MAX = 65535;
-    CString::View rest = config;
-    if (auto const end = rest.find(WCHAR{';'}); rest.starts_with(EVENT) && end != CString::View::npos)
-    {
-        rest.remove_prefix(end + 1);
-    }
-    auto const colon = rest.find(WCHAR{':'});
-    CString const type(rest.substr(0, colon));
+    address = address.substr(0, address.find(WCHAR{'@'}));
+    auto const split = address.find(WCHAR{':'});
+    View const port = split == View::npos ? View() : address.substr(split + 1);
+    bool const bDigits = std::ranges::all_of(port, [](WCHAR c) { return c >= '0' && c <= '9'; });
     CString text;
-    if (colon == CString::View::npos || !CMsgDispatcher::GetInstance()->LookupFactory(type))
+    if (!bDigits || port.size() > 9 || CStringValue(CString(port)).ToInteger() > PORT_MAX)
     {
-        text.Format(_T("'%s' is no connection: use tcp:HOST:PORT"), config);
-        return text;
-    }
-    if (type == _T("tcp"))
-    {
-        CString::View address = rest.substr(colon + 1);
-        address = address.substr(0, address.find(WCHAR{'@'}));
-        auto const split = address.find(WCHAR{':'});
-        CString::View const port = split == CString::View::npos ? CString::View() : address.substr(split + 1);
-        bool const bDigits = std::ranges::all_of(port, [](WCHAR c) { return c >= '0' && c <= '9'; });
-        if (!bDigits || port.size() > 9 || CStringValue(CString(port)).ToInteger() > PORT_MAX)
-        {
-            text.Format(_T("'%s' has no valid port: use 0 to %d"), config, PORT_MAX);
-        }
+        text.Format(_T("'%s' has no valid port: use 0 to %d"), config, PORT_MAX);
     }
     return text;
+}
+
+/// `rest` is what `config` says behind the prefixes that were checked already.
+CString CheckRest(View rest, CString const & config)
+{
+    auto const [type, params] = SplitType(rest);
+    CString const name(type);
+    CString text;
+    if (name.IsEmpty() || !CMsgDispatcher::GetInstance()->LookupFactory(name))
+    {
+        text.Format(_T("'%s' is no connection: use TYPE:NAME, such as tcp:HOST:PORT or nt_pipe:NAME"), config);
+    }
+    else if (name == _T("tcp"))
+    {
+        text = CheckAddress(params, config);
+    }
+    else if (name == _T("forward") || name == _T("relay"))
+    {
+        text = CheckRest(params, config);
+        CString const inner(SplitType(params).first);
+        if (text.IsEmpty() && name == _T("relay") && (inner == _T("inproc") || inner == _T("forward")))
+        {
+            text.Format(_T("'%s' relays to no connection"), config);
+        }
+    }
+    else if (params.empty())
+    {
+        text.Format(_T("'%s' has no name"), config);
+    }
+    return text;
+}
+
+/// Keeps what was logged last as an error, during its life.
+class FailureReason
+{
+public:
+    FailureReason()
+    {
+        CLogManager::GetInstance()->RegisterSink(&m_awake, 1); // nothing is logged without a queued sink
+        CLogManager::GetInstance()->RegisterSink(&m_errors, 0);
+    }
+    FailureReason(FailureReason const &) = delete;
+    ~FailureReason()
+    {
+        CLogManager::GetInstance()->UnregisterSink(&m_errors);
+        CLogManager::GetInstance()->UnregisterSink(&m_awake);
+    }
+    CString Get()
+    {
+        CSingleLock guard(&m_errors.m_lock, TRUE);
+        return m_errors.m_strText;
+    }
+
+private:
+    class CErrors : public CLogSink
+    {
+    public:
+        CErrors() : CLogSink(LOG_ERROR) {}
+        void Append(CLogEvent * event) override
+        {
+            CSingleLock guard(&m_lock, TRUE);
+            m_strText = event->m_nType == LOG_ERROR ? event->m_strText : m_strText;
+        }
+        CCriticalSection m_lock;
+        CString m_strText;
+    };
+    class CNoSink : public CLogSink
+    {
+    public:
+        CNoSink() : CLogSink(0) {}
+        void Append(CLogEvent *) override {}
+    };
+
+    CErrors m_errors;
+    CNoSink m_awake;
+};
+} // namespace
+
+CString CheckConnection(CString const & config)
+{
+    return CheckRest(config, config);
+}
+
+CString CheckListener(CString const & config)
+{
+    View const event = _T("event:");
+    View rest = config;
+    auto const end = rest.find(WCHAR{';'});
+    if (end == View::npos || CString(rest.substr(0, event.size())).MakeLower().AsView() != event)
+    {
+        return CheckRest(rest, config);
+    }
+    if (end == event.size())
+    {
+        CString text;
+        text.Format(_T("'%s' names no event"), config);
+        return text;
+    }
+    return CheckRest(rest.substr(end + 1), config);
+}
+
+CMsgProvider * MountProvider(CString const & path, CString const & config)
+{
+    CString text = CheckConnection(config);
+    DWORD code = ERROR_INVALID_PARAMETER;
+    if (text.IsEmpty())
+    {
+        CMsgDispatcher & dispatcher = *CMsgDispatcher::GetInstance();
+        if (CMsgProvider * const provider = dispatcher.RegisterProvider(path, config, 1))
+        {
+            return provider;
+        }
+        // Once more with somebody who listens why: the log costs a thread, and most get on without.
+        FailureReason reason;
+        SetLastError(0);
+        if (CMsgProvider * const provider = dispatcher.RegisterProvider(path, config, 1))
+        {
+            return provider;
+        }
+        DWORD const lastError = GetLastError();
+        CString why = reason.Get();
+        if (why.IsEmpty() && lastError != 0)
+        {
+            code = lastError;
+            why = CWinError::GetText(lastError);
+        }
+        text.Format(why.IsEmpty() ? _T("no provider for '%s'%s") : _T("no provider for '%s': %s"), config, why);
+    }
+    ReportError(code, text);
+    return nullptr;
 }
 
 Endpoint::~Endpoint()
@@ -84,21 +211,11 @@ bool Endpoint::Open(std::string_view connection)
         m_host = std::make_unique<HostProviders>();
         return true;
     }
-    CString const config = kvx::FromUtf8(connection);
-    CString problem = CheckConfiguration(config);
-    if (problem.IsEmpty())
-    {
-        // On the root it gets every command, whole.
-        CMsgProvider * const provider = CMsgDispatcher::GetInstance()->RegisterProvider(_T(""), config, 1);
-        m_pProvider = dynamic_cast<CMsgConnectionProvider *>(provider);
-        if (provider)
-        {
-            return true;
-        }
-        problem.Format(_T("no provider for '%s'"), config);
-    }
-    ReportError(ERROR_INVALID_PARAMETER, problem);
-    return false;
+    // On the root it gets every command, whole.
+    CMsgProvider * const provider = MountProvider(_T(""), kvx::FromUtf8(connection));
+    bool const bPinned = !dynamic_cast<CMsgRelayProvider *>(provider); // a relay doesn't care
+    m_pProvider = bPinned ? dynamic_cast<CMsgConnectionProvider *>(provider) : nullptr;
+    return provider != nullptr;
 }
 
 CMsgConnection * Endpoint::NewConnection()
@@ -123,14 +240,15 @@ void Endpoint::Connect(CMsgConnection * connection)
     }
 }
 
-void Endpoint::Break(CMsgConnection * connection)
+bool Endpoint::Break(CMsgConnection * connection)
 {
     if (connection)
     {
-        connection->Disconnect();
+        return connection->Disconnect() != 0;
     }
-    else if (m_host)
+    if (m_host)
     {
         m_host->Stop();
     }
+    return m_host != nullptr;
 }

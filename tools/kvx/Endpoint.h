@@ -29,12 +29,28 @@ struct CallWords
     void Fill(CMsgRequest & request) const;
 };
 
-/// The library reads a configuration leniently: a port that is no number is 0, a large one is cut. Gives what is wrong
-/// with a provider's or a listener's configuration, or an empty text.
-CString CheckConfiguration(CString const & config);
+/// What CONNECTION may be, for help texts.
+inline constexpr char CONNECTION_HELP[] =
+    "Connections:\n"
+    "  tcp:HOST:PORT          a service on this machine or another one\n"
+    "  nt_pipe:NAME           a named pipe of this machine; the same as local_pipe:NAME\n"
+    "  local_apipe:NAME       such a pipe with texts of one byte a character\n"
+    "  9x_pipe:NAME           anonymous pipes, found through the registry\n"
+    "  inproc:MODULE@NAME     a provider in a module, loaded into this process\n"
+    "  relay:CONNECTION       the same by connections of its own, whatever a request came on\n"
+    "  forward:CONNECTION     the same without the path that it is mounted on\n";
 
-/// Makes the whole tree of this process lead to a connection (`tcp:HOST:PORT`), or to the providers of `host` in the
-/// process itself (`inproc`). There is one at a time.
+/// The library reads a configuration leniently: a port that is no number is 0, a large one is cut. Gives what is wrong
+/// with a provider's configuration, or an empty text.
+CString CheckConnection(CString const & config);
+/// The same for a listener's, which `event:NAME;` may stand in front of.
+CString CheckListener(CString const & config);
+
+/// Puts a provider on a path of this process's tree. Null, with an error line, if it can't be made or started.
+CMsgProvider * MountProvider(CString const & path, CString const & config);
+
+/// Makes the whole tree of this process lead to a connection, or to the providers of `host` in the process itself
+/// (`inproc`). There is one at a time.
 class Endpoint
 {
 public:
@@ -46,13 +62,14 @@ public:
     /// False, with a line on stderr, for a connection that there is no provider for. Nothing is connected yet.
     bool Open(std::string_view connection);
 
-    /// A connection for requests to be pinned to (CMsgRequest::SetConnection), owned by the endpoint; null in the
-    /// process.
+    /// A connection for requests to be pinned to (CMsgRequest::SetConnection), owned by the endpoint; null where
+    /// requests can't be pinned: in the process, and for relays and forwarders.
     CMsgConnection * NewConnection();
     /// Connects it, so that the first call needn't. A failure shows at the call.
     static void Connect(CMsgConnection * connection);
-    /// Ends what is under way, on that connection or in the process; to be repeated until it has ended. Any thread.
-    void Break(CMsgConnection * connection);
+    /// Ends what is under way, on that connection or in the process; to be repeated until it has ended. False if there
+    /// is nothing that could be ended. Any thread.
+    bool Break(CMsgConnection * connection);
 
 private:
     CMsgConnectionProvider * m_pProvider = nullptr; // the tree's

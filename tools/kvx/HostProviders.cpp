@@ -1,5 +1,6 @@
 #include "HostProviders.h"
 
+#include "HostEventsProvider.h"
 #include "HostFilesProvider.h"
 #include "HostInfoProvider.h"
 #include "HostTableProvider.h"
@@ -9,8 +10,9 @@
 
 HostProviders::HostProviders()
 {
-    for (CMsgProvider * const provider : std::initializer_list<CMsgProvider *>{
-             new CHostInfoProvider, new CHostFilesProvider, new CHostTestProvider, new CHostTableProvider})
+    for (CMsgProvider * const provider :
+         std::initializer_list<CMsgProvider *>{new CHostInfoProvider, new CHostFilesProvider, new CHostTestProvider,
+                                               new CHostTableProvider, new CHostEventsProvider})
     {
         m_providers.emplace_back(provider);
         CMsgDispatcher::GetInstance()->RegisterProvider(_T("host"), provider, 1);

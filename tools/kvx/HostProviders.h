@@ -13,7 +13,7 @@ class HostProviders
 public:
     HostProviders();
 
-    /// Ends requests that wait (`host.sleep`), now and from now on. Any thread.
+    /// Ends requests that wait (`host.sleep`) and subscriptions, now and from now on. Any thread.
     void Stop();
 
 private:

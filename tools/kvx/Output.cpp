@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -108,13 +109,12 @@ void WriteJsonText(Output & out, CString const & text)
     out << quoted << "\"";
 }
 
-void WriteJson(Output & out, CMsgResponse const & response)
+/// As the last member of an object, which it ends.
+void WriteJsonRowSets(Output & out, CMsgMultipleRowSets const & rowSets)
 {
-    out << "{\"code\":" << std::to_string(response.GetErrorCode()) << ",\"text\":";
-    WriteJsonText(out, response.GetErrorText());
     out << ",\"rowsets\":[";
     std::string_view nextSet;
-    for (CMsgRowSet * const rows : ListRowSets(response.GetRowSets()))
+    for (CMsgRowSet * const rows : ListRowSets(rowSets))
     {
         out << nextSet << "{\"name\":";
         WriteJsonText(out, rows->GetName());
@@ -143,6 +143,34 @@ void WriteJson(Output & out, CMsgResponse const & response)
         nextSet = ",";
     }
     out << "]}\n";
+}
+
+void WriteJson(Output & out, CMsgResponse const & response)
+{
+    out << "{\"code\":" << std::to_string(response.GetErrorCode()) << ",\"text\":";
+    WriteJsonText(out, response.GetErrorText());
+    WriteJsonRowSets(out, response.GetRowSets());
+}
+
+using Params = std::map<std::string, CString>;
+
+void WriteEventJson(Output & out, CMsgRequest const & event, Params const & params)
+{
+    out << "{\"event\":";
+    WriteJsonText(out, event.GetCommand());
+    out << ",\"params\":{";
+    std::string_view next;
+    for (auto const & [name, value] : params)
+    {
+        out << next;
+        WriteJsonText(out, kvx::FromUtf8(name));
+        out << ":";
+        WriteJsonText(out, value);
+        next = ",";
+    }
+    out << "}";
+    bool const bSane = CountClaimedCells(*event.GetExParams()) <= CELL_LIMIT;
+    WriteJsonRowSets(out, bSane ? *event.GetExParams() : CMsgMultipleRowSets());
 }
 
 std::string ToCsvField(CString const & text, bool bAlone)
@@ -316,6 +344,7 @@ int PrintResponse(CMsgResponse & response, Format format)
     Output out;
     switch (format)
     {
+    case Format::Line:
     case Format::Table:
         WriteTables(out, response);
         break;
@@ -336,6 +365,31 @@ int PrintResponse(CMsgResponse & response, Format format)
         ReportError(ERROR_WRITE_FAULT, CWinError::GetText(ERROR_WRITE_FAULT));
     }
     return response.Failed() || !bWritten ? 1 : 0;
+}
+
+bool PrintEvent(CMsgRequest const & event, Format format)
+{
+    Params params; // in the order of their names: that of the sender is lost on the way
+    CString name;
+    CString value;
+    for (POSITION pos = event.GetStartParamPosition(); pos;)
+    {
+        event.GetNextParam(pos, name, value);
+        params.emplace(kvx::ToUtf8(name), value);
+    }
+    Output out;
+    if (format == Format::Json)
+    {
+        WriteEventJson(out, event, params);
+        return out.Finish();
+    }
+    out << ToDisplay(event.GetCommand()).strText;
+    for (auto const & [key, text] : params)
+    {
+        out << " " << ToDisplay(kvx::FromUtf8(key)).strText << "=" << ToDisplay(text).strText;
+    }
+    out << "\n";
+    return out.Finish();
 }
 
 void ReportError(DWORD code, CString const & text)

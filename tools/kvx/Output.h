@@ -2,10 +2,11 @@
 
 /// Responses as aligned tables, JSON or CSV on stdout, and the error line on stderr.
 
-#include "kvx/messaging/MsgResponse.h"
+#include "kvx/messaging/MsgRequest.h"
 
 enum class Format
 {
+    Line, // of events alone
     Table,
     Json,
     Csv
@@ -22,6 +23,10 @@ ULONGLONG CountClaimedCells(CMsgMultipleRowSets const & rowSets);
 /// claims too many cells, or a stdout that can't be written to, is reported as an error. The exit status: 0, or 1 for a
 /// failure.
 int PrintResponse(CMsgResponse & response, Format format);
+
+/// Writes an event to stdout: a line with its name and its parameters, sorted by name, or an object of JSON on a line.
+/// False if stdout can't be written to.
+bool PrintEvent(CMsgRequest const & event, Format format);
 
 /// Writes the line `error CODE: TEXT` to stderr.
 void ReportError(DWORD code, CString const & text);

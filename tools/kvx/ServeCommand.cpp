@@ -6,20 +6,27 @@
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/platform/Terminal.h"
+#include "kvx/transport/MsgPipeFactory.h"
 #include "kvx/transport/MsgTCPFactory.h"
 
 #include <CLI/App.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace
 {
-constexpr DWORD LOOK = 500; // milliseconds between two looks at a listener that nobody stops
+constexpr DWORD LOOK = 500;      // milliseconds between two looks at listeners that nobody stops
+constexpr DWORD START_LOOK = 20; // milliseconds, while one still begins
 
 struct ServeOptions
 {
-    std::string strListener;
+    std::vector<std::string> listeners;
+    std::vector<std::string> providers; // PATH=CONFIG
     std::string strLog;
     bool bVerbose = false;
 };
@@ -49,7 +56,9 @@ void LogRequest(CMsgListenerEvent * event, void *)
         line += value.AsView().size() > VALUE_SHOWN ? "..." : "";
     }
     CMsgResponse const & response = request->GetResponse();
-    CString const ending = request->DiscardResults() ? CString(_T(" (one-way)")) : CString();
+    // A connection that was taken over for a subscription has its response already.
+    bool const bOneWay = request->DiscardResults() && request->KeepAlive();
+    CString const ending = bOneWay ? CString(_T(" (one-way)")) : CString();
     if (response.Succeeded())
     {
         LogInfo(_T("%s%s"), kvx::FromUtf8(line), ending);
@@ -88,51 +97,187 @@ bool OpenLog(ServeOptions const & options)
     return true;
 }
 
-/// The configuration that clients connect with: of port 0 nobody would know what it came to.
-CString GetReadyText(CMsgListener * listener, CString const & config)
+class Service
 {
-    auto const * const tcp = dynamic_cast<CMsgTCPListener *>(listener);
+public:
+    Service() = default;
+    Service(Service const &) = delete;
+    /// Requests end before their listeners, and subscriptions before both.
+    ~Service()
+    {
+        m_host.Stop();
+        for (Listener const & listener : m_listeners)
+        {
+            listener.pListener->StopListener();
+        }
+        CMsgListener::SetEventProc(nullptr, nullptr);
+        CMsgDispatcher::GetInstance()->ShutDownNotificationQueue(1);
+        for (CMsgProvider * const provider : m_mounted)
+        {
+            provider->StopProvider();
+        }
+    }
+
+    bool Mount(std::string_view pathAndConfig);
+    bool Listen(CString const & config);
+    /// Returns when the service is to end, with the exit status.
+    int Run();
+
+private:
+    struct Listener
+    {
+        CString strConfig;
+        CMsgListener * pListener; // the tree's
+        bool bReady = false;
+
+        CString GetReadyText() const;
+        bool IsReady(DWORD timeout, DWORD & code);
+    };
+
+    HostProviders m_host;
+    std::vector<Listener> m_listeners;
+    std::vector<CMsgProvider *> m_mounted; // the tree's
+
+    bool Start();
+    bool AwaitReady(DWORD timeout, bool & bAllReady);
+    bool AreAlive();
+};
+
+bool Service::Mount(std::string_view pathAndConfig)
+{
+    auto const equals = pathAndConfig.find('=');
+    CMsgProvider * const provider =
+        MountProvider(kvx::FromUtf8(pathAndConfig.substr(0, equals)), kvx::FromUtf8(pathAndConfig.substr(equals + 1)));
+    if (provider)
+    {
+        m_mounted.push_back(provider);
+    }
+    return provider != nullptr;
+}
+
+bool Service::Listen(CString const & config)
+{
+    CString problem = CheckListener(config);
+    CMsgListener * const listener =
+        problem.IsEmpty() ? CMsgDispatcher::GetInstance()->RegisterListener(_T(""), config, 0) : nullptr;
+    if (!listener)
+    {
+        Fail(ERROR_INVALID_PARAMETER, problem.IsEmpty() ? _T("'") + config + _T("' can't listen") : problem);
+        return false;
+    }
+    m_listeners.push_back({config, listener});
+    return true;
+}
+
+/// What was given, with the port that a port 0 has come to.
+CString Service::Listener::GetReadyText() const
+{
+    auto const * const tcp = dynamic_cast<CMsgTCPListener const *>(pListener);
     if (!tcp || tcp->GetPort() != 0)
     {
-        return config;
+        return strConfig;
     }
+    CString const event = strConfig.Left(strConfig.Find(';') + 1);
     CString text;
-    text.Format(_T("tcp:%S:%u"), tcp->GetServer(), tcp->GetListeningPort());
+    text.Format(_T("%stcp:%S:%u"), event, tcp->GetServer(), tcp->GetListeningPort());
     return text;
 }
 
-bool HasEnded(CMsgListener * listener)
+/// False with a code that isn't 0 if it can't listen.
+bool Service::Listener::IsReady(DWORD timeout, DWORD & code)
 {
-    auto const * const tcp = dynamic_cast<CMsgTCPListener *>(listener);
-    return tcp && tcp->GetListeningPort() == 0;
+    code = 0;
+    if (pListener->WaitUntilListening(timeout))
+    {
+        return true;
+    }
+    DWORD const lastError = GetLastError();
+    code = lastError == ERROR_TIMEOUT ? 0 : lastError;
+    return false;
 }
 
-/// Returns when the service is to end.
-int Serve(CMsgListener * listener, CString const & config)
+bool Service::Start()
 {
-    // The listening may have to wait for a start event.
-    while (!listener->WaitUntilListening(LOOK))
+    // Not a pipe's own start, which waits up to a minute for what AwaitReady looks at.
+    for (Listener const & listener : m_listeners)
     {
-        DWORD const code = GetLastError();
-        if (code != ERROR_TIMEOUT)
+        if (!listener.pListener->CMsgListener::StartListener())
         {
-            CString text;
-            text.Format(_T("cannot listen on '%s': %s%s"), config, CWinError::GetText(code),
-                        code == WSAEINVAL ? _T(" (is the host known?)") : _T(""));
-            return Fail(code, text);
-        }
-        if (kvx::WaitForEndSignal(0))
-        {
-            return 0;
+            Fail(GetLastError(), CWinError::GetLastErrorText());
+            return false;
         }
     }
-    std::printf("READY %s\n", kvx::ToUtf8(GetReadyText(listener, config)).c_str());
-    std::fflush(stdout);
-    while (!kvx::WaitForEndSignal(LOOK))
+    return true;
+}
+
+/// Says which have become ready. A listener may have to wait for a start event while others serve. False, with an error
+/// line, if one can't listen.
+bool Service::AwaitReady(DWORD timeout, bool & bAllReady)
+{
+    bAllReady = true;
+    for (Listener & listener : m_listeners)
     {
-        if (HasEnded(listener))
+        if (listener.bReady)
         {
-            return Fail(ERROR_OPERATION_ABORTED, _T("the listener has ended: it can accept no more clients"));
+            continue;
+        }
+        DWORD code = 0;
+        listener.bReady = listener.IsReady(bAllReady ? timeout : 0, code);
+        if (code != 0)
+        {
+            CString text;
+            text.Format(_T("cannot listen on '%s': %s%s"), listener.strConfig, CWinError::GetText(code),
+                        code == WSAEINVAL ? _T(" (is the host known?)") : _T(""));
+            Fail(code, text);
+            return false;
+        }
+        if (listener.bReady)
+        {
+            std::printf("READY %s\n", kvx::ToUtf8(listener.GetReadyText()).c_str());
+            std::fflush(stdout);
+        }
+        bAllReady = bAllReady && listener.bReady;
+    }
+    return true;
+}
+
+/// A client that dies at the wrong moment ends a listener on anonymous pipes: such a one begins again.
+bool Service::AreAlive()
+{
+    for (Listener const & listener : m_listeners)
+    {
+        if (!listener.bReady || listener.pListener->IsListening())
+        {
+            continue;
+        }
+        DWORD code = ERROR_OPERATION_ABORTED;
+        if (dynamic_cast<CMsgPipeListener *>(listener.pListener))
+        {
+            LogWarning(_T("The listener '%s' has ended and begins again"), listener.strConfig);
+            listener.pListener->StopListener();
+            if (listener.pListener->CMsgListener::StartListener() && listener.pListener->WaitUntilListening(LOOK))
+            {
+                continue;
+            }
+            code = GetLastError();
+        }
+        Fail(code, _T("the listener '") + listener.strConfig + _T("' has ended: it can accept no more clients"));
+        return false;
+    }
+    return true;
+}
+
+int Service::Run()
+{
+    if (!Start())
+    {
+        return 1;
+    }
+    for (bool bAllReady = false; !kvx::WaitForEndSignal(bAllReady ? LOOK : 0);)
+    {
+        if ((!bAllReady && !AwaitReady(START_LOOK, bAllReady)) || !AreAlive())
+        {
+            return 1;
         }
     }
     LogInfo(_T("Asked to end"));
@@ -141,11 +286,6 @@ int Serve(CMsgListener * listener, CString const & config)
 
 int RunServe(ServeOptions const & options)
 {
-    CString const config = kvx::FromUtf8(options.strListener);
-    if (CString const problem = CheckConfiguration(config); !problem.IsEmpty())
-    {
-        return Fail(ERROR_INVALID_PARAMETER, problem);
-    }
     if (!OpenLog(options))
     {
         return 1;
@@ -154,19 +294,20 @@ int RunServe(ServeOptions const & options)
     {
         return Fail(GetLastError(), CWinError::GetLastErrorText());
     }
-    HostProviders host;
-    CMsgDispatcher * const dispatcher = CMsgDispatcher::GetInstance();
-    CMsgListener * const listener = dispatcher->RegisterListener(_T(""), config, 1);
-    if (!listener)
-    {
-        return Fail(ERROR_INVALID_PARAMETER, _T("no listener for '") + config + _T("'"));
-    }
-    int const status = Serve(listener, config);
-    host.Stop(); // sleepers would hold up their sessions
-    listener->StopListener();
-    CMsgListener::SetEventProc(nullptr, nullptr);
-    dispatcher->ShutDownNotificationQueue(1);
-    return status;
+    Service service;
+    bool const bGood =
+        std::ranges::all_of(options.providers, [&](auto const & text) { return service.Mount(text); }) &&
+        std::ranges::all_of(options.listeners, [&](auto const & text) { return service.Listen(kvx::FromUtf8(text)); });
+    return bGood ? service.Run() : 1;
+}
+
+std::string CheckMount(std::string const & word)
+{
+    auto const equals = word.find('=');
+    std::string const path = word.substr(0, equals);
+    bool const bPath = !path.empty() && path.front() != '.' && path.back() != '.' && path.find("..") == path.npos;
+    return bPath && equals != word.npos && equals + 1 < word.size() ? std::string()
+                                                                    : "'" + word + "' is no PATH=CONNECTION";
 }
 } // namespace
 
@@ -174,10 +315,23 @@ void AddServeCommand(CLI::App & app, Run & run)
 {
     auto const options = std::make_shared<ServeOptions>();
     CLI::App * const command = app.add_subcommand("serve", "Serve the commands below 'host' until SIGINT or SIGTERM");
-    command->add_option("LISTENER", options->strListener, "tcp:HOST:PORT; port 0 takes a free one")->required();
+    command->add_option("LISTENER", options->listeners, "Where clients connect: one or more, see below")->required();
+    command
+        ->add_option("--provider", options->providers,
+                     "Have commands below PATH served by CONNECTION; may be given again")
+        ->type_name("PATH=CONNECTION")
+        ->allow_extra_args(false)
+        ->check(&CheckMount);
     command->add_option("--log", options->strLog, "Append the log to this file");
     command->add_flag("--verbose", options->bVerbose, "Log each request, and show the log on stderr");
-    command->footer("Prints 'READY LISTENER' once it accepts clients.\n"
+    command->footer("Prints 'READY LISTENER' for each listener once it accepts clients.\n"
+                    "\n"
+                    "Listeners:\n"
+                    "  tcp:HOST:PORT                          port 0 takes a free one\n"
+                    "  nt_pipe:NAME, local_pipe:NAME          a named pipe of this machine\n"
+                    "  local_apipe:NAME                       such a pipe with texts of one byte a character\n"
+                    "  9x_pipe:NAME                           anonymous pipes, found through the registry\n"
+                    "  event:EVENT;LISTENER                   begins when that event, if there is one, is set\n"
                     "\n"
                     "Commands:\n"
                     "  host.info.get                          the machine, this process and the library\n"
@@ -188,9 +342,17 @@ void AddServeCommand(CLI::App & app, Run & run)
                     "  host.count [add=]                      adds to a counter, and answers it\n"
                     "  host.sleep ms=                         answers after that time\n"
                     "  host.fail code= [text=]                answers with that error\n"
+                    "  host.subscribe events=                 host.tick each second, host.log for each line of "
+                    "the log: see kvx watch\n"
                     "\n"
                     "Examples:\n"
-                    "  kvx serve tcp:127.0.0.1:4100\n"
-                    "  kvx serve tcp:0.0.0.0:0 --log kvx.log --verbose");
+                    "  kvx serve tcp:127.0.0.1:4100 nt_pipe:kvx\n"
+                    "  kvx serve tcp:0.0.0.0:0 --log kvx.log --verbose\n"
+                    "  kvx serve nt_pipe:hop --provider far=forward:relay:tcp:127.0.0.1:4100\n"
+                    "  kvx call nt_pipe:hop far.host.info.get\n"
+                    "\n" +
+                    std::string(CONNECTION_HELP) +
+                    "\n"
+                    "A mounted connection gets commands whole; forward: takes the first word of PATH off.");
     command->callback([&run, options] { run = [options] { return RunServe(*options); }; });
 }

@@ -50,7 +50,7 @@ int main(int argc, char ** argv)
     std::ranges::reverse(words); // as the parser takes them
 
     Run run;
-    CLI::App app("Serves, calls and measures KVXBase5 services.", "kvx");
+    CLI::App app("Serves, calls, watches and measures KVXBase5 services, and edits the registry.", "kvx");
     app.set_version_flag("--version", "kvx " KVX_PROGRAM_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1);
@@ -58,13 +58,16 @@ int main(int argc, char ** argv)
         "Examples:\n"
         "  kvx serve tcp:127.0.0.1:4100\n"
         "  kvx call tcp:127.0.0.1:4100 host.files.list path=/usr/include pattern='*.h' limit=10\n"
+        "  kvx watch tcp:127.0.0.1:4100 host.tick,host.log\n"
         "  kvx bench tcp:127.0.0.1:4100 host.echo text=hello --count 10000 --clients 4\n"
         "\n"
         "Exit status: 0, 1 if the call or the connection failed (error CODE: TEXT on stderr), 2 for wrong usage.\n"
         "kvx COMMAND --help tells more.");
     AddServeCommand(app, run);
     AddCallCommand(app, run);
+    AddWatchCommand(app, run);
     AddBenchCommand(app, run);
+    AddRegCommand(app, run);
     try
     {
         app.parse(words);

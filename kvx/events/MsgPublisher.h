@@ -63,4 +63,5 @@ private:
     CCriticalSection m_linksLock;
 
     CSubscription * LookupSubscription(CMsgConnection * connection) const;
+    void UnregisterKey(INT_PTR key);
 };

@@ -16,16 +16,25 @@ void CDictionaryTree::Copy(CDictionaryTree const & other)
         return;
     }
     RemoveAll();
-    m_strName = other.m_strName;
-    CString key;
-    CDictionaryTree * child = nullptr;
-    for (POSITION pos = other.GetStartChildPosition(); pos;)
+    // Without recursion, here and in RemoveAll: a path may be as long as a text.
+    std::vector<std::pair<CDictionaryTree const *, CDictionaryTree *>> left{{&other, this}};
+    while (!left.empty())
     {
-        other.GetNextChild(pos, key, child);
-        m_children.SetAt(key, new CDictionaryTree(*child));
+        auto const [from, to] = left.back();
+        left.pop_back();
+        to->m_strName = from->m_strName;
+        to->m_strSeparator = from->m_strSeparator;
+        to->m_values = from->m_values;
+        CString key;
+        CDictionaryTree * child = nullptr;
+        for (POSITION pos = from->GetStartChildPosition(); pos;)
+        {
+            from->GetNextChild(pos, key, child);
+            CObject *& copy = to->m_children[key];
+            copy = new CDictionaryTree;
+            left.emplace_back(child, static_cast<CDictionaryTree *>(copy));
+        }
     }
-    m_values = other.m_values;
-    m_strSeparator = other.m_strSeparator;
 }
 
 CDictionaryTree * CDictionaryTree::CreateChild(LPCTSTR path)
@@ -111,12 +120,26 @@ CDictionary CDictionaryTree::operator[](LPCTSTR path) const
 
 void CDictionaryTree::RemoveAll()
 {
+    std::vector<CDictionaryTree *> left;
+    TakeChildren(left);
+    while (!left.empty())
+    {
+        CDictionaryTree * const node = left.back();
+        left.pop_back();
+        node->TakeChildren(left);
+        delete node;
+    }
+}
+
+/// Hands the children over.
+void CDictionaryTree::TakeChildren(std::vector<CDictionaryTree *> & nodes)
+{
     CString key;
-    CObject * child = nullptr;
+    CDictionaryTree * child = nullptr;
     for (POSITION pos = m_children.GetStartPosition(); pos;)
     {
-        m_children.GetNextAssoc(pos, key, child);
-        delete child;
+        GetNextChild(pos, key, child);
+        nodes.push_back(child);
     }
     m_children.RemoveAll();
 }

@@ -4,6 +4,8 @@
 
 #include "kvx/foundation/Dictionary.h"
 
+#include <vector>
+
 class CStringTokenizer;
 
 /// Each node owns its children and a dictionary of values. A path is resolved from the node on which the call is made
@@ -80,4 +82,5 @@ private:
     bool m_bTaken = false; // while loading: it has a parent, or is being loaded
 
     void LoadChild(CArchive & archive);
+    void TakeChildren(std::vector<CDictionaryTree *> & nodes);
 };

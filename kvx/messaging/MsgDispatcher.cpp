@@ -21,6 +21,7 @@
 namespace
 {
 constexpr int NOTIFY_THREADS = 3;
+constexpr int CONFIG_DEPTH_MAX = 100;
 
 /// The look-up of the named queues holds objects.
 class CNamedQueue : public CObject
@@ -215,6 +216,18 @@ CMsgProvider * CMsgDispatcher::CreateProvider(LPCTSTR config)
         LogError(_T("Unknown provider type '%s'"), type);
         return nullptr;
     }
+    // A configuration in a configuration in ...: a text from outside may not decide how deep the stack goes.
+    thread_local int s_nDepth = 0;
+    if (s_nDepth >= CONFIG_DEPTH_MAX)
+    {
+        LogError(_T("Cannot create provider: more than %d configurations in one"), CONFIG_DEPTH_MAX);
+        return nullptr;
+    }
+    struct Depth
+    {
+        Depth() { ++s_nDepth; }
+        ~Depth() { --s_nDepth; }
+    } const depth;
     return factory->CreateProvider(params);
 }
 

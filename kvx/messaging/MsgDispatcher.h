@@ -13,7 +13,7 @@ class CMsgProvider;
 /// Configuration strings: a provider configuration is `type:params`; a listener configuration is the same, with at most
 /// one further token `event:name;` in front of it. Type names are case-sensitive. The params of "tcp" are
 /// `address:port@seconds.microseconds`, the last two parts optional; those of "inproc" are `module@provider`; those of
-/// "forward" and "relay" are another provider configuration.
+/// "forward" and "relay" are another provider configuration, up to a depth of 100.
 ///
 /// Threads: Service and Notify may be called by any thread. Factories and providers are registered at start-up.
 class KVX_API CMsgDispatcher
@@ -45,7 +45,8 @@ public:
 
     CMsgTarget * GetRootTarget() const { return m_pRoot; }
     CMsgTarget * LookupTarget(LPCTSTR path) { return m_pRoot->LookupTarget(path); }
-    int DeleteTarget(LPCTSTR path) { return m_pRoot->DeleteTarget(path); }
+    /// May be called by the destructor of a provider, also while Terminate takes the tree down: 0 then.
+    int DeleteTarget(LPCTSTR path) { return m_pRoot ? m_pRoot->DeleteTarget(path) : 0; }
 
     /// 0 for null or a provider that is there already; with `start`, the result of its StartProvider.
     int RegisterProvider(LPCTSTR path, CMsgProvider * provider, int start);

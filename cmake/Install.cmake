@@ -18,7 +18,16 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KVXBase5Config.cmake.i
                               PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/KVXBase5ConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/KVXBase5Config.cmake ${PROJECT_BINARY_DIR}/KVXBase5ConfigVersion.cmake
+              ${PROJECT_SOURCE_DIR}/cmake/KvxResources.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KVXBase5)
 
+# Everything in the pkg-config file is relative to where it lies, for an installation that is moved.
+file(RELATIVE_PATH kvx_pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" kvx_pc_to_prefix "${kvx_pc_to_prefix}")
+if(WIN32)
+    set(kvx_pc_private "-lws2_32 -lshell32 -lshlwapi -ladvapi32")
+else()
+    set(kvx_pc_private "-lsqlite3 -ldl")
+endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/kvxbase5.pc.in ${PROJECT_BINARY_DIR}/kvxbase5.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kvxbase5.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

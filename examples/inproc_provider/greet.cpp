@@ -30,5 +30,7 @@ int main()
     {
         std::puts(kvx::ToUtf8(request.GetResponse().GetErrorText()).c_str());
     }
-    return dispatcher.UnregisterProvider(_T("greeter"), config) ? 0 : 1;
+    dispatcher.UnregisterProvider(_T("greeter"), config);
+    std::puts(GetModuleHandleW(_T("example_greeter")) ? "The module is still here." : "The module is unloaded.");
+    return 0;
 }

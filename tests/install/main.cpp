@@ -1,8 +1,15 @@
 #include "kvx/kvx.h"
 
-// Serves itself a request; the exit status tells whether the answer came.
+// Serves itself a request; the exit status tells whether the answer came, and whether the resource is there.
 int main()
 {
+#ifndef WITHOUT_RESOURCE
+    CStringA project;
+    if (!CUtilities::LoadResource(project, _T("project"), _T("TEXT"), nullptr) || project.Find("project(Foreign") < 0)
+    {
+        return 2;
+    }
+#endif
     CMsgDispatcher::GetInstance()->RegisterProvider(
         _T("foreign.twice"),
         [](CMsgRequest & request, void *)

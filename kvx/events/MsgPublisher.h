@@ -11,7 +11,8 @@ class CMsgConnection;
 class CMsgPublication;
 
 /// An application's handler of a subscribing command calls RegisterSubscription. Publishing is serving a request: its
-/// whole command is the name of the publication, and all who subscribed to that name get the request.
+/// whole command is the name of the publication, and all who subscribed to that name get the request. The connection
+/// must be the subscriber's own: see CMsgRelayProvider.
 ///
 /// Threads: any number may publish and subscribe at once. The publisher's lock comes before a publication's. See
 /// CMsgPublication for what a subscriber that stops reading does to those who publish.

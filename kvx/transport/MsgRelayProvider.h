@@ -7,6 +7,8 @@
 
 /// A request that a listener read is pinned to its client's connection, on which any other connection provider would
 /// send it back. A relay uses its own, whatever the request carries.
+///
+/// A subscription doesn't pass a relay: the publisher would take over the relay's connection, not the subscriber's.
 class KVX_API CMsgRelayProvider : public CMsgConnectionProvider
 {
 public:

@@ -36,6 +36,9 @@ public:
     virtual void SetTarget(CMsgTarget * target);
     /// The new reference count; at 0 the provider is gone.
     virtual DWORD DetachTarget();
+    /// The target is about to delete all that is below it, and then detaches this provider. For one that serves from
+    /// threads of its own: none of them may go down the tree any more when this returns.
+    virtual void TargetEnding() {}
     /// Serves the request and fills its response. May throw anything: the tree catches it and sets the response.
     virtual void Service(CMsgRequest & request);
     /// Called when the provider has got its target: the place to add message map entries.

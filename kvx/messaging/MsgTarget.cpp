@@ -81,6 +81,10 @@ CMsgTarget::CMsgTarget(CMsgTarget * parent, CString const & name) : m_pParent(pa
 
 CMsgTarget::~CMsgTarget()
 {
+    for (POSITION pos = m_providers.GetHeadPosition(); pos;)
+    {
+        static_cast<CMsgProvider *>(m_providers.GetNext(pos))->TargetEnding();
+    }
     PerformAutoDelete(nullptr, 0);
     while (!m_providers.IsEmpty())
     {

@@ -256,6 +256,12 @@ int CThreadQueue::IsStopped() const
     return m_bStopped;
 }
 
+int CThreadQueue::IsServiceThread() const
+{
+    CSingleLock guard(*this, TRUE);
+    return std::ranges::find(m_threadIds, GetCurrentThreadId()) != m_threadIds.end();
+}
+
 int CThreadQueue::GetObjectCount() const
 {
     CSingleLock guard(*this, TRUE);

@@ -39,6 +39,8 @@ public:
     int WaitForIdle(DWORD timeout);
     int IsIdle() { return WaitForIdle(0); }
     int IsStopped() const;
+    /// Whether the calling thread is one that serves this queue.
+    int IsServiceThread() const;
     int GetObjectCount() const;
     CString GetName() const;
 

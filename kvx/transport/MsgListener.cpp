@@ -7,6 +7,7 @@
 #include "kvx/transport/MsgConnection.h"
 #include "kvx/transport/MsgListenerSession.h"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -94,7 +95,14 @@ int CMsgListener::StopListener()
         return 1;
     }
     m_bStopping = true;
-    WaitForThreads(m_nStopTimeout);
+    DWORD const start = GetTickCount();
+    // A one-way request may itself be what stops the listener: that one isn't waited for.
+    if (WaitForThreads(m_nStopTimeout) && !m_notifyQueue.IsServiceThread() && !CThreadPool::IsTerminated())
+    {
+        DWORD const passed = GetTickCount() - start;
+        m_notifyQueue.WaitForIdle(m_nStopTimeout == INFINITE ? INFINITE
+                                                             : m_nStopTimeout - std::min(m_nStopTimeout, passed));
+    }
     return 1;
 }
 

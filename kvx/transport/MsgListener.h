@@ -51,14 +51,17 @@ public:
 
     void SetTarget(CMsgTarget * target) override;
     DWORD DetachTarget() override;
+    /// Ends the listener for good: as StopListener, but whatever is in service is waited for beyond the stop time-out,
+    /// and one-way requests that are unserved by then are dropped.
+    void TargetEnding() override { EndListener(); }
     /// Does nothing: requests reach a listener's target through its sessions.
     void Service(CMsgRequest &) override {}
     void RegisterProviderMap() override {}
 
     /// 0 if no thread could be had. The listening itself begins on that thread: see WaitUntilListening.
     virtual int StartListener();
-    /// Stops accepting, drops all clients and waits for their sessions, within the stop time-out. 0 while the library
-    /// shuts down, and then nothing is touched.
+    /// Stops accepting, drops all clients, and waits for their sessions and for the one-way requests that came in,
+    /// within the stop time-out. 0 while the library shuts down, and then nothing is touched.
     virtual int StopListener();
     /// Waits until the listener accepts clients or has failed to: 1, or 0 with the reason as the thread's last error.
     virtual int WaitUntilListening(DWORD timeout);

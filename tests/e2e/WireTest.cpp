@@ -6,7 +6,11 @@ namespace
 {
 constexpr std::uint32_t LARGE = 0x7FFFFFFF;
 constexpr std::uint32_t LARGEST = 0xFFFFFFFF;
-constexpr long MEMORY_MAX = 200; // MB; a sanitizer needs most of it
+#ifdef __SANITIZE_ADDRESS__
+constexpr long MEMORY_MAX = 200 + 256; // MB: what is freed stays in a quarantine
+#else
+constexpr long MEMORY_MAX = 200; // MB; ThreadSanitizer needs most of it
+#endif
 
 std::string Word(std::uint32_t word)
 {

@@ -196,6 +196,46 @@ TEST_F(Tcp, OneWayRequestsRunInOrderAndApart)
     EXPECT_TRUE(Call(other, _T("svc.echo")));
 }
 
+TEST_F(Tcp, OneWayRequestsEndBeforeWhatServesThem)
+{
+    // What has come in is served before the listener has stopped.
+    CMsgRequest request;
+    request.DiscardResults(1);
+    request[_T("ms")] = 100;
+    Call(request, _T("svc.sleep"));
+    request[_T("n")] = 1;
+    Call(request, _T("svc.note"));
+    CMsgRequest other;
+    EXPECT_TRUE(Call(other, _T("svc.echo"))); // on the same connection: the others have been read
+    m_pListener->StopListener();
+    EXPECT_EQ(m_pProvider->GetNotes(), std::vector<int>{1});
+
+    // A tree that goes with the listener still at work waits for it.
+    auto * const provider = new CTestProvider;
+    provider->AddRef();
+    CMsgDispatcher::GetInstance()->RegisterProvider(_T("gone.svc"), provider, 0);
+    auto * const listener = static_cast<CMsgTCPListener *>(
+        CMsgDispatcher::GetInstance()->RegisterListener(_T("gone"), _T("tcp:127.0.0.1:0"), 1));
+    ASSERT_TRUE(listener->WaitUntilListening(PATIENCE));
+    CString params;
+    params.Format(_T("127.0.0.1:%u"), listener->GetListeningPort());
+    kvx::RefPtr<CMsgProvider> const client(CMsgTCPFactory().CreateProvider(params));
+    request[_T("ms")] = 1;
+    for (int i = 0; i < 100; ++i)
+    {
+        request.SetCommand(i % 2 == 0 ? _T("gone.svc.sleep") : _T("gone.svc.note"));
+        client->Service(request);
+    }
+    other.SetCommand(_T("gone.svc.echo"));
+    client->Service(other);
+    EXPECT_TRUE(other.GetResponse().Succeeded());
+    CMsgDispatcher::GetInstance()->DeleteTarget(_T("gone"));
+    EXPECT_EQ(provider->GetNotes().size(), 50U);
+    client->Service(other);
+    EXPECT_FALSE(other.GetResponse().Succeeded());
+    provider->Release(1);
+}
+
 TEST_F(Tcp, ConnectionsAreKeptUnlessTheRequestSaysNo)
 {
     static std::atomic<int> s_released{0};

@@ -78,7 +78,8 @@ std::optional<std::u16string> ToName(std::string_view bytes, std::size_t nLonges
     if (bytes.size() % 2 != 0 || bytes.size() / 2 > nLongest)
         return {};
     std::u16string strName(bytes.size() / 2, u'\0');
-    std::memcpy(strName.data(), bytes.data(), bytes.size());
+    if (!bytes.empty())
+        std::memcpy(strName.data(), bytes.data(), bytes.size());
     return strName;
 }
 

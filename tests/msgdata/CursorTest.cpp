@@ -141,7 +141,8 @@ TEST(Cursor, AssigningLeavesOtherHoldersTheirRows)
     rows = rows.CurrentRowSet(); // the one that would go
     EXPECT_EQ(rows.GetRowSetName(), _T("new"));
     rows = other;
-    rows = rows;
+    CMsgCursor const & same = rows;
+    rows = same;
     EXPECT_EQ(rows.GetRowSets(), other.GetRowSets());
     CMsgCursor none(static_cast<CMsgMultipleRowSets *>(nullptr));
     none.AssignRowSet(new CMsgRowSet(_T("x")));

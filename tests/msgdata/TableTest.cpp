@@ -41,8 +41,10 @@ TEST(Table, CellsComeIntoBeingWhenTouched)
     EXPECT_EQ(table.GetRowData(Row(1)).GetSize(), 2);
     EXPECT_EQ(table.AddColumn(_T("a")), 2);
     EXPECT_EQ(table.GetColumnOrdinal(_T("A")), -1);
-    for (auto const & [number, ordinal] : {std::pair(3, 0), std::pair(-1, 0), std::pair(1, 2), std::pair(1, -1)})
+    for (auto const & place : {std::pair(3, 0), std::pair(-1, 0), std::pair(1, 2), std::pair(1, -1)})
     {
+        int const number = place.first; // a lambda can't capture a structured binding everywhere
+        int const ordinal = place.second;
         EXPECT_TRUE(Raises<CInvalidArgException>([&] { table.SetData(Row(number), ordinal, 1); }));
         EXPECT_TRUE(Raises<CInvalidArgException>([&] { (void)constant.GetData(Row(number), ordinal); }));
     }

@@ -23,19 +23,24 @@ POSITION CSortedTree::Insert(CSortable * element, int allowDuplicates)
             return nullptr;
         }
     }
+    return AddNode(element, parent, !parent ? m_pRoot : order < 0 ? parent->pLeft : parent->pRight);
+}
+
+POSITION CSortedTree::InsertLast(CSortable * element)
+{
+    CNode * parent = nullptr;
+    for (CNode * node = m_pRoot; node != m_pNil; node = node->pRight)
+    {
+        parent = node;
+    }
+    return AddNode(element, parent, parent ? parent->pRight : m_pRoot);
+}
+
+/// `slot` is the place below `parent`.
+POSITION CSortedTree::AddNode(CSortable * element, CNode * parent, CNode *& slot)
+{
     auto * const node = new CNode{m_pNil, m_pNil, parent, RED, element};
-    if (!parent)
-    {
-        m_pRoot = node;
-    }
-    else if (order < 0)
-    {
-        parent->pLeft = node;
-    }
-    else
-    {
-        parent->pRight = node;
-    }
+    slot = node;
     InsertFixup(node);
     ++m_nCount;
     return ToPosition(node);

@@ -30,6 +30,8 @@ public:
 
     /// Null if the element was refused as a duplicate.
     POSITION Insert(CSortable * element, int allowDuplicates);
+    /// For an element of which the caller knows that no other comes behind it: compares nothing.
+    POSITION InsertLast(CSortable * element);
     POSITION Find(CSortable const & key) const { return Find(&key); }
     POSITION Find(CSortable const * key) const;
     CSortable * Lookup(CSortable const & key) const { return GetAt(Find(&key)); }
@@ -69,6 +71,7 @@ private:
     static POSITION ToPosition(CNode * node) { return reinterpret_cast<POSITION>(node); }
     static CNode * ToNode(POSITION pos) { return reinterpret_cast<CNode *>(pos); }
 
+    POSITION AddNode(CSortable * element, CNode * parent, CNode *& slot);
     CNode * Leftmost(CNode * node) const;
     CNode * Successor(CNode * node) const;
     void Rotate(CNode * node, CNode * CNode::*down, CNode * CNode::*up);

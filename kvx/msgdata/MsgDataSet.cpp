@@ -2,7 +2,10 @@
 
 #include "kvx/transport/MsgStream.h"
 
+#include <algorithm>
 #include <limits>
+#include <memory>
+#include <span>
 
 namespace
 {
@@ -31,11 +34,24 @@ public:
         return m_nNumber < number ? -1 : m_nNumber > number;
     }
 
-    bool Has(int index) const { return (m_nPresent >> index & 1) != 0; }
-    void Mark(int index) { m_nPresent |= 1u << index; }
+    bool IsEmpty() const
+    {
+        return std::ranges::all_of(m_cells, [](CStringValue const & cell) { return cell.IsEmpty(); });
+    }
+    /// The cells of the other block, which it loses, replace those here.
+    void TakeCells(CDataBlock & other)
+    {
+        for (std::size_t i = 0; i < m_cells.size(); ++i)
+        {
+            if (!other.m_cells[i].IsEmpty())
+            {
+                m_cells[i] = other.m_cells[i];
+                other.m_cells[i].Empty();
+            }
+        }
+    }
 
     int m_nNumber;
-    std::uint32_t m_nPresent = 0;
     std::array<CStringValue, BLOCK_ROWS> m_cells;
 };
 
@@ -49,7 +65,7 @@ CMsgDataSet::CMsgDataSet(LONG & rowCount, int ordinal, CMsgDataSet const & other
 {
     for (POSITION pos = other.m_blocks.GetStartPosition(); pos;)
     {
-        m_blocks.Insert(new CDataBlock(*static_cast<CDataBlock *>(other.m_blocks.GetNext(pos))), 1);
+        AddBlock(new CDataBlock(*static_cast<CDataBlock *>(other.m_blocks.GetNext(pos))));
     }
 }
 
@@ -69,7 +85,7 @@ CMsgDataSet::~CMsgDataSet()
 
 CMsgDataSet::CDataBlock * CMsgDataSet::FindBlock(int number) const
 {
-    if (m_blocks.IsEmpty())
+    if (number > m_nHighest)
     {
         return nullptr;
     }
@@ -86,18 +102,29 @@ CMsgDataSet::CDataBlock * CMsgDataSet::FindBlock(int number) const
     return static_cast<CDataBlock *>(m_blocks.Lookup(Key(number)));
 }
 
-CMsgDataSet::CDataBlock & CMsgDataSet::GetBlock(int number)
+void CMsgDataSet::AddBlock(CDataBlock * block)
 {
-    if (!m_pLast || m_pLast->m_nNumber != number)
+    if (block->m_nNumber > m_nHighest)
     {
-        m_pLast = FindBlock(number);
-        if (!m_pLast)
-        {
-            m_pLast = new CDataBlock(number);
-            m_blocks.Insert(m_pLast, 1);
-        }
+        m_nHighest = block->m_nNumber;
+        m_blocks.InsertLast(block);
     }
-    return *m_pLast;
+    else
+    {
+        m_blocks.Insert(block, 1);
+    }
+}
+
+CMsgDataSet::CDataBlock & CMsgDataSet::FindOrAddBlock(int number)
+{
+    CDataBlock * block = FindBlock(number);
+    if (!block)
+    {
+        block = new CDataBlock(number);
+        AddBlock(block);
+    }
+    m_pLast = block;
+    return *block;
 }
 
 CStringValue & CMsgDataSet::GetData(POSITION & pos)
@@ -107,8 +134,8 @@ CStringValue & CMsgDataSet::GetData(POSITION & pos)
         pos = reinterpret_cast<POSITION>(INT_PTR{1});
     }
     int const index = RowIndex(pos);
-    CDataBlock & block = GetBlock(index / BLOCK_ROWS);
-    block.Mark(index % BLOCK_ROWS);
+    int const number = index / BLOCK_ROWS;
+    CDataBlock & block = m_pLast && m_pLast->m_nNumber == number ? *m_pLast : FindOrAddBlock(number);
     if (index >= m_rowCount)
     {
         m_rowCount = index + 1;
@@ -135,18 +162,30 @@ int CMsgDataSet::Read(CMsgStream & stream)
         SetLastError(ERROR_INVALID_DATA);
         return 0;
     }
-    CString text;
-    for (DWORD index = 0; index < count; ++index)
+    std::unique_ptr<CDataBlock> block;
+    for (DWORD index = 0; index < count; index += BLOCK_ROWS)
     {
-        if (!stream.Read(text))
+        if (!block)
+        {
+            block = std::make_unique<CDataBlock>(0);
+        }
+        block->m_nNumber = static_cast<int>(index / BLOCK_ROWS);
+        auto const cells = std::span(block->m_cells).first(std::min<std::size_t>(count - index, BLOCK_ROWS));
+        if (!stream.ReadTexts(cells))
         {
             return 0;
         }
-        if (!text.IsEmpty())
+        if (block->IsEmpty())
         {
-            CDataBlock & block = GetBlock(static_cast<int>(index / BLOCK_ROWS));
-            block.Mark(static_cast<int>(index % BLOCK_ROWS));
-            block.m_cells[index % BLOCK_ROWS] = std::move(text);
+            continue; // serves for the next rows
+        }
+        if (CDataBlock * const known = FindBlock(block->m_nNumber))
+        {
+            known->TakeCells(*block);
+        }
+        else
+        {
+            AddBlock(block.release());
         }
     }
     return 1;
@@ -158,20 +197,22 @@ int CMsgDataSet::Write(CMsgStream & stream) const
     {
         return 0;
     }
+    static std::array<CStringValue, BLOCK_ROWS> const NONE; // for a block that doesn't exist
     POSITION next = m_blocks.GetStartPosition();
     CDataBlock const * block = static_cast<CDataBlock *>(m_blocks.GetNext(next));
-    for (LONG index = 0; index < m_rowCount; ++index)
+    for (LONG index = 0; index < m_rowCount;)
     {
         while (block && block->m_nNumber < index / BLOCK_ROWS)
         {
             block = static_cast<CDataBlock *>(m_blocks.GetNext(next));
         }
+        LONG const run = std::min(m_rowCount - index, LONG{BLOCK_ROWS});
         bool const bHere = block && block->m_nNumber == index / BLOCK_ROWS;
-        CString const & text = bHere ? block->m_cells[static_cast<std::size_t>(index % BLOCK_ROWS)] : EMPTY_DATA;
-        if (!stream.Write(text))
+        if (!stream.WriteTexts(std::span(bHere ? block->m_cells : NONE).first(static_cast<std::size_t>(run))))
         {
             return 0;
         }
+        index += run;
     }
     return 1;
 }

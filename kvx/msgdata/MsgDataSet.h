@@ -5,9 +5,6 @@
 #include "kvx/foundation/SortedTree.h"
 #include "kvx/foundation/StringValue.h"
 
-#include <array>
-#include <cstdint>
-
 class CMsgStream;
 
 /// Rows are numbered from 1, and a cell comes into being when it is first asked for. Cells lie in blocks of
@@ -51,8 +48,10 @@ private:
     CSortedTree m_blocks;
     int m_nOrdinal;
     LONG & m_rowCount;
+    int m_nHighest = -1;            // of the blocks' numbers
     CDataBlock * m_pLast = nullptr; // the block that was used last: most access is to neighbours
 
     CDataBlock * FindBlock(int number) const;
-    CDataBlock & GetBlock(int number);
+    CDataBlock & FindOrAddBlock(int number);
+    void AddBlock(CDataBlock * block);
 };

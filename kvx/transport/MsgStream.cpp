@@ -85,9 +85,15 @@ int CMsgStream::Read(LONG & word)
 
 int CMsgStream::Write(DWORD word)
 {
+    if (sizeof(DWORD) <= static_cast<std::size_t>(m_pWriteEnd - m_pWriteNext))
+    {
+        StoreWord(m_pWriteNext, word);
+        m_pWriteNext += sizeof(DWORD);
+        return 1;
+    }
     std::array<BYTE, sizeof(DWORD)> bytes;
     StoreWord(bytes.data(), word);
-    return WriteBytes(bytes.data(), sizeof(bytes));
+    return WriteData(bytes.data(), sizeof(bytes));
 }
 
 int CMsgStream::Read(CString & text)
@@ -120,6 +126,69 @@ int CMsgStream::Read(CString & text)
     if (compact)
     {
         compact->Add(text);
+    }
+    return 1;
+}
+
+/// The frequent case of Read: wide text, or a reference to one, that lies in the buffer as a whole. False for anything
+/// else, and then nothing is read.
+inline bool CMsgStream::ReadTextInPlace(CString & text)
+{
+    auto const available = static_cast<std::size_t>(m_pReadEnd - m_pReadNext);
+    if (available < sizeof(DWORD))
+    {
+        return false;
+    }
+    DWORD const length = LoadWord(m_pReadNext);
+    CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed);
+    if (length & BACK_REFERENCE)
+    {
+        if (!compact || !compact->Share(length & ~BACK_REFERENCE, text))
+        {
+            return false;
+        }
+        m_pReadNext += sizeof(DWORD);
+        return true;
+    }
+    std::size_t const bytes = std::size_t{length} * sizeof(WCHAR);
+    if (length == 0 || bytes > available - sizeof(DWORD) || !m_bUnicode)
+    {
+        return false;
+    }
+    if (compact)
+    {
+        compact->AddAndShare(m_pReadNext + sizeof(DWORD), length, text);
+    }
+    else
+    {
+        kvx::TextReferences::Fill(text, m_pReadNext + sizeof(DWORD), length);
+    }
+    m_pReadNext += sizeof(DWORD) + bytes;
+    return true;
+}
+
+int CMsgStream::ReadTexts(std::span<CStringValue> texts)
+{
+    for (CStringValue & text : texts)
+    {
+        if (!ReadTextInPlace(text) && !Read(text))
+        {
+            return 0;
+        }
+    }
+    return 1;
+}
+
+int CMsgStream::WriteTexts(std::span<CStringValue const> texts)
+{
+    for (CStringValue const & text : texts)
+    {
+        CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed);
+        int const known = compact ? compact->FindOrAdd(text) : -1;
+        if (!(known < 0 ? WriteText(text) : Write(static_cast<DWORD>(known) | BACK_REFERENCE)))
+        {
+            return 0;
+        }
     }
     return 1;
 }
@@ -173,6 +242,11 @@ int CMsgStream::Write(CString const & text)
             return Write(static_cast<DWORD>(known) | BACK_REFERENCE);
         }
     }
+    return WriteText(text);
+}
+
+int CMsgStream::WriteText(CString const & text)
+{
     auto const length = static_cast<DWORD>(text.GetLength());
     if (m_bUnicode)
     {

@@ -4,10 +4,12 @@
 /// docs/wire-protocol.md shows what goes over the wire.
 
 #include "kvx/foundation/ObCache.h"
+#include "kvx/foundation/StringValue.h"
 #include "kvx/platform/mfc/Afx.h"
 
 #include <array>
 #include <atomic>
+#include <span>
 #include <vector>
 
 /// Words and texts over two operations of a subclass that move raw bytes.
@@ -46,6 +48,9 @@ public:
     int Write(DWORD word);
     int Write(CString const & text);
     int Write(void const * buffer, DWORD count) { return count == 0 ? 1 : WriteBytes(buffer, count); }
+    /// A run of texts, each as above, in one go. Those that are read into must be empty.
+    int ReadTexts(std::span<CStringValue> texts);
+    int WriteTexts(std::span<CStringValue const> texts);
 
     /// Turns compaction on, or empties the table.
     void EnableCompact();
@@ -78,9 +83,11 @@ private:
     void ReleaseCompact();
 
     int ReadBytes(void * buffer, DWORD count);
+    bool ReadTextInPlace(CString & text);
     int WriteBytes(void const * buffer, DWORD count);
     int ReadWideText(CString & text, DWORD length);
     int ReadNarrowText(CString & text, DWORD length);
+    int WriteText(CString const & text);
 };
 
 /// Bounds one message on a stream: the compaction table is emptied at its end.
@@ -132,6 +139,11 @@ public:
         return true;
     }
     void Add(CString const & text) { m_texts.push_back(text); }
+    /// Adds a text of that many characters, which may lie at any address, and fills an empty one with it.
+    void AddAndShare(void const * characters, std::size_t length, CString & text)
+    {
+        kvx::TextReferences::Fill(m_texts.emplace_back(), text, characters, length);
+    }
     void Reset();
     ~CCompactInfo() override { Reset(); }
 

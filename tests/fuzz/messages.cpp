@@ -3,47 +3,15 @@
 
 #include "kvx/messaging/MsgRequest.h"
 #include "kvx/msgdata/MsgMultipleRowSets.h"
-#include "kvx/transport/MsgStream.h"
+#include "tests/transport/MemoryStream.h"
 
-#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
-#include <span>
-#include <vector>
 
 namespace
 {
 constexpr std::uint64_t MAX_CELLS = 1 << 20;
-
-class CBytesStream : public CMsgStream
-{
-public:
-    explicit CBytesStream(std::span<std::uint8_t const> bytes) : CMsgStream(1), m_bytes(bytes.begin(), bytes.end()) {}
-    ~CBytesStream() override { DeleteCompact(); }
-
-    int ReadData(void * buffer, DWORD count) override
-    {
-        if (count > m_bytes.size() - m_nPos)
-        {
-            SetLastError(WSAEDISCON);
-            return 0;
-        }
-        std::copy_n(m_bytes.begin() + static_cast<std::ptrdiff_t>(m_nPos), count, static_cast<std::uint8_t *>(buffer));
-        m_nPos += count;
-        return 1;
-    }
-    int WriteData(void const * buffer, DWORD count) override
-    {
-        auto const * const from = static_cast<std::uint8_t const *>(buffer);
-        m_bytes.insert(m_bytes.end(), from, from + count);
-        return 1;
-    }
-    std::vector<std::uint8_t> const & GetBytes() const { return m_bytes; }
-
-private:
-    std::vector<std::uint8_t> m_bytes;
-    std::size_t m_nPos = 0;
-};
 
 /// A few bytes may claim two billion empty rows, which would take long to write.
 bool IsLarge(CMsgMultipleRowSets const & rowSets)
@@ -64,8 +32,8 @@ bool IsLarge(CMsgMultipleRowSets const & rowSets)
 template <class MESSAGE>
 void RoundTrip(MESSAGE & message, bool bCompact)
 {
-    CBytesStream first({});
-    CBytesStream second({});
+    CMemoryStream first;
+    CMemoryStream second;
     if (bCompact)
     {
         first.EnableCompact();
@@ -76,7 +44,7 @@ void RoundTrip(MESSAGE & message, bool bCompact)
         std::abort();
     }
     MESSAGE again;
-    if (!again.Read(first) || !again.Write(second) || first.GetBytes() != second.GetBytes())
+    if (!again.Read(first) || !again.Write(second) || first.m_bytes != second.m_bytes)
     {
         std::abort();
     }
@@ -91,7 +59,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
     }
     bool const bCompact = (data[0] & 1) != 0;
     bool const bResponse = (data[0] & 2) != 0;
-    CBytesStream stream({data + 1, size - 1});
+    constexpr std::array<std::size_t, 4> PIECES{65536, 0, 5, 64};
+    CMemoryStream stream(1, PIECES[data[0] >> 2 & 3]);
+    stream.SetBytes({data + 1, data + size});
     if (bCompact)
     {
         stream.EnableCompact();

@@ -203,6 +203,32 @@ TEST(RowSet, HasTheBytesOfATable)
     }
 }
 
+TEST(DataSet, ReadsOverTheCellsThatItHas)
+{
+    LONG rows = 100;
+    CMsgDataSet column(rows, 0, _T("c"));
+    CMsgDataSet other(rows, 0, _T("other"));
+    auto const set = [](CMsgDataSet & target, INT_PTR number, LPCTSTR text)
+    {
+        POSITION row = Row(number);
+        target.GetData(row) = text;
+    };
+    set(column, 2, _T("keep"));
+    set(column, 3, _T("replace"));
+    POSITION third = Row(3);
+    CStringValue const & cell = column.GetData(third);
+    set(other, 3, _T("new"));
+    set(other, 90, _T("more"));
+    CMemoryStream stream(1, 4096);
+    ASSERT_TRUE(other.Write(stream) && other.Write(stream) && column.Read(stream) && column.Read(stream));
+    EXPECT_EQ(column.GetName(), _T("other"));
+    EXPECT_EQ(cell, _T("new"));
+    CMsgDataSet const & read = column;
+    EXPECT_EQ(read.GetData(Row(2)), _T("keep"));
+    EXPECT_EQ(read.GetData(Row(90)), _T("more"));
+    EXPECT_EQ(read.GetData(Row(91)), _T(""));
+}
+
 TEST(MultipleRowSets, ListsByReference)
 {
     kvx::RefPtr<CMsgMultipleRowSets> const list(new CMsgMultipleRowSets);

@@ -132,10 +132,11 @@ TEST(Stream, EveryCutAndEveryAbsurdWordFails)
     kvx::RefPtr<CMsgMultipleRowSets> const rowSets(new CMsgMultipleRowSets);
     AddRows(*rowSets);
     request.SetExParams(rowSets.Get());
-    for (bool const bCompact : {false, true})
+    for (auto const & [bCompact, piece] :
+         {std::pair(false, 0u), {true, 0u}, {true, 7u}, {false, 65536u}, {true, 65536u}})
     {
         CMemoryStream whole;
-        CMemoryStream stream;
+        CMemoryStream stream(1, piece);
         if (bCompact)
         {
             whole.EnableCompact();
@@ -144,8 +145,7 @@ TEST(Stream, EveryCutAndEveryAbsurdWordFails)
         ASSERT_TRUE(request.Write(whole));
         for (std::size_t cut = 0; cut < whole.m_bytes.size(); ++cut)
         {
-            stream.m_bytes.assign(whole.m_bytes.begin(), whole.m_bytes.begin() + static_cast<std::ptrdiff_t>(cut));
-            stream.m_nPos = 0;
+            stream.SetBytes({whole.m_bytes.begin(), whole.m_bytes.begin() + static_cast<std::ptrdiff_t>(cut)});
             CMsgRequest again;
             EXPECT_FALSE(again.Read(stream)) << "cut at " << cut;
         }
@@ -154,14 +154,13 @@ TEST(Stream, EveryCutAndEveryAbsurdWordFails)
         {
             for (BYTE const top : {0x7F, 0xFF, 0x80})
             {
-                stream.m_bytes = whole.m_bytes;
-                stream.m_nPos = 0;
+                stream.SetBytes(whole.m_bytes);
                 std::fill_n(stream.m_bytes.begin() + static_cast<std::ptrdiff_t>(at), 4, BYTE{0xFF});
                 stream.m_bytes[at] = top;
                 CMsgRequest again;
                 again.Read(stream);
                 CMsgMultipleTables tables;
-                stream.m_nPos = 0;
+                stream.Rewind();
                 try
                 {
                     tables.Read(stream);
@@ -230,7 +229,7 @@ TEST(Stream, RepeatedCellsAreTextsOfTheirOwn)
         text.Format(_T("word %d"), index(row));
         return text;
     };
-    CMemoryStream stream;
+    CMemoryStream stream(1, 1000);
     stream.EnableCompact();
     {
         std::vector<CString> words;

@@ -488,6 +488,17 @@ public:
     static void Remove(CString const & text, int count) noexcept { Add(text, -count); }
     /// Makes an empty string share characters by a reference that Add has taken.
     static void HandOver(CString const & from, CString & to) noexcept { to.m_pText = from.m_pText; }
+    /// Gives an empty string, or two of them, `length` > 0 characters that may lie at any address.
+    static void Fill(CString & text, void const * characters, std::size_t length)
+    {
+        std::memcpy(text.InitLength(length), characters, length * sizeof(WCHAR));
+    }
+    static void Fill(CString & first, CString & second, void const * characters, std::size_t length)
+    {
+        Fill(first, characters, length);
+        first.Head()->nRefs = 2; // nobody else knows it yet
+        HandOver(first, second);
+    }
 
     TextReferences() = default;
     TextReferences(TextReferences const &) = delete;

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace bench
@@ -19,6 +20,20 @@ using Clock = std::chrono::steady_clock;
 double Since(Clock::time_point start);
 
 double Median(std::vector<double> values);
+
+/// The median of so many calls.
+template <class CALL>
+double TimeCalls(int calls, CALL && call)
+{
+    std::vector<double> times(static_cast<std::size_t>(calls));
+    for (double & time : times)
+    {
+        auto const start = Clock::now();
+        call();
+        time = Since(start);
+    }
+    return Median(std::move(times));
+}
 /// The least of the medians of three stretches of the samples: a disturbance that lasts spoils one stretch, not the
 /// result.
 double Settled(std::span<double const> samples);

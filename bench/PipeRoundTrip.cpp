@@ -112,20 +112,6 @@ int RunPlain(std::string const & name, Options const & options)
     return 0;
 }
 
-/// The median of so many calls.
-template <class CALL>
-double TimeCalls(int calls, CALL && call)
-{
-    std::vector<double> times(static_cast<std::size_t>(calls));
-    for (double & time : times)
-    {
-        auto const start = Clock::now();
-        call();
-        time = Since(start);
-    }
-    return Median(std::move(times));
-}
-
 void Measure(Effort const & effort, std::string const & name, LPCTSTR type, int unicode, std::string const & title,
              double target)
 {

@@ -196,20 +196,6 @@ private:
     int m_nPlainPort;
 };
 
-/// The median of so many calls.
-template <class CALL>
-double TimeCalls(int calls, CALL && call)
-{
-    std::vector<double> times(static_cast<std::size_t>(calls));
-    for (double & time : times)
-    {
-        auto const start = Clock::now();
-        call();
-        time = Since(start);
-    }
-    return Median(std::move(times));
-}
-
 /// A table request that is ready to be sent again and again.
 class TableCall
 {

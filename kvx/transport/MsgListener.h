@@ -40,7 +40,7 @@ public:
 /// with code 50.
 ///
 /// Threads: StartListener and StopListener are the owner's. Whoever started a listener stops it before the tree is torn
-/// down.
+/// down, and neither stops nor deletes it on a thread of one of its sessions, which would wait for itself.
 class KVX_API CMsgListener : public CMsgConnectionProvider
 {
 public:

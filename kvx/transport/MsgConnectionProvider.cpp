@@ -8,6 +8,23 @@ CMsgConnectionProvider::CMsgConnectionProvider()
     SetProperty(_T("connection_provider"), 1);
 }
 
+int CMsgConnectionProvider::StartProvider()
+{
+    m_bStopped = false;
+    return 1;
+}
+
+int CMsgConnectionProvider::StopProvider()
+{
+    m_bStopped = true;
+    CSingleLock guard(m_connections, TRUE);
+    for (POSITION pos = m_connections.GetStartPosition(); pos;)
+    {
+        static_cast<CMsgConnection *>(m_connections.GetNext(pos))->Disconnect();
+    }
+    return 1;
+}
+
 CMsgConnection * CMsgConnectionProvider::AllocateConnection()
 {
     auto * connection = static_cast<CMsgConnection *>(m_connections.Allocate());
@@ -64,6 +81,19 @@ void CMsgConnectionProvider::Exchange(CMsgConnection * connection, CMsgRequest &
     }
 }
 
+/// Connects, if necessary. A stop that comes before the link stands is noticed here; a later one breaks the link.
+bool CMsgConnectionProvider::IsReady(CMsgConnection & connection)
+{
+    bool const bConnected =
+        connection.IsConnected() || (!m_bStopped && connection.Connect() && RunHandshake(connection));
+    if (m_bStopped)
+    {
+        SetLastError(ERROR_OPERATION_ABORTED);
+        return false;
+    }
+    return bConnected;
+}
+
 bool CMsgConnectionProvider::RunHandshake(CMsgConnection & connection)
 {
     if (connection.AuthenticateClient(1))
@@ -80,7 +110,7 @@ void CMsgConnectionProvider::TransmitRequest(CMsgConnection * connection, CMsgRe
     {
         return;
     }
-    if (!connection->IsConnected() && !(connection->Connect() && RunHandshake(*connection)))
+    if (!IsReady(*connection))
     {
         request.GetResponse().SyncLastError();
         connection->Disconnect();

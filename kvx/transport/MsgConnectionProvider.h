@@ -5,6 +5,8 @@
 #include "kvx/foundation/ObCache.h"
 #include "kvx/messaging/MsgProvider.h"
 
+#include <atomic>
+
 class CMsgConnection;
 
 /// Connections stay open between requests: only a request without KeepAlive or a failure drops one. There is no retry:
@@ -16,6 +18,11 @@ class KVX_API CMsgConnectionProvider : public CMsgProvider
 public:
     /// Sets the property "connection_provider" to 1.
     CMsgConnectionProvider();
+
+    int StartProvider() override;
+    /// Breaks the requests in flight and drops all connections; requests fail with code 995 until the next start. For
+    /// an owner that is to end whatever the other end does. One that never starts its provider may use it all the same.
+    int StopProvider() override;
 
     /// Uses the connection that the request is pinned to, or takes one for this call.
     void Service(CMsgRequest & request) override;
@@ -37,6 +44,8 @@ private:
     friend class CMsgRelayProvider; // has another provider create its connections
 
     CObCache m_connections;
+    std::atomic<bool> m_bStopped{false};
 
+    bool IsReady(CMsgConnection & connection);
     static bool RunHandshake(CMsgConnection & connection);
 };

@@ -57,6 +57,8 @@ public:
     /// Does nothing: requests reach a listener's target through its sessions.
     void Service(CMsgRequest &) override {}
     void RegisterProviderMap() override {}
+    /// Does nothing: the connections are those of clients, and end with the listener.
+    int StopProvider() override { return 1; }
 
     /// 0 if no thread could be had. The listening itself begins on that thread: see WaitUntilListening.
     virtual int StartListener();

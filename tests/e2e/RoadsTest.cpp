@@ -2,7 +2,9 @@
 
 #include "kvx/platform/mfc/Sync.h"
 
+#include <chrono>
 #include <fstream>
+#include <thread>
 
 #include <unistd.h>
 
@@ -119,7 +121,12 @@ TEST_F(Roads, CrossAService)
     EXPECT_EQ(Call(road, {"host.count"}).nStatus, 0);
     far = std::make_unique<Service>(Strings(), Strings{far->strAddress});
     EXPECT_TRUE(Becomes([&] { return GetPid(road, "far.host.info.get") == std::to_string(far->process.nPid); }));
+
+    // A hop ends when it is told to, whatever the far service does.
+    Process endless({"call", road, "far.host.sleep", "ms=600000"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // time enough to get there
     EXPECT_EQ(hop.Stop(), 0);
+    EXPECT_EQ(endless.Wait(), 1);
 }
 
 TEST_F(Roads, LeadIntoModules)

@@ -440,6 +440,36 @@ TEST_F(Tcp, DisconnectFromAnotherThreadBreaksTheCall)
     }
 }
 
+TEST_F(Tcp, AStoppedProviderBreaksItsCallsAndMakesNone)
+{
+    std::atomic<int> ended{0};
+    std::vector<std::jthread> callers;
+    for (int i = 0; i < 4; ++i)
+    {
+        callers.emplace_back(
+            [&]
+            {
+                CMsgRequest request;
+                request[_T("ms")] = 1;
+                request.SetCommand(_T("svc.sleep"));
+                do
+                {
+                    request.GetResponse().SetError(0, nullptr);
+                    m_pClient->Service(request);
+                } while (request.GetResponse().Succeeded());
+                ++ended;
+            });
+    }
+    Sleep(20);
+    EXPECT_TRUE(m_pClient->StopProvider());
+    callers.clear();
+    EXPECT_EQ(ended, 4);
+    CMsgRequest request;
+    EXPECT_EQ(Call(request, _T("svc.echo")).GetErrorCode(), DWORD{ERROR_OPERATION_ABORTED});
+    EXPECT_TRUE(m_pClient->StartProvider());
+    EXPECT_TRUE(Call(request, _T("svc.echo")));
+}
+
 TEST(TcpListener, ThatCantListenSaysWhy)
 {
     CMsgSocket taken;

@@ -5,6 +5,7 @@
 
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgDispatcher.h"
+#include "kvx/messaging/MsgForwardProvider.h"
 #include "kvx/platform/Terminal.h"
 #include "kvx/transport/MsgPipeFactory.h"
 #include "kvx/transport/MsgTCPFactory.h"
@@ -97,15 +98,32 @@ bool OpenLog(ServeOptions const & options)
     return true;
 }
 
+CMsgProvider * BehindForwarders(CMsgProvider * provider)
+{
+    while (auto const * const forwarder = dynamic_cast<CMsgForwardProvider *>(provider))
+    {
+        provider = forwarder->GetInner();
+    }
+    return provider;
+}
+
 class Service
 {
 public:
     Service() = default;
     Service(Service const &) = delete;
-    /// Requests end before their listeners, and subscriptions before both.
+    /// Requests end before their listeners, and subscriptions before both. Those that wait for another service wait no
+    /// longer.
     ~Service()
     {
         m_host.Stop();
+        for (CMsgProvider * const provider : m_mounted)
+        {
+            if (auto * const connector = dynamic_cast<CMsgConnectionProvider *>(BehindForwarders(provider)))
+            {
+                connector->StopProvider();
+            }
+        }
         for (Listener const & listener : m_listeners)
         {
             listener.pListener->StopListener();

@@ -179,20 +179,6 @@ int CMsgStream::ReadTexts(std::span<CStringValue> texts)
     return 1;
 }
 
-int CMsgStream::WriteTexts(std::span<CStringValue const> texts)
-{
-    for (CStringValue const & text : texts)
-    {
-        CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed);
-        int const known = compact ? compact->FindOrAdd(text) : -1;
-        if (!(known < 0 ? WriteText(text) : Write(static_cast<DWORD>(known) | BACK_REFERENCE)))
-        {
-            return 0;
-        }
-    }
-    return 1;
-}
-
 int CMsgStream::ReadWideText(CString & text, DWORD length)
 {
     std::size_t const bytes = std::size_t{length} * sizeof(WCHAR);
@@ -234,18 +220,22 @@ int CMsgStream::ReadNarrowText(CString & text, DWORD length)
 
 int CMsgStream::Write(CString const & text)
 {
-    if (CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed))
-    {
-        int const known = compact->FindOrAdd(text);
-        if (known >= 0)
-        {
-            return Write(static_cast<DWORD>(known) | BACK_REFERENCE);
-        }
-    }
     return WriteText(text);
 }
 
-int CMsgStream::WriteText(CString const & text)
+inline int CMsgStream::WriteText(CString const & text)
+{
+    CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed);
+    int const known = compact ? compact->FindOrAdd(text) : -1;
+    return known < 0 ? WriteInFull(text) : Write(static_cast<DWORD>(known) | BACK_REFERENCE);
+}
+
+int CMsgStream::WriteTexts(std::span<CStringValue const> texts)
+{
+    return std::ranges::all_of(texts, [this](CStringValue const & text) { return WriteText(text) != 0; });
+}
+
+int CMsgStream::WriteInFull(CString const & text)
 {
     auto const length = static_cast<DWORD>(text.GetLength());
     if (m_bUnicode)

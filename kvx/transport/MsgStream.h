@@ -88,6 +88,7 @@ private:
     int ReadWideText(CString & text, DWORD length);
     int ReadNarrowText(CString & text, DWORD length);
     int WriteText(CString const & text);
+    int WriteInFull(CString const & text);
 };
 
 /// Bounds one message on a stream: the compaction table is emptied at its end.

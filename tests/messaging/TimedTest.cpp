@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 
 namespace
@@ -18,6 +19,7 @@ struct Server
     CEvent go{TRUE, TRUE};
     CEvent inside{FALSE, TRUE};
     CEvent left{FALSE, FALSE};
+    std::atomic<int> nHurried{0}; // requests with the text "hurry"
 
     static Server & Get()
     {
@@ -37,6 +39,7 @@ private:
                 server.go.Lock(PATIENCE);
                 request.SetResponseError(7, _T("%s"), request[_T("text")]);
                 request.SetHandled(1);
+                server.nHurried += request[_T("text")] == _T("hurry");
                 server.left.SetEvent();
             },
             this);
@@ -82,15 +85,23 @@ TEST(Timed, PastTheLimitALateResultIsDropped)
 
 TEST(Timed, ALimitOfNothingReturnsAtOnce)
 {
+    constexpr int COUNT = 50;
     Server & server = Server::Get();
     server.go.ResetEvent();
-    for (int i = 0; i < 50; ++i)
+    for (int i = 0; i < COUNT; ++i)
     {
         CDefaultMsgTimeRequest request(0);
+        request[_T("text")] = _T("hurry");
         DWORD const code = request.Execute(_T("timed")).GetErrorCode();
         EXPECT_TRUE(code == 0 || code == 1460) << code; // before the start, or after it
     }
     server.go.SetEvent();
     CDefaultMsgTimeRequest last(PATIENCE);
     EXPECT_EQ(last.Execute(_T("timed")).GetErrorCode(), 7u);
+    // Each of them is served all the same, though nobody waits.
+    for (DWORD waited = 0; server.nHurried < COUNT && waited < PATIENCE; waited += 5)
+    {
+        Sleep(5);
+    }
+    EXPECT_EQ(server.nHurried.exchange(0), COUNT);
 }

@@ -80,6 +80,7 @@ public:
               {
                   CTestWindow window(name, message, result);
                   m_pWindow = &window;
+                  m_hWnd = window.GetSafeHwnd();
                   m_made.SetEvent();
                   MSG msg;
                   BOOL got = 0;
@@ -107,12 +108,16 @@ public:
     /// The window goes; its object stays.
     void End()
     {
-        if (m_bEnded)
+        if (!m_bEnded)
         {
-            return;
+            EXPECT_TRUE(PostMessageW(m_hWnd, END, 0, 0));
+            AwaitEnd();
         }
+    }
+    /// For a window that has posted itself the message.
+    void AwaitEnd()
+    {
         m_bEnded = true;
-        EXPECT_TRUE(PostMessageW(m_hWnd = m_pWindow->GetSafeHwnd(), END, 0, 0));
         EXPECT_TRUE(m_ended.Lock(PATIENCE));
     }
     CTestWindow & Window() { return *m_pWindow; }
@@ -191,7 +196,7 @@ TEST(Proxy, TwoWindowsOnTwoThreadsGetEveryRequest)
             {
                 request.Send(_T("proxy.command.below"));
             }
-            PostMessageW(second.Window().GetSafeHwnd(), END, 0, 0);
+            PostMessageW(second.m_hWnd, END, 0, 0);
         };
         request.DiscardResults(0);
         request.SetHandled(0);
@@ -199,7 +204,7 @@ TEST(Proxy, TwoWindowsOnTwoThreadsGetEveryRequest)
         EXPECT_EQ(request.Execute(_T("proxy.command.below")).GetErrorCode(), 50u);
         Dispatcher().EnableNotifications(1);
         second.Window().SendMessage(RUN, 0, reinterpret_cast<LPARAM>(&flood));
-        second.End();
+        second.AwaitEnd();
         request.DiscardResults(0);
         request.SetHandled(0);
         EXPECT_EQ(request.Execute(_T("proxy.command.below")).GetErrorCode(), 50u); // the window has gone

@@ -13,8 +13,10 @@ CWnd::~CWnd()
 BOOL CWnd::CreateEx(DWORD dwExStyle, LPCTSTR lpszClassName, LPCTSTR lpszWindowName, DWORD dwStyle, int x, int y,
                     int nWidth, int nHeight, HWND hWndParent, HMENU nIDorHMenu, LPVOID lpParam)
 {
-    m_hWnd = CreateWindowExW(dwExStyle, lpszClassName, lpszWindowName, dwStyle, x, y, nWidth, nHeight, hWndParent,
-                             nIDorHMenu, GetModuleHandleW(nullptr), lpParam);
+    __atomic_store_n(&m_hWnd,
+                     CreateWindowExW(dwExStyle, lpszClassName, lpszWindowName, dwStyle, x, y, nWidth, nHeight,
+                                     hWndParent, nIDorHMenu, GetModuleHandleW(nullptr), lpParam),
+                     __ATOMIC_RELAXED);
     if (!m_hWnd)
         return FALSE;
     SetWindowLongPtrW(m_hWnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
@@ -54,7 +56,7 @@ LRESULT CALLBACK CWnd::AfxWndProc(HWND hWnd, UINT message, WPARAM wParam, LPARAM
         // The last message that a window gets.
         SetWindowLongPtrW(hWnd, GWLP_USERDATA, 0);
         pWnd->m_pfnSuper = nullptr;
-        pWnd->m_hWnd = nullptr;
+        __atomic_store_n(&pWnd->m_hWnd, nullptr, __ATOMIC_RELAXED);
     }
     return result;
 }

@@ -24,7 +24,8 @@ public:
     /// Destroys a window that this object has made: only on that window's thread.
     ~CWnd() override;
 
-    HWND GetSafeHwnd() const { return m_hWnd; }
+    /// Null if there is no window. Any thread may ask while this object lives; the window may go at any moment.
+    HWND GetSafeHwnd() const { return __atomic_load_n(&m_hWnd, __ATOMIC_RELAXED); }
 
     /// Makes a window whose messages come to WindowProc; FALSE with the last error. The system's own class "STATIC"
     /// will do for a message-only one (parent HWND_MESSAGE).

@@ -99,11 +99,14 @@ int CMsgListener::StopListener()
     // A one-way request may itself be what stops the listener: that one isn't waited for.
     if (WaitForThreads(m_nStopTimeout) && !m_notifyQueue.IsServiceThread() && !CThreadPool::IsTerminated())
     {
-        DWORD const passed = GetTickCount() - start;
-        m_notifyQueue.WaitForIdle(m_nStopTimeout == INFINITE ? INFINITE
-                                                             : m_nStopTimeout - std::min(m_nStopTimeout, passed));
+        m_notifyQueue.WaitForIdle(GetRest(m_nStopTimeout, start));
     }
     return 1;
+}
+
+DWORD CMsgListener::GetRest(DWORD timeout, DWORD start)
+{
+    return timeout == INFINITE ? INFINITE : timeout - std::min(timeout, GetTickCount() - start);
 }
 
 /// Makes the listener thread leave, and waits. The listening connection is dropped again and again, for the thread may
@@ -121,7 +124,7 @@ bool CMsgListener::WaitForThreads(DWORD timeout)
         {
             return true;
         }
-        if (timeout != INFINITE && GetTickCount() - start >= timeout)
+        if (GetRest(timeout, start) == 0)
         {
             return false;
         }

@@ -4,8 +4,6 @@
 #include "kvx/transport/Msg9XPipeConnection.h"
 #include "kvx/transport/MsgNTPipeConnection.h"
 
-#include <algorithm>
-
 namespace
 {
 constexpr DWORD STOP_TIMEOUT = 10000;     // milliseconds
@@ -70,9 +68,7 @@ int CMsgPipeListener::WaitUntilListening(DWORD timeout)
     {
         return 0;
     }
-    DWORD const passed = GetTickCount() - start;
-    DWORD const rest = timeout == INFINITE ? INFINITE : timeout - std::min(timeout, passed);
-    if (!m_findableEvent.Lock(rest))
+    if (!m_findableEvent.Lock(GetRest(timeout, start)))
     {
         SetLastError(ERROR_TIMEOUT);
         return 0;

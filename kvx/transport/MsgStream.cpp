@@ -96,9 +96,9 @@ int CMsgStream::Write(DWORD word)
     return WriteData(bytes.data(), sizeof(bytes));
 }
 
-int CMsgStream::Read(CString & text)
+/// Text of any kind, wherever its bytes are.
+int CMsgStream::ReadInParts(CString & text)
 {
-    text.Empty();
     DWORD length = 0;
     if (!Read(length))
     {
@@ -130,9 +130,9 @@ int CMsgStream::Read(CString & text)
     return 1;
 }
 
-/// The frequent case of Read: wide text, or a reference to one, that lies in the buffer as a whole. False for anything
+/// The frequent case: wide text, or a reference to one, that lies in the buffer as a whole. False for anything
 /// else, and then nothing is read.
-inline bool CMsgStream::ReadTextInPlace(CString & text)
+inline bool CMsgStream::ReadInPlace(CString & text)
 {
     auto const available = static_cast<std::size_t>(m_pReadEnd - m_pReadNext);
     if (available < sizeof(DWORD))
@@ -167,27 +167,25 @@ inline bool CMsgStream::ReadTextInPlace(CString & text)
     return true;
 }
 
+/// For an empty text.
+inline int CMsgStream::ReadText(CString & text)
+{
+    return ReadInPlace(text) || ReadInParts(text);
+}
+
+int CMsgStream::Read(CString & text)
+{
+    text.Empty();
+    return ReadText(text);
+}
+
 int CMsgStream::ReadTexts(std::span<CStringValue> texts)
 {
-    for (CStringValue & text : texts)
-    {
-        if (!ReadTextInPlace(text) && !Read(text))
-        {
-            return 0;
-        }
-    }
-    return 1;
+    return std::ranges::all_of(texts, [this](CStringValue & text) { return ReadText(text) != 0; });
 }
 
 int CMsgStream::ReadWideText(CString & text, DWORD length)
 {
-    std::size_t const bytes = std::size_t{length} * sizeof(WCHAR);
-    if (bytes <= static_cast<std::size_t>(m_pReadEnd - m_pReadNext))
-    {
-        std::memcpy(text.GetBufferSetLength(static_cast<int>(length)), m_pReadNext, bytes);
-        m_pReadNext += bytes;
-        return 1;
-    }
     for (DWORD have = 0; have < length;)
     {
         DWORD const step = std::min(length - have, std::max(PIECE, have));

@@ -83,7 +83,9 @@ private:
     void ReleaseCompact();
 
     int ReadBytes(void * buffer, DWORD count);
-    bool ReadTextInPlace(CString & text);
+    int ReadText(CString & text);
+    bool ReadInPlace(CString & text);
+    int ReadInParts(CString & text);
     int WriteBytes(void const * buffer, DWORD count);
     int ReadWideText(CString & text, DWORD length);
     int ReadNarrowText(CString & text, DWORD length);

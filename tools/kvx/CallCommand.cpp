@@ -7,7 +7,6 @@
 #include <CLI/App.hpp>
 
 #include <cstdlib>
-#include <map>
 #include <memory>
 
 namespace
@@ -100,11 +99,7 @@ void AddCallCommand(CLI::App & app, Run & run)
     CLI::App * const command = app.add_subcommand("call", "Send one request and show the response");
     options->words.AddTo(*command);
     command->add_flag("--oneway", options->bOneWay, "Send the request and read no response");
-    command->add_option("--format", options->format, "How rows are shown: table, json or csv")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, Format>{{"table", Format::Table}, {"json", Format::Json}, {"csv", Format::Csv}}))
-        ->type_name("FORMAT")
-        ->default_str("table");
+    AddFormatOption(*command, options->format, "How rows are shown: table, json or csv");
     command->add_option("--timeout", options->nTimeout, "Give up with error 1460 after that many milliseconds")
         ->check(CLI::Range(1, 2'000'000'000))
         ->type_name("MS");

@@ -5,6 +5,8 @@
 #include "kvx/msgdata/MsgMultipleRowSets.h"
 #include "kvx/platform/Terminal.h"
 
+#include <CLI/App.hpp>
+
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -321,6 +323,15 @@ void WriteTables(Output & out, CMsgResponse const & response)
     }
 }
 } // namespace
+
+void AddFormatOption(CLI::App & command, Format & format, char const * help)
+{
+    command.add_option("--format", format, help)
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, Format>{{"table", Format::Table}, {"json", Format::Json}, {"csv", Format::Csv}}))
+        ->type_name("FORMAT")
+        ->default_str("table");
+}
 
 ULONGLONG CountClaimedCells(CMsgMultipleRowSets const & rowSets)
 {

@@ -4,6 +4,11 @@
 
 #include "kvx/messaging/MsgRequest.h"
 
+namespace CLI
+{
+class App;
+}
+
 enum class Format
 {
     Line, // of events alone
@@ -11,6 +16,9 @@ enum class Format
     Json,
     Csv
 };
+
+/// Adds the option --format: table, which is the default, json or csv.
+void AddFormatOption(CLI::App & command, Format & format, char const * help);
 
 /// Row sets that claim more cells than this (rows times columns, a row without columns counts too) are neither made nor
 /// taken: the claim alone costs its sender nothing.

@@ -3,7 +3,6 @@
 #include "Output.h"
 
 #include "kvx/foundation/AppException.h"
-#include "kvx/foundation/Utilities.h"
 #include "kvx/msgdata/MsgCursor.h"
 #include "kvx/platform/Terminal.h"
 #include "kvx/registry/Registry.h"
@@ -31,11 +30,6 @@ struct RegOptions
     bool bRecursive = false;
     bool bValues = false;
 };
-
-CString FromUtf8(std::string const & text)
-{
-    return CUtilities::AnsiToString(text.c_str());
-}
 
 /// A key whose text forms this program may use.
 class Key : public CRegistry
@@ -137,12 +131,16 @@ void AddColumns(CMsgCursor & rows, std::initializer_list<LPCTSTR> names)
     }
 }
 
+bool HasRoot(CString const & path)
+{
+    return CRegistry::LookupRootKey(path.SpanExcluding(_T("\\"))) != nullptr;
+}
+
 /// Opens the key of the command line, or says why not.
 bool OpenKey(Key & key, RegOptions const & options, DWORD access)
 {
-    CString const path = FromUtf8(options.strPath);
-    LONG const code =
-        CRegistry::LookupRootKey(path.SpanExcluding(_T("\\"))) ? key.OpenKey(path, access) : ERROR_BAD_PATHNAME;
+    CString const path = kvx::FromUtf8(options.strPath);
+    LONG const code = HasRoot(path) ? key.OpenKey(path, access) : ERROR_BAD_PATHNAME;
     return code == 0 || Fail(code, path) == 0;
 }
 
@@ -154,7 +152,7 @@ int RunGet(RegOptions const & options)
         return 1;
     }
     Value value;
-    CString const name = FromUtf8(options.strName);
+    CString const name = kvx::FromUtf8(options.strName);
     if (LONG const code = ReadValue(key, name, value); code != 0)
     {
         return Fail(code, name);
@@ -178,7 +176,7 @@ int RunList(RegOptions const & options)
     code = code != 0 ? code : ListValues(key, values);
     if (code != 0)
     {
-        return Fail(code, FromUtf8(options.strPath));
+        return Fail(code, kvx::FromUtf8(options.strPath));
     }
     CMsgResponse response;
     CMsgCursor rows(response);
@@ -269,7 +267,7 @@ int RunTree(RegOptions const & options)
     {
         return 1;
     }
-    CString const path = FromUtf8(options.strPath);
+    CString const path = kvx::FromUtf8(options.strPath);
     if (options.format == Format::Table)
     {
         LONG const code = PrintTree(key, path, options.bValues);
@@ -301,7 +299,7 @@ int RunDelete(RegOptions const & options, bool bValue)
     {
         return 1;
     }
-    CString const name = FromUtf8(bValue ? options.strName : options.strPath);
+    CString const name = kvx::FromUtf8(bValue ? options.strName : options.strPath);
     LONG const code = bValue ? key.DeleteValue(name) : key.DeleteKey(nullptr, options.bRecursive);
     return code == 0 ? 0 : Fail(code, name);
 }
@@ -309,8 +307,8 @@ int RunDelete(RegOptions const & options, bool bValue)
 int RunSet(RegOptions const & options, Value const & value)
 {
     Key key;
-    CString const path = FromUtf8(options.strPath);
-    LONG code = CRegistry::LookupRootKey(path.SpanExcluding(_T("\\"))) ? key.CreateKey(path) : ERROR_BAD_PATHNAME;
+    CString const path = kvx::FromUtf8(options.strPath);
+    LONG code = HasRoot(path) ? key.CreateKey(path) : ERROR_BAD_PATHNAME;
     if (code != 0)
     {
         return Fail(code, path);
@@ -354,16 +352,14 @@ std::vector<BYTE> ToBinary(std::vector<std::string> const & words)
         std::ranges::copy_if(word, std::back_inserter(digits), [](char c) { return c != ' '; });
     }
     std::vector<BYTE> data(digits.size() / 2);
+    bool bPairs = digits.size() % 2 == 0;
     for (std::size_t i = 0; i < data.size(); ++i)
     {
         char const * const at = digits.data() + 2 * i;
         auto const [end, error] = std::from_chars(at, at + 2, data[i], 16);
-        if (error != std::errc() || end != at + 2)
-        {
-            Refuse("binary data are pairs of hexadecimal digits");
-        }
+        bPairs = bPairs && error == std::errc() && end == at + 2;
     }
-    if (digits.size() % 2 != 0)
+    if (!bPairs)
     {
         Refuse("binary data are pairs of hexadecimal digits");
     }
@@ -375,7 +371,7 @@ std::vector<BYTE> ToTexts(std::vector<std::string> const & words)
     std::vector<WCHAR> characters;
     for (std::string const & word : words)
     {
-        CString const text = FromUtf8(word);
+        CString const text = kvx::FromUtf8(word);
         characters.insert(characters.end(), text.GetString(), text.GetString() + text.GetLength() + 1);
     }
     characters.resize(std::max<std::size_t>(characters.size() + 1, 2));
@@ -384,7 +380,7 @@ std::vector<BYTE> ToTexts(std::vector<std::string> const & words)
 
 Value ToValue(RegOptions const & options)
 {
-    Value value{FromUtf8(options.strName), Key::GetRegistryTypeFromName(FromUtf8(options.strType)), {}};
+    Value value{kvx::FromUtf8(options.strName), Key::GetRegistryTypeFromName(kvx::FromUtf8(options.strType)), {}};
     if (options.strType == "REG_NONE")
     {
         value.nType = REG_NONE;
@@ -412,7 +408,7 @@ Value ToValue(RegOptions const & options)
         break;
     default:
     {
-        CString const text = options.words.empty() ? CString() : FromUtf8(options.words.front());
+        CString const text = options.words.empty() ? CString() : kvx::FromUtf8(options.words.front());
         value.data = ToBytes(text.GetString(), static_cast<std::size_t>(text.GetLength()) + 1);
     }
     }
@@ -426,19 +422,11 @@ CLI::App * AddAction(CLI::App & reg, RegOptions & options, char const * name, ch
         ->required();
     return action;
 }
-
-void AddFormat(CLI::App & action, RegOptions & options)
-{
-    action.add_option("--format", options.format, "How it is shown: table, json or csv")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, Format>{{"table", Format::Table}, {"json", Format::Json}, {"csv", Format::Csv}}))
-        ->type_name("FORMAT")
-        ->default_str("table");
-}
 } // namespace
 
 void AddRegCommand(CLI::App & app, Run & run)
 {
+    constexpr char const * FORMAT_HELP = "How it is shown: table, json or csv";
     auto const options = std::make_shared<RegOptions>();
     CLI::App * const reg = app.add_subcommand("reg", "Show and change the registry");
     reg->require_subcommand(1);
@@ -453,7 +441,7 @@ void AddRegCommand(CLI::App & app, Run & run)
 
     CLI::App * const get = AddAction(*reg, *options, "get", "Show one value");
     get->add_option("NAME", options->strName, "The value's name; without one the key's default value");
-    AddFormat(*get, *options);
+    AddFormatOption(*get, options->format, FORMAT_HELP);
     get->callback([&run, options] { run = [options] { return RunGet(*options); }; });
 
     CLI::App * const set = AddAction(*reg, *options, "set", "Write a value; a missing key is made");
@@ -479,11 +467,11 @@ void AddRegCommand(CLI::App & app, Run & run)
                      { run = [options, bValue = removed->count() > 0] { return RunDelete(*options, bValue); }; });
 
     CLI::App * const list = AddAction(*reg, *options, "list", "Show the subkeys and values of a key");
-    AddFormat(*list, *options);
+    AddFormatOption(*list, options->format, FORMAT_HELP);
     list->callback([&run, options] { run = [options] { return RunList(*options); }; });
 
     CLI::App * const tree = AddAction(*reg, *options, "tree", "Show all keys below a key");
     tree->add_flag("--values", options->bValues, "With their values");
-    AddFormat(*tree, *options);
+    AddFormatOption(*tree, options->format, FORMAT_HELP);
     tree->callback([&run, options] { run = [options] { return RunTree(*options); }; });
 }

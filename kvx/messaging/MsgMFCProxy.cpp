@@ -18,6 +18,16 @@ public:
         return hWnd && IsWindow(hWnd) ? hWnd : nullptr;
     }
 
+    /// Requests on their way don't look at the window any more. Gives back a reference.
+    void Drop()
+    {
+        {
+            CSingleLock const guard(&m_lock, TRUE);
+            m_pWindow = nullptr;
+        }
+        Release(1);
+    }
+
     CCriticalSection m_lock;
     CWnd * m_pWindow; // null when it is unregistered
 };
@@ -94,12 +104,7 @@ CMsgMFCProxy::~CMsgMFCProxy()
     }
     while (!m_recipients.IsEmpty())
     {
-        auto * const recipient = static_cast<CMFCMsgRecipient *>(m_recipients.RemoveHead());
-        {
-            CSingleLock const own(&recipient->m_lock, TRUE);
-            recipient->m_pWindow = nullptr;
-        }
-        recipient->Release(1);
+        static_cast<CMFCMsgRecipient *>(m_recipients.RemoveHead())->Drop();
     }
 }
 
@@ -121,11 +126,7 @@ void CMsgMFCProxy::RemoveRecipients(CWnd * window)
         if (recipient->m_pWindow == window)
         {
             m_recipients.RemoveAt(here);
-            {
-                CSingleLock const own(&recipient->m_lock, TRUE);
-                recipient->m_pWindow = nullptr; // requests on their way must not look at it any more
-            }
-            recipient->Release(1);
+            recipient->Drop();
         }
     }
 }

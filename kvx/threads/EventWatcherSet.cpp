@@ -8,7 +8,6 @@
 CEventWatcherSet::CEventWatcherSet(CEventWatcher * watcher, int priority)
 {
     m_pTable->m_handles[0] = m_pTable->m_controlEvent;
-    m_pTable->m_pSet = this;
     m_pTable->m_pWatcher = watcher;
     auto share = std::make_unique<std::shared_ptr<CTable>>(m_pTable);
     CString text;

@@ -39,7 +39,6 @@ private:
         std::array<void *, SLOTS> m_params{};
         CEvent m_controlEvent{FALSE, TRUE}; // in slot 0
         CEvent m_leftEvent{FALSE, TRUE};
-        CEventWatcherSet * m_pSet = nullptr;
         CEventWatcher * m_pWatcher = nullptr;
 
         DWORD Find(void * handle) const;

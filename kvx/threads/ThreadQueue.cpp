@@ -60,24 +60,30 @@ CThreadQueue::Added CThreadQueue::Add(CObject * object)
     return Added::ThreadDue;
 }
 
-int CThreadQueue::Insert(CObject * object)
+CThreadQueue::Added CThreadQueue::LockAndAdd(CObject * object)
 {
     CSingleLock guard(*this, TRUE);
-    Added const added = Add(object);
-    guard.Unlock();
+    return Add(object);
+}
+
+int CThreadQueue::HaveServed(Added added)
+{
     return added == Added::ThreadDue ? StartServiceThread() : added == Added::Served;
+}
+
+int CThreadQueue::Insert(CObject * object)
+{
+    return HaveServed(LockAndAdd(object));
 }
 
 int CThreadQueue::InsertOrDelete(CObject * object)
 {
-    CSingleLock guard(*this, TRUE);
-    Added const added = Add(object);
-    guard.Unlock();
+    Added const added = LockAndAdd(object);
     if (added == Added::Refused)
     {
         delete object;
     }
-    return added == Added::ThreadDue ? StartServiceThread() : added == Added::Served;
+    return HaveServed(added);
 }
 
 /// Without the lock, which the thread wants first of all.

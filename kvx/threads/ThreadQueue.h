@@ -87,6 +87,8 @@ private:
     std::vector<DWORD> m_threadIds; // one slot per thread, 0 when it is free
     bool m_bTrace = false;
 
+    Added LockAndAdd(CObject * object);
+    int HaveServed(Added added);
     static unsigned int ServiceProc(void * queue);
     bool ServeObjects(DWORD threadId);
     void ServeObject(CObject * object, DWORD threadId);

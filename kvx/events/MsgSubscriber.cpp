@@ -209,6 +209,7 @@ void CMsgSubscriber::ReadRequests()
     CMsgRequest request;
     while (m_pConnection && request.Read(*m_pConnection))
     {
+        request.SetFromOutside();
         CMsgDispatcher::GetInstance()->Service(request);
         request.Reset();
     }

@@ -45,7 +45,8 @@ private:
     Handler m_pHandler;
 };
 
-/// The same for callers inside the process alone: a request that came through a listener gets an empty success.
+/// The same for callers inside the process alone: a request that came from outside, on whatever road, gets an empty
+/// success, and so does one that its caller has pinned to a connection.
 template <class T>
 class _LocalMsgMapEntry : public _MsgMapEntry<T>
 {
@@ -54,7 +55,7 @@ public:
 
     void Service(CMsgRequest & request) override
     {
-        if (!request.GetConnection())
+        if (!request.IsFromOutside() && !request.GetConnection())
         {
             _MsgMapEntry<T>::Service(request);
         }

@@ -18,7 +18,8 @@ CMsgRequest::CMsgRequest(DWORD flags) : m_nFlags(flags), m_pResponse(Hold(new CM
 
 CMsgRequest::CMsgRequest(CMsgRequest const & other)
     : CRefObject(other), CValueAccessor(other), m_strCommand(other.m_strCommand), m_nFlags(other.m_nFlags),
-      m_bHandled(other.m_bHandled), m_pResponse(Hold(new CMsgResponse(*other.m_pResponse)))
+      m_bHandled(other.m_bHandled), m_bFromOutside(other.m_bFromOutside),
+      m_pResponse(Hold(new CMsgResponse(*other.m_pResponse)))
 {
     CMsgRequest::MergeValues(other);
     if (other.m_pExParams)
@@ -105,6 +106,7 @@ CMsgResponse & CMsgRequest::ExecuteRequest()
 {
     CheckResponseReferences();
     m_pResponse->SetError(0, nullptr);
+    m_bHandled = 0; // a request may be used again
     CMsgDispatcher::GetInstance()->Service(*this);
     if (!m_bHandled && m_pResponse->GetErrorCode() == 0)
     {

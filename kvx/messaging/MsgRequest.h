@@ -26,7 +26,7 @@ public:
     static constexpr DWORD FLAG_CLOSE_CONNECTION = 2; // the inverse of KeepAlive
 
     explicit CMsgRequest(DWORD flags = 0);
-    /// Copies command, flags, handled, parameters, response and row sets; a copy is tied to no connection, and to no
+    /// Copies command, flags, handled, where it came from, parameters, response and row sets; a copy is tied to no connection, and to no
     /// notify queue.
     CMsgRequest(CMsgRequest const & other);
     ~CMsgRequest() override;
@@ -71,6 +71,11 @@ public:
 
     int IsHandled() const { return m_bHandled; }
     void SetHandled(int handled) { m_bHandled = handled; }
+
+    /// The request was read off a connection to another process, or is a copy of one that was. Nothing takes the mark
+    /// off again.
+    int IsFromOutside() const { return m_bFromOutside; }
+    void SetFromOutside() { m_bFromOutside = true; }
 
     /// Not owned. Set on a request that a listener read; a caller may set it to pin a request to one connection.
     CMsgConnection * GetConnection() const { return m_pConnection; }
@@ -120,7 +125,7 @@ public:
         m_pResponse->SetError(code, format, values...);
     }
 
-    /// Everything but the command and the name of the notify queue.
+    /// Everything but the command, the name of the notify queue, and where the request came from.
     void Reset();
 
     /// The wire form: see docs/wire-protocol.md. 0 on a failed stream, with the reason in the thread's last error.
@@ -136,6 +141,7 @@ private:
     CString m_strNotifyQueue;
     DWORD m_nFlags;
     int m_bHandled = 0;
+    bool m_bFromOutside = false;
     CMap<CString, CString const &, CStringValue, CStringValue const &> m_params{10};
     CMsgResponse * m_pResponse;                  // never null; one reference
     CMsgMultipleRowSets * m_pExParams = nullptr; // one reference, if any

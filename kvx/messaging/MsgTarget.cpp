@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <utility>
+#include <vector>
 
 namespace
 {
@@ -79,22 +80,75 @@ CMsgTarget::CMsgTarget(CMsgTarget * parent, CString const & name) : m_pParent(pa
     RegisterAutoDelete(m_children);
 }
 
+/// Goes down to the leaves with a list of its own: how deep the tree is may not decide how deep the stack goes. A target
+/// that is on the list hangs in no map any more: whatever a provider does to the tree as it goes, it finds none of them.
 CMsgTarget::~CMsgTarget()
+{
+    EndProviders();
+    std::vector<CMsgTarget *> open{this};
+    while (!open.empty())
+    {
+        CMsgTarget * const target = open.back();
+        if (CMsgTarget * const child = target->TakeChild())
+        {
+            child->EndProviders();
+            open.push_back(child);
+            continue;
+        }
+        target->DetachProviders();
+        open.pop_back();
+        if (target != this)
+        {
+            delete target;
+        }
+    }
+}
+
+void CMsgTarget::EndProviders()
 {
     for (POSITION pos = m_providers.GetHeadPosition(); pos;)
     {
         static_cast<CMsgProvider *>(m_providers.GetNext(pos))->TargetEnding();
     }
-    PerformAutoDelete(nullptr, 0);
+}
+
+void CMsgTarget::DetachProviders()
+{
     while (!m_providers.IsEmpty())
     {
         DetachProvider(static_cast<CMsgProvider *>(m_providers.RemoveHead()));
     }
 }
 
+/// Null if there is none; else the caller's.
+CMsgTarget * CMsgTarget::TakeChild()
+{
+    POSITION pos = m_children.GetStartPosition();
+    if (!pos)
+    {
+        return nullptr;
+    }
+    CString name;
+    CObject * child = nullptr;
+    m_children.GetNextAssoc(pos, name, child);
+    m_children.RemoveKey(name);
+    return static_cast<CMsgTarget *>(child);
+}
+
 CString CMsgTarget::GetPath() const
 {
-    return m_pParent ? m_pParent->GetPath() + _T(".") + m_strName : m_strName;
+    std::vector<CMsgTarget const *> targets;
+    for (CMsgTarget const * target = this; target; target = target->m_pParent)
+    {
+        targets.push_back(target);
+    }
+    CString path = targets.back()->m_strName;
+    for (auto it = targets.rbegin() + 1; it != targets.rend(); ++it)
+    {
+        path += _T('.');
+        path += (*it)->m_strName;
+    }
+    return path;
 }
 
 CMsgTarget * CMsgTarget::FindChild(View segment) const
@@ -124,35 +178,44 @@ void CMsgTarget::Service(CString const & path, CMsgRequest & request)
 
 void CMsgTarget::ServicePath(View path, CMsgRequest & request)
 {
-    if (path.empty())
-    {
-        return;
-    }
+    CMsgTarget * at = this;
+    CMsgTarget * above = nullptr; // looked up first: a handler may delete its own target
+    View rest = path;
     try
     {
-        auto const [head, rest] = SplitPath(path);
-        CMsgTarget * const child = FindChild(head);
-        if (!child)
+        for (;;)
         {
-            ServiceProviders(this, request);
-        }
-        else if (rest.empty())
-        {
-            ServiceProviders(child, request);
-            request.SetHandled(1); // a leaf that exists has handled the command, even without providers
-        }
-        else
-        {
-            child->ServicePath(rest, request);
-            if (!request.IsHandled())
+            if (rest.empty())
             {
-                ServiceProviders(this, request);
+                return;
             }
+            auto const [head, tail] = SplitPath(rest);
+            CMsgTarget * const child = at->FindChild(head);
+            if (!child)
+            {
+                at->ServiceProviders(at, request);
+                break;
+            }
+            if (tail.empty())
+            {
+                at->ServiceProviders(child, request);
+                request.SetHandled(1); // a leaf that exists has handled the command, even without providers
+                break;
+            }
+            above = at;
+            at = child;
+            rest = tail;
+        }
+        while (above && !request.IsHandled())
+        {
+            at = above;
+            above = at == this ? nullptr : at->m_pParent ? at->m_pParent : this; // the root is nobody's parent
+            at->ServiceProviders(at, request);
         }
     }
     catch (...)
     {
-        TakeException(SERVICE_TEXTS, path, m_strName, request);
+        TakeException(SERVICE_TEXTS, rest, at->m_strName, request);
     }
 }
 
@@ -297,17 +360,22 @@ CMsgTarget * CMsgTarget::LookupTarget(CString const & path)
 
 int CMsgTarget::DeleteTarget(CString const & path)
 {
-    auto const [head, rest] = SplitPath(path);
-    CMsgTarget * const child = FindChild(head);
-    if (!child)
+    CMsgTarget * at = this;
+    for (View rest = path;;)
     {
-        return 0;
+        auto const [head, tail] = SplitPath(rest);
+        CMsgTarget * const child = at->FindChild(head);
+        if (!child)
+        {
+            return 0;
+        }
+        if (tail.empty())
+        {
+            at->m_children.RemoveKey(child->m_strName);
+            delete child;
+            return 1;
+        }
+        at = child;
+        rest = tail;
     }
-    if (!rest.empty())
-    {
-        return child->DeleteTarget(CString(rest));
-    }
-    m_children.RemoveKey(child->m_strName);
-    delete child;
-    return 1;
 }

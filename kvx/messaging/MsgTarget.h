@@ -63,6 +63,9 @@ private:
     CMapStringToOb m_children{10};
 
     void ServicePath(CString::View path, CMsgRequest & request);
+    void EndProviders();
+    void DetachProviders();
+    CMsgTarget * TakeChild();
     CMsgTarget * FindChild(CString::View segment) const;
     POSITION FindProvider(CString const & params) const;
 };

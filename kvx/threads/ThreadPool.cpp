@@ -1,8 +1,10 @@
 #include "kvx/threads/ThreadPool.h"
 
 #include "kvx/threads/KVXBaseApp.h"
+#include "kvx/threads/ShutdownHook.h"
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 constinit std::atomic<bool> CThreadPool::sm_bTerminated{false};
@@ -140,6 +142,11 @@ CThreadContext * CThreadPool::GetCurrentThreadContext()
 
 void CThreadPool::TerminateAllThreads(DWORD timeout)
 {
+    std::optional<CShutdownHook::Ending> ending;
+    if (CKVXBaseApp::IsShuttingDown())
+    {
+        ending.emplace(); // those that wait for a peer come back
+    }
     // Waits without the cache's lock, for a thread that has just done its job needs it to park. Contexts are never
     // deleted before the pool.
     std::vector<CThreadContext *> contexts;

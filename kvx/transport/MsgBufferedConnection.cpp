@@ -16,6 +16,28 @@ void CMsgBufferedConnection::ResetBuffers()
     m_bReadFull = false;
 }
 
+ULONGLONG CMsgBufferedConnection::GetBytesRead() const
+{
+    return m_nReceived - static_cast<ULONGLONG>(m_pReadEnd - m_pReadNext);
+}
+
+void CMsgBufferedConnection::LimitMessage(ULONGLONG bytes)
+{
+    m_nReceiveLimit = bytes == 0 ? ~ULONGLONG{0} : GetBytesRead() + bytes;
+}
+
+DWORD CMsgBufferedConnection::Receive(void * buffer, DWORD size)
+{
+    if (m_nReceived >= m_nReceiveLimit)
+    {
+        SetLastError(WSAEMSGSIZE);
+        return 0;
+    }
+    DWORD const got = ReceiveSome(buffer, size);
+    m_nReceived += got;
+    return got;
+}
+
 bool CMsgBufferedConnection::FillReadBuffer()
 {
     DWORD const size = m_bReadFull ? std::min(4 * m_nReadSize, LARGEST_READ) : SMALLEST;
@@ -26,7 +48,7 @@ bool CMsgBufferedConnection::FillReadBuffer()
         m_nReadSize = size;
     }
     m_pReadNext = m_pReadEnd = m_read.get();
-    DWORD const got = ReceiveSome(m_read.get(), m_nReadSize);
+    DWORD const got = Receive(m_read.get(), m_nReadSize);
     m_pReadEnd = m_pReadNext + got;
     m_bReadFull = got == m_nReadSize;
     return got > 0;
@@ -57,7 +79,7 @@ int CMsgBufferedConnection::ReadData(void * buffer, DWORD count)
         if (count >= LARGEST_READ)
         {
             // Long texts come straight to their place.
-            DWORD const got = ReceiveSome(to, count);
+            DWORD const got = Receive(to, count);
             if (got == 0)
             {
                 return 0;

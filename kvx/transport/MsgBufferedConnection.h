@@ -16,6 +16,8 @@ class KVX_API CMsgBufferedConnection : public CMsgConnection
 public:
     explicit CMsgBufferedConnection(int unicode) : CMsgConnection(unicode) {}
 
+    ULONGLONG GetBytesRead() const override;
+    void LimitMessage(ULONGLONG bytes) override;
     int ReadData(void * buffer, DWORD count) override;
     int WriteData(void const * buffer, DWORD count) override;
     int FlushData() override;
@@ -35,8 +37,11 @@ private:
     std::unique_ptr<BYTE[]> m_write;
     DWORD m_nReadSize = 0;
     DWORD m_nWriteSize = 0;
+    ULONGLONG m_nReceived = 0; // in all, what is still buffered included
+    ULONGLONG m_nReceiveLimit = ~ULONGLONG{0};
     bool m_bReadFull = false; // the last receive filled the buffer: more is likely to wait
 
+    DWORD Receive(void * buffer, DWORD size);
     bool FillReadBuffer();
     bool GrowWriteBuffer();
 };

@@ -38,6 +38,12 @@ public:
     /// Begins to read from the read handle; 1 also while the read is pending.
     virtual int BeginAsyncRead(void * buffer, DWORD count, OVERLAPPED * overlapped);
 
+    /// The bytes that have been read off this object in all its life; 0 always for one that doesn't count them.
+    virtual ULONGLONG GetBytesRead() const { return 0; }
+    /// From here on at most so many bytes are received, 0 for no limit: a read that needs more fails with 10040. What
+    /// has been received ahead can be read all the same.
+    virtual void LimitMessage(ULONGLONG) {}
+
     HANDLE GetReadHandle();
     HANDLE GetWriteHandle();
     /// For threads that take turns in writing whole messages.
@@ -74,6 +80,8 @@ public:
     {
         return m_pInner->BeginAsyncRead(buffer, count, overlapped);
     }
+    ULONGLONG GetBytesRead() const override { return m_pInner->GetBytesRead(); }
+    void LimitMessage(ULONGLONG bytes) override { m_pInner->LimitMessage(bytes); }
     int ReadData(void * buffer, DWORD count) override { return m_pInner->Read(buffer, count); }
     int WriteData(void const * buffer, DWORD count) override { return m_pInner->Write(buffer, count); }
     int FlushData() override { return m_pInner->FlushData(); }

@@ -17,12 +17,18 @@ int CMsgConnectionProvider::StartProvider()
 int CMsgConnectionProvider::StopProvider()
 {
     m_bStopped = true;
-    CSingleLock guard(m_connections, TRUE);
-    for (POSITION pos = m_connections.GetStartPosition(); pos;)
-    {
-        static_cast<CMsgConnection *>(m_connections.GetNext(pos))->Disconnect();
-    }
+    BreakConnections(this);
     return 1;
+}
+
+void CMsgConnectionProvider::BreakConnections(void * object)
+{
+    auto * const provider = static_cast<CMsgConnectionProvider *>(object);
+    CSingleLock guard(provider->m_connections, TRUE);
+    for (POSITION pos = provider->m_connections.GetStartPosition(); pos;)
+    {
+        static_cast<CMsgConnection *>(provider->m_connections.GetNext(pos))->Disconnect();
+    }
 }
 
 CMsgConnection * CMsgConnectionProvider::AllocateConnection()
@@ -81,12 +87,17 @@ void CMsgConnectionProvider::Exchange(CMsgConnection * connection, CMsgRequest &
     }
 }
 
+bool CMsgConnectionProvider::IsStopped() const
+{
+    return m_bStopped || CShutdownHook::IsEnding();
+}
+
 /// Connects, if necessary. A stop that comes before the link stands is noticed here; a later one breaks the link.
 bool CMsgConnectionProvider::IsReady(CMsgConnection & connection)
 {
     bool const bConnected =
-        connection.IsConnected() || (!m_bStopped && connection.Connect() && RunHandshake(connection));
-    if (m_bStopped)
+        connection.IsConnected() || (!IsStopped() && connection.Connect() && RunHandshake(connection));
+    if (IsStopped())
     {
         SetLastError(ERROR_OPERATION_ABORTED);
         return false;

@@ -4,6 +4,7 @@
 
 #include "kvx/foundation/ObCache.h"
 #include "kvx/messaging/MsgProvider.h"
+#include "kvx/threads/ShutdownHook.h"
 
 #include <atomic>
 
@@ -46,6 +47,10 @@ private:
     CObCache m_connections;
     std::atomic<bool> m_bStopped{false};
 
+    CShutdownHook m_shutdownHook{&BreakConnections, this};
+
+    static void BreakConnections(void * provider);
+    bool IsStopped() const;
     bool IsReady(CMsgConnection & connection);
     static bool RunHandshake(CMsgConnection & connection);
 };

@@ -8,6 +8,7 @@
 #include "kvx/transport/MsgListenerSession.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -23,18 +24,42 @@ struct Hook
 
 Hook & TheHook()
 {
-    static Hook hook;
+    static Hook & hook = *new Hook; // sessions may ask for it until the process has ended
     return hook;
 }
 
-constexpr DWORD POLL = 20; // milliseconds, where a stop has to be repeated until it has reached its thread
+constexpr DWORD LOOK = 1000; // milliseconds, between two looks at what no event tells of
+
+/// The listener whose session's thread this is.
+thread_local CMsgListener const * t_pServing = nullptr;
+/// The run whose accepting thread this is.
+thread_local std::shared_ptr<CMsgListenerRun> const * t_pRun = nullptr;
 } // namespace
+
+/// A run of a listener, from its start until the last of its threads has ended. One may still be ending when the next
+/// one has begun.
+class CMsgListenerRun
+{
+public:
+    // All but the events are guarded by the listener's lock.
+    std::atomic<bool> m_bStopping{false};
+    CMsgConnection * m_pListening = nullptr; // while it accepts
+    DWORD m_nError = ERROR_OPERATION_ABORTED;
+    std::vector<CMsgListenerSession *> m_sessions; // those that have a thread
+    std::vector<CMsgListenerSession *> m_broken;   // those that didn't end by themselves
+    bool m_bTurnsAway = false;                     // the last client came beyond the limit
+
+    CEvent m_stopEvent{FALSE, TRUE};    // manual: along with the flag
+    CEvent m_startedEvent{FALSE, TRUE}; // manual: the listening has begun or failed
+    CEvent m_quietEvent{TRUE, TRUE};    // manual: there are no sessions
+    CEvent m_endedEvent{FALSE, TRUE};   // manual: there are no threads
+};
 
 CMsgListener::CMsgListener(int listenerPriority, int sessionPriority, DWORD stopTimeout)
     : m_nListenerPriority(listenerPriority), m_nSessionPriority(sessionPriority), m_nStopTimeout(stopTimeout),
-      m_notifyQueue(&NotifyRequestProc, this, 1, 0, _T("CMsgListener Notify Request Queue")), m_idleEvent(FALSE, TRUE),
-      m_runDone(TRUE, TRUE), m_startDone(FALSE, TRUE), m_noneActive(TRUE, TRUE)
+      m_notifyQueue(&NotifyRequestProc, this, 1, 0, _T("CMsgListener Notify Request Queue")), m_idleEvent(FALSE, TRUE)
 {
+    SetLimits(Limits());
 }
 
 CMsgListener::~CMsgListener()
@@ -54,34 +79,69 @@ DWORD CMsgListener::DetachTarget()
     return CMsgConnectionProvider::DetachTarget();
 }
 
+void CMsgListener::SetLimits(Limits const & limits)
+{
+    m_limits = limits;
+    m_backlog.SetLimits(limits.nMaxBacklog, limits.nMaxBacklogBytes);
+}
+
 int CMsgListener::StartListener()
 {
-    if (m_pThread)
+    auto const run = std::make_shared<CRun>();
     {
+        CSingleLock guard(&m_runLock, TRUE);
+        if (m_run && !m_run->m_bStopping && !m_run->m_endedEvent.Lock(0))
+        {
+            return 1;
+        }
+        m_run = run;
+        m_alive.push_back(run);
+    }
+    auto start = std::make_unique<std::pair<CMsgListener *, RunPtr>>(this, run);
+    if (CThreadPool::BeginThread(&ListenerProc, start.get(), m_nListenerPriority))
+    {
+        start.release(); // the thread's
         return 1;
     }
-    m_bStopping = false;
-    m_startDone.ResetEvent();
-    m_runDone.ResetEvent();
-    CThreadContext * const thread = CThreadPool::BeginThread(&ListenerProc, this, m_nListenerPriority);
-    if (!thread)
-    {
-        m_runDone.SetEvent();
-        return 0;
-    }
-    m_pThread = thread;
-    return 1;
+    CSingleLock guard(&m_runLock, TRUE);
+    run->m_bStopping = true;
+    run->m_startedEvent.SetEvent();
+    run->m_endedEvent.SetEvent();
+    std::erase(m_alive, run);
+    return 0;
 }
 
 int CMsgListener::WaitUntilListening(DWORD timeout)
 {
-    if (!m_startDone.Lock(timeout))
+    RunPtr run;
     {
-        SetLastError(ERROR_TIMEOUT);
-        return 0;
+        CSingleLock guard(&m_runLock, TRUE);
+        run = m_run;
     }
-    SetLastError(m_nListenError);
-    return m_nListenError == 0;
+    DWORD error = ERROR_SERVICE_NOT_FOUND;
+    if (run)
+    {
+        error = ERROR_TIMEOUT;
+        if (run->m_startedEvent.Lock(timeout))
+        {
+            CSingleLock guard(&m_runLock, TRUE);
+            error = run->m_nError;
+        }
+    }
+    SetLastError(error);
+    return error == 0;
+}
+
+void CMsgListener::ReportListenError(DWORD error)
+{
+    CSingleLock guard(&m_runLock, TRUE);
+    (t_pRun ? *t_pRun : m_run)->m_nError = error;
+}
+
+CMsgConnection * CMsgListener::GetListeningConnection() const
+{
+    CSingleLock guard(&m_runLock, TRUE);
+    return m_run ? m_run->m_pListening : nullptr;
 }
 
 int CMsgListener::StopListener()
@@ -90,18 +150,58 @@ int CMsgListener::StopListener()
     {
         return 0;
     }
-    if (!m_pThread.exchange(nullptr))
+    RunPtr const run = BeginStop();
+    if (!run || IsOwnThread())
     {
         return 1;
     }
-    m_bStopping = true;
     DWORD const start = GetTickCount();
-    // A one-way request may itself be what stops the listener: that one isn't waited for.
-    if (WaitForThreads(m_nStopTimeout) && !m_notifyQueue.IsServiceThread() && !CThreadPool::IsTerminated())
+    if (run->m_endedEvent.Lock(m_nStopTimeout))
     {
         m_notifyQueue.WaitForIdle(GetRest(m_nStopTimeout, start));
     }
     return 1;
+}
+
+/// From here on nobody is accepted and no client is served any more. Null if there is nothing to stop.
+CMsgListener::RunPtr CMsgListener::BeginStop()
+{
+    CSingleLock guard(&m_runLock, TRUE);
+    if (!m_run || m_run->m_bStopping)
+    {
+        return nullptr;
+    }
+    m_run->m_bStopping = true;
+    m_run->m_stopEvent.SetEvent();
+    if (m_run->m_pListening)
+    {
+        m_run->m_pListening->Disconnect();
+    }
+    BreakSessions(*m_run);
+    return m_run;
+}
+
+/// With the lock.
+void CMsgListener::BreakSessions(CRun & run)
+{
+    for (CMsgListenerSession * const session : run.m_sessions)
+    {
+        if (session->Break() && std::ranges::find(run.m_broken, session) == run.m_broken.end())
+        {
+            run.m_broken.push_back(session);
+        }
+    }
+}
+
+/// Whether the listener would wait for the calling thread if it waited for its threads.
+bool CMsgListener::IsOwnThread() const
+{
+    if (t_pServing == this || m_notifyQueue.IsServiceThread())
+    {
+        return true;
+    }
+    CSingleLock guard(&m_runLock, TRUE);
+    return t_pRun && std::ranges::find(m_alive, *t_pRun) != m_alive.end();
 }
 
 DWORD CMsgListener::GetRest(DWORD timeout, DWORD start)
@@ -109,47 +209,36 @@ DWORD CMsgListener::GetRest(DWORD timeout, DWORD start)
     return timeout == INFINITE ? INFINITE : timeout - std::min(timeout, GetTickCount() - start);
 }
 
-/// Makes the listener thread leave, and waits. The listening connection is dropped again and again, for the thread may
-/// have been anywhere between two looks at the flag.
-bool CMsgListener::WaitForThreads(DWORD timeout)
-{
-    DWORD const start = GetTickCount();
-    for (;;)
-    {
-        if (CMsgConnection * const listening = m_pListening.load())
-        {
-            listening->Disconnect();
-        }
-        if (m_runDone.Lock(POLL))
-        {
-            return true;
-        }
-        if (GetRest(timeout, start) == 0)
-        {
-            return false;
-        }
-    }
-}
-
 void CMsgListener::EndListener()
 {
     m_idleEvent.SetEvent();
     StopListener();
-    m_bStopping = true;
-    // A thread that is still inside must not find the listener gone. Threads that the library's shutdown has killed
-    // never say that they are done.
-    while (!CThreadPool::IsTerminated() && !WaitForThreads(POLL))
+    BeginStop();
+    std::vector<RunPtr> alive;
     {
+        CSingleLock guard(&m_runLock, TRUE);
+        alive = m_alive;
+    }
+    for (RunPtr const & run : alive)
+    {
+        // Threads that the library's shutdown has killed never say that they have ended.
+        while (!CThreadPool::IsTerminated() && !run->m_endedEvent.Lock(LOOK))
+        {
+        }
     }
     m_notifyQueue.Stop(!CThreadPool::IsTerminated(), 1);
+    CSingleLock guard(&m_runLock, TRUE); // the last thread has let go of it
 }
 
 unsigned int CMsgListener::ListenerProc(void * param)
 {
-    auto * const listener = static_cast<CMsgListener *>(param);
+    std::unique_ptr<std::pair<CMsgListener *, RunPtr>> const start(
+        static_cast<std::pair<CMsgListener *, RunPtr> *>(param));
+    auto const & [listener, run] = *start;
     CString text;
     text.Format(_T("MsgListener::ListenerProc: %X"), &ListenerProc);
     CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
+    t_pRun = &run;
     try
     {
         listener->Run();
@@ -162,78 +251,72 @@ unsigned int CMsgListener::ListenerProc(void * param)
     {
     }
     DWORD const lastError = GetLastError();
-    listener->m_runDone.SetEvent();
+    t_pRun = nullptr;
+    listener->EndRun(run);
     return lastError;
-}
-
-/// False if the listener was stopped meanwhile.
-bool CMsgListener::WaitForStartEvent()
-{
-    HANDLE const event = m_strStartEvent.IsEmpty() ? nullptr : OpenEventW(SYNCHRONIZE, FALSE, m_strStartEvent);
-    if (event)
-    {
-        while (!m_bStopping && WaitForSingleObject(event, POLL) == WAIT_TIMEOUT)
-        {
-        }
-        CloseHandle(event);
-    }
-    return !m_bStopping;
 }
 
 void CMsgListener::Run()
 {
-    CMsgConnection * listening = nullptr;
-    m_nListenError = ERROR_OPERATION_ABORTED;
-    if (WaitForStartEvent())
+    CRun & run = **t_pRun;
+    HANDLE const event = m_strStartEvent.IsEmpty() ? nullptr : OpenEventW(SYNCHRONIZE, FALSE, m_strStartEvent);
+    if (event)
     {
-        listening = AllocateConnection();
-        m_pListening = listening;
-        if (listening)
-        {
-            bool const bListens = listening->Listen() != 0;
-            m_nListenError = bListens ? 0 : GetLastError();
-            m_startDone.SetEvent();
-            if (bListens)
-            {
-                LogInfo(_T("Started listener '%s'"), m_strTargetPath);
-                AcceptClients();
-            }
-        }
+        std::array<HANDLE, 2> const handles{run.m_stopEvent, event};
+        WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, INFINITE);
+        CloseHandle(event);
     }
+    bool const bListens = BeginListening(run);
     DWORD const lastError = GetLastError();
-    m_startDone.SetEvent();
-    m_pListening = nullptr;
-    if (listening)
+    run.m_startedEvent.SetEvent();
+    if (bListens)
     {
-        listening->Disconnect();
-        ReleaseConnection(listening);
+        LogInfo(_T("Started listener '%s'"), m_strTargetPath);
+        AcceptClients(run);
     }
     else
     {
-        LogError(_T("Releasing null listening connection"));
+        SetLastError(lastError);
     }
-    StopSessions();
-    SetLastError(lastError);
 }
 
-void CMsgListener::AcceptClients()
+/// A stop that comes before the connection listens is noticed behind that, and a later one makes Accept fail.
+bool CMsgListener::BeginListening(CRun & run)
 {
-    CMsgConnection * const listening = m_pListening;
-    CMsgConnection * client = AllocateConnection();
-    while (client && !m_bStopping && listening->Accept(client))
+    CMsgConnection * listening = nullptr;
     {
-        CMsgListenerSession * const session = AllocateSession();
-        SessionBegins();
-        if (session->Activate(client, m_nSessionPriority))
+        CSingleLock guard(&m_runLock, TRUE);
+        listening = run.m_bStopping ? nullptr : AllocateConnection();
+        run.m_pListening = listening;
+        run.m_nError = 0; // unless somebody reports another one from here on
+    }
+    bool const bListens = listening && listening->Listen();
+    CSingleLock guard(&m_runLock, TRUE);
+    if (run.m_bStopping)
+    {
+        SetLastError(ERROR_OPERATION_ABORTED);
+    }
+    if (!bListens || run.m_bStopping)
+    {
+        run.m_nError = GetLastError() != 0 ? GetLastError() : DWORD{ERROR_OPERATION_ABORTED};
+        return false;
+    }
+    return true;
+}
+
+void CMsgListener::AcceptClients(CRun & run)
+{
+    CMsgConnection * const listening = run.m_pListening; // only this thread changes it
+    CMsgConnection * client = AllocateConnection();
+    while (client && !run.m_bStopping && listening->Accept(client))
+    {
+        if (BeginSession(*t_pRun, client))
         {
             client = AllocateConnection();
         }
         else
         {
-            // No thread: this client is turned away, and the next one may have more luck.
             client->Disconnect();
-            m_sessions.Return(session);
-            SessionEnds();
         }
     }
     if (client)
@@ -245,38 +328,80 @@ void CMsgListener::AcceptClients()
     }
 }
 
-void CMsgListener::StopSessions()
+/// False if this client is turned away: there are too many, or no thread could be had. The next one may have more luck.
+bool CMsgListener::BeginSession(RunPtr const & run, CMsgConnection * client)
 {
-    std::vector<CMsgListenerSession *> sessions;
+    CMsgListenerSession * session = nullptr;
+    bool bFirst = false;
     {
-        CSingleLock guard(m_sessions, TRUE);
-        for (POSITION pos = m_sessions.GetStartPosition(); pos;)
+        CSingleLock guard(&m_runLock, TRUE);
+        bool const bTooMany = m_limits.nMaxClients != 0 && run->m_sessions.size() >= m_limits.nMaxClients;
+        bFirst = bTooMany && !run->m_bTurnsAway;
+        run->m_bTurnsAway = bTooMany;
+        if (!bTooMany && !run->m_bStopping)
         {
-            sessions.push_back(static_cast<CMsgListenerSession *>(m_sessions.GetNext(pos)));
+            session = AllocateSession();
+            session->m_run = run;
+            run->m_sessions.push_back(session);
+            run->m_quietEvent.ResetEvent();
         }
     }
-    for (CMsgListenerSession * const session : sessions)
+    if (bFirst)
     {
-        session->Stop(INFINITE);
+        LogWarning(_T("Listener '%s' has its %u clients: more are turned away"), m_strTargetPath, m_limits.nMaxClients);
     }
-    m_noneActive.Lock(INFINITE);
-    CSingleLock guard(&m_activeLock, TRUE); // the last session's thread has let go of it
+    if (!session)
+    {
+        return false;
+    }
+    if (!session->Activate(client, m_nSessionPriority))
+    {
+        EndSession(session);
+        return false;
+    }
+    return true;
 }
 
-bool CMsgListener::SessionBegins()
+/// Makes the session free. The last thing that its thread does with the listener.
+void CMsgListener::EndSession(CMsgListenerSession * session)
 {
-    CSingleLock guard(&m_activeLock, TRUE);
-    ++m_nActive;
-    return m_noneActive.ResetEvent();
+    CSingleLock guard(&m_runLock, TRUE);
+    RunPtr const run = std::exchange(session->m_run, nullptr);
+    std::erase(run->m_sessions, session);
+    m_sessions.Return(session);
+    if (run->m_sessions.empty())
+    {
+        run->m_quietEvent.SetEvent();
+    }
 }
 
-void CMsgListener::SessionEnds()
+/// On the thread that has accepted. Whatever the run had is given back, and its sessions are waited for.
+void CMsgListener::EndRun(RunPtr const & run)
 {
-    CSingleLock guard(&m_activeLock, TRUE);
-    if (--m_nActive == 0)
+    CMsgConnection * listening = nullptr;
     {
-        m_noneActive.SetEvent();
+        CSingleLock guard(&m_runLock, TRUE);
+        listening = std::exchange(run->m_pListening, nullptr);
+        BreakSessions(*run);
     }
+    run->m_startedEvent.SetEvent();
+    if (listening)
+    {
+        listening->Disconnect();
+        ReleaseConnection(listening);
+    }
+    else
+    {
+        LogError(_T("Releasing null listening connection"));
+    }
+    run->m_quietEvent.Lock(INFINITE);
+    for (CMsgListenerSession * const session : run->m_broken)
+    {
+        NotifyEvent(CMsgListenerEvent::SESSION_UNUSED, session, nullptr);
+    }
+    CSingleLock guard(&m_runLock, TRUE);
+    std::erase(m_alive, run);
+    run->m_endedEvent.SetEvent();
 }
 
 CMsgListenerSession * CMsgListener::AllocateSession()
@@ -303,9 +428,31 @@ int CMsgListener::WriteResponse(CMsgConnection * connection, CMsgRequest & reque
 
 void CMsgListener::ProcessRequest(CMsgListenerSession * session, CMsgConnection * connection)
 {
-    auto request = std::make_unique<CListenerRequest>(session, connection);
-    while (ReadRequest(connection, *request))
+    struct Serving
     {
+        explicit Serving(CMsgListener const * listener) { t_pServing = listener; }
+        ~Serving() { t_pServing = nullptr; }
+    } const serving(this);
+    RunPtr const run = session->m_run;
+    auto request = std::make_unique<CListenerRequest>(session, connection);
+    for (;;)
+    {
+        ULONGLONG const start = connection->GetBytesRead();
+        connection->LimitMessage(m_limits.nMaxMessageBytes);
+        int const bRead = ReadRequest(connection, *request);
+        request->m_nBytes = connection->GetBytesRead() - start;
+        if (m_limits.nMaxMessageBytes != 0 &&
+            (bRead ? request->m_nBytes > m_limits.nMaxMessageBytes : GetLastError() == WSAEMSGSIZE))
+        {
+            LogWarning(_T("Listener '%s': a message of more than %I64u bytes ends its session"), m_strTargetPath,
+                       m_limits.nMaxMessageBytes);
+            return;
+        }
+        if (!bRead)
+        {
+            return;
+        }
+        request->SetFromOutside();
         {
             CSingleLock guard(&m_progressLock, TRUE);
             ++m_nInProgress;
@@ -315,14 +462,14 @@ void CMsgListener::ProcessRequest(CMsgListenerSession * session, CMsgConnection 
             // The queue serves a copy, which is tied to no connection. The request at hand is as good as one: it goes
             // there, and a new one takes its place.
             request->SetConnection(nullptr);
-            CObject * const copy = request.release();
-            if (!m_notifyQueue.InsertOrDelete(copy))
-            {
-                CSingleLock guard(&m_progressLock, TRUE);
-                --m_nInProgress;
-            }
+            QueueRequest(std::move(request), run->m_stopEvent);
             request = std::make_unique<CListenerRequest>(session, connection);
             continue;
+        }
+        if (run->m_bStopping)
+        {
+            ResetRequest(*request);
+            return; // nobody waits for the answer any more
         }
         DispatchRequest(*request);
         if (!request->GetConnection())
@@ -334,6 +481,25 @@ void CMsgListener::ProcessRequest(CMsgListenerSession * session, CMsgConnection 
         WriteResponse(connection, *request); // a dead client shows at the next read
         NotifyEvent(CMsgListenerEvent::AFTER_RESPONSE, session, request.get());
         ResetRequest(*request);
+    }
+}
+
+void CMsgListener::QueueRequest(std::unique_ptr<CListenerRequest> request, HANDLE stop)
+{
+    ULONGLONG const bytes = request->m_nBytes;
+    while (!m_backlog.TryEnter(bytes))
+    {
+        if (!m_backlog.AwaitRoom(stop, LOOK))
+        {
+            m_backlog.Enter(bytes); // it has come in: it is served
+            break;
+        }
+    }
+    if (!m_notifyQueue.InsertOrDelete(request.release()))
+    {
+        m_backlog.Leave(bytes);
+        CSingleLock guard(&m_progressLock, TRUE);
+        --m_nInProgress;
     }
 }
 
@@ -359,6 +525,12 @@ void CMsgListener::NotifyRequestProc(CObject * object, void * param)
     std::unique_ptr<CObject> const owner(object);
     if (auto * const request = dynamic_cast<CListenerRequest *>(object); request && listener)
     {
+        struct Served
+        {
+            CMsgListener & listener;
+            ULONGLONG nBytes;
+            ~Served() { listener.m_backlog.Leave(nBytes); }
+        } const served{*listener, request->m_nBytes};
         listener->DispatchRequest(*request);
         listener->ResetRequest(*request);
     }
@@ -369,11 +541,13 @@ void CMsgListener::DispatchRequest(CListenerRequest & request)
     NotifyEvent(CMsgListenerEvent::BEFORE_DISPATCH, request.GetSession(), &request);
     CString command = request.GetCommand();
     CMsgTarget * const target = GetTarget();
-    if (target && command.AsView().starts_with(m_strTargetPath.AsView()))
+    int const length = m_strTargetPath.GetLength();
+    if (target && m_strTargetPath.CompareNoCase(command.Left(length)) == 0 &&
+        (length == 0 || command.GetLength() == length || command[length] == _T('.')))
     {
-        if (!m_strTargetPath.IsEmpty())
+        if (length != 0)
         {
-            command = command.Mid(m_strTargetPath.GetLength() + 1);
+            command = command.Mid(length + 1);
         }
         target->Service(command, request);
     }

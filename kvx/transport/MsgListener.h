@@ -3,9 +3,14 @@
 /// The server's end: waits for clients on a listening connection, and serves each of them on a session of its own.
 
 #include "kvx/threads/ThreadQueue.h"
+#include "kvx/transport/MsgBacklog.h"
 #include "kvx/transport/MsgConnectionProvider.h"
 
+#include <memory>
+#include <vector>
+
 class CMsgListener;
+class CMsgListenerRun;
 class CMsgListenerSession;
 class CMsgListenerSessionBase;
 class CThreadContext;
@@ -36,16 +41,34 @@ public:
 /// A listener has one thread that accepts, one for each connected client, and one that serves one-way requests in order
 /// of arrival. The handshake with a client runs on the client's thread, so that a silent one holds up nobody.
 ///
-/// A command that begins with the path of the listener's target is served below that target; anything else is answered
-/// with code 50.
+/// A command that begins with the path of the listener's target, in any case, is served below that target; anything else
+/// is answered with code 50.
+///
+/// One-way requests that come faster than they are served wait in a backlog of limited size. While it is full a session
+/// keeps the one-way request that it has read in hand and reads no further, so that its client is slowed by the
+/// transport's own flow control: nothing is lost, the order is kept, and other clients' two-way requests are served. A
+/// handler of one-way requests must therefore not send more of them to its own listener than the backlog holds.
 ///
 /// Threads: StartListener and StopListener are the owner's. Whoever started a listener stops it before the tree is torn
-/// down, and neither stops nor deletes it on a thread of one of its sessions, which would wait for itself.
+/// down. A handler may stop its listener, which then doesn't wait for it, but mustn't delete it.
 class KVX_API CMsgListener : public CMsgConnectionProvider
 {
 public:
     class CListenerRequest;
     using EventProc = void (*)(CMsgListenerEvent *, void *);
+
+    /// What a listener puts up with; 0 is no limit.
+    struct Limits
+    {
+        /// One-way requests that wait to be served, and their bytes on the wire. In memory they take several times that.
+        DWORD nMaxBacklog = 4096;
+        ULONGLONG nMaxBacklogBytes = ULONGLONG{8} << 20;
+        /// The bytes of one message on the wire. A longer one ends its session. It is noticed as it arrives, up to 256
+        /// KiB late.
+        ULONGLONG nMaxMessageBytes = 0;
+        /// Clients at a time. Those that come beyond are disconnected at once.
+        DWORD nMaxClients = 0;
+    };
 
     ~CMsgListener() override;
 
@@ -60,12 +83,18 @@ public:
     /// Does nothing: the connections are those of clients, and end with the listener.
     int StopProvider() override { return 1; }
 
-    /// 0 if no thread could be had. The listening itself begins on that thread: see WaitUntilListening.
+    /// For a listener that is stopped.
+    void SetLimits(Limits const & limits);
+
+    /// 0 if no thread could be had. The listening itself begins on that thread: see WaitUntilListening. A listener that
+    /// is stopping may be started: what is still in service goes on to its end.
     virtual int StartListener();
-    /// Stops accepting, drops all clients, and waits for their sessions and for the one-way requests that came in,
-    /// within the stop time-out. 0 while the library shuts down, and then nothing is touched.
+    /// Stops accepting and drops all clients, at once: of what they sent only the one-way requests that have come in are
+    /// still served. Then waits for what is in service, and for these, within the stop time-out. 0 while the library
+    /// shuts down, and then nothing is touched.
     virtual int StopListener();
-    /// Waits until the listener accepts clients or has failed to: 1, or 0 with the reason as the thread's last error.
+    /// Waits until the listener accepts clients or has failed to: 1, or 0 with the reason as the thread's last error,
+    /// which is 1243 for a listener that was never started.
     virtual int WaitUntilListening(DWORD timeout);
     /// 0 before it listens, and once it has stopped, also by itself.
     int IsListening() const { return GetListeningConnection() != nullptr; }
@@ -98,47 +127,53 @@ protected:
     static DWORD GetRest(DWORD timeout, DWORD start);
 
     /// Said on the listener's thread where listening turns out to fail later than in Listen: see WaitUntilListening.
-    void ReportListenError(DWORD error) { m_nListenError = error; }
+    void ReportListenError(DWORD error);
 
-    /// The connection that listens, null unless the listener runs. Locked by the caller's knowledge that it does.
-    CMsgConnection * GetListeningConnection() const { return m_pListening.load(); }
+    /// The connection that listens, null unless the listener runs.
+    CMsgConnection * GetListeningConnection() const;
 
 private:
     friend class CMsgListenerSession;
+
+    using CRun = CMsgListenerRun;
+    using RunPtr = std::shared_ptr<CRun>;
 
     CString m_strTargetPath;
     int m_nListenerPriority;
     int m_nSessionPriority;
     DWORD m_nStopTimeout;
+    Limits m_limits;
     CObCache m_sessions;
-    std::atomic<CMsgConnection *> m_pListening{nullptr};
-    std::atomic<CThreadContext *> m_pThread{nullptr}; // null when the listener is stopped
     CString m_strStartEvent;
     LONG m_nInProgress = 0;
     CCriticalSection m_progressLock;
+    CMsgBacklog m_backlog;
     CThreadQueue m_notifyQueue;
     CEvent m_idleEvent;
 
-    std::atomic<bool> m_bStopping{false};
-    CEvent m_runDone;   // manual: the listener thread does not run
-    CEvent m_startDone; // manual: the listening has begun or failed
-    std::atomic<DWORD> m_nListenError{0};
-    CCriticalSection m_activeLock;
-    LONG m_nActive = 0;  // sessions with a thread
-    CEvent m_noneActive; // manual
+    // Guards the next two and all that the runs hold.
+    mutable CCriticalSection m_runLock;
+    RunPtr m_run;                // the last one that was started, null before
+    std::vector<RunPtr> m_alive; // those that have a thread
 
-    static unsigned int ListenerProc(void * listener);
+    CShutdownHook m_shutdownHook{[](void * self) { static_cast<CMsgListener *>(self)->BeginStop(); }, this};
+
+    static unsigned int ListenerProc(void * start);
     static void NotifyRequestProc(CObject * request, void * listener);
 
-    bool WaitForStartEvent();
-    void AcceptClients();
-    void StopSessions();
-    bool WaitForThreads(DWORD timeout);
+    bool BeginListening(CRun & run);
+    void AcceptClients(CRun & run);
+    bool BeginSession(RunPtr const & run, CMsgConnection * client);
+    void EndSession(CMsgListenerSession * session);
+    static void BreakSessions(CRun & run);
+    void EndRun(RunPtr const & run);
+    RunPtr BeginStop();
+    bool IsOwnThread() const;
     CMsgListenerSession * AllocateSession();
-    bool SessionBegins();
-    void SessionEnds();
 
     void ProcessRequest(CMsgListenerSession * session, CMsgConnection * connection);
+    bool IsTooLong(CMsgConnection const & connection, ULONGLONG start) const;
+    void QueueRequest(std::unique_ptr<CListenerRequest> request, HANDLE stop);
     void DispatchRequest(CListenerRequest & request);
     void ResetRequest(CListenerRequest & request);
     void ReleaseSession(CMsgListenerSession * session);
@@ -160,6 +195,9 @@ public:
     CMsgConnection * GetSavedConnection() const { return m_pSavedConnection; }
 
 private:
+    friend class CMsgListener;
+
     CMsgListenerSessionBase * m_pSession;
     CMsgConnection * m_pSavedConnection;
+    ULONGLONG m_nBytes = 0; // on the wire
 };

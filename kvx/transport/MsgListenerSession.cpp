@@ -104,20 +104,27 @@ void CMsgListenerSession::Run()
         listener->ReleaseConnection(connection);
     }
     m_done.SetEvent();
-    listener->m_sessions.Return(this);
-    listener->SessionEnds();
+    listener->EndSession(this);
+}
+
+/// Drops the client; false if there is none. The thread ends behind it.
+bool CMsgListenerSession::Break()
+{
+    CSingleLock guard(&m_servedLock, TRUE);
+    if (!m_pServed)
+    {
+        return false;
+    }
+    SetConnection(nullptr);
+    m_pServed->Disconnect();
+    return true;
 }
 
 int CMsgListenerSession::Stop(DWORD timeout)
 {
+    if (!Break())
     {
-        CSingleLock guard(&m_servedLock, TRUE);
-        if (!m_pServed)
-        {
-            return 1;
-        }
-        SetConnection(nullptr);
-        m_pServed->Disconnect();
+        return 1;
     }
     int const bEnded = m_done.Lock(timeout);
     m_pListener->ReleaseSession(this);

@@ -5,9 +5,11 @@
 #include "kvx/foundation/Dictionary.h"
 
 #include <atomic>
+#include <memory>
 
 class CMsgConnection;
 class CMsgListener;
+class CMsgListenerRun;
 
 class KVX_API CMsgListenerSessionBase : public CObject
 {
@@ -49,7 +51,9 @@ private:
     CCriticalSection m_servedLock;
     CMsgConnection * m_pServed = nullptr;
     CEvent m_done; // manual: no thread runs
+    std::shared_ptr<CMsgListenerRun> m_run; // that it is a session of; the listener's lock guards it
 
     static unsigned int SessionProc(void * session);
     CMsgConnection * TakeServed();
+    bool Break();
 };

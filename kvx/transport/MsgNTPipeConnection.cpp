@@ -133,6 +133,12 @@ bool CMsgNTPipeConnection::WaitForClient(HANDLE pipe)
            (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(pipe, &overlapped, &transferred, TRUE));
 }
 
+int CMsgNTPipeConnection::Listen()
+{
+    m_bDropped = false;
+    return 1;
+}
+
 int CMsgNTPipeConnection::Accept(CMsgConnection * target)
 {
     HANDLE pipe = m_hNext.exchange(INVALID_HANDLE_VALUE);
@@ -150,11 +156,12 @@ int CMsgNTPipeConnection::Accept(CMsgConnection * target)
     }
     SetHandles(pipe, pipe);
     SignalInstance(0);
-    bool const bConnected = WaitForClient(pipe);
-    DWORD const lastError = GetLastError();
+    // A Disconnect that has come before the handle was there is noticed here; a later one closes it.
+    bool const bConnected = !m_bDropped && WaitForClient(pipe);
+    DWORD const lastError = m_bDropped ? DWORD{ERROR_OPERATION_ABORTED} : GetLastError();
     HANDLE read = INVALID_HANDLE_VALUE;
     HANDLE write = INVALID_HANDLE_VALUE;
-    if (bConnected)
+    if (bConnected && !m_bDropped)
     {
         m_hNext = CreateInstance(); // without one the next call says why
     }
@@ -162,6 +169,10 @@ int CMsgNTPipeConnection::Accept(CMsgConnection * target)
     if (!bConnected || read != pipe)
     {
         CloseHandles(read, write);
+        if (m_bDropped)
+        {
+            DropNext(); // it may have been made behind the Disconnect
+        }
         SetLastError(bConnected ? static_cast<DWORD>(ERROR_OPERATION_ABORTED) : lastError);
         return 0;
     }
@@ -179,6 +190,7 @@ void CMsgNTPipeConnection::DropNext()
 
 int CMsgNTPipeConnection::Disconnect()
 {
+    m_bDropped = true;
     DropNext();
     HANDLE const pipe = m_hWrite;
     if (pipe == INVALID_HANDLE_VALUE)

@@ -17,14 +17,16 @@ public:
     /// Waits up to 10 seconds for a free instance of the pipe, and tries 5 times when others are quicker.
     int Connect() override;
     int Disconnect() override;
-    /// Does nothing: the pipe comes into being with Accept.
-    int Listen() override { return 1; }
+    /// The pipe comes into being with Accept.
+    int Listen() override;
     /// Gives the target an instance of the pipe that a client has opened. The next instance is there before that, so
-    /// that no client finds the pipe missing between two calls; Disconnect removes it.
+    /// that no client finds the pipe missing between two calls; Disconnect removes it. Fails behind a Disconnect until
+    /// the next Listen.
     int Accept(CMsgConnection * target) override;
 
 private:
     std::atomic<HANDLE> m_hNext{INVALID_HANDLE_VALUE};
+    std::atomic<bool> m_bDropped{false}; // since the last Listen
 
     void SignalInstance(DWORD error);
     HANDLE CreateInstance() const;

@@ -35,6 +35,7 @@ int CMsgPipeListener::StartListener()
     if (!GetListeningConnection())
     {
         m_instanceEvent.ResetEvent();
+        m_findableEvent.ResetEvent();
     }
     int const bStarted = CMsgListener::StartListener();
     if (bStarted)

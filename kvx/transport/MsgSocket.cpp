@@ -12,16 +12,30 @@ int CMsgSocket::Create(int type)
     return IsOpen();
 }
 
+namespace
+{
+constexpr UINT MAX_PORT = 65535;
+
+int Refuse()
+{
+    WSASetLastError(WSAEINVAL);
+    return 0;
+}
+} // namespace
+
 int CMsgSocket::Bind(UINT port, char const * address)
 {
+    if (port > MAX_PORT)
+    {
+        return Refuse();
+    }
     winsock::SockAddrIn local{};
     local.sin_family = winsock::AddressFamilyInet;
     local.sin_port = winsock::htons(static_cast<USHORT>(port));
     local.sin_addr.s_addr = address ? winsock::inet_addr(address) : winsock::htonl(winsock::AddressAny);
     if (address && local.sin_addr.s_addr == winsock::AddressNone)
     {
-        WSASetLastError(WSAEINVAL);
-        return 0;
+        return Refuse();
     }
     return winsock::bind(m_socket, reinterpret_cast<winsock::SockAddr const *>(&local), sizeof(local)) == 0;
 }
@@ -40,6 +54,10 @@ int CMsgSocket::Accept(CMsgSocket & target)
 
 int CMsgSocket::Connect(char const * host, UINT port)
 {
+    if (port > MAX_PORT)
+    {
+        return Refuse();
+    }
     winsock::SockAddrIn peer{};
     peer.sin_family = winsock::AddressFamilyInet;
     peer.sin_port = winsock::htons(static_cast<USHORT>(port));
@@ -49,8 +67,7 @@ int CMsgSocket::Connect(char const * host, UINT port)
         winsock::HostEnt const * const found = winsock::gethostbyname(host);
         if (!found || !found->h_addr_list[0])
         {
-            WSASetLastError(WSAEINVAL);
-            return 0;
+            return Refuse();
         }
         std::memcpy(&peer.sin_addr, found->h_addr_list[0], sizeof(peer.sin_addr));
     }

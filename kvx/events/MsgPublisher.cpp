@@ -10,7 +10,7 @@
 #include "kvx/transport/MsgListener.h"
 
 #include <memory>
-#include <vector>
+#include <utility>
 
 namespace
 {
@@ -21,29 +21,27 @@ INT_PTR ToKey(CObject const * connection)
 }
 } // namespace
 
-class CMsgPublisher::CSubscription : public CObject
+/// What a connection has subscribed to. The connection goes when the last who uses the subscription lets go of it.
+class CMsgPublisher::CSubscription : public CRefObject
 {
 public:
-    CSubscription(CMsgPublisher & publisher, CMsgConnection * connection)
-        : m_publisher(publisher), m_pConnection(connection)
+    CSubscription(CMsgConnection * connection, CMsgSendQueue::Limits const & limits) : m_pConnection(connection)
     {
-        CSingleLock guard(&m_publisher.m_linksLock, TRUE);
-        m_publisher.m_links.SetAt(connection, connection);
+        if (limits.nMaxMessages != 0 || limits.nMaxBytes != 0)
+        {
+            m_queue = new CMsgSendQueue(connection, limits);
+            connection->SetSendQueue(m_queue.Get());
+        }
     }
     CSubscription(CSubscription const &) = delete;
     CSubscription & operator=(CSubscription const &) = delete;
-    /// Drops the link first: that frees whoever is blocked in writing to it, and holds a publication meanwhile.
     ~CSubscription() override
     {
-        m_pConnection->Disconnect();
-        for (CMsgPublication * const publication : m_publications)
+        if (!m_pConnection)
         {
-            publication->Unregister(m_pConnection);
+            return;
         }
-        {
-            CSingleLock guard(&m_publisher.m_linksLock, TRUE);
-            m_publisher.m_links.RemoveKey(m_pConnection);
-        }
+        m_pConnection->SetSendQueue(nullptr);
         if (CMsgConnectionProvider * const owner = m_pConnection->GetOwner())
         {
             owner->ReleaseConnection(m_pConnection);
@@ -54,9 +52,62 @@ public:
         }
     }
 
-    CMsgPublisher & m_publisher;
+    /// False if the subscription has ended meanwhile.
+    bool Add(CMsgPublication * publication)
+    {
+        CSingleLock guard(&m_lock, TRUE);
+        if (!m_bEnded)
+        {
+            m_publications.push_back(publication);
+        }
+        return !m_bEnded;
+    }
+
+    std::vector<CMsgPublication *> GetPublications() const
+    {
+        CSingleLock guard(&m_lock, TRUE);
+        return m_publications;
+    }
+
+    /// Leaves the connection to whoever had it before. For a subscription that nobody else knows.
+    void Abandon()
+    {
+        m_pConnection->SetSendQueue(nullptr);
+        m_pConnection = nullptr;
+    }
+
+    /// Drops the link first: that frees whoever is blocked in writing to it.
+    void End()
+    {
+        std::vector<CMsgPublication *> publications;
+        {
+            CSingleLock guard(&m_lock, TRUE);
+            if (std::exchange(m_bEnded, true))
+            {
+                return;
+            }
+            publications.swap(m_publications);
+        }
+        m_pConnection->Disconnect();
+        if (m_queue)
+        {
+            m_queue->Close();
+        }
+        for (CMsgPublication * const publication : publications)
+        {
+            publication->Unregister(m_pConnection);
+        }
+    }
+
+    CMsgConnection * GetConnection() const { return m_pConnection; }
+    CMsgSendQueue * GetQueue() const { return m_queue.Get(); }
+
+private:
     CMsgConnection * m_pConnection;
+    kvx::RefPtr<CMsgSendQueue> m_queue; // null without a limit
+    mutable CCriticalSection m_lock;
     std::vector<CMsgPublication *> m_publications;
+    bool m_bEnded = false;
 };
 
 CMsgPublisher::CMsgPublisher() = default;
@@ -66,26 +117,47 @@ CMsgPublisher::~CMsgPublisher()
     DropSubscriptions(); // before the publications, which they leave
 }
 
+void CMsgPublisher::SetSubscriberLimit(DWORD messages, ULONGLONG bytes, DWORD patience)
+{
+    CSingleLock guard(&m_subscriptionsLock, TRUE);
+    m_limits = {messages, bytes, patience};
+}
+
+void CMsgPublisher::BreakConnections(void * publisher)
+{
+    auto * const self = static_cast<CMsgPublisher *>(publisher);
+    CSingleLock guard(&self->m_subscriptionsLock, TRUE);
+    for (auto const & [key, subscription] : self->m_subscriptions)
+    {
+        subscription->GetConnection()->Disconnect();
+    }
+}
+
+std::vector<CMsgPublisher::SubscriptionPtr> CMsgPublisher::TakeSubscriptions()
+{
+    std::vector<SubscriptionPtr> taken;
+    CSingleLock guard(&m_subscriptionsLock, TRUE);
+    for (auto & [key, subscription] : m_subscriptions)
+    {
+        taken.push_back(std::move(subscription));
+    }
+    m_subscriptions.clear();
+    return taken;
+}
+
 void CMsgPublisher::DropSubscriptions()
 {
+    BreakConnections(this); // all at once, for whoever waits for one of them holds up the next
+    for (SubscriptionPtr const & subscription : TakeSubscriptions())
     {
-        CSingleLock guard(&m_linksLock, TRUE);
-        void * key = nullptr;
-        void * link = nullptr;
-        for (POSITION pos = m_links.GetStartPosition(); pos;)
-        {
-            m_links.GetNextAssoc(pos, key, link);
-            static_cast<CMsgConnection *>(link)->Disconnect();
-        }
+        subscription->End();
     }
-    CSingleLock guard(*this, TRUE);
-    m_subscriptions.RemoveAll(1);
 }
 
 int CMsgPublisher::GetSubscriptionCount() const
 {
-    CSingleLock guard(*this, TRUE);
-    return static_cast<int>(m_subscriptions.GetCount());
+    CSingleLock guard(&m_subscriptionsLock, TRUE);
+    return static_cast<int>(m_subscriptions.size());
 }
 
 CMsgPublication * CMsgPublisher::LookupPublication(CString const & name, int create)
@@ -118,24 +190,41 @@ CStringValue CMsgPublisher::RegisterSubscription(CMsgRequest & request, CString 
     {
         ThrowAppException(ERROR_INVALID_PARAMETER, _T("Connection required"));
     }
-    CSingleLock guard(*this, TRUE); // whoever drops the subscription waits until the response has gone
-    CSubscription const * subscription = LookupSubscription(connection);
-    std::size_t const confirmed = subscription ? subscription->m_publications.size() : 0;
+    // Holds the connection until the response has gone, whoever drops the subscription meanwhile.
+    SubscriptionPtr const subscription = LookupSubscription(connection, !events.IsEmpty());
+    std::size_t const known = subscription ? subscription->GetPublications().size() : 0;
     CStringValue const handle = RegisterSubscription(connection, events, &request);
-    subscription = LookupSubscription(connection);
     if (!subscription)
     {
         return handle; // there was nothing to subscribe to: an ordinary response goes back
     }
-    CMsgListener::TakeConnection(request);
-    // What is published from here on waits for the write lock: it goes behind the response, and none of it is missed.
-    CSingleLock writing(connection->GetWriteLock(), TRUE);
-    for (std::size_t i = confirmed; i < subscription->m_publications.size(); ++i)
+    std::vector<CMsgPublication *> const publications = subscription->GetPublications();
+    if (publications.empty() && TakeSubscription(ToKey(connection)))
     {
-        subscription->m_publications[i]->Confirm(connection);
+        subscription->Abandon();
+        return handle;
     }
-    request.GetResponse().Write(*connection);
-    connection->FlushData(); // a client that has gone shows when something is published
+    CMsgListener::TakeConnection(request);
+    // What is published from here on goes behind the response, and none of it is missed: it waits for the write lock,
+    // or for its turn in the queue.
+    CMsgResponse & response = request.GetResponse();
+    CSingleLock writing(connection->GetWriteLock());
+    if (subscription->GetQueue())
+    {
+        subscription->GetQueue()->Post(response);
+    }
+    else
+    {
+        writing.Lock();
+    }
+    for (std::size_t i = known; i < publications.size(); ++i)
+    {
+        publications[i]->Confirm(connection);
+    }
+    if (!subscription->GetQueue() && response.Write(*connection))
+    {
+        connection->FlushData(); // a client that has gone shows when something is published
+    }
     return handle;
 }
 
@@ -149,20 +238,14 @@ CStringValue CMsgPublisher::RegisterSubscription(CMsgConnection * connection, CS
         LogError(_T("CMsgPublisher: no publications to register"));
         return handle;
     }
-    CSingleLock guard(*this, TRUE);
-    CSubscription * subscription = LookupSubscription(connection);
-    if (!subscription)
-    {
-        subscription = new CSubscription(*this, connection);
-        m_subscriptions.SetAt(ToKey(connection), subscription);
-    }
+    SubscriptionPtr const subscription = LookupSubscription(connection, true);
     CStringTokenizer names(events, _T(","));
     for (CString name; names.GetNextString(name);)
     {
         CMsgPublication * const publication = LookupPublication(name, 1);
-        if (publication->Register(connection, request))
+        if (publication->Register(connection, request) && !subscription->Add(publication))
         {
-            subscription->m_publications.push_back(publication);
+            publication->Unregister(connection);
         }
     }
     if (request)
@@ -173,9 +256,30 @@ CStringValue CMsgPublisher::RegisterSubscription(CMsgConnection * connection, CS
     return handle;
 }
 
-CMsgPublisher::CSubscription * CMsgPublisher::LookupSubscription(CMsgConnection * connection) const
+CMsgPublisher::SubscriptionPtr CMsgPublisher::LookupSubscription(CMsgConnection * connection, bool bCreate)
 {
-    return static_cast<CSubscription *>(m_subscriptions.Lookup(ToKey(connection)));
+    CSingleLock guard(&m_subscriptionsLock, TRUE);
+    auto const found = m_subscriptions.find(ToKey(connection));
+    if (found != m_subscriptions.end())
+    {
+        return found->second;
+    }
+    return bCreate ? m_subscriptions.emplace(ToKey(connection), new CSubscription(connection, m_limits)).first->second
+                   : SubscriptionPtr();
+}
+
+/// Null if there is none. Another thread may have unregistered the connection, and deleted it: the key is a number.
+CMsgPublisher::SubscriptionPtr CMsgPublisher::TakeSubscription(INT_PTR key)
+{
+    CSingleLock guard(&m_subscriptionsLock, TRUE);
+    auto const found = m_subscriptions.find(key);
+    if (found == m_subscriptions.end())
+    {
+        return SubscriptionPtr();
+    }
+    SubscriptionPtr subscription = std::move(found->second);
+    m_subscriptions.erase(found);
+    return subscription;
 }
 
 void CMsgPublisher::Service(CMsgRequest & request)
@@ -193,20 +297,17 @@ void CMsgPublisher::Service(CMsgRequest & request)
     }
 }
 
-/// Another thread may have unregistered the connection, and deleted it: it is looked up before it is touched.
 void CMsgPublisher::UnregisterKey(INT_PTR key)
 {
-    CSingleLock guard(*this, TRUE);
-    if (auto const * const subscription = static_cast<CSubscription *>(m_subscriptions.Lookup(key)))
+    if (SubscriptionPtr const subscription = TakeSubscription(key))
     {
-        UnregisterSubscription(subscription->m_pConnection);
+        subscription->End();
     }
 }
 
 void CMsgPublisher::UnregisterSubscription(CMsgConnection * connection)
 {
-    CSingleLock guard(*this, TRUE);
-    delete m_subscriptions.RemoveKey(ToKey(connection));
+    UnregisterKey(ToKey(connection));
 }
 
 void CMsgPublisher::UnregisterSubscription(CStringValue const & handle)

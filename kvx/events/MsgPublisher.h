@@ -6,6 +6,11 @@
 #include "kvx/foundation/Lockable.h"
 #include "kvx/foundation/ObLookup.h"
 #include "kvx/messaging/MsgProvider.h"
+#include "kvx/threads/ShutdownHook.h"
+#include "kvx/transport/MsgSendQueue.h"
+
+#include <map>
+#include <vector>
 
 class CMsgConnection;
 class CMsgPublication;
@@ -14,14 +19,21 @@ class CMsgPublication;
 /// whole command is the name of the publication, and all who subscribed to that name get the request. The connection
 /// must be the subscriber's own: see CMsgRelayProvider.
 ///
-/// Threads: any number may publish and subscribe at once. The publisher's lock comes before a publication's. See
-/// CMsgPublication for what a subscriber that stops reading does to those who publish.
+/// Threads: any number may publish, subscribe and unsubscribe at once, also while somebody is blocked in writing to a
+/// subscriber that has stopped reading. See CMsgPublication for what such a one does to those who publish, and
+/// SetSubscriberLimit for the cure.
 class KVX_API CMsgPublisher : public CMsgProvider, public CLockable
 {
 public:
     CMsgPublisher();
     /// Drops all subscriptions. Nobody may be publishing.
     ~CMsgPublisher() override;
+
+    /// For subscriptions that come from now on: each has a queue of its own, of so many messages and bytes (0 for no
+    /// limit of that kind, 0 for both for no queues, as it is by default). Publishing then goes on while a subscriber
+    /// doesn't read. When the queue is full publishing waits for that subscriber as long as it makes progress; one that
+    /// has taken nothing for `patience` milliseconds is dropped, with a line in the log. Order is kept.
+    void SetSubscriberLimit(DWORD messages, ULONGLONG bytes, DWORD patience = 1000);
 
     /// Sends the request to the subscribers of the publication of that name; without such a publication nothing
     /// happens. Subscribers that can't be reached are dropped.
@@ -55,14 +67,18 @@ protected:
 
 private:
     class CSubscription;
+    using SubscriptionPtr = kvx::RefPtr<CSubscription>;
 
-    CObIntegerLookup m_subscriptions{1}; // by connection
     CObStringLookup m_publications{1};
-    // The connections of all subscriptions. The lock is the last in order, and never held while something is written:
-    // whoever is blocked in writing may hold the others.
-    CMapPtrToPtr m_links{10};
-    CCriticalSection m_linksLock;
+    // Never held while something is written, nor while a publication is called.
+    mutable CCriticalSection m_subscriptionsLock;
+    std::map<INT_PTR, SubscriptionPtr> m_subscriptions; // by the connection's address
+    CMsgSendQueue::Limits m_limits;
+    CShutdownHook m_shutdownHook{&BreakConnections, this};
 
-    CSubscription * LookupSubscription(CMsgConnection * connection) const;
+    static void BreakConnections(void * publisher);
+    SubscriptionPtr LookupSubscription(CMsgConnection * connection, bool bCreate);
+    SubscriptionPtr TakeSubscription(INT_PTR key);
+    std::vector<SubscriptionPtr> TakeSubscriptions();
     void UnregisterKey(INT_PTR key);
 };

@@ -4,6 +4,7 @@
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/msgdata/MsgResults.h"
+#include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ThreadPool.h"
 #include "kvx/transport/MsgConnection.h"
 #include "kvx/transport/MsgConnectionProvider.h"
@@ -31,7 +32,7 @@ int CMsgSubscriber::Connect(CMsgRequest & request, LPCTSTR connectionString, int
     m_nPriority = priority;
     m_strCommand = request.GetCommand();
     m_strConnection = connectionString;
-    if (m_strConnection.IsEmpty() || !Reconnect(request))
+    if (!Reconnect(request))
     {
         return 0;
     }
@@ -45,6 +46,7 @@ int CMsgSubscriber::Connect(CMsgRequest & request, LPCTSTR connectionString, int
         m_bTerminate = 1;
         m_endedEvent.SetEvent();
         ResetConnection();
+        request.GetResponse().SetError(ERROR_NO_SYSTEM_RESOURCES, nullptr);
         return 0;
     }
     return 1;
@@ -60,6 +62,7 @@ int CMsgSubscriber::Reconnect(CMsgRequest & request)
         if (!provider)
         {
             CMsgProvider::DeleteWithModule(created);
+            request.GetResponse().SetError(ERROR_INVALID_PARAMETER, _T("Not a connection: %s"), m_strConnection);
             return 0;
         }
         CMsgConnection * connection = nullptr;
@@ -70,16 +73,26 @@ int CMsgSubscriber::Reconnect(CMsgRequest & request)
         }
         if (!connection)
         {
+            request.GetResponse().SetError(ERROR_NOT_ENOUGH_MEMORY, nullptr);
             return 0;
         }
+        request.GetResponse().SetError(0, nullptr); // a request may be used again
         provider->TransmitRequest(connection, request);
         if (!request.GetResponse().Succeeded())
         {
             return 0;
         }
         CMsgResults results(&request.GetResponse());
+        CStringValue const handle = results[_T("handle")];
+        if (handle.IsEmpty())
+        {
+            // The connection still belongs to the session that answered: nothing would ever be published on it.
+            ResetConnection();
+            request.GetResponse().SetError(ERROR_NOT_FOUND, _T("%s subscribes to nothing"), request.GetCommand());
+            return 0;
+        }
         CSingleLock guard(&m_connectionLock, TRUE);
-        m_handle = results[_T("handle")];
+        m_handle = handle;
         m_params.CopyValues(request);
         return 1;
     }
@@ -167,7 +180,7 @@ unsigned int CMsgSubscriber::NotificationProc(void * param)
 
 void CMsgSubscriber::Run()
 {
-    while (!m_bTerminate)
+    while (!m_bTerminate && !CKVXBaseApp::IsShuttingDown())
     {
         Guarded([this] { ReadRequests(); });
         if (m_bTerminate || !m_pReconnectProc)
@@ -218,7 +231,7 @@ void CMsgSubscriber::ReadRequests()
 void CMsgSubscriber::DefaultReconnectProc(CMsgSubscriber * subscriber, void *)
 {
     constexpr DWORD PAUSE = 100; // milliseconds
-    while (!subscriber->m_bTerminate)
+    while (!subscriber->m_bTerminate && !CKVXBaseApp::IsShuttingDown())
     {
         CMsgRequest request;
         request.SetCommand(subscriber->m_strCommand);

@@ -44,6 +44,8 @@ public:
     /// A number of the calling thread that its events carry: sessions set it, and it is cleared behind every job.
     DWORD GetThreadSessionId() const;
     void SetThreadSessionId(DWORD id);
+    /// Whether the log's own thread has been started.
+    bool HasThread() const { return m_hThread.load() != nullptr; }
     static DWORD GetSessionSlot() { return sm_instance.m_nSessionSlot; }
 
     /// The application's last call: ends the log's thread, shuts the sinks down and deletes them. Events that are still

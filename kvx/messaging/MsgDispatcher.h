@@ -2,6 +2,7 @@
 
 /// The process-wide dispatcher: the root of the command tree, the factories, and the notification queues.
 
+#include "kvx/foundation/Immortal.h"
 #include "kvx/foundation/ObLookup.h"
 #include "kvx/messaging/MsgTarget.h"
 #include "kvx/threads/ThreadQueue.h"
@@ -24,7 +25,7 @@ public:
     CMsgDispatcher & operator=(CMsgDispatcher const &) = delete;
     virtual ~CMsgDispatcher();
 
-    static CMsgDispatcher * GetInstance() { return &sm_instance; }
+    static CMsgDispatcher * GetInstance() { return &*sm_instance; }
 
     /// Walks the tree with the request's command. Not to be called after Terminate.
     void Service(CMsgRequest & request);
@@ -72,7 +73,9 @@ public:
     CMsgFactory * LookupFactory(LPCTSTR name) const;
 
 private:
-    static CMsgDispatcher sm_instance;
+    friend class CLibraryEntry;
+
+    static kvx::Immortal<CMsgDispatcher> sm_instance;
 
     CMapStringToOb m_factories{10};
     CMsgTarget * m_pRoot = nullptr;

@@ -26,8 +26,8 @@ public:
     static constexpr DWORD FLAG_CLOSE_CONNECTION = 2; // the inverse of KeepAlive
 
     explicit CMsgRequest(DWORD flags = 0);
-    /// Copies command, flags, handled, where it came from, parameters, response and row sets; a copy is tied to no connection, and to no
-    /// notify queue.
+    /// Copies command, flags, handled, where it came from, parameters, response and row sets; a copy is tied to no
+    /// connection, and to no notify queue.
     CMsgRequest(CMsgRequest const & other);
     ~CMsgRequest() override;
     CMsgRequest & operator=(CMsgRequest const &) = delete;

@@ -80,8 +80,9 @@ CMsgTarget::CMsgTarget(CMsgTarget * parent, CString const & name) : m_pParent(pa
     RegisterAutoDelete(m_children);
 }
 
-/// Goes down to the leaves with a list of its own: how deep the tree is may not decide how deep the stack goes. A target
-/// that is on the list hangs in no map any more: whatever a provider does to the tree as it goes, it finds none of them.
+/// Goes down to the leaves with a list of its own: how deep the tree is may not decide how deep the stack goes. A
+/// target that is on the list hangs in no map any more: whatever a provider does to the tree as it goes, it finds none
+/// of them.
 CMsgTarget::~CMsgTarget()
 {
     EndProviders();

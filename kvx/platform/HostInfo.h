@@ -15,3 +15,6 @@ struct HostInfo
 
 /// Any thread. A text that the host doesn't give is empty.
 KVX_API HostInfo GetHostInfo();
+
+/// How many threads this process has, the calling one included; a guess on the high side where the host doesn't tell.
+KVX_API DWORD CountThreads();

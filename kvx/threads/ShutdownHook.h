@@ -4,8 +4,9 @@
 
 #include "kvx/platform/export.h"
 
-/// A member of an object whose threads, or whose callers' threads, wait for somebody outside this process: the procedure
-/// makes them come back at once. It is called on whatever thread ends the library's threads, and may wait for nobody.
+/// A member of an object whose threads, or whose callers' threads, wait for somebody outside this process: the
+/// procedure makes them come back at once. It is called on whatever thread ends the library's threads, and may wait for
+/// nobody.
 ///
 /// To be the last member of its class, so that the object is whole for as long as the procedure may be called: neither
 /// constructor nor destructor returns while it runs on another thread.

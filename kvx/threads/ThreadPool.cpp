@@ -8,6 +8,7 @@
 #include <vector>
 
 constinit std::atomic<bool> CThreadPool::sm_bTerminated{false};
+constinit std::atomic<bool> CThreadPool::sm_bLeftThreads{false};
 
 CThreadPool::CThreadPool()
 {
@@ -160,7 +161,10 @@ void CThreadPool::TerminateAllThreads(DWORD timeout)
     }
     for (CThreadContext * const context : contexts)
     {
-        context->Terminate(timeout, 1);
+        if (!context->Terminate(timeout, 1))
+        {
+            sm_bLeftThreads = true;
+        }
     }
     if (CKVXBaseApp::IsShuttingDown())
     {

@@ -46,6 +46,9 @@ public:
     /// Whether the library shuts down and all threads have been ended or killed: there is nobody left to wait for.
     static bool IsTerminated() { return sm_bTerminated.load(); }
 
+    /// Whether TerminateAllThreads has left one in the middle of its job: it was killed, or is the one that called.
+    static bool HasLeftThreads() { return sm_bLeftThreads.load(); }
+
     static CIntToStrLookup sm_threadMap;
 
 private:
@@ -53,6 +56,7 @@ private:
 
     static DWORD sm_dwThreadCtxTLS;
     static std::atomic<bool> sm_bTerminated;
+    static std::atomic<bool> sm_bLeftThreads;
     static CThreadPool sm_instance;
 
     CObCache m_cache;

@@ -24,7 +24,8 @@ public:
     void Leave(ULONGLONG bytes);
 
     /// Waits until there may be room again, `stop` is set, or the time is over: false only for `stop`. Room comes when
-    /// half of what filled the backlog has been served, so that reading and serving don't take turns message by message.
+    /// half of what filled the backlog has been served, so that reading and serving don't take turns message by
+    /// message.
     bool AwaitRoom(HANDLE stop, DWORD timeout);
 
 private:

@@ -7,6 +7,7 @@
 #include "kvx/transport/MsgStream.h"
 
 class CMsgConnectionProvider;
+class CMsgSendQueue;
 
 /// Every operation gives 0 on failure and leaves the reason as the thread's last error; nothing throws.
 ///
@@ -48,11 +49,15 @@ public:
     HANDLE GetWriteHandle();
     /// For threads that take turns in writing whole messages.
     CSyncObject * GetWriteLock() { return &m_writeLock; }
+    /// What writes the messages for this connection on its own thread; null if whoever has one writes it. Not owned.
+    CMsgSendQueue * GetSendQueue() const { return m_pSendQueue; }
+    void SetSendQueue(CMsgSendQueue * queue) { m_pSendQueue = queue; }
     CMsgConnectionProvider * GetOwner() const { return m_pOwner; }
     void SetOwner(CMsgConnectionProvider * owner) { m_pOwner = owner; }
 
 private:
     CMsgConnectionProvider * m_pOwner = nullptr; // not owned
+    CMsgSendQueue * m_pSendQueue = nullptr;
     CCriticalSection m_writeLock;
 };
 

@@ -41,8 +41,8 @@ public:
 /// A listener has one thread that accepts, one for each connected client, and one that serves one-way requests in order
 /// of arrival. The handshake with a client runs on the client's thread, so that a silent one holds up nobody.
 ///
-/// A command that begins with the path of the listener's target, in any case, is served below that target; anything else
-/// is answered with code 50.
+/// A command that begins with the path of the listener's target, in any case, is served below that target; anything
+/// else is answered with code 50.
 ///
 /// One-way requests that come faster than they are served wait in a backlog of limited size. While it is full a session
 /// keeps the one-way request that it has read in hand and reads no further, so that its client is slowed by the
@@ -60,7 +60,8 @@ public:
     /// What a listener puts up with; 0 is no limit.
     struct Limits
     {
-        /// One-way requests that wait to be served, and their bytes on the wire. In memory they take several times that.
+        /// One-way requests that wait to be served, and their bytes on the wire. In memory they take several times
+        /// that.
         DWORD nMaxBacklog = 4096;
         ULONGLONG nMaxBacklogBytes = ULONGLONG{8} << 20;
         /// The bytes of one message on the wire. A longer one ends its session. It is noticed as it arrives, up to 256
@@ -89,9 +90,9 @@ public:
     /// 0 if no thread could be had. The listening itself begins on that thread: see WaitUntilListening. A listener that
     /// is stopping may be started: what is still in service goes on to its end.
     virtual int StartListener();
-    /// Stops accepting and drops all clients, at once: of what they sent only the one-way requests that have come in are
-    /// still served. Then waits for what is in service, and for these, within the stop time-out. 0 while the library
-    /// shuts down, and then nothing is touched.
+    /// Stops accepting and drops all clients, at once: of what they sent only the one-way requests that have come in
+    /// are still served. Then waits for what is in service, and for these, within the stop time-out. 0 while the
+    /// library shuts down, and then nothing is touched.
     virtual int StopListener();
     /// Waits until the listener accepts clients or has failed to: 1, or 0 with the reason as the thread's last error,
     /// which is 1243 for a listener that was never started.

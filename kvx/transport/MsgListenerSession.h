@@ -50,7 +50,7 @@ private:
     // the thread may just be giving it back.
     CCriticalSection m_servedLock;
     CMsgConnection * m_pServed = nullptr;
-    CEvent m_done; // manual: no thread runs
+    CEvent m_done;                          // manual: no thread runs
     std::shared_ptr<CMsgListenerRun> m_run; // that it is a session of; the listener's lock guards it
 
     static unsigned int SessionProc(void * session);

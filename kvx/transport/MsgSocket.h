@@ -25,11 +25,13 @@ public:
     virtual ~CMsgSocket() = default;
 
     int Create(int type);
-    /// A null address is every interface; a text that is no dotted address gives 10022, and so does a port beyond 65535.
+    /// A null address is every interface; a text that is no dotted address gives 10022, and so does a port beyond
+    /// 65535.
     int Bind(UINT port, char const * address);
     int Listen(int backlog);
     int Accept(CMsgSocket & target);
-    /// A dotted address, or a host name, whose first address is taken; 10022 for an unknown one, or a port beyond 65535.
+    /// A dotted address, or a host name, whose first address is taken; 10022 for an unknown one, or a port beyond
+    /// 65535.
     int Connect(char const * host, UINT port);
     /// The number of bytes, or -1.
     int Receive(void * buffer, int size, int flags);

@@ -264,7 +264,7 @@ void CMsgStream::EnableCompact()
         compact->Reset();
         return;
     }
-    CCompactInfo * const compact = sm_cacheCompact.Allocate();
+    CCompactInfo * const compact = sm_cacheCompact->Allocate();
     compact->Reset();
     m_pCompact = compact;
 }
@@ -299,7 +299,7 @@ void CMsgStream::ReleaseCompact()
     if (CCompactInfo * const compact = m_pCompact.exchange(nullptr))
     {
         compact->Reset();
-        sm_cacheCompact.Return(compact);
+        sm_cacheCompact->Return(compact);
     }
 }
 

@@ -3,6 +3,7 @@
 /// The serialiser under all transports: 32-bit words, most significant byte first, and length-prefixed texts.
 /// docs/wire-protocol.md shows what goes over the wire.
 
+#include "kvx/foundation/Immortal.h"
 #include "kvx/foundation/ObCache.h"
 #include "kvx/foundation/StringValue.h"
 #include "kvx/platform/mfc/Afx.h"
@@ -58,6 +59,7 @@ public:
     void ResetCompact();
     /// Turns compaction off.
     void DeleteCompact();
+    bool IsUnicode() const { return m_bUnicode; }
     bool IsCompact() const { return m_pCompact.load(std::memory_order_relaxed) != nullptr; }
 
 protected:
@@ -68,9 +70,10 @@ protected:
     BYTE * m_pWriteNext = nullptr;
     BYTE * m_pWriteEnd = nullptr;
 
-    static CCache<CCompactInfo> sm_cacheCompact;
+    static kvx::Immortal<CCache<CCompactInfo>> sm_cacheCompact;
 
 private:
+    friend class CLibraryEntry;
     friend class CMsgStreamCompactor;
 
     std::atomic<CCompactInfo *> m_pCompact{nullptr};

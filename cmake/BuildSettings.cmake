@@ -31,6 +31,11 @@ else()
     target_link_libraries(kvx_build_settings INTERFACE Threads::Threads SQLite::SQLite3)
 endif()
 
+# Tests needn't be fast, but are most of what there is to compile. Under sanitizers that goes for programs too.
+function(kvx_compile_quickly target)
+    target_compile_options(${target} PRIVATE $<IF:$<BOOL:${KVX_SANITIZE}>,-O0,$<$<CONFIG:Release>:-O1>>)
+endfunction()
+
 find_program(KVX_CCACHE ccache)
 if(KVX_CCACHE)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${KVX_CCACHE})

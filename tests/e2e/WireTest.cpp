@@ -6,11 +6,7 @@ namespace
 {
 constexpr std::uint32_t LARGE = 0x7FFFFFFF;
 constexpr std::uint32_t LARGEST = 0xFFFFFFFF;
-#ifdef __SANITIZE_ADDRESS__
-constexpr long MEMORY_MAX = 200 + 256; // MB: what is freed stays in a quarantine
-#else
-constexpr long MEMORY_MAX = 200; // MB; ThreadSanitizer needs most of it
-#endif
+constexpr long MEMORY_MAX = KVX_MEMORY_MAX; // MB
 
 std::string Word(std::uint32_t word)
 {

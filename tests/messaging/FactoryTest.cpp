@@ -1,5 +1,6 @@
 #include "TestProvider.h"
 #include "tests/support/KeptLog.h"
+#include "tests/support/Patience.h"
 
 #include "kvx/foundation/AppException.h"
 #include "kvx/messaging/MsgFactory.h"
@@ -13,8 +14,6 @@ using testing::ElementsAre;
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-
 /// Starts only if its port isn't 1.
 class CStubbornListener : public CMsgTCPListener
 {

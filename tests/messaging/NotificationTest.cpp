@@ -1,5 +1,6 @@
 #include "TestProvider.h"
 #include "tests/support/KeptLog.h"
+#include "tests/support/Patience.h"
 
 #include <gmock/gmock.h>
 
@@ -11,8 +12,6 @@ using testing::ElementsAre;
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-
 /// Serves "notes" on whatever thread it comes, and keeps what came. It stays to the end of the program: a queue may
 /// still be on its way out of the tree when a test has seen all that it waited for.
 class Receiver

@@ -1,4 +1,5 @@
 #include "TestProvider.h"
+#include "tests/support/Patience.h"
 
 #include "kvx/messaging/MsgMFCProxy.h"
 #include "kvx/platform/mfc/Wnd.h"
@@ -14,8 +15,7 @@ using testing::ElementsAre;
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-constexpr UINT RUN = WM_APP;      // lParam: a std::function to call
+constexpr UINT RUN = WM_APP; // lParam: a std::function to call
 constexpr UINT END = WM_APP + 1;
 
 std::mutex g_lock;

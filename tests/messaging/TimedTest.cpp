@@ -1,4 +1,5 @@
 #include "TestProvider.h"
+#include "tests/support/Patience.h"
 
 #include "kvx/foundation/AppException.h"
 #include "kvx/messaging/MsgTimedRequest.h"
@@ -11,8 +12,6 @@
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-
 /// Serves "timed" for the whole program: a worker may come out of the tree long after its caller has gone.
 struct Server
 {

@@ -1,3 +1,5 @@
+#include "tests/support/Patience.h"
+
 #include "kvx/threads/EventWatcher.h"
 #include "kvx/threads/ThreadPool.h"
 
@@ -11,8 +13,6 @@
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds
-
 // What the watched functions saw. The function gets no more than its parameter, so this is one for all.
 struct Seen
 {

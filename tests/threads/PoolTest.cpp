@@ -1,3 +1,5 @@
+#include "tests/support/Patience.h"
+
 #include "kvx/foundation/AppException.h"
 #include "kvx/logging/LogManager.h"
 #include "kvx/threads/ThreadPool.h"
@@ -10,8 +12,6 @@
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-
 std::atomic<int> g_nStarted{0};
 std::atomic<int> g_nEnded{0};
 

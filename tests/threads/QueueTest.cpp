@@ -1,3 +1,5 @@
+#include "tests/support/Patience.h"
+
 #include "kvx/foundation/AppException.h"
 #include "kvx/threads/ThreadPool.h"
 #include "kvx/threads/ThreadQueue.h"
@@ -13,8 +15,6 @@ using testing::ElementsAre;
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-
 class CJob : public CObject
 {
 public:

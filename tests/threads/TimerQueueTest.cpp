@@ -1,6 +1,8 @@
-#include "kvx/threads/TimerQueue.h"
+#include "tests/support/Patience.h"
+
 #include "kvx/foundation/Dictionary.h"
 #include "kvx/threads/ThreadPool.h"
+#include "kvx/threads/TimerQueue.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +14,6 @@
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds
 constexpr DWORD FAR = 3600000;
 
 /// What fired, in order, and a wait for so many.

@@ -14,6 +14,7 @@ void CMsgBufferedConnection::ResetBuffers()
     m_pReadNext = m_pReadEnd = m_read.get();
     m_pWriteNext = m_write.get();
     m_bReadFull = false;
+    m_nReceiveLimit = NO_LIMIT;
 }
 
 ULONGLONG CMsgBufferedConnection::GetBytesRead() const
@@ -23,7 +24,7 @@ ULONGLONG CMsgBufferedConnection::GetBytesRead() const
 
 void CMsgBufferedConnection::LimitMessage(ULONGLONG bytes)
 {
-    m_nReceiveLimit = bytes == 0 ? ~ULONGLONG{0} : GetBytesRead() + bytes;
+    m_nReceiveLimit = bytes == 0 ? NO_LIMIT : GetBytesRead() + bytes;
 }
 
 DWORD CMsgBufferedConnection::Receive(void * buffer, DWORD size)

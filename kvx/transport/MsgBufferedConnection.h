@@ -33,12 +33,14 @@ protected:
     void ResetBuffers();
 
 private:
+    static constexpr ULONGLONG NO_LIMIT = ~ULONGLONG{0};
+
     std::unique_ptr<BYTE[]> m_read;
     std::unique_ptr<BYTE[]> m_write;
     DWORD m_nReadSize = 0;
     DWORD m_nWriteSize = 0;
     ULONGLONG m_nReceived = 0; // in all, what is still buffered included
-    ULONGLONG m_nReceiveLimit = ~ULONGLONG{0};
+    ULONGLONG m_nReceiveLimit = NO_LIMIT;
     bool m_bReadFull = false; // the last receive filled the buffer: more is likely to wait
 
     DWORD Receive(void * buffer, DWORD size);

@@ -41,8 +41,8 @@ public:
 
     /// The bytes that have been read off this object in all its life; 0 always for one that doesn't count them.
     virtual ULONGLONG GetBytesRead() const { return 0; }
-    /// From here on at most so many bytes are received, 0 for no limit: a read that needs more fails with 10040. What
-    /// has been received ahead can be read all the same.
+    /// From here on at most so many bytes are received on this link, 0 for no limit: a read that needs more fails with
+    /// 10040. What has been received ahead can be read all the same.
     virtual void LimitMessage(ULONGLONG) {}
 
     HANDLE GetReadHandle();

@@ -10,9 +10,9 @@
 class CMsgConnection;
 class CMsgStream;
 
-/// Takes whole messages from any thread, and writes them in that order on a thread of the pool, which it has while there
-/// are some. While the queue is full whoever posts waits, as long as the reader makes progress; a reader that has taken
-/// nothing for the patience is given up.
+/// Takes whole messages from any thread, and writes them in that order on a thread of the pool, which it has while
+/// there are some. While the queue is full whoever posts waits, as long as the reader makes progress; a reader that has
+/// taken nothing for the patience is given up.
 ///
 /// To be closed, with the connection disconnected before, while the connection still exists.
 class KVX_API CMsgSendQueue : public CRefObject
@@ -20,8 +20,8 @@ class KVX_API CMsgSendQueue : public CRefObject
 public:
     struct Limits
     {
-        DWORD nMaxMessages = 0;     ///< that wait; 0 is no limit
-        ULONGLONG nMaxBytes = 0;    ///< of all that wait, one message always being let in; 0 is no limit
+        DWORD nMaxMessages = 0;  ///< that wait; 0 is no limit
+        ULONGLONG nMaxBytes = 0; ///< of all that wait, one message always being let in; 0 is no limit
         DWORD nPatienceMs = 1000;
     };
 

@@ -2,6 +2,8 @@
 
 #include "kvx/events/MsgObservableProvider.h"
 #include "kvx/events/MsgObserver.h"
+#include "kvx/events/MsgPublisher.h"
+#include "kvx/events/MsgSubscriber.h"
 #include "kvx/foundation/AppException.h"
 
 #include <algorithm>
@@ -97,12 +99,55 @@ TEST_F(Observers, AreReachedThroughConnections)
 
 TEST_F(Observers, CannotBeAddedFromOutside)
 {
-    Listening const listener(_T(""));
-    Dispatcher().RegisterProvider(_T("far"), _T("forward:") + listener.GetConnection(), 1);
-    CMsgRequest request;
-    request[_T("events")] = _T("a");
-    EXPECT_TRUE(request.Execute(_T("far.source.observer.advise")).Succeeded()); // nothing happens
-    EXPECT_FALSE(request.HasParam(_T("cookie")));
+    // Whatever road the request takes, two-way or one-way, and whoever queues it again on its way.
+    Dispatcher().RegisterProvider(
+        _T("again"),
+        [](CMsgRequest & request, void *)
+        {
+            CMsgRequest copy(request);
+            copy.SetNotifyQueueName(_T("outside"));
+            copy.Notify(_T("source.observer.advise"));
+        },
+        nullptr);
+    Receiving got(_T("got"));
+    CMsgPublisher publisher;
+    Dispatcher().RegisterProvider(
+        _T("subscribe"),
+        [](CMsgRequest & request, void * to)
+        { static_cast<CMsgPublisher *>(to)->RegisterSubscription(request, _T("source.observer.advise,got.last")); },
+        &publisher);
+    {
+        Listening const tcp(_T(""));
+        Listening const pipe(_T(""), _T("nt_pipe:outside"));
+        CMsgSubscriber subscriber;
+        EXPECT_NE(subscriber.Connect(_T("subscribe"), tcp.GetConnection(), 0), CString());
+        for (CString const & road : {tcp.GetConnection(), pipe.GetConnection(), _T("relay:") + tcp.GetConnection()})
+        {
+            Dispatcher().RegisterProvider(_T("far"), _T("forward:") + road, 1);
+            for (LPCTSTR const command : {_T("far.source.observer.advise"), _T("far.again")})
+            {
+                CMsgRequest request;
+                request[_T("events")] = _T("a");
+                EXPECT_TRUE(request.Send(command).Succeeded());
+                request.DiscardResults(0);
+                EXPECT_TRUE(request.Execute(command).Succeeded()); // nothing happens
+                EXPECT_FALSE(request.HasParam(_T("cookie")));
+            }
+            Dispatcher().DeleteTarget(_T("far"));
+        }
+        CMsgRequest event;
+        event.SetCommand(_T("source.observer.advise"));
+        event[_T("events")] = _T("a");
+        publisher.Service(event);
+        event.SetCommand(_T("got.last"));
+        publisher.Service(event);
+        got->WaitFor(1);
+    } // all that has come in is served
+    CMsgRequest last;
+    last.SetNotifyQueueName(_T("outside"));
+    last.Notify(_T("got.last"));
+    got->WaitFor(2);
     EXPECT_FALSE(Send(_T("a"), 1));
-    Dispatcher().DeleteTarget(_T("far"));
+    Dispatcher().DeleteTarget(_T("again"));
+    Dispatcher().DeleteTarget(_T("subscribe"));
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/Patience.h"
+
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/messaging/MsgProvider.h"
 #include "kvx/transport/MsgTCPFactory.h"
@@ -9,8 +11,6 @@
 #include <map>
 #include <string>
 #include <vector>
-
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
 
 inline CMsgDispatcher & Dispatcher()
 {
@@ -84,7 +84,12 @@ public:
     {
         CString config;
         config.Format(_T("tcp:127.0.0.1:%d"), port);
-        m_pListener = static_cast<CMsgTCPListener *>(Dispatcher().RegisterListener(target, config, 1));
+        m_pListener = Dispatcher().RegisterListener(target, config, 1);
+        EXPECT_TRUE(m_pListener && m_pListener->WaitUntilListening(PATIENCE)) << GetLastError();
+    }
+    Listening(LPCTSTR target, CString const & config)
+        : m_strTarget(target), m_strConnection(config), m_pListener(Dispatcher().RegisterListener(target, config, 1))
+    {
         EXPECT_TRUE(m_pListener && m_pListener->WaitUntilListening(PATIENCE)) << GetLastError();
     }
     Listening(Listening const &) = delete;
@@ -92,17 +97,23 @@ public:
     ~Listening()
     {
         m_pListener->StopListener();
+        Dispatcher().GetRootTarget()->LookupTarget(m_strTarget)->RemoveProvider(m_pListener, 1);
         Dispatcher().DeleteTarget(m_strTarget);
     }
-    UINT GetPort() const { return m_pListener->GetListeningPort(); }
+    UINT GetPort() const { return static_cast<CMsgTCPListener *>(m_pListener)->GetListeningPort(); }
     CString GetConnection() const
     {
-        CString config;
+        CString config = m_strConnection;
+        if (!config.IsEmpty())
+        {
+            return config;
+        }
         config.Format(_T("tcp:127.0.0.1:%d"), GetPort());
         return config;
     }
 
 private:
     CString m_strTarget;
-    CMsgTCPListener * m_pListener;
+    CString m_strConnection; // empty for TCP
+    CMsgListener * m_pListener;
 };

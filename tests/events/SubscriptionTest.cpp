@@ -43,7 +43,7 @@ public:
         request.SetCommand(command);
         m_publisher->Service(request);
     }
-    CMsgPublisher & GetPublisher() { return *m_publisher; }
+    CMsgPublisher & GetPublisher() const { return *m_publisher; }
     CString GetConnection() const { return m_listener->GetConnection(); }
     UINT GetPort() const { return m_listener->GetPort(); }
 
@@ -154,40 +154,99 @@ TEST(Subscriptions, ComeBackAfterEveryRestart)
     }
 }
 
+namespace
+{
+/// A subscriber to "got.a" whose thread stands still in the first event that it gets, until this object goes.
+class Standing
+{
+public:
+    explicit Standing(Service const & service)
+    {
+        Dispatcher().RegisterProvider(
+            _T("got.stand"),
+            [](CMsgRequest &, void * self)
+            {
+                static_cast<Standing *>(self)->m_stands.SetEvent();
+                static_cast<Standing *>(self)->m_end.Lock(PATIENCE);
+            },
+            this);
+        EXPECT_TRUE(Connect(m_subscriber, _T("got.stand,got.a"), service.GetConnection()));
+        service.GetPublisher().Service(m_event);
+        EXPECT_TRUE(m_stands.Lock(PATIENCE));
+    }
+    Standing(Standing const &) = delete;
+    Standing & operator=(Standing const &) = delete;
+    ~Standing() { m_end.SetEvent(); }
+
+    CStringValue GetHandle() const { return m_subscriber.GetConnectionHandle(); }
+
+private:
+    struct Event : CMsgRequest
+    {
+        Event() { SetCommand(_T("got.stand")); }
+    } m_event;
+    CEvent m_stands{FALSE, TRUE};
+    CEvent m_end{FALSE, TRUE};
+    CMsgSubscriber m_subscriber;
+};
+} // namespace
+
 TEST(Subscriptions, ABlockedWriteEndsWithTheSubscription)
 {
-    static CEvent s_never(FALSE, TRUE);
-    s_never.ResetEvent();
-    Dispatcher().RegisterProvider(
-        _T("stop"), [](CMsgRequest &, void *) { s_never.Lock(PATIENCE); }, nullptr);
+    Receiving got(_T("got"));
     Service service;
-    {
-        CMsgSubscriber lazy;
-        ASSERT_TRUE(Connect(lazy, _T("stop.here"), service.GetConnection()));
-        std::atomic<int> nPublished{0};
-        std::atomic<bool> bEnd{false};
-        std::thread publishing(
-            [&]
-            {
-                CMsgRequest request;
-                request[_T("n")] = CString(_T('x'), 100000);
-                request.SetCommand(_T("stop.here"));
-                for (; !bEnd; ++nPublished)
-                {
-                    service.GetPublisher().Service(request);
-                }
-            });
-        for (int last = -1; last != nPublished || last == 0;) // until it stands still
+    Standing const standing(service);
+    std::atomic<int> nPublished{0};
+    std::atomic<bool> bEnd{false};
+    std::thread publishing(
+        [&]
         {
-            last = nPublished;
-            Sleep(20);
-        }
-        bEnd = true;
-        service.GetPublisher().UnregisterSubscription(lazy.GetConnectionHandle());
-        publishing.join();
-        s_never.SetEvent();
+            CMsgRequest request;
+            request[_T("n")] = CString(_T('x'), 100000);
+            request.SetCommand(_T("got.a"));
+            for (; !bEnd; ++nPublished)
+            {
+                service.GetPublisher().Service(request);
+            }
+        });
+    for (int last = -1; last != nPublished || last == 0;) // until it stands still
+    {
+        last = nPublished;
+        Sleep(20);
     }
-    Dispatcher().DeleteTarget(_T("stop"));
+    // Others come, to the same topic as well, hear what is published elsewhere, and go.
+    CMsgSubscriber other;
+    ASSERT_TRUE(Connect(other, _T("got.a,got.b"), service.GetConnection()));
+    EXPECT_EQ(service.GetPublisher().GetSubscriptionCount(), 2);
+    service.Publish(_T("got.b"), 1);
+    EXPECT_EQ(got->WaitFor(1), (std::vector<std::string>{"got.b=1"}));
+    service.GetPublisher().UnregisterSubscription(other.GetConnectionHandle());
+    bEnd = true;
+    service.GetPublisher().UnregisterSubscription(standing.GetHandle());
+    publishing.join();
+}
+
+TEST(Subscriptions, WithALimitOneThatStandsStillIsDropped)
+{
+    constexpr int COUNT = 2000;
+    Receiving got(_T("got"));
+    Service service;
+    service.GetPublisher().SetSubscriberLimit(50, 1 << 20, 300);
+    CMsgSubscriber brisk;
+    ASSERT_TRUE(Connect(brisk, _T("got.a"), service.GetConnection()));
+    Standing const standing(service);
+    CMsgRequest request;
+    request.SetCommand(_T("got.a"));
+    request[_T("filler")] = CString(_T('x'), 10000);
+    std::vector<std::string> expected;
+    for (int i = 0; i < COUNT; ++i)
+    {
+        request[_T("n")] = i;
+        service.GetPublisher().Service(request);
+        expected.push_back("got.a=" + std::to_string(i));
+    }
+    EXPECT_EQ(got->WaitFor(COUNT), expected);
+    EXPECT_EQ(service.GetPublisher().GetSubscriptionCount(), 1);
 }
 
 TEST(Subscriptions, FailAndEndCleanly)
@@ -195,12 +254,19 @@ TEST(Subscriptions, FailAndEndCleanly)
     Receiving got(_T("got"));
     Service service;
     CMsgSubscriber subscriber;
-    EXPECT_FALSE(Connect(subscriber, _T("got.a"), CString()));
-    EXPECT_FALSE(Connect(subscriber, _T("got.a"), _T("nonsense")));
-    EXPECT_FALSE(Connect(subscriber, _T("got.a"), _T("forward:") + service.GetConnection())); // no connection to keep
+    CMsgRequest failing;
+    failing.SetCommand(_T("pub.subscribe"));
+    failing[_T("events")] = _T("got.a");
+    for (CString const & wrong : {CString(), CString(_T("nonsense")), _T("forward:") + service.GetConnection()})
+    {
+        EXPECT_FALSE(subscriber.Connect(failing, wrong, 0));
+        EXPECT_EQ(failing.GetResponse().GetErrorCode(), 87u);
+    }
+    failing[_T("events")].Empty();
+    EXPECT_FALSE(subscriber.Connect(failing, service.GetConnection(), 0)); // to nothing at all
+    EXPECT_EQ(failing.GetResponse().GetErrorCode(), 1168u);
     EXPECT_EQ(subscriber.Connect(_T("pub.unknown"), service.GetConnection(), 0), CString());
-    EXPECT_TRUE(subscriber.ShouldTerminate());
-    EXPECT_TRUE(Connect(subscriber, CString(), service.GetConnection())); // to nothing at all
+    EXPECT_TRUE(subscriber.ShouldTerminate() && subscriber.GetConnectionHandle().IsEmpty());
     EXPECT_FALSE(service.GetPublisher().HasSubscriptions());
 
     CMsgRequest local;

@@ -160,3 +160,19 @@ TEST_F(Tree, ProvidersComeAndGo)
     delete deleted;
     EXPECT_THAT(m_notes.Run(_T("t.y")), ElementsAre("0"));
 }
+
+TEST_F(Tree, DepthIsNoStrainOnTheStack)
+{
+    constexpr int DEPTH = 100000;
+    CString path = _T("t");
+    for (int i = 0; i < DEPTH; ++i)
+    {
+        path += _T(".x");
+    }
+    auto * const provider = m_notes.NewProvider("deep", 0);
+    EXPECT_TRUE(m_root.RegisterProvider(path, provider));
+    EXPECT_EQ(provider->GetTarget()->GetPath(), path);
+    EXPECT_EQ(m_notes.Run(path + _T(".y")).back(), "50"); // all the way down, and up again
+    EXPECT_TRUE(m_root.DeleteTarget(path));
+    EXPECT_EQ(CTestProvider::sm_nAlive, 0);
+}

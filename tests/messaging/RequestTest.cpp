@@ -110,11 +110,13 @@ TEST(Request, ExecuteAndSendRunHere)
     EXPECT_EQ(request.Execute(_T("t.x")).GetErrorText(), _T("4"));
     EXPECT_FALSE(request.DiscardResults());
     EXPECT_EQ(request.Send(_T("T.X")).GetErrorText(), _T("5"));
+    EXPECT_EQ(request.Execute(_T("t.no")).GetErrorCode(), 50u); // the last one was handled, this one isn't
+    request.Send(_T("t.x"));
     EXPECT_EQ(request.GetResponse().GetErrorCode(), 1u);
     EXPECT_TRUE(request.Execute().GetErrorCode() && request.DiscardResults()); // the bit stays
     Dispatcher().EnableNotifications(0);                                       // the tree goes at the end of the test
     EXPECT_TRUE(request.Notify());
-    EXPECT_EQ(request.m_nCalls, 7);
+    EXPECT_EQ(request.m_nCalls, 9);
     Dispatcher().EnableNotifications(1);
 }
 

@@ -1,133 +1,17 @@
-#include "kvx/messaging/MsgDispatcher.h"
-#include "kvx/messaging/MsgMap.h"
+#include "TcpService.h"
+
 #include "kvx/msgdata/MsgCursor.h"
 #include "kvx/transport/MsgConnection.h"
 #include "kvx/transport/MsgListenerSession.h"
-#include "kvx/transport/MsgSocket.h"
-#include "kvx/transport/MsgTCPFactory.h"
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-
-/// What the service of these tests offers, below the target "svc".
-class CTestProvider : public CMsgProvider
-{
-public:
-    void RegisterProviderMap() override
-    {
-        CMsgProvider::RegisterProviderMap();
-        AddProvider(_T("echo"), new _MsgMapEntry<CTestProvider>(this, &CTestProvider::OnEcho));
-        AddProvider(_T("throw"), new _MsgMapEntry<CTestProvider>(this, &CTestProvider::OnThrow));
-        AddProvider(_T("note"), new _MsgMapEntry<CTestProvider>(this, &CTestProvider::OnNote));
-        AddProvider(_T("sleep"), new _MsgMapEntry<CTestProvider>(this, &CTestProvider::OnSleep));
-        AddProvider(_T("local"), new _LocalMsgMapEntry<CTestProvider>(this, &CTestProvider::OnEcho));
-    }
-
-    std::vector<int> GetNotes()
-    {
-        std::scoped_lock const guard(m_lock);
-        return m_notes;
-    }
-    void WaitForNotes(std::size_t count)
-    {
-        for (DWORD waited = 0; GetNotes().size() < count && waited < PATIENCE; waited += 5)
-        {
-            Sleep(5);
-        }
-    }
-
-private:
-    std::mutex m_lock;
-    std::vector<int> m_notes;
-
-    void OnEcho(CMsgRequest & request) { request.SetResponseValues(request); }
-    void OnThrow(CMsgRequest & request)
-    {
-        switch (request[_T("kind")].ToInteger())
-        {
-        case 0:
-            ThrowAppException(87, _T("bad %s"), _T("thing"));
-        case 1:
-            AfxThrowInvalidArgException();
-        default:
-            throw 5;
-        }
-    }
-    void OnNote(CMsgRequest & request)
-    {
-        std::scoped_lock const guard(m_lock);
-        m_notes.push_back(request[_T("n")].ToInteger());
-    }
-    void OnSleep(CMsgRequest & request) { Sleep(request[_T("ms")]); }
-};
-
-class Tcp : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        m_pProvider = new CTestProvider;
-        CMsgDispatcher::GetInstance()->RegisterProvider(_T("svc"), m_pProvider, 0);
-        m_pListener = NewListener();
-        Start();
-    }
-    void TearDown() override
-    {
-        m_pListener->StopListener();
-        CMsgDispatcher::GetInstance()->GetRootTarget()->RemoveProvider(m_pListener, 1);
-        CMsgDispatcher::GetInstance()->DeleteTarget(_T("svc"));
-    }
-
-    static CMsgTCPListener * NewListener()
-    {
-        auto * const listener = static_cast<CMsgTCPListener *>(
-            CMsgDispatcher::GetInstance()->RegisterListener(_T(""), _T("tcp:127.0.0.1:0"), 0));
-        EXPECT_NE(listener, nullptr);
-        return listener;
-    }
-    void Start()
-    {
-        ASSERT_TRUE(m_pListener->StartListener());
-        ASSERT_TRUE(m_pListener->WaitUntilListening(PATIENCE));
-        m_nPort = m_pListener->GetListeningPort();
-        CString params;
-        params.Format(_T("127.0.0.1:%u"), m_nPort);
-        m_pClient = kvx::RefPtr<CMsgProvider>(CMsgTCPFactory().CreateProvider(params));
-    }
-
-    CMsgResponse & Call(CMsgRequest & request, LPCTSTR command)
-    {
-        request.SetCommand(command);
-        request.GetResponse().SetError(0, nullptr);
-        m_pClient->Service(request);
-        return request.GetResponse();
-    }
-
-    /// A plain socket to the service.
-    CMsgSocket Dial() const
-    {
-        CMsgSocket socket;
-        EXPECT_TRUE(socket.Create(winsock::SocketStream));
-        EXPECT_TRUE(socket.Connect("127.0.0.1", m_nPort));
-        return socket;
-    }
-
-    CTestProvider * m_pProvider = nullptr;
-    CMsgTCPListener * m_pListener = nullptr;
-    kvx::RefPtr<CMsgProvider> m_pClient;
-    UINT m_nPort = 0;
-};
-
 int CountEntries(char const * folder)
 {
     int count = 0;
@@ -226,9 +110,12 @@ TEST_F(Tcp, OneWayRequestsEndBeforeWhatServesThem)
         request.SetCommand(i % 2 == 0 ? _T("gone.svc.sleep") : _T("gone.svc.note"));
         client->Service(request);
     }
-    other.SetCommand(_T("gone.svc.echo"));
-    client->Service(other);
-    EXPECT_TRUE(other.GetResponse().Succeeded());
+    for (LPCTSTR const command : {_T("gone.svc.echo"), _T("GONE.Svc.echo")})
+    {
+        other.SetCommand(command);
+        client->Service(other);
+        EXPECT_TRUE(other.GetResponse().Succeeded());
+    }
     CMsgDispatcher::GetInstance()->DeleteTarget(_T("gone"));
     EXPECT_EQ(provider->GetNotes().size(), 50U);
     client->Service(other);
@@ -484,8 +371,13 @@ TEST(TcpListener, ThatCantListenSaysWhy)
     EXPECT_TRUE(listener->StopListener());
     taken.Close();
 
-    kvx::RefPtr<CMsgListener> const unknown(CMsgTCPFactory().CreateListener(_T("no.such.host.invalid:1")));
-    ASSERT_TRUE(unknown->StartListener());
-    EXPECT_FALSE(unknown->WaitUntilListening(PATIENCE));
-    EXPECT_EQ(GetLastError(), DWORD{WSAEINVAL});
+    for (LPCTSTR const address : {_T("no.such.host.invalid:1"), _T("127.0.0.1:70000"), _T("127.0.0.1:-1")})
+    {
+        kvx::RefPtr<CMsgListener> const unknown(CMsgTCPFactory().CreateListener(address));
+        EXPECT_FALSE(unknown->WaitUntilListening(PATIENCE));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_NOT_FOUND}); // not started
+        ASSERT_TRUE(unknown->StartListener());
+        EXPECT_FALSE(unknown->WaitUntilListening(PATIENCE));
+        EXPECT_EQ(GetLastError(), DWORD{WSAEINVAL});
+    }
 }

@@ -1,5 +1,5 @@
 /// Publishing to a hundred subscribers over TCP, against a loop that writes the same bytes to as many sockets; and what
-/// a subscriber that stops reading does to the publisher.
+/// ten of them that stop reading do to the others, where the publisher has a limit.
 
 #include "Harness.h"
 #include "Limits.h"
@@ -7,7 +7,6 @@
 
 #include "kvx/events/MsgPublisher.h"
 #include "kvx/messaging/MsgDispatcher.h"
-#include "kvx/msgdata/MsgResults.h"
 #include "kvx/transport/MsgStream.h"
 
 #include <array>
@@ -46,10 +45,10 @@ void Subscribe(CMsgRequest & request, void *)
     g_pPublisher->RegisterSubscription(request, request[_T("events")].GetString());
 }
 
-CMsgRequest MakeTick()
+CMsgRequest MakeTick(LPCTSTR topic = _T("bench.tick"))
 {
     CMsgRequest tick(CMsgRequest::FLAG_DISCARD_RESULTS);
-    tick.SetCommand(_T("bench.tick"));
+    tick.SetCommand(topic);
     tick.SetParam(_T("number"), 12345);
     tick.SetParam(_T("time"), _T("2024-05-06 07:08:09.123"));
     return tick;
@@ -81,14 +80,13 @@ private:
     PlainSocket const & m_socket;
 };
 
-/// Gives the publisher's handle of the subscription.
-std::string SubscribeBy(PlainSocket const & socket)
+void SubscribeBy(PlainSocket const & socket, std::string const & topic)
 {
     std::string tag = "VJOP"; // with compaction
     PlainStream stream(socket);
     CMsgRequest request;
     request.SetCommand(_T("host.subscribe"));
-    request.SetParam(_T("events"), _T("bench.tick"));
+    request.GetParam(_T("events")) = kvx::FromUtf8(topic);
     if (!stream.Write(tag.data(), static_cast<DWORD>(tag.size())) ||
         !stream.Read(tag.data(), static_cast<DWORD>(tag.size())))
     {
@@ -99,7 +97,6 @@ std::string SubscribeBy(PlainSocket const & socket)
     {
         Fail("cannot subscribe");
     }
-    return kvx::ToUtf8(CMsgResults(&request.GetResponse())[_T("handle")].GetString());
 }
 
 /// The other process: a hundred sockets that are drained, and a byte to the publisher each time that as many bytes have
@@ -151,18 +148,21 @@ int RunReaders(Options const & options)
 {
     PinTo(options.GetNumber("cpu", -1));
     int const port = options.GetNumber("port", 0);
-    Readers readers(BytesOfTick().size() * SUBSCRIBERS * static_cast<std::size_t>(options.GetNumber("messages", 1)));
+    int const stopped = options.GetNumber("stopped", 0);
+    Readers readers(BytesOfTick().size() * static_cast<std::size_t>(SUBSCRIBERS - stopped) *
+                    static_cast<std::size_t>(options.GetNumber("messages", 1)));
     std::vector<PlainSocket> sockets;
     for (int i = 0; i < SUBSCRIBERS; ++i)
     {
         sockets.push_back(PlainSocket::Connect(port));
-        std::string const handle = options.Get("read", "") == "kvx" ? SubscribeBy(sockets.back()) : "";
-        if (i == 0 && options.Has("stopped"))
+        if (options.Get("read", "") == "kvx")
         {
-            SayLine(handle); // nobody reads this one
-            continue;
+            SubscribeBy(sockets.back(), options.Get("topic", "bench.tick"));
         }
-        readers.Add(sockets.back().GetHandle());
+        if (i >= stopped)
+        {
+            readers.Add(sockets.back().GetHandle());
+        }
     }
     SayLine("ready");
     std::thread([&] { readers.Run(); }).detach();
@@ -219,7 +219,7 @@ private:
 
 /// Nanoseconds for one delivery, up to the byte that the readers get last.
 template <class PUBLISH>
-double TimeDeliveries(int published, Child const & readers, PUBLISH const & publish)
+double TimeDeliveries(int published, Child const & readers, PUBLISH const & publish, int reading = SUBSCRIBERS)
 {
     auto const start = Clock::now();
     for (int i = 0; i < published; ++i)
@@ -227,7 +227,7 @@ double TimeDeliveries(int published, Child const & readers, PUBLISH const & publ
         publish();
     }
     readers.ReadLine();
-    return Since(start) / (published * SUBSCRIBERS);
+    return Since(start) / (published * reading);
 }
 
 void MeasurePublishing(Effort const & effort, int port)
@@ -254,53 +254,34 @@ void MeasurePublishing(Effort const & effort, int port)
     }
 }
 
-/// Publishes to a hundred, one of which doesn't read.
-void MeasureStopped(bool bBrief, int port)
+/// Two topics with a hundred subscribers each; of one topic's, ten don't read. What waits for them is within the limit.
+void MeasureStopped(Effort const & effort, int port)
 {
+    constexpr int STOPPED = 10;
     PinAllTo(-1);
-    std::vector<std::string> arguments = ReadersArguments("kvx", port, 1);
-    arguments.emplace_back("--stopped");
-    Child const subscribers(arguments);
-    std::string const handle = subscribers.ReadLine();
-    subscribers.ReadLine();
-    double const memory = ResidentMemory(::getpid());
-    std::atomic<int> published{0};
-    std::atomic<bool> bEnd{false};
-    std::jthread const publisher(
-        [&]
-        {
-            CMsgRequest tick = MakeTick();
-            while (!bEnd)
-            {
-                tick.Send();
-                ++published;
-            }
-        });
-    auto const waitForStop = [&]
+    g_pPublisher->SetSubscriberLimit(0, ULONGLONG{256} << 20);
+    Child const all(ReadersArguments("kvx", port, effort.nPublished));
+    std::vector<std::string> arguments = ReadersArguments("kvx", port, effort.nPublished);
+    arguments.push_back("--stopped=" + std::to_string(STOPPED));
+    arguments.emplace_back("--topic=bench.other");
+    Child const some(arguments);
+    all.ReadLine();
+    some.ReadLine();
+    CMsgRequest tick = MakeTick();
+    CMsgRequest other = MakeTick(_T("bench.other"));
+    // Until the system takes nothing more for those who don't read.
+    int const fill = &effort == &BRIEF ? 1 : 150;
+    auto const publishOther = [&] { other.Send(); };
+    for (int i = 0; i < fill; ++i)
     {
-        int before = -1;
-        for (int count = published; count != before; count = published)
-        {
-            before = count;
-            Sleep(bBrief ? 200 : 1000);
-        }
-        return before;
-    };
-    int const stopped = waitForStop();
-    double const bytes = static_cast<double>(stopped) * static_cast<double>(BytesOfTick().size());
-    PrintValue("a subscriber stops reading: publications until it blocks", stopped, 0, "");
-    PrintValue("  bytes that the system has taken for it", bytes / 1024, 0, "KiB");
-    PrintValue("  growth of the publisher's memory", (ResidentMemory(::getpid()) - memory) / 1024, 1024, "KiB");
-    auto const start = Clock::now();
-    CStringValue value;
-    value = kvx::FromUtf8(handle);
-    g_pPublisher->UnregisterSubscription(value);
-    while (published == stopped)
-    {
-        SwitchToThread();
+        TimeDeliveries(effort.nPublished, some, publishOther, SUBSCRIBERS - STOPPED);
     }
-    PrintValue("  from unregistering it to the next publication", Since(start) / 1e6, 0, "ms");
-    bEnd = true;
+    double const memory = ResidentMemory(::getpid());
+    Compare(
+        {.strName = "a delivery while 10 of 100 don't read : while all do", .target = Target::AtMost, .nTarget = 1.25},
+        effort.nRounds, [&] { return TimeDeliveries(effort.nPublished, some, publishOther, SUBSCRIBERS - STOPPED); },
+        [&] { return TimeDeliveries(effort.nPublished, all, [&] { tick.Send(); }); });
+    PrintValue("  growth of the publisher's memory meanwhile", (ResidentMemory(::getpid()) - memory) / 1024, 0, "KiB");
 }
 } // namespace
 
@@ -323,7 +304,7 @@ int main(int argc, char ** argv)
     }
     if (options.Wants("stopped"))
     {
-        MeasureStopped(options.IsBrief(), port);
+        MeasureStopped(effort, port);
     }
     dispatcher.DeleteTarget(_T("bench"));
     StopServices();

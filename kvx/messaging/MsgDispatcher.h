@@ -32,7 +32,8 @@ public:
 
     /// Queues a copy of the request: on the common queue, which runs up to 3 at once in no fixed order, or on the queue
     /// that the request names, which runs one at a time in order. Response and errors are lost with the copy. While
-    /// notifications are disabled the request is dropped without a word.
+    /// notifications are disabled the request is dropped without a word. Nothing limits these queues: whoever notifies
+    /// faster than is served fills the memory.
     void Notify(CMsgRequest & request);
     void EnableNotifications(int enable) { m_bNotifications.store(enable); }
     int AreNotificationsEnabled() const { return m_bNotifications.load(); }

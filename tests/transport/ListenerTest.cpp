@@ -186,8 +186,8 @@ TEST(Exit, WhateverIsStillAtWork)
                     _T("svc.echo"), [](CMsgRequest &, void *) {}, nullptr);
                 dispatcher.RegisterProvider(
                     _T("svc.slow"), [](CMsgRequest &, void *) { Sleep(INFINITE); }, nullptr);
-                auto * const listener = static_cast<CMsgTCPListener *>(
-                    dispatcher.RegisterListener(_T(""), _T("tcp:127.0.0.1:0"), 1));
+                auto * const listener =
+                    static_cast<CMsgTCPListener *>(dispatcher.RegisterListener(_T(""), _T("tcp:127.0.0.1:0"), 1));
                 listener->WaitUntilListening(PATIENCE);
                 CString config;
                 config.Format(_T("forward:relay:tcp:127.0.0.1:%u"), listener->GetListeningPort());

@@ -14,6 +14,14 @@
 #define KVX_API __attribute__((visibility("default")))
 #endif
 
+/// What each module has for itself. Data of headers that the loader may share among modules keeps g++'s modules loaded
+/// for ever.
+#if defined(_WIN32)
+#define KVX_PER_MODULE
+#else
+#define KVX_PER_MODULE __attribute__((visibility("hidden")))
+#endif
+
 /// What a module exports under its plain name, for others to look up.
 #if defined(_WIN32)
 #define KVX_MODULE_EXPORT extern "C" __declspec(dllexport)

@@ -19,18 +19,27 @@ CString BesideProgram(LPCTSTR name)
     return folder.Left(folder.ReverseFind('\\') + 1) + name;
 }
 
-/// A folder for files that are no modules.
-class BadFiles
+/// Whether a file with this in its name is part of the process's memory.
+bool IsMapped(std::string const & name)
+{
+    std::ifstream maps("/proc/self/maps");
+    return std::string(std::istreambuf_iterator<char>(maps), {}).find(name) != std::string::npos;
+}
+
+/// A folder for files that are modules or none.
+class Files
 {
 public:
-    BadFiles()
+    Files()
         : m_folder(std::filesystem::temp_directory_path() / ("kvx-modules-" + std::to_string(GetCurrentProcessId())))
     {
         std::filesystem::create_directories(m_folder);
     }
-    BadFiles(BadFiles const &) = delete;
-    BadFiles & operator=(BadFiles const &) = delete;
-    ~BadFiles() { std::filesystem::remove_all(m_folder); }
+    Files(Files const &) = delete;
+    Files & operator=(Files const &) = delete;
+    ~Files() { std::filesystem::remove_all(m_folder); }
+
+    std::filesystem::path const & GetFolder() const { return m_folder; }
 
     CString Write(std::string const & name, std::string const & bytes)
     {
@@ -90,9 +99,51 @@ TEST(Module, NamesOfEveryShapeFindIt)
     EXPECT_EQ(GetLastError(), 126u);
 }
 
+TEST(Module, IsGoneWithItsLastUse)
+{
+    CWinModule module(CString(_T("test_system_module")));
+    FARPROC const work = module.GetProcAddress(_T("KVX_Work"));
+    ASSERT_NE(work, nullptr);
+    EXPECT_EQ(reinterpret_cast<int (*)()>(reinterpret_cast<void *>(work))(), 42);
+    EXPECT_TRUE(IsMapped("libtest_system_module.so"));
+    module.Free();
+    EXPECT_FALSE(IsMapped("libtest_system_module.so"));
+}
+
+TEST(Module, APathMeansThatFile)
+{
+    Files files;
+    std::filesystem::path const before = std::filesystem::current_path();
+    std::filesystem::create_directories(files.GetFolder() / "sub/dir.so");
+    std::filesystem::path const original =
+        std::filesystem::canonical("/proc/self/exe").parent_path() / "libtest_system_module.so";
+    for (char const * const copy : {"plug.so", "sub/plug.so", "libm.so.6"})
+    {
+        std::filesystem::copy_file(original, files.GetFolder() / copy);
+    }
+    std::filesystem::current_path(files.GetFolder());
+    CWinModule other;
+    ASSERT_TRUE(other.Load(_T("sub\\plug.so")));
+    for (LPCTSTR const name : {_T(".\\plug.so"), _T("./plug.so"), _T("sub\\..\\PLUG.dll"), _T(".\\libm.so.6")})
+    {
+        CWinModule module;
+        ASSERT_TRUE(module.Load(name)) << kvx::ToUtf8(name) << GetLastError();
+        EXPECT_NE(module.GetProcAddress(_T("KVX_Work")), nullptr);
+        EXPECT_NE(module.GetHandle(), other.GetHandle());
+        EXPECT_EQ(GetModuleHandleW(name), module.GetHandle()) << kvx::ToUtf8(name);
+    }
+    for (LPCTSTR const name : {_T("."), _T(".."), _T("..."), _T("./"), _T("sub\\"), _T("sub/."), _T("sub"),
+                               _T(".\\sub"), _T("sub/dir.so"), _T("sub/dir"), _T("/"), _T("C:")})
+    {
+        EXPECT_EQ(LoadError(name), 126u) << kvx::ToUtf8(name);
+        EXPECT_EQ(GetModuleHandleW(name), nullptr) << kvx::ToUtf8(name);
+    }
+    std::filesystem::current_path(before);
+}
+
 TEST(Module, FailuresAreToldApart)
 {
-    BadFiles files;
+    Files files;
     EXPECT_EQ(LoadError(_T("no_such_module")), 126u);
     EXPECT_EQ(LoadError(files.Name("missing.dll")), 126u);
     EXPECT_EQ(LoadError(files.Name("no/such/folder/x.so")), 126u);

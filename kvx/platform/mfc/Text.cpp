@@ -116,10 +116,6 @@ XCHAR * CStringT<XCHAR>::Own(int capacity)
     {
         return m_pText;
     }
-    if (IsNil() && capacity == 0)
-    {
-        return m_pText; // the shared empty text already ends in a NUL, and there is no room to write to
-    }
     // Buffers that are asked for in steps grow by half, so that many steps cost linear time.
     std::size_t wanted = static_cast<std::size_t>(std::max(capacity, length));
     if (length > 0 && capacity > Head()->nCapacity)
@@ -293,9 +289,11 @@ CStringT<XCHAR> & CStringT<XCHAR>::MakeUpper()
 template <class XCHAR>
 CStringT<XCHAR> & CStringT<XCHAR>::MakeReverse()
 {
-    int const length = GetLength();
-    XCHAR * const characters = Own(length);
-    std::reverse(characters, characters + length);
+    if (int const length = GetLength(); length > 1)
+    {
+        XCHAR * const characters = Own(length);
+        std::reverse(characters, characters + length);
+    }
     return *this;
 }
 

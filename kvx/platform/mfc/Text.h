@@ -44,10 +44,10 @@ struct EmptyText
     XCHAR terminator;
 };
 
-/// The text that empty strings point to. Its count is never touched. Each module of a program may have one of its own,
-/// so it is known by its capacity and not by its address.
+/// The text that empty strings point to. Its count is never touched. Each module of a program has one of its own, so it
+/// is known by its capacity and not by its address.
 template <class XCHAR>
-inline constexpr EmptyText<XCHAR> EMPTY_TEXT{{0, 0, 0}, 0};
+KVX_PER_MODULE inline constexpr EmptyText<XCHAR> EMPTY_TEXT{{0, 0, 0}, 0};
 
 /// Memory for `capacity` characters, with a count of 1 and length 0.
 KVX_API TextHead * AllocateText(std::size_t capacity, std::size_t charSize);
@@ -192,8 +192,9 @@ public:
         }
     }
 
-    /// Room for at least `minimum` characters, the present ones included. The caller ends the access with
-    /// ReleaseBuffer and must not keep the pointer.
+    /// Room for at least `minimum` characters, the present ones included, and a NUL behind them, which nobody else
+    /// sees: the empty text gets its own here too. The caller ends the access with ReleaseBuffer and must not keep the
+    /// pointer.
     XCHAR * GetBuffer(int minimum = 0)
     {
         if (minimum < 0)

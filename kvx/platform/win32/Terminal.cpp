@@ -1,6 +1,7 @@
 #include "kvx/platform/Terminal.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/unique_fd.h"
 
 #include <array>
 #include <atomic>
@@ -54,8 +55,15 @@ bool CatchEndSignals()
         win32::SetLastErrorFromErrno();
         return false;
     }
-    g_nWaited = ends[0];
-    g_nSignalled = ends[1];
+    win32::UniqueFd waited(ends[0]);
+    win32::UniqueFd signalled(ends[1]);
+    if (!waited || !signalled)
+    {
+        win32::SetLastErrorFromErrno();
+        return false;
+    }
+    g_nWaited = waited.Detach();
+    g_nSignalled = signalled.Detach();
     struct sigaction action
     {
     };

@@ -1,6 +1,7 @@
 #include "kvx/platform/win32/codepages.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/low_descriptors.h"
 #include "kvx/platform/win32/utf8.h"
 
 #include <algorithm>
@@ -259,6 +260,7 @@ public:
         Close();
         char szName[16] = "CP";
         *std::to_chars(szName + 2, szName + sizeof szName - 1, nCodePage).ptr = 0;
+        LowDescriptorGuard const guard; // of the tables that it reads
         m_hIconv = bToUnicode ? iconv_open("UTF-16LE", szName) : iconv_open(szName, "UTF-16LE");
         if (m_hIconv == Closed())
             return false;

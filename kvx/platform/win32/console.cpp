@@ -70,11 +70,10 @@ HANDLE GetStdHandle(DWORD nStdHandle)
         return hBefore;
     int const nFlags = fcntl(nFd, F_GETFL);
     struct stat info;
-    if (nFlags < 0 || fstat(nFd, &info) != 0)
-        return nullptr;
+    if (nFlags < 0 || (nFlags & O_PATH) != 0 || fstat(nFd, &info) != 0)
+        return nullptr; // closed, also if a LowDescriptorGuard keeps the number
     int const nAccess = nFlags & O_ACCMODE;
-    HANDLE const hNew =
-        OpenHandle(Ref<File>(new File(nFd, false, nAccess != O_WRONLY, nAccess != O_RDONLY, info.st_mode)));
+    HANDLE const hNew = OpenHandle(Ref<File>(new File(nFd, nAccess != O_WRONLY, nAccess != O_RDONLY, info.st_mode)));
     if (!hNew || known.compare_exchange_strong(hBefore, hNew, std::memory_order_acq_rel))
         return hNew;
     CloseObject(hNew);

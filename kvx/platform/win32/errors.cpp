@@ -99,6 +99,8 @@ constexpr std::array TEXT_TABLE{
     TextRow{ERROR_INVALID_FUNCTION, "Function not valid here"},
     TextRow{ERROR_PATH_NOT_FOUND, "Path not found"},
     TextRow{ERROR_INVALID_HANDLE, "Invalid handle"},
+    TextRow{ERROR_BAD_ENVIRONMENT, "The folder of pipes and named objects isn't this user's alone: "
+                                   "set KVX_RUNTIME_DIR to one that is"},
     TextRow{ERROR_BAD_FORMAT, "Bad format"},
     TextRow{ERROR_INVALID_ACCESS, "Access code not valid"},
     TextRow{ERROR_INVALID_DATA, "Invalid data"},

@@ -15,6 +15,7 @@ inline constexpr LONG ERROR_TOO_MANY_OPEN_FILES = 4;
 inline constexpr LONG ERROR_ACCESS_DENIED = 5;
 inline constexpr LONG ERROR_INVALID_HANDLE = 6;
 inline constexpr LONG ERROR_NOT_ENOUGH_MEMORY = 8;
+inline constexpr LONG ERROR_BAD_ENVIRONMENT = 10;
 inline constexpr LONG ERROR_BAD_FORMAT = 11;
 inline constexpr LONG ERROR_INVALID_ACCESS = 12;
 inline constexpr LONG ERROR_INVALID_DATA = 13;

@@ -3,8 +3,11 @@
 /// The objects behind file handles, for the code of this folder.
 
 #include "kvx/platform/win32/handles.h"
+#include "kvx/platform/win32/unique_fd.h"
 
+#include <atomic>
 #include <string>
+#include <utility>
 
 #include <sys/types.h>
 
@@ -42,8 +45,13 @@ public:
     static constexpr Kind KIND = Kind::File;
     static constexpr bool Matches(Kind kind) noexcept { return kind == KIND; }
 
-    File(int nDescriptor, bool bOwned, bool bRead, bool bWrite, mode_t nMode) noexcept
-        : IoObject(KIND), m_nDescriptor(nDescriptor), m_bOwned(bOwned), m_bRead(bRead), m_bWrite(bWrite), m_nMode(nMode)
+    File(UniqueFd file, bool bRead, bool bWrite, mode_t nMode) noexcept : File(file.Get(), bRead, bWrite, nMode)
+    {
+        m_owned = std::move(file);
+    }
+    /// For a descriptor that isn't closed with it.
+    File(int nDescriptor, bool bRead, bool bWrite, mode_t nMode) noexcept
+        : IoObject(KIND), m_nDescriptor(nDescriptor), m_bRead(bRead), m_bWrite(bWrite), m_nMode(nMode)
     {
     }
     ~File() override;
@@ -65,7 +73,7 @@ private:
     void Leave() noexcept;
 
     int const m_nDescriptor;
-    bool const m_bOwned;
+    UniqueFd m_owned;
     bool const m_bRead;
     bool const m_bWrite;
     mode_t const m_nMode;

@@ -191,6 +191,18 @@ bool IsFolder(std::string const & strHost)
     return stat(strHost.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+/// SetLastErrorForPath for what must be a folder: ERROR_DIRECTORY if something else is there.
+void SetLastErrorForFolder(int nErrno, std::string const & strHost)
+{
+    struct stat info;
+    // With a slash at its end the path would ask for a folder again.
+    std::string const strThing = strHost.substr(0, strHost.find_last_not_of('/') + 1);
+    if (nErrno == ENOTDIR && lstat(strThing.c_str(), &info) == 0)
+        SetLastError(ERROR_DIRECTORY);
+    else
+        SetLastErrorForPath(nErrno);
+}
+
 /// The part of a path after its last separator or drive.
 std::size_t NamePosition(std::u16string_view path)
 {
@@ -216,8 +228,6 @@ DWORD CopyOut(std::u16string_view text, DWORD nChars, LPWSTR pszBuffer)
 File::~File()
 {
     Leave();
-    if (m_bOwned)
-        close(m_nDescriptor);
 }
 
 bool File::Enter(Opening const & opening)
@@ -380,38 +390,50 @@ Request Translate(DWORD dwAccess, DWORD dwDisposition, DWORD dwFlags)
     return request;
 }
 
-/// Opens or creates; tells in `bCreated` which. -1 with errno on failure.
-int OpenHost(std::string const & strHost, Request const & request, DWORD dwDisposition, DWORD dwFlags, bool & bCreated)
+/// Opens or creates; tells in `bCreated` which. Nothing with errno on failure.
+UniqueFd OpenHost(std::string & strHost, Request const & request, DWORD dwDisposition, DWORD dwFlags, bool & bCreated)
 {
-    auto const open = [&](int nFlags) { return Retry([&] { return ::open(strHost.c_str(), nFlags, request.nMode); }); };
+    auto const open = [&](int nFlags)
+    { return UniqueFd(Retry([&] { return ::open(strHost.c_str(), nFlags, request.nMode); })); };
     bCreated = false;
     bool const bMayCreate = dwDisposition != OPEN_EXISTING && dwDisposition != TRUNCATE_EXISTING;
-    // Another process may create or delete the file between the two calls.
+    if (!bMayCreate && IsKnownMissing(strHost))
+    {
+        errno = ENOENT;
+        return {};
+    }
+    // Another process may create or delete the file between the calls.
     for (int nTries = 0; nTries < 100; ++nTries)
     {
-        int nDescriptor = -1;
+        UniqueFd file;
         if (dwDisposition != CREATE_NEW)
         {
-            nDescriptor = open(request.nFlags);
-            if (nDescriptor < 0 && errno == EISDIR && (dwFlags & FILE_FLAG_BACKUP_SEMANTICS) && !request.bTruncate)
-                nDescriptor = open(O_CLOEXEC | O_RDONLY | O_DIRECTORY);
-            if (nDescriptor >= 0 || errno != ENOENT || !bMayCreate)
-                return nDescriptor;
+            file = open(request.nFlags);
+            if (!file && errno == EISDIR && (dwFlags & FILE_FLAG_BACKUP_SEMANTICS) && !request.bTruncate)
+                file = open(O_CLOEXEC | O_RDONLY | O_DIRECTORY);
+            if (file || errno != ENOENT)
+                return file;
         }
-        nDescriptor = open(request.nFlags | O_CREAT | O_EXCL);
-        bCreated = nDescriptor >= 0;
+        if (FindInAnyCase(strHost) && dwDisposition != CREATE_NEW)
+            continue;
+        if (!bMayCreate)
+            return file;
+        file = open(request.nFlags | O_CREAT | O_EXCL);
+        bCreated = static_cast<bool>(file);
+        if (!bCreated && errno == ENOENT)
+            errno = ENOTDIR; // what is missing is the way there
         if (bCreated || errno != EEXIST || dwDisposition == CREATE_NEW)
-            return nDescriptor;
+            return file;
         struct stat info;
         if (lstat(strHost.c_str(), &info) == 0 && S_ISLNK(info.st_mode) && stat(strHost.c_str(), &info) != 0)
         {
             // A link that leads nowhere: the file comes to be where it points.
-            nDescriptor = open(request.nFlags | O_CREAT);
-            bCreated = nDescriptor >= 0;
-            return nDescriptor;
+            file = open(request.nFlags | O_CREAT);
+            bCreated = static_cast<bool>(file);
+            return file;
         }
     }
-    return -1;
+    return {};
 }
 
 HANDLE CreateFileImpl(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, DWORD dwDisposition, DWORD dwFlags)
@@ -428,27 +450,27 @@ HANDLE CreateFileImpl(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, DWORD dwDi
         Refuse(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    std::string const strHost = ToHost(pszPath);
+    std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
         return nullptr;
     bool bCreated = false;
-    int const nDescriptor = OpenHost(strHost, request, dwDisposition, dwFlags, bCreated);
-    if (nDescriptor < 0)
+    UniqueFd opened = OpenHost(strHost, request, dwDisposition, dwFlags, bCreated);
+    if (!opened)
     {
         if (errno == EEXIST)
             Refuse(ERROR_FILE_EXISTS);
         else
-            SetLastErrorForPath(errno, strHost);
+            SetLastErrorForPath(errno);
         return nullptr;
     }
+    int const nDescriptor = opened.Get();
     struct stat info;
     if (fstat(nDescriptor, &info) != 0)
     {
         Fail();
-        close(nDescriptor);
         return nullptr;
     }
-    Ref<File> const file(new File(nDescriptor, true, request.bRead, request.bWrite, info.st_mode));
+    Ref<File> const file(new File(std::move(opened), request.bRead, request.bWrite, info.st_mode));
     bool const bFolder = S_ISDIR(info.st_mode);
     bool const bPlain = S_ISREG(info.st_mode);
     if ((bFolder && (!(dwFlags & FILE_FLAG_BACKUP_SEMANTICS) || dwDisposition == CREATE_ALWAYS)) ||
@@ -486,13 +508,13 @@ HANDLE CreateFileImpl(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, DWORD dwDi
 /// The attributes as GetFileAttributesW tells them, with all that goes with them.
 bool Inspect(LPCWSTR pszPath, WIN32_FILE_ATTRIBUTE_DATA & data)
 {
-    std::string const strHost = ToHost(pszPath);
+    std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
         return false;
     struct statx info;
-    if (Stat(AT_FDCWD, strHost.c_str(), AT_SYMLINK_NOFOLLOW, info) != 0)
+    if (CallOnPath(strHost, [&](char const * p) { return Stat(AT_FDCWD, p, AT_SYMLINK_NOFOLLOW, info); }) != 0)
     {
-        SetLastErrorForPath(errno, strHost);
+        SetLastErrorForPath(errno);
         return false;
     }
     Describe(info, data);
@@ -531,23 +553,6 @@ bool CopyContents(int nFrom, int nTo)
     }
 }
 
-class Descriptor
-{
-public:
-    explicit Descriptor(int nValue) : m_nValue(nValue) {}
-    ~Descriptor()
-    {
-        if (m_nValue >= 0)
-            close(m_nValue);
-    }
-    Descriptor(Descriptor const &) = delete;
-    Descriptor & operator=(Descriptor const &) = delete;
-    operator int() const { return m_nValue; }
-
-private:
-    int m_nValue;
-};
-
 /// Holds a place in the table for the length of a call.
 class TransientOpening
 {
@@ -567,32 +572,37 @@ private:
     bool m_bEntered;
 };
 
-bool CopyHost(std::string const & strFrom, std::string const & strTo, bool bFailIfExists)
+/// Both paths are looked up in any case.
+bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
 {
     constexpr int Flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-    Descriptor const from(open(strFrom.c_str(), O_RDONLY | Flags));
+    UniqueFd const fromFile(CallOnPath(strFrom, [&](char const * p) { return open(p, O_RDONLY | Flags); }));
+    int const from = fromFile.Get();
     struct stat source;
     if (from < 0 || fstat(from, &source) != 0)
     {
-        SetLastErrorForPath(errno, strFrom);
+        SetLastErrorForPath(errno);
         return false;
     }
     if (!S_ISREG(source.st_mode))
         return Refuse(ERROR_ACCESS_DENIED);
+    FindInAnyCase(strTo);
     // Until it is whole the copy must be writable, and no one else's.
-    int nTo = open(strTo.c_str(), O_WRONLY | O_CREAT | O_EXCL | Flags, 0600);
-    bool const bCreated = nTo >= 0;
+    UniqueFd toFile(open(strTo.c_str(), O_WRONLY | O_CREAT | O_EXCL | Flags, 0600));
+    bool const bCreated = static_cast<bool>(toFile);
     if (!bCreated && errno == EEXIST)
     {
         if (bFailIfExists)
             return Refuse(ERROR_FILE_EXISTS);
-        nTo = open(strTo.c_str(), O_WRONLY | Flags);
+        toFile = UniqueFd(open(strTo.c_str(), O_WRONLY | Flags));
     }
-    Descriptor const to(nTo);
+    else if (!bCreated && errno == ENOENT)
+        errno = ENOTDIR; // what is missing is the way there
+    int const to = toFile.Get();
     struct stat target;
     if (to < 0 || fstat(to, &target) != 0)
     {
-        SetLastErrorForPath(errno, strTo);
+        SetLastErrorForPath(errno);
         return false;
     }
     if (target.st_dev == source.st_dev && target.st_ino == source.st_ino)
@@ -805,13 +815,13 @@ namespace
 
 Ref<Find> FindOne(std::u16string_view path, WIN32_FIND_DATAW & data)
 {
-    std::string strHost = ToHost(path);
+    std::string strHost = ToHost(path, LastComponent::AsWritten);
     if (strHost.empty())
         return nullptr;
     struct stat info;
-    if (lstat(strHost.c_str(), &info) != 0)
+    if (CallOnPath(strHost, [&](char const * p) { return lstat(p, &info); }) != 0)
     {
-        SetLastErrorForPath(errno, strHost);
+        SetLastErrorForPath(errno);
         return nullptr;
     }
     // A search answers with the name as it stands in the folder.
@@ -826,15 +836,18 @@ Ref<Find> FindOne(std::u16string_view path, WIN32_FIND_DATAW & data)
 
 Ref<Find> FindMany(std::u16string_view folder, std::u16string_view pattern, WIN32_FIND_DATAW & data)
 {
-    std::string const strFolder = folder.empty() ? "." : ToHost(folder);
+    std::string strFolder = folder.empty() ? "." : ToHost(folder, LastComponent::AsWritten);
     if (strFolder.empty())
         return nullptr;
-    DIR * const pFolder = opendir(strFolder.c_str());
-    if (!pFolder)
+    UniqueFd opened(CallOnPath(strFolder, [](char const * p) { return open(p, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    DIR * const pFolder = opened ? fdopendir(opened.Get()) : nullptr;
+    if (pFolder)
+        opened.Detach();
+    else
     {
-        SetLastError(errno == ENOENT    ? ERROR_PATH_NOT_FOUND
-                     : errno == ENOTDIR ? ERROR_DIRECTORY
-                                        : ErrorFromErrno(errno));
+        SetLastErrorForFolder(errno, strFolder);
+        if (GetLastError() == ERROR_FILE_NOT_FOUND)
+            SetLastError(ERROR_PATH_NOT_FOUND);
         return nullptr;
     }
     bool const bRoot = strFolder == "/" || strFolder == GetDriveCRoot() || strFolder == GetDriveCRoot() + "/";
@@ -1029,13 +1042,13 @@ BOOL GetFileAttributesExW(LPCWSTR pszPath, GET_FILEEX_INFO_LEVELS level, LPVOID 
 
 BOOL SetFileAttributesW(LPCWSTR pszPath, DWORD dwAttributes)
 {
-    std::string const strHost = ToHost(pszPath);
+    std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
         return FALSE;
     struct stat info;
-    if (stat(strHost.c_str(), &info) != 0)
+    if (CallOnPath(strHost, [&](char const * p) { return stat(p, &info); }) != 0)
     {
-        SetLastErrorForPath(errno, strHost);
+        SetLastErrorForPath(errno);
         return FALSE;
     }
     bool const bReadOnly = dwAttributes & FILE_ATTRIBUTE_READONLY;
@@ -1049,13 +1062,13 @@ BOOL SetFileAttributesW(LPCWSTR pszPath, DWORD dwAttributes)
 
 BOOL DeleteFileW(LPCWSTR pszPath)
 {
-    std::string const strHost = ToHost(pszPath);
+    std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
         return FALSE;
     struct stat info;
-    if (lstat(strHost.c_str(), &info) != 0)
+    if (CallOnPath(strHost, [&](char const * p) { return lstat(p, &info); }) != 0)
     {
-        SetLastErrorForPath(errno, strHost);
+        SetLastErrorForPath(errno);
         return FALSE;
     }
     if (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && IsReadOnly(info.st_mode)))
@@ -1064,7 +1077,7 @@ BOOL DeleteFileW(LPCWSTR pszPath)
         return Refuse(ERROR_SHARING_VIOLATION);
     if (unlink(strHost.c_str()) != 0)
     {
-        SetLastErrorForPath(errno, strHost);
+        SetLastErrorForPath(errno);
         return FALSE;
     }
     return TRUE;
@@ -1072,18 +1085,19 @@ BOOL DeleteFileW(LPCWSTR pszPath)
 
 BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo)
 {
-    std::string const strFrom = ToHost(pszFrom);
+    std::string strFrom = ToHost(pszFrom, LastComponent::AsWritten);
     if (strFrom.empty())
         return FALSE;
-    std::string strTo = ToHost(pszTo);
+    std::string strTo = ToHost(pszTo, LastComponent::AsWritten);
     if (strTo.empty())
         return FALSE;
     struct stat info;
-    if (lstat(strFrom.c_str(), &info) != 0)
+    if (CallOnPath(strFrom, [&](char const * p) { return lstat(p, &info); }) != 0)
     {
-        SetLastErrorForPath(errno, strFrom);
+        SetLastErrorForPath(errno);
         return FALSE;
     }
+    FindInAnyCase(strTo);
     if (!Shares().MayDelete(info.st_dev, info.st_ino))
         return Refuse(ERROR_SHARING_VIOLATION);
     // A file may change the case of its own name.
@@ -1122,18 +1136,19 @@ BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo)
 
 BOOL CopyFileW(LPCWSTR pszFrom, LPCWSTR pszTo, BOOL bFailIfExists)
 {
-    std::string const strFrom = ToHost(pszFrom);
+    std::string const strFrom = ToHost(pszFrom, LastComponent::AsWritten);
     if (strFrom.empty())
         return FALSE;
-    std::string const strTo = ToHost(pszTo);
+    std::string const strTo = ToHost(pszTo, LastComponent::AsWritten);
     return !strTo.empty() && CopyHost(strFrom, strTo, bFailIfExists);
 }
 
 BOOL CreateDirectoryW(LPCWSTR pszPath, LPSECURITY_ATTRIBUTES)
 {
-    std::string const strHost = ToHost(pszPath);
+    std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
         return FALSE;
+    FindInAnyCase(strHost);
     if (mkdir(strHost.c_str(), 0777) == 0)
         return TRUE;
     if (errno == EEXIST)
@@ -1143,10 +1158,10 @@ BOOL CreateDirectoryW(LPCWSTR pszPath, LPSECURITY_ATTRIBUTES)
 
 BOOL RemoveDirectoryW(LPCWSTR pszPath)
 {
-    std::string strHost = ToHost(pszPath);
+    std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
         return FALSE;
-    if (rmdir(strHost.c_str()) == 0)
+    if (CallOnPath(strHost, [](char const * p) { return rmdir(p); }) == 0)
         return TRUE;
     int const nError = errno;
     if (nError == ENOTEMPTY || nError == EEXIST)
@@ -1160,7 +1175,7 @@ BOOL RemoveDirectoryW(LPCWSTR pszPath)
             return unlink(strHost.c_str()) == 0 ? TRUE : Fail();
         return Refuse(lstat(strHost.c_str(), &info) == 0 ? ERROR_DIRECTORY : ERROR_PATH_NOT_FOUND);
     }
-    SetLastErrorForPath(nError, strHost);
+    SetLastErrorForPath(nError);
     return FALSE;
 }
 
@@ -1238,14 +1253,12 @@ DWORD GetTempPathW(DWORD nChars, LPWSTR pszBuffer)
 
 BOOL SetCurrentDirectoryW(LPCWSTR pszPath)
 {
-    std::string const strHost = ToHost(pszPath);
+    std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
         return FALSE;
-    if (chdir(strHost.c_str()) == 0)
+    if (CallOnPath(strHost, [](char const * p) { return chdir(p); }) == 0)
         return TRUE;
-    if (errno == ENOTDIR)
-        return Refuse(ERROR_DIRECTORY);
-    SetLastErrorForPath(errno, strHost);
+    SetLastErrorForFolder(errno, strHost);
     return FALSE;
 }
 
@@ -1281,13 +1294,14 @@ UINT GetTempFileNameW(LPCWSTR pszPath, LPCWSTR pszPrefix, UINT nUnique, LPWSTR p
         strName.append(szNumber, szNumber + nDigits);
         if (nUnique == 0)
         {
-            std::string const strHost = ToHost(strName);
+            std::string strHost = ToHost(strName, LastComponent::AsWritten);
             if (strHost.empty())
                 return 0;
-            Descriptor const created(open(strHost.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-            if (created < 0 && errno == EEXIST)
+            FindInAnyCase(strHost);
+            UniqueFd const created(open(strHost.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+            if (!created && errno == EEXIST)
                 continue;
-            if (created < 0)
+            if (!created)
                 return static_cast<UINT>(Fail());
         }
         CopyOut(strName, MAX_PATH, pszBuffer);

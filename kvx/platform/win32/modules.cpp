@@ -1,19 +1,24 @@
 #include "kvx/platform/win32/modules.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/low_descriptors.h"
 #include "kvx/platform/win32/paths.h"
 #include "kvx/platform/win32/processes.h"
 #include "kvx/platform/win32/security.h"
 #include "kvx/platform/win32/system.h"
 #include "kvx/platform/win32/termination.h"
+#include "kvx/platform/win32/unique_fd.h"
 #include "kvx/platform/win32/upcase.h"
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -195,23 +200,34 @@ std::vector<std::u16string> FileNamesOf(std::u16string_view name)
     return names;
 }
 
-bool IsRegularFile(std::string const & strPath)
+/// Nothing if there is no such file, or it is a folder.
+std::optional<struct stat> StatusOf(std::string const & strPath)
 {
     struct stat status
     {
     };
-    return stat(strPath.c_str(), &status) == 0 && !S_ISDIR(status.st_mode);
+    if (stat(strPath.c_str(), &status) != 0 || S_ISDIR(status.st_mode))
+        return std::nullopt;
+    return status;
+}
+
+bool IsSameFile(std::string const & strA, std::string const & strB)
+{
+    if (strA == strB)
+        return true;
+    auto const a = StatusOf(strA);
+    auto const b = a ? StatusOf(strB) : std::nullopt;
+    return a && b && a->st_dev == b->st_dev && a->st_ino == b->st_ino;
 }
 
 /// Whether the file is a shared object for this machine.
 bool HasModuleHeader(std::string const & strPath)
 {
-    int const nFile = open(strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (nFile < 0)
+    UniqueFd const file(open(strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file)
         return errno == EACCES;
     ElfW(Ehdr) header{};
-    bool const bRead = read(nFile, &header, sizeof header) == static_cast<ssize_t>(sizeof header);
-    close(nFile);
+    bool const bRead = read(file.Get(), &header, sizeof header) == static_cast<ssize_t>(sizeof header);
     constexpr unsigned char CLASS = sizeof(void *) == 8 ? ELFCLASS64 : ELFCLASS32;
     return bRead && std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && header.e_ident[EI_CLASS] == CLASS &&
            header.e_type == ET_DYN;
@@ -230,7 +246,11 @@ LONG ErrorOfLoader(std::string_view text)
 void * OpenModule(char const * pszName)
 {
     dlerror();
-    void * const pLoader = dlopen(pszName, RTLD_NOW | RTLD_LOCAL);
+    void * pLoader = nullptr;
+    {
+        LowDescriptorGuard const guard;
+        pLoader = dlopen(pszName, RTLD_NOW | RTLD_LOCAL);
+    }
     if (!pLoader)
     {
         char const * const pszText = dlerror();
@@ -246,7 +266,14 @@ void * OpenModuleFile(std::string const & strPath)
         SetLastError(ERROR_BAD_EXE_FORMAT);
         return nullptr;
     }
-    return OpenModule(strPath.c_str());
+    if (strPath.starts_with('/'))
+        return OpenModule(strPath.c_str());
+    // The loader would look for a name without a slash where libraries are.
+    std::unique_ptr<char, decltype(&std::free)> const pszReal(realpath(strPath.c_str(), nullptr), &std::free);
+    if (pszReal)
+        return OpenModule(pszReal.get());
+    SetLastError(ERROR_MOD_NOT_FOUND);
+    return nullptr;
 }
 
 link_map * MapOf(void * pLoader)
@@ -288,6 +315,33 @@ SystemModule const * FindSystemModule(std::u16string_view name)
             return &module;
     return nullptr;
 }
+
+HMODULE AsModule(SystemModule const & module)
+{
+    return reinterpret_cast<HMODULE>(const_cast<SystemModule *>(&module));
+}
+
+/// What a module's name means.
+struct ModuleName
+{
+    explicit ModuleName(std::u16string_view name)
+        : component(LastComponentOf(name)), folder(name.substr(0, name.size() - component.size()))
+    {
+        // A folder's name is no module's.
+        if (component.find_first_not_of(u'.') == component.npos)
+            return;
+        if (IsBare())
+            pSystem = FindSystemModule(component);
+        files = FileNamesOf(component);
+    }
+
+    bool IsBare() const { return folder.empty(); }
+
+    std::u16string_view component;
+    std::u16string_view folder;             ///< with its separator
+    SystemModule const * pSystem = nullptr; ///< one of the system's own
+    std::vector<std::u16string> files;      ///< the names that its file may have
+};
 
 /// The loader's handle of a module, null for none; `bExecutable` for the executable's.
 void * LoaderOf(HMODULE hModule)
@@ -348,19 +402,16 @@ HMODULE LoadLibraryExW(LPCWSTR pszName, HANDLE hFile, DWORD dwFlags)
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    std::u16string_view const name(pszName);
-    std::u16string_view const component = LastComponentOf(name);
-    bool const bBare = component.size() == name.size();
-    if (bBare)
-        if (SystemModule const * const pSystem = FindSystemModule(component))
-            return reinterpret_cast<HMODULE>(const_cast<SystemModule *>(pSystem));
-
-    std::u16string const strFolder = bBare ? FromHost(GetExecutablePath().substr(0, GetExecutablePath().rfind('/') + 1))
-                                           : std::u16string(name.substr(0, name.size() - component.size()));
-    for (std::u16string const & strFile : FileNamesOf(component))
+    ModuleName const name(pszName);
+    if (name.pSystem)
+        return AsModule(*name.pSystem);
+    std::string const strProgram = GetExecutablePath();
+    std::u16string const strFolder =
+        name.IsBare() ? FromHost(strProgram.substr(0, strProgram.rfind('/') + 1)) : std::u16string(name.folder);
+    for (std::u16string const & strFile : name.files)
     {
         std::string const strPath = ToHost(std::u16string(strFolder).append(strFile));
-        if (!strPath.empty() && IsRegularFile(strPath))
+        if (!strPath.empty() && StatusOf(strPath))
         {
             void * const pLoader = OpenModuleFile(strPath);
             return pLoader ? Register(pLoader) : nullptr;
@@ -369,9 +420,9 @@ HMODULE LoadLibraryExW(LPCWSTR pszName, HANDLE hFile, DWORD dwFlags)
             break; // no file can have that name
     }
     SetLastError(ERROR_MOD_NOT_FOUND);
-    if (!bBare)
+    if (!name.IsBare())
         return nullptr;
-    for (std::u16string const & strFile : FileNamesOf(component))
+    for (std::u16string const & strFile : name.files)
     {
         // The loader's own search takes what is given as it stands.
         if (std::ranges::any_of(strFile, [](char16_t c) { return c < 0x20 || c > 0x7E; }))
@@ -440,32 +491,22 @@ HMODULE GetModuleHandleW(LPCWSTR pszName)
 {
     if (!pszName)
         return ExecutableModule();
-    std::u16string_view const name(pszName);
-    std::u16string_view const component = LastComponentOf(name);
-    bool const bBare = component.size() == name.size();
-    if (bBare)
-        if (SystemModule const * const pSystem = FindSystemModule(component))
-            return reinterpret_cast<HMODULE>(const_cast<SystemModule *>(pSystem));
-    std::vector<std::u16string> const names = FileNamesOf(component);
-    auto const isNamed = [&](std::string const & strPath, std::vector<std::u16string> const & files)
+    ModuleName const name(pszName);
+    if (name.pSystem)
+        return AsModule(*name.pSystem);
+    auto const isNamed = [&](std::string const & strPath, std::u16string_view file)
     {
-        std::u16string const strModule = FromHost(strPath);
-        return std::ranges::any_of(
-            files,
-            [&](std::u16string const & strFile)
-            {
-                if (!IsSameName(LastComponentOf(strModule), strFile))
-                    return false;
-                std::u16string const strFull =
-                    std::u16string(name.substr(0, name.size() - component.size())).append(strFile);
-                return bBare || ToHost(strFull) == strPath;
-            });
+        if (name.IsBare())
+            return IsSameName(LastComponentOf(FromHost(strPath)), file);
+        std::string const strFull = ToHost(std::u16string(name.folder).append(file));
+        return !strFull.empty() && IsSameFile(strFull, strPath);
     };
     HMODULE hFound = nullptr;
     for (LoadedModule const & module : WithModules([](auto & modules) { return modules; }))
-        if (!hFound && isNamed(module.strPath, names))
+        if (!hFound &&
+            std::ranges::any_of(name.files, [&](auto const & file) { return isNamed(module.strPath, file); }))
             hFound = module.hModule;
-    if (!hFound && isNamed(GetExecutablePath(), {std::u16string(component)}))
+    if (!hFound && isNamed(GetExecutablePath(), name.component))
         hFound = ExecutableModule();
     if (!hFound)
         SetLastError(ERROR_MOD_NOT_FOUND);

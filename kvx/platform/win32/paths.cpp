@@ -1,6 +1,8 @@
 #include "kvx/platform/win32/paths.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/folder_index.h"
+#include "kvx/platform/win32/low_descriptors.h"
 #include "kvx/platform/win32/termination.h"
 #include "kvx/platform/win32/upcase.h"
 #include "kvx/platform/win32/utf8.h"
@@ -13,7 +15,6 @@
 #include <optional>
 #include <vector>
 
-#include <dirent.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,7 +47,13 @@ bool StartsWithDrive(std::u16string_view path)
 /// Appends one component as bytes; false for what no file name can hold.
 bool AppendName(std::string & strTarget, std::u16string_view name)
 {
-    for (std::size_t n = 0; n < name.size(); ++n)
+    std::size_t n = 0;
+    std::size_t const nBefore = strTarget.size();
+    strTarget.resize(nBefore + name.size());
+    for (; n < name.size() && name[n] != 0 && name[n] < 0x80; ++n)
+        strTarget[nBefore + n] = static_cast<char>(name[n]);
+    strTarget.resize(nBefore + n);
+    for (; n < name.size(); ++n)
     {
         char32_t c = name[n];
         if (c == 0)
@@ -114,6 +121,7 @@ std::string HomeFolder()
     std::vector<char> buffer(16384);
     passwd entry;
     passwd * pEntry = nullptr;
+    LowDescriptorGuard const guard;
     if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &pEntry) == 0 && pEntry && pEntry->pw_dir)
         return pEntry->pw_dir;
     return "/nonexistent";
@@ -155,6 +163,25 @@ std::string CurrentDirectory()
         return {};
     return szBuffer;
 }
+
+/// The head of a path that ends before a name, on its own.
+class FolderPath
+{
+public:
+    FolderPath(std::string_view path, std::size_t nName) : m_bFits(nName < sizeof m_szPath)
+    {
+        if (nName == 0)
+            path = ".", nName = 1;
+        if (m_bFits)
+            m_szPath[path.copy(m_szPath, nName)] = '\0';
+    }
+    explicit operator bool() const { return m_bFits; }
+    char const * Get() const { return m_szPath; }
+
+private:
+    bool m_bFits;
+    char m_szPath[PATH_MAX];
+};
 
 bool Refuse(DWORD dwError)
 {
@@ -254,69 +281,6 @@ bool Exists(std::string const & strPath)
     return lstat(strPath.c_str(), &info) == 0;
 }
 
-bool IsAscii(std::string_view text)
-{
-    return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
-bool IsSameHostName(std::string_view a, std::string_view b)
-{
-    if (IsAscii(a) && IsAscii(b))
-        return std::ranges::equal(
-            a, b, {}, [](char c) { return UpCase(static_cast<char16_t>(c)); },
-            [](char c) { return UpCase(static_cast<char16_t>(c)); });
-    std::u16string strA;
-    std::u16string strB;
-    AppendHost(strA, a);
-    AppendHost(strB, b);
-    return IsSameName(strA, strB);
-}
-
-/// The entry of a folder that is `name` in another case; the first by its bytes if there are several.
-std::string FindInFolder(std::string const & strFolder, std::string_view name)
-{
-    std::string strFound;
-    std::unique_ptr<DIR, int (*)(DIR *)> const pFolder(opendir(strFolder.empty() ? "." : strFolder.c_str()), closedir);
-    if (!pFolder)
-        return strFound;
-    while (dirent const * const pEntry = readdir(pFolder.get()))
-        if (IsSameHostName(pEntry->d_name, name) && (strFound.empty() || strFound > pEntry->d_name))
-            strFound = pEntry->d_name;
-    return strFound;
-}
-
-/// Replaces components that don't exist by those that differ in case only.
-void ResolveCase(std::string & strPath, LastComponent last)
-{
-    if (Exists(strPath) || errno != ENOENT)
-        return;
-    std::string strResolved(strPath[0] == '/' ? "/" : "");
-    std::size_t n = strPath.find_first_not_of('/');
-    while (n != std::string::npos)
-    {
-        std::size_t const nEnd = std::min(strPath.find('/', n), strPath.size());
-        std::size_t const nNext = strPath.find_first_not_of('/', nEnd);
-        std::string const strName = strPath.substr(n, nEnd - n);
-        if (last == LastComponent::Exact && nNext == std::string::npos)
-            break;
-        if (!Exists(strResolved + strName))
-        {
-            std::string const strFound = FindInFolder(strResolved, strName);
-            if (strFound.empty())
-                break;
-            strPath.replace(n, strName.size(), strFound);
-            strResolved += strFound;
-            // A name in another case can be of another length.
-            std::size_t const nFoundEnd = n + strFound.size();
-            strResolved.append(strPath, nFoundEnd, strPath.find_first_not_of('/', nFoundEnd) - nFoundEnd);
-            n = strPath.find_first_not_of('/', nFoundEnd);
-            continue;
-        }
-        strResolved.append(strPath, n, nNext == std::string::npos ? nNext : nNext - n);
-        n = nNext;
-    }
-}
-
 } // namespace
 
 std::string GetDataFolder()
@@ -334,6 +298,74 @@ std::string const & GetDriveCRoot()
     UninterruptedScope const scope;
     static std::string const & strRoot = *new std::string(FindDriveC());
     return strRoot;
+}
+
+bool IsKnownMissing(std::string & strHost)
+{
+    std::size_t const nBegin = strHost.rfind('/') + 1; // 0 behind npos
+    FolderPath const folder(strHost, nBegin);
+    std::string strFound;
+    if (!folder || nBegin == strHost.size())
+        return false;
+    auto const lookup = RecallName(folder.Get(), std::string_view(strHost).substr(nBegin), strFound);
+    if (lookup == NameLookup::Found)
+        strHost.replace(nBegin, std::string::npos, strFound);
+    return lookup == NameLookup::Missing;
+}
+
+bool FindInAnyCase(std::string & strHost, LastComponent last)
+{
+    std::size_t const nPathEnd = strHost.find_last_not_of('/');
+    if (nPathEnd == std::string::npos)
+    {
+        errno = ENOENT;
+        return false;
+    }
+    std::size_t nEnd = nPathEnd + 1;
+    std::size_t nBegin = strHost.rfind('/', nPathEnd) + 1; // 0 behind npos
+    bool bLast = true;
+    std::string strFound;
+    auto const lookUp = [&]
+    {
+        if (bLast && last == LastComponent::Exact)
+        {
+            errno = ENOENT;
+            return NameLookup::NoFolder;
+        }
+        std::string_view const name = std::string_view(strHost).substr(nBegin, nEnd - nBegin);
+        if (FolderPath const folder(strHost, nBegin); folder)
+            return FindName(folder.Get(), name, strFound);
+        errno = ENAMETOOLONG;
+        return NameLookup::NoFolder;
+    };
+    // Back to the last folder that is there as it is written, ...
+    NameLookup lookup = lookUp();
+    while (lookup == NameLookup::NoFolder && errno == ENOENT && nBegin > 0)
+    {
+        std::size_t const nFolderEnd = strHost.find_last_not_of('/', nBegin - 1);
+        if (nFolderEnd == std::string::npos)
+            break;
+        nEnd = nFolderEnd + 1;
+        nBegin = strHost.rfind('/', nFolderEnd) + 1;
+        bLast = false;
+        lookup = lookUp();
+    }
+    // ... and forth again by what is there in any case.
+    bool bChanged = false;
+    while (lookup == NameLookup::Found)
+    {
+        bChanged |= std::string_view(strHost).substr(nBegin, nEnd - nBegin) != strFound;
+        strHost.replace(nBegin, nEnd - nBegin, strFound);
+        if (bLast)
+            break;
+        // A name in another case can be of another length.
+        nBegin = strHost.find_first_not_of('/', nBegin + strFound.size());
+        nEnd = std::min(strHost.find('/', nBegin), strHost.size());
+        bLast = strHost.find_first_not_of('/', nEnd) == std::string::npos;
+        lookup = lookUp();
+    }
+    errno = bLast && lookup != NameLookup::NoFolder ? ENOENT : ENOTDIR;
+    return bChanged && lookup == NameLookup::Found;
 }
 
 std::string ToHost(std::u16string_view path, LastComponent last)
@@ -354,6 +386,7 @@ std::string ToHost(std::u16string_view path, LastComponent last)
     std::string strHost;
     if (start->base == Start::Base::Drive && start->nDrive == u'C')
         strHost = GetDriveCRoot();
+    strHost.reserve(strHost.size() + start->rest.size() + 2);
     std::size_t nKept = strHost.size();
     // Whether a component put now needs a slash before it: only at the head of a relative path it doesn't.
     bool bAbsolute = start->base != Start::Base::Relative;
@@ -398,7 +431,8 @@ std::string ToHost(std::u16string_view path, LastComponent last)
         Refuse(ERROR_FILENAME_EXCED_RANGE);
         return {};
     }
-    ResolveCase(strHost, last);
+    if (last != LastComponent::AsWritten && !Exists(strHost) && errno == ENOENT)
+        FindInAnyCase(strHost, last);
     return strHost;
 }
 
@@ -443,7 +477,13 @@ std::u16string ToFullPath(std::u16string_view path)
     switch (start->base)
     {
     case Start::Base::Relative:
-        strResult = FromHost(CurrentDirectory());
+        if (std::string const strCurrent = CurrentDirectory(); !strCurrent.empty())
+            strResult = FromHost(strCurrent);
+        else
+        {
+            Refuse(ERROR_PATH_NOT_FOUND); // the folder is gone
+            return {};
+        }
         if (strResult.ends_with(u'\\'))
             strResult.pop_back();
         break;
@@ -482,17 +522,11 @@ std::u16string ToFullPath(std::u16string_view path)
     return strResult;
 }
 
-void SetLastErrorForPath(int nErrno, std::string const & strHost)
+void SetLastErrorForPath(int nErrno)
 {
-    if (nErrno != ENOENT)
-    {
-        SetLastError(nErrno == ENOTDIR ? ERROR_PATH_NOT_FOUND : ErrorFromErrno(nErrno));
-        return;
-    }
-    std::size_t const nEnd = strHost.find_last_not_of('/');
-    std::size_t const nSlash = nEnd == std::string::npos ? nEnd : strHost.rfind('/', nEnd);
-    bool const bParent = nSlash == std::string::npos || Exists(strHost.substr(0, nSlash + 1));
-    SetLastError(bParent ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND);
+    SetLastError(nErrno == ENOENT    ? ERROR_FILE_NOT_FOUND
+                 : nErrno == ENOTDIR ? ERROR_PATH_NOT_FOUND
+                                     : ErrorFromErrno(nErrno));
 }
 
 } // namespace kvx::win32

@@ -15,6 +15,7 @@
 #include "kvx/platform/export.h"
 #include "kvx/platform/win32/types.h"
 
+#include <cerrno>
 #include <string>
 #include <string_view>
 
@@ -23,8 +24,9 @@ namespace kvx::win32
 
 enum class LastComponent
 {
-    AnyCase, ///< an existing file is found whatever its case
-    Exact    ///< taken as given, for a file that is to get this very name
+    AnyCase,  ///< an existing file is found whatever its case
+    Exact,    ///< taken as given, for a file that is to get this very name
+    AsWritten ///< as is the whole path, for CallOnPath or FindInAnyCase
 };
 
 /// The host's path. Empty with last error on failure: ERROR_PATH_NOT_FOUND (null, empty, or a drive other than
@@ -49,8 +51,34 @@ KVX_API std::string GetDataFolder();
 /// GetDataFolder. It is read and the folder made at the first call.
 KVX_API std::string const & GetDriveCRoot();
 
-/// Sets the last error for a call on a host path that failed with `nErrno`: for ENOENT it is
-/// ERROR_FILE_NOT_FOUND when only the last component is missing, ERROR_PATH_NOT_FOUND when the way there is.
-KVX_API void SetLastErrorForPath(int nErrno, std::string const & strHost);
+/// Replaces the components of a host path that don't exist by those that differ in case only. True if that leads to
+/// something that the path as it was written doesn't name. Else errno is ENOENT when at most the last component is
+/// missing, ENOTDIR when the way there is; the way is still put into its case.
+KVX_API bool FindInAnyCase(std::string & strHost, LastComponent last = LastComponent::AnyCase);
+
+/// Whether nothing has this name in any case, if that is known without asking for the name; else the path may be put
+/// into its case.
+KVX_API bool IsKnownMissing(std::string & strHost);
+
+/// Runs a system call on a path as it is written; if there is no such file, on one that differs in case only. Sets
+/// errno as FindInAnyCase does when there is none of either kind.
+template <typename Call>
+auto CallOnPath(std::string & strHost, Call call)
+{
+    decltype(call(strHost.c_str())) nResult = -1;
+    if (IsKnownMissing(strHost))
+    {
+        errno = ENOENT;
+        return nResult;
+    }
+    nResult = call(strHost.c_str());
+    if (nResult < 0 && errno == ENOENT && FindInAnyCase(strHost))
+        nResult = call(strHost.c_str());
+    return nResult;
+}
+
+/// Sets the last error for a call on a path that failed with `nErrno`, as CallOnPath has it: ENOENT is
+/// ERROR_FILE_NOT_FOUND, ENOTDIR is ERROR_PATH_NOT_FOUND.
+KVX_API void SetLastErrorForPath(int nErrno);
 
 } // namespace kvx::win32

@@ -978,8 +978,11 @@ Ref<KernelObject> OpenForeignPipe(int nProcess, HANDLE hForeign)
     {
         void operator()(DIR * pFolder) const { ::closedir(pFolder); }
     };
-    std::unique_ptr<DIR, Closer> const folder(::opendir((strProcess + "/fd").c_str()));
-    if (!folder)
+    UniqueFd opened(::open((strProcess + "/fd").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::unique_ptr<DIR, Closer> const folder(opened ? ::fdopendir(opened.Get()) : nullptr);
+    if (folder)
+        opened.Detach();
+    else
     {
         SetLastError(errno == ENOENT ? static_cast<DWORD>(ERROR_INVALID_HANDLE) : ErrorFromErrno(errno));
         return nullptr;

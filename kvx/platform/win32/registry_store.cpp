@@ -1,6 +1,7 @@
 #include "kvx/platform/win32/registry_store.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/low_descriptors.h"
 #include "kvx/platform/win32/paths.h"
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <climits>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -155,6 +157,9 @@ LONG StoreConnection::ReadNumber(char const * pszSql, std::int64_t & nResult)
 LONG StoreConnection::PrepareAll()
 {
     static_assert(static_cast<std::size_t>(Sql::COUNT) <= STATEMENTS);
+    // No files of its own besides the store's, which are opened by now.
+    if (LONG const nError = Run("PRAGMA temp_store=MEMORY"); nError != 0)
+        return nError;
     for (std::size_t i = 0; i < SQL_TEXTS.size(); ++i)
         if (int const nCode = ::sqlite3_prepare_v3(m_pDatabase, SQL_TEXTS[i], -1, SQLITE_PREPARE_PERSISTENT,
                                                    &m_statements[i], nullptr);
@@ -305,7 +310,7 @@ LONG RegistryStore::Get(RegistryStore *& pStore)
 
 LONG RegistryStore::Open()
 {
-    std::string const strPath = StorePath();
+    std::string strPath = StorePath();
     if (strPath.empty())
         return static_cast<LONG>(GetLastError());
     LONG nError = OpenFiles(strPath);
@@ -321,7 +326,7 @@ LONG RegistryStore::Open()
     return nError;
 }
 
-LONG RegistryStore::OpenFiles(std::string const & strPath)
+LONG RegistryStore::OpenFiles(std::string & strPath)
 {
     // No descriptor of the database may be open beside those of SQLite while it is in use: closing one would drop
     // SQLite's locks. Here it isn't yet.
@@ -341,6 +346,11 @@ LONG RegistryStore::OpenFiles(std::string const & strPath)
         return errno == ENOENT || errno == ENOTDIR ? ERROR_PATH_NOT_FOUND : CurrentError();
     if (!S_ISREG(info.st_mode))
         return ERROR_BADDB;
+    // Whatever links lead to it, there is one lock file to one store.
+    std::unique_ptr<char, decltype(&std::free)> const pszReal(::realpath(strPath.c_str(), nullptr), &std::free);
+    if (!pszReal)
+        return CurrentError();
+    strPath = pszReal.get();
 
     std::string const strLock = strPath + LOCK_SUFFIX;
     int const nAccess = m_nReadOnly != 0 ? O_RDONLY : O_RDWR | O_CREAT;
@@ -370,6 +380,9 @@ LONG RegistryStore::OpenFiles(std::string const & strPath)
 
 LONG RegistryStore::OpenDatabase(std::string const & strPath)
 {
+    // SQLite fills closed standard streams by itself, for good. All that it keeps open it opens here.
+    LowDescriptorGuard const guard;
+    m_bGuardsCommits = guard.IsNeeded();
     int const nFlags = m_nReadOnly != 0 ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
     LONG nError = m_writer.Open(strPath, nFlags);
     if (nError == 0)
@@ -557,6 +570,9 @@ LONG RegistryStore::Transaction::End(LONG nResult)
     if (nResult != 0)
         return nResult;
     m_store.MarkChanged(changes);
+    std::optional<LowDescriptorGuard> guard; // of the folder, which is opened at times to be synced
+    if (m_store.m_bGuardsCommits)
+        guard.emplace();
     LONG const nError = StoreQuery(m_store.m_writer, Sql::Commit).Run();
     m_bOpen = nError != 0;
     if (m_bOpen)

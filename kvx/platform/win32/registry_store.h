@@ -206,7 +206,8 @@ private:
     RegistryStore() = default;
 
     LONG Open();
-    LONG OpenFiles(std::string const & strPath);
+    /// `strPath` becomes the path of the file itself where it was a link.
+    LONG OpenFiles(std::string & strPath);
     LONG OpenDatabase(std::string const & strPath);
     LONG Initialise();
     bool LockFile() const noexcept;
@@ -221,7 +222,8 @@ private:
     std::mutex m_writeMutex;
     UniqueFd m_lockFile;
     Shared * m_pShared = nullptr;
-    LONG m_nReadOnly = 0; ///< the code that writes get
+    bool m_bGuardsCommits = false; ///< some standard stream was closed when the store was opened
+    LONG m_nReadOnly = 0;          ///< the code that writes get
 };
 
 } // namespace kvx::win32

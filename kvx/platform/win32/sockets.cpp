@@ -2,7 +2,9 @@
 
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/handles.h"
+#include "kvx/platform/win32/low_descriptors.h"
 #include "kvx/platform/win32/retry.h"
+#include "kvx/platform/win32/unique_fd.h"
 
 #include <algorithm>
 #include <array>
@@ -43,10 +45,9 @@ class Socket final : public KernelObject
 public:
     static constexpr Kind KIND = Kind::Socket;
 
-    Socket(int nDescriptor, int nType) noexcept : KernelObject(KIND), m_nDescriptor(nDescriptor), m_nType(nType) {}
-    ~Socket() override { close(m_nDescriptor); }
+    Socket(UniqueFd socket, int nType) noexcept : KernelObject(KIND), m_socket(std::move(socket)), m_nType(nType) {}
 
-    int Get() const { return m_nDescriptor; }
+    int Get() const { return m_socket.Get(); }
     bool IsStream() const { return m_nType == SOCK_STREAM; }
     bool IsClosed() const { return m_bClosed.load(std::memory_order_seq_cst); }
 
@@ -54,11 +55,11 @@ public:
     void OnHandleClosed() noexcept override
     {
         m_bClosed.store(true, std::memory_order_seq_cst);
-        ::shutdown(m_nDescriptor, SHUT_RDWR);
+        ::shutdown(m_socket.Get(), SHUT_RDWR);
     }
 
 private:
-    int const m_nDescriptor;
+    UniqueFd const m_socket;
     int const m_nType;
     std::atomic<bool> m_bClosed{false};
 };
@@ -359,13 +360,13 @@ SOCKET socket(int nFamily, int nType, int nProtocol)
         SetLastError(nFamily != AddressFamilyInet ? WSAEAFNOSUPPORT : WSAESOCKTNOSUPPORT);
         return INVALID_SOCKET;
     }
-    int const nDescriptor = ::socket(AF_INET, nType | SOCK_CLOEXEC, nProtocol);
-    if (nDescriptor < 0)
+    UniqueFd opened(::socket(AF_INET, nType | SOCK_CLOEXEC, nProtocol));
+    if (!opened)
     {
         SetLastError(WsaErrorFromErrno(errno));
         return INVALID_SOCKET;
     }
-    HANDLE const handle = OpenHandle(Ref<Socket>(new Socket(nDescriptor, nType)));
+    HANDLE const handle = OpenHandle(Ref<Socket>(new Socket(std::move(opened), nType)));
     return handle ? reinterpret_cast<SOCKET>(handle) : INVALID_SOCKET;
 }
 
@@ -400,18 +401,18 @@ SOCKET accept(SOCKET hSocket, SockAddr * pAddress, int * pnLength)
     if (!socket || (pAddress && !HasRoom(pAddress, pnLength)))
         return INVALID_SOCKET;
     sockaddr_in address{};
-    int nDescriptor;
+    UniqueFd client;
     do
     {
         socklen_t nLength = sizeof address;
-        nDescriptor = accept4(socket->Get(), reinterpret_cast<sockaddr *>(&address), &nLength, SOCK_CLOEXEC);
-    } while (nDescriptor < 0 && !socket->IsClosed() && (errno == EINTR || errno == ECONNABORTED || errno == EPROTO));
-    if (nDescriptor < 0)
+        client = UniqueFd(accept4(socket->Get(), reinterpret_cast<sockaddr *>(&address), &nLength, SOCK_CLOEXEC));
+    } while (!client && !socket->IsClosed() && (errno == EINTR || errno == ECONNABORTED || errno == EPROTO));
+    if (!client)
     {
         FailFromErrno(*socket);
         return INVALID_SOCKET;
     }
-    Ref<Socket> const accepted(new Socket(nDescriptor, SOCK_STREAM));
+    Ref<Socket> const accepted(new Socket(std::move(client), SOCK_STREAM));
     HANDLE const handle = OpenHandle(accepted);
     if (!handle)
         return INVALID_SOCKET;
@@ -557,6 +558,7 @@ HostEnt * gethostbyname(char const * pszName)
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_CANONNAME;
     addrinfo * pFound = nullptr;
+    LowDescriptorGuard const guard; // of the resolver's own sockets
     if (int const nError = getaddrinfo(pszName, nullptr, &hints, &pFound); nError != 0)
     {
         SetLastError(ErrorOfResolver(nError));
@@ -587,6 +589,7 @@ HostEnt * gethostbyaddr(char const * pAddress, int nLength, int nFamily)
     address.sin_family = AF_INET;
     std::memcpy(&address.sin_addr, pAddress, sizeof address.sin_addr);
     char szName[NI_MAXHOST];
+    LowDescriptorGuard const guard; // of the resolver's own sockets
     if (int const nError = getnameinfo(reinterpret_cast<sockaddr const *>(&address), sizeof address, szName,
                                        sizeof szName, nullptr, 0, NI_NAMEREQD);
         nError != 0)

@@ -3,6 +3,7 @@
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/processes.h"
 #include "kvx/platform/win32/threads.h"
+#include "kvx/platform/win32/unique_fd.h"
 
 #include <algorithm>
 #include <array>
@@ -13,6 +14,7 @@
 #include <string_view>
 
 #include <elf.h>
+#include <fcntl.h>
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -100,9 +102,9 @@ BOOL IsWow64Process(HANDLE hProcess, BOOL * pbWow64)
     if (dwProcess == 0)
         return FALSE;
     std::string const strPath = "/proc/" + std::to_string(dwProcess) + "/exe";
-    std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file(std::fopen(strPath.c_str(), "re"), &std::fclose);
+    kvx::win32::UniqueFd const file(::open(strPath.c_str(), O_RDONLY | O_CLOEXEC));
     std::array<unsigned char, EI_NIDENT> ident{};
-    if (!file || std::fread(ident.data(), ident.size(), 1, file.get()) != 1)
+    if (!file || ::read(file.Get(), ident.data(), ident.size()) != static_cast<ssize_t>(ident.size()))
     {
         kvx::win32::SetLastErrorFromErrno();
         return FALSE;
@@ -160,8 +162,12 @@ SIZE_T VirtualQuery(LPCVOID pAddress, MEMORY_BASIC_INFORMATION * pInfo, SIZE_T n
         SetLastError(nAddress >= USER_END ? ERROR_INVALID_PARAMETER : ERROR_BAD_LENGTH);
         return 0;
     }
-    std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file(std::fopen("/proc/self/maps", "re"), &std::fclose);
-    if (!file)
+    kvx::win32::UniqueFd maps(::open("/proc/self/maps", O_RDONLY | O_CLOEXEC));
+    std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file(maps ? ::fdopen(maps.Get(), "r") : nullptr,
+                                                                &std::fclose);
+    if (file)
+        maps.Detach();
+    else
     {
         kvx::win32::SetLastErrorFromErrno();
         return 0;

@@ -304,13 +304,3 @@ TEST(Modules, AreListedUntilTheyEnd)
     AfxTermExtensionModule(other);
     AfxTermExtensionModule(other);
 }
-
-TEST(Addresses, ImplausibleOnesAreRefused)
-{
-    int const value = 0;
-    EXPECT_TRUE(AfxIsValidAddress(&value, sizeof value));
-    EXPECT_FALSE(AfxIsValidAddress(nullptr, 1));
-    EXPECT_FALSE(AfxIsValidAddress(reinterpret_cast<void *>(UINT_PTR{0x1234}), 1));
-    EXPECT_FALSE(AfxIsValidAddress(reinterpret_cast<void *>(~UINT_PTR{0}), 1));
-    EXPECT_FALSE(AfxIsValidAddress(&value, ~UINT_PTR{0}));
-}

@@ -170,6 +170,33 @@ TEST(Text, BuffersAreOnesOwn)
     EXPECT_TRUE(Raises<CInvalidArgException>([&] { CString(NO_TEXT, 1); }));
 }
 
+template <class TEXT>
+void WriteToEmptyBuffers()
+{
+    TEXT const untouched;
+    for (TEXT text : {TEXT(), TEXT(untouched), TEXT(untouched.Left(0)), TEXT("x").Left(0), TEXT("gone").Mid(9)})
+    {
+        TEXT const copy = text;
+        text.GetBuffer()[0] = 0;
+        text.ReleaseBuffer();
+        text.Empty();
+        text.GetBuffer(0)[0] = 0;
+        text.ReleaseBuffer(0);
+        text = copy;
+        text.GetBufferSetLength(0)[0] = 'x'; // the NUL's own place is his who has the buffer
+        text.ReleaseBuffer(0);
+        EXPECT_TRUE(text.IsEmpty() && copy.IsEmpty() && copy.GetString()[0] == 0 && text.GetString()[0] == 0);
+        EXPECT_EQ(text.MakeReverse() + text.MakeUpper(), copy);
+    }
+    EXPECT_EQ(untouched.GetAllocLength(), 0);
+}
+
+TEST(Text, EmptyTextsHaveBuffersToo)
+{
+    WriteToEmptyBuffers<CString>();
+    WriteToEmptyBuffers<CStringA>();
+}
+
 TEST(Text, NullPointersAreEmptyTexts)
 {
     CString text(NO_TEXT);

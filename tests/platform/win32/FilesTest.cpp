@@ -61,7 +61,8 @@ protected:
     }
 
     DWORD m_dwError = 0;
-    std::size_t const m_nDescriptors = (GetStdHandle(STD_OUTPUT_HANDLE), CountDescriptors());
+    // Some come with the first use and stay.
+    std::size_t const m_nDescriptors = (GetStdHandle(STD_OUTPUT_HANDLE), ToHost(u"/none"), CountDescriptors());
     std::uint32_t const m_nHandles = GetOpenHandleCount();
 };
 
@@ -233,11 +234,16 @@ TEST_F(Files, ReadingWritingAndPositions)
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     EXPECT_FALSE(SetEndOfFile(hReader));
     CloseHandle(hReader);
+    // Who may only append does so wherever the file ends by then, and whatever position he has asked for.
     HANDLE const hAppender = Open(u"f", FILE_APPEND_DATA, OPEN_EXISTING);
+    HANDLE const hOther = Open(u"f", FILE_APPEND_DATA | SYNCHRONIZE, OPEN_ALWAYS);
+    EXPECT_TRUE(WriteFile(hAppender, "+", 1, &nDone, nullptr) && WriteFile(hOther, "-", 1, &nDone, nullptr));
+    SetFilePointer(hAppender, 0, nullptr, FILE_BEGIN);
     EXPECT_TRUE(WriteFile(hAppender, "+", 1, &nDone, nullptr));
     EXPECT_FALSE(ReadFile(hAppender, szBuffer, 1, &nDone, nullptr));
     CloseHandle(hAppender);
-    EXPECT_EQ(Get("f"), "01a+");
+    CloseHandle(hOther);
+    EXPECT_EQ(Get("f"), "01a+-+");
 }
 
 TEST_F(Files, BrokenPipeRaisesNoSignal)

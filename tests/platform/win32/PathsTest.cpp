@@ -176,6 +176,13 @@ TEST_F(Paths, FullAndHostPathsComeBackWindowsShaped)
     EXPECT_EQ(GetCurrentDirectoryW(6, szCurrent), 7u);
     EXPECT_FALSE(SetCurrentDirectoryW(u"C:\\none"));
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(SetCurrentDirectoryW(u"C:\\none\\x"));
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    // There is no absolute name for what lies in a folder that is gone.
+    std::filesystem::remove_all(strC + "/cwd");
+    EXPECT_EQ(GetFullPathNameW(u"x", 100, szCurrent, nullptr), 0u);
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(GetFullPathNameW(u"/x", 100, szCurrent, nullptr), 4u);
 }
 
 TEST_F(Paths, ModuleNameIsTheExecutable)

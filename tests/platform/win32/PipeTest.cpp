@@ -382,10 +382,6 @@ TEST_F(Pipe, NamesStayInTheFolderAndApart)
         EXPECT_EQ(GetLastError(), nError);
         EXPECT_EQ(CreateNamedPipeW(strPath.c_str(), 3, 0, 1, 0, 0, 0, nullptr), INVALID_HANDLE_VALUE);
     }
-    // A folder that others can enter is no place for pipes.
-    ::chmod(m_strHost.c_str(), 0755);
-    EXPECT_EQ(Serve(u"plain"), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 }
 
 TEST_F(Pipe, BreakingAPendingConnectTouchesNothingElse)
@@ -440,40 +436,6 @@ TEST_F(Pipe, BreakingATransferTouchesNothingElse)
     }
 }
 
-TEST_F(Pipe, AKilledServersNameIsFreeAndItsClientsKnowAtOnce)
-{
-    for (int nRound = 0; nRound < 5; ++nRound)
-    {
-        Child server("echo killed");
-        ASSERT_EQ(server.ReadLine(), "ready");
-        HANDLE const hClient = Open(u"killed");
-        ASSERT_NE(hClient, INVALID_HANDLE_VALUE) << GetLastError();
-        EXPECT_TRUE(Send(hClient, "ping"));
-        EXPECT_EQ(Receive(hClient), "ping");
-        // Some round kills it in the middle of traffic, and others while the client waits.
-        std::string strGot;
-        BreakUnder(
-            nRound,
-            [&]
-            {
-                do
-                    strGot = nRound % 2 && !Send(hClient, "more") ? "<0>" : Receive(hClient);
-                while (strGot[0] != '<');
-            },
-            [&] { server.Kill(); });
-        EXPECT_FALSE(PeekNamedPipe(hClient, nullptr, 0, nullptr, nullptr, nullptr));
-        CloseHandle(hClient);
-        EXPECT_EQ(Files().count("pipe.killed"), 1u); // left over, and nobody's
-        EXPECT_EQ(Open(u"killed"), INVALID_HANDLE_VALUE);
-        EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-        EXPECT_FALSE(WaitNamedPipeW(PathOf(u"killed").c_str(), 10000));
-    }
-    HANDLE const hPipe = Serve(u"killed");
-    EXPECT_EQ(Files(), (std::set<std::string>{"pipe.killed", "pipe.killed+lock"}));
-    CloseHandle(hPipe);
-    EXPECT_TRUE(Files().empty());
-}
-
 TEST_F(Pipe, SeveralProcessesServeOneName)
 {
     Child first("echo shared");
@@ -496,32 +458,12 @@ TEST_F(Pipe, SeveralProcessesServeOneName)
     EXPECT_EQ(Connect(hOwn), 0u);
     for (HANDLE const hPipe : {hEarly, hLate, hLast, hOwn})
         EXPECT_TRUE(CloseHandle(hPipe));
-}
-
-TEST_F(Pipe, ManyClientsAtOnceAllGetThrough)
-{
-    constexpr int Clients = 8;
-    Child server("echo busy");
-    ASSERT_EQ(server.ReadLine(), "ready");
-    std::atomic<int> nGood{0};
-    std::vector<std::thread> clients;
-    for (int i = 0; i < Clients; ++i)
-        clients.emplace_back(
-            [&, i]
-            {
-                for (int nRound = 0; nRound < Rounds; ++nRound)
-                {
-                    HANDLE hPipe = INVALID_HANDLE_VALUE;
-                    while (hPipe == INVALID_HANDLE_VALUE && WaitNamedPipeW(PathOf(u"busy").c_str(), 10000))
-                        hPipe = Open(u"busy");
-                    std::string const strText = std::to_string(i * Rounds + nRound);
-                    nGood += Send(hPipe, strText) && Receive(hPipe) == strText;
-                    CloseHandle(hPipe);
-                }
-            });
-    for (std::thread & client : clients)
-        client.join();
-    EXPECT_EQ(nGood, Clients * Rounds);
+    // What the dead left behind is nobody's, and the next one clears it away.
+    EXPECT_EQ(Open(u"shared"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Files().count("pipe.shared"), 1u);
+    CloseHandle(Serve(u"shared"));
+    EXPECT_EQ(Files().count("pipe.shared"), 0u);
 }
 
 TEST_F(Pipe, AnotherProcessesEndsCanBeDuplicated)

@@ -477,8 +477,11 @@ TEST_F(RegistryProcesses, WritersOfManyProcessesTakeTurns)
     auto const put = [&]
     { return RegSetValueExW(HKEY_CURRENT_USER, _T("Number"), 0, REG_DWORD, reinterpret_cast<BYTE *>(&n), 4); };
     EXPECT_EQ(put(), 0);
-    Worker watcher(Store::s_strPath, {"watch", "300"});
-    Worker a(Store::s_strPath, {"fill", "a", "300", "4"});
+    // One of them comes by another name of the file.
+    std::string const strLink = Store::s_strPath + "-link";
+    fs::create_symlink(fs::path(Store::s_strPath).filename(), strLink);
+    Worker watcher(strLink, {"watch", "300"});
+    Worker a(strLink, {"fill", "a", "300", "4"});
     Worker b(Store::s_strPath, {"fill", "b", "300", "4"});
     for (n = 2; n <= 300; ++n)
         ASSERT_EQ(put(), 0);

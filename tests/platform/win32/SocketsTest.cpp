@@ -190,36 +190,6 @@ TEST_F(Sockets, CloseEndsConnect)
     winsock::closesocket(hListener);
 }
 
-TEST_F(Sockets, ManyThreadsMayCloseAndUseOneSocket)
-{
-    Churn churn;
-    SOCKET const hListener = Listener();
-    USHORT const nPort = PortOf(hListener);
-    for (int nRound = 0; nRound < Rounds; ++nRound)
-    {
-        SOCKET const hClient = ConnectTo(nPort);
-        SOCKET const hServer = winsock::accept(hListener, nullptr, nullptr);
-        std::atomic<int> nClosed{0};
-        std::vector<std::thread> threads;
-        for (int n = 0; n < 4; ++n)
-            threads.emplace_back(
-                [&, n]
-                {
-                    char c = 'x';
-                    if (n < 2)
-                        while (winsock::send(hServer, &c, 1, 0) == 1)
-                            ;
-                    else
-                        nClosed += winsock::closesocket(hServer) == 0;
-                });
-        for (std::thread & thread : threads)
-            thread.join();
-        EXPECT_EQ(nClosed, 1);
-        winsock::closesocket(hClient);
-    }
-    winsock::closesocket(hListener);
-}
-
 TEST_F(Sockets, BytesGoBothWaysWithoutSignals)
 {
     WSADATA data;

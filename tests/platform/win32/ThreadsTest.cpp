@@ -146,20 +146,6 @@ TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
     EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
 }
 
-TEST(Tls, SlotsRunOut)
-{
-    std::vector<DWORD> slots;
-    for (DWORD dwSlot = 0; (dwSlot = TlsAlloc()) != TLS_OUT_OF_INDEXES; slots.push_back(dwSlot))
-        ASSERT_TRUE(TlsSetValue(dwSlot, &slots));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_NO_SYSTEM_RESOURCES));
-    EXPECT_GT(slots.size(), 1000u);
-    for (DWORD const dwSlot : slots)
-    {
-        EXPECT_EQ(TlsGetValue(dwSlot), &slots);
-        EXPECT_TRUE(TlsFree(dwSlot));
-    }
-}
-
 struct Witness
 {
     std::atomic<bool> & m_bUnwound;
@@ -173,7 +159,7 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
     HANDLE const hOther = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     HANDLE const hMutex = CreateMutexW(nullptr, FALSE, nullptr);
     HANDLE const handles[] = {hEvent, hOther, hEvent};
-    for (int nMode = 0; nMode < 3; ++nMode)
+    for (int nMode = 0; nMode < 4; ++nMode)
     {
         bStarted = false;
         DWORD dwId = 0;
@@ -186,6 +172,8 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
                 WaitForMultipleObjects(3, handles, FALSE, INFINITE);
             else if (nMode == 1)
                 Sleep(INFINITE);
+            else if (nMode == 2)
+                TerminateThread(GetCurrentThread(), 42);
             while (bStarted)
                 Sleep(0);
             return 1;
@@ -195,7 +183,7 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
             Sleep(0);
         if (nMode < 2)
             WaitUntilAsleep({dwId});
-        EXPECT_TRUE(TerminateThread(hThread, 42));
+        EXPECT_TRUE(nMode == 2 || TerminateThread(hThread, 42));
         EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
         EXPECT_EQ(GetExitCode(hThread), 42u);
         EXPECT_FALSE(TerminateThread(hThread, 43));
@@ -209,19 +197,6 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
     EXPECT_FALSE(bUnwound);
     for (HANDLE const hObject : {hEvent, hOther, hMutex})
         CloseHandle(hObject);
-}
-
-TEST(TerminateThread, EndsTheCallerItself)
-{
-    auto job = []() -> DWORD
-    {
-        TerminateThread(GetCurrentThread(), 9);
-        return 1;
-    };
-    HANDLE const hThread = Start(job);
-    EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
-    EXPECT_EQ(GetExitCode(hThread), 9u);
-    CloseHandle(hThread);
 }
 
 TEST(TerminateThread, LeavesNoLockOfTheSystemTaken)

@@ -77,13 +77,10 @@ TEST(Time, LocalTimeIsThatOfTheZone)
         GetLocalTime(&fields);
     } while (std::time(nullptr) != before);
     ::localtime_r(&before, &local);
-    EXPECT_EQ(fields.wYear, local.tm_year + 1900);
-    EXPECT_EQ(fields.wMonth, local.tm_mon + 1);
-    EXPECT_EQ(fields.wDay, local.tm_mday);
-    EXPECT_EQ(fields.wDayOfWeek, local.tm_wday);
-    EXPECT_EQ(fields.wHour, local.tm_hour);
-    EXPECT_EQ(fields.wMinute, local.tm_min);
-    EXPECT_EQ(fields.wSecond, local.tm_sec);
+    EXPECT_EQ(fields.wYear * 10'000 + fields.wMonth * 100 + fields.wDay,
+              (local.tm_year + 1900) * 10'000 + (local.tm_mon + 1) * 100 + local.tm_mday);
+    EXPECT_EQ(fields.wHour * 10'000 + fields.wMinute * 100 + fields.wSecond,
+              local.tm_hour * 10'000 + local.tm_min * 100 + local.tm_sec);
     FILETIME now{}, there{}, back{};
     GetSystemTimeAsFileTime(&now);
     ASSERT_TRUE(FileTimeToLocalFileTime(&now, &there));

@@ -40,7 +40,7 @@ constexpr std::array TYPE_NAMES{
 
 CRegistryRootKeyLookup const & GetRootKeys()
 {
-    static CRegistryRootKeyLookup const s_rootKeys;
+    static CRegistryRootKeyLookup const & s_rootKeys = *new CRegistryRootKeyLookup; // never gone
     return s_rootKeys;
 }
 

@@ -11,7 +11,7 @@ namespace
 {
 CWinVersion const & ThisVersion()
 {
-    static CWinVersion const s_version;
+    static CWinVersion const & s_version = *new CWinVersion; // never gone
     return s_version;
 }
 

@@ -18,8 +18,12 @@ enum class StandardStream
 };
 
 /// The arguments without the program's name, as UTF-8. To be called once, at the start of main: it also makes the C
-/// library's stdout and stderr take UTF-8 bytes as they are, with no change of line ends.
+/// library's stdout and stderr take UTF-8 bytes as they are, with no change of line ends, and a reader that has gone
+/// makes a write to a stream fail, with EPIPE, and no more.
 KVX_API std::vector<std::string> GetProgramArguments(int argc, char ** argv);
+
+/// False for a stream that the program was started without (`>&-`).
+KVX_API bool IsOpen(StandardStream stream);
 
 /// Whether somebody reads the stream on a terminal.
 KVX_API bool IsTerminal(StandardStream stream);
@@ -28,8 +32,8 @@ KVX_API bool IsTerminal(StandardStream stream);
 KVX_API int GetTerminalWidth();
 
 /// From now on a request to end (SIGINT or SIGTERM; on Windows Ctrl+C, Ctrl+Break and closing of the console) no longer
-/// ends the process but is kept for WaitForEndSignal, and a reader that has gone makes a write to stdout or stderr fail
-/// and no more. False with the thread's last error. Call it before the program says that it is ready.
+/// ends the process but is kept for WaitForEndSignal. False with the thread's last error. Call it before the program
+/// says that it is ready.
 KVX_API bool CatchEndSignals();
 
 /// Waits up to `timeout` milliseconds, or INFINITE: true once a request to end has come, and then for ever. Any thread.

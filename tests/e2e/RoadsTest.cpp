@@ -113,6 +113,8 @@ TEST_F(Roads, CrossAService)
               0);
     EXPECT_TRUE(Becomes([&] { return Call(road, {"far.host.count"}).strOut == "count\r\n30\r\n"; }));
     EXPECT_EQ(Call(road, {"greeter.hello", "name=hop"}).strOut, "text\r\n\"Hello, hop!\"\r\n");
+    EXPECT_EQ(Call("forward:inproc:example_greeter@greeter", {"hello", "name=me"}).strOut,
+              "text\r\n\"Hello, me!\"\r\n");
 
     Process waiting({"call", road, "far.host.sleep", "ms=600000"});
     EXPECT_EQ(far->Stop(SIGKILL), -SIGKILL);
@@ -129,45 +131,39 @@ TEST_F(Roads, CrossAService)
     EXPECT_EQ(endless.Wait(), 1);
 }
 
-TEST_F(Roads, LeadIntoModules)
-{
-    Result const hello = Call("inproc:example_greeter@greeter", {"hello", "name=you"});
-    EXPECT_EQ(hello.strOut, "text\r\n\"Hello, you!\"\r\n");
-    EXPECT_EQ(Call("forward:inproc:example_greeter@greeter", {"hello", "name=you"}).strOut, hello.strOut);
-    EXPECT_EQ(RunKvx({"bench", "inproc:example_greeter@greeter", "hello", "name=x", "--count", "9", "--clients", "2"})
-                  .nStatus,
-              0);
-}
-
 TEST_F(Roads, ThatAreWrongAreToldApart)
 {
     std::ofstream(m_registry.strFolder + "/text.so") << "no module";
     struct Case
     {
+        int nStatus; // 2 for what is wrong at sight
         std::string config;
         std::string error;
     };
     for (Case const & wrong : std::initializer_list<Case>{
-             {"event:x;tcp:127.0.0.1:1", "error 87: 'event:x;tcp:127.0.0.1:1' is no connection"},
-             {"forward:", "error 87: 'forward:' is no connection"},
-             {"relay:nothing:1", "error 87: 'relay:nothing:1' is no connection"},
-             {"forward:relay:tcp:127.0.0.1:99999", "error 87: 'forward:relay:tcp:127.0.0.1:99999' has no valid port"},
-             {"nt_pipe:", "error 87: 'nt_pipe:' has no name"},
-             {"inproc:x", "error 87: no provider for 'inproc:x': Cannot load in-proc provider: No provider name"},
-             {"inproc:kvx_none@x", "error 126: no provider for 'inproc:kvx_none@x': "},
-             {"inproc:" + m_registry.strFolder + "/text.so@x", "error 193: "},
-             {"inproc:example_greeter@other",
-              "error 87: no provider for 'inproc:example_greeter@other': Cannot create"},
-             {"relay:inproc:example_greeter@greeter", "error 87: 'relay:inproc:example_greeter@greeter' relays to no"},
+             {2, "nowhere", "is no connection"},
+             {2, "udp:127.0.0.1:1", "is no connection"},
+             {2, "event:x;tcp:127.0.0.1:1", "is no connection"},
+             {2, "forward:", "is no connection"},
+             {2, "relay:nothing:1", "is no connection"},
+             {2, "tcp:127.0.0.1:x", "has no valid port"},
+             {2, "forward:relay:tcp:127.0.0.1:99999", "has no valid port"},
+             {2, "nt_pipe:", "has no name"},
+             {2, "relay:inproc:example_greeter@greeter", "relays to no"},
+             {1, "inproc:x", "error 87: no provider for 'inproc:x': Cannot load in-proc provider: No provider name"},
+             {1, "inproc:kvx_none@x", "error 126: no provider for 'inproc:kvx_none@x': "},
+             {1, "inproc:" + m_registry.strFolder + "/text.so@x", "error 193: "},
+             {1, "inproc:example_greeter@other", "error 87: no provider for 'inproc:example_greeter@other': Cannot"},
          })
     {
         for (Strings const & words : {Strings{"call", wrong.config, "host.count"},
                                       Strings{"serve", "tcp:127.0.0.1:0", "--provider", "path=" + wrong.config}})
         {
             Result const result = RunKvx(words);
-            EXPECT_EQ(result.nStatus, 1) << wrong.config;
+            EXPECT_EQ(result.nStatus, wrong.nStatus) << wrong.config;
             EXPECT_EQ(result.strOut, "");
-            EXPECT_THAT(result.strErr, StartsWith(wrong.error));
+            EXPECT_THAT(result.strErr,
+                        HasSubstr(wrong.nStatus == 1 ? wrong.error : "'" + wrong.config + "' " + wrong.error));
         }
     }
     std::string const longName(10000, 'n');
@@ -178,12 +174,12 @@ TEST_F(Roads, ThatAreWrongAreToldApart)
     }
     EXPECT_THAT(Call("9x_pipe:" + Name("none"), {"host.count"}).strErr, StartsWith("error 2: "));
     for (std::string const & listener :
-         Strings{"9x_pipe:" + longName, "nt_pipe:", "nt_pipe:" + longName, "event:;nt_pipe:x", "event:x;nothing:1",
-                 "inproc:example_greeter@greeter", "relay:tcp:127.0.0.1:0", "9x_pipe:"})
+         Strings{"9x_pipe:" + longName, "nt_pipe:" + longName, "nt_pipe:", "event:;nt_pipe:x", "event:x;nothing:1",
+                 "inproc:example_greeter@greeter", "relay:tcp:127.0.0.1:0", "tcp:127.0.0.1:65536", "tcp"})
     {
         Result const result = RunKvx({"serve", listener, "tcp:127.0.0.1:0"});
-        EXPECT_EQ(result.nStatus, 1) << listener;
-        EXPECT_THAT(result.strErr, testing::AllOf(StartsWith("error "), HasSubstr("'" + listener + "'")));
+        EXPECT_EQ(result.nStatus, listener.size() > longName.size() ? 1 : 2) << listener;
+        EXPECT_THAT(result.strErr, HasSubstr("'" + listener + "'"));
     }
     setenv("KVX_REGISTRY", (m_registry.strFolder + "/text.so").c_str(), 1);
     EXPECT_THAT(RunKvx({"serve", "9x_pipe:" + Name("bad")}).strErr,

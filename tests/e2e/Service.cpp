@@ -5,11 +5,13 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pty.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -27,6 +29,33 @@ std::string ReadToEnd(int file)
         text.append(buffer.data(), static_cast<std::size_t>(got));
     }
     return text;
+}
+
+/// The end that the test reads, and the process's.
+std::array<int, 2> OpenStdout(Stdout kind)
+{
+    std::array<int, 2> ends{-1, -1};
+    if (kind == Stdout::Terminal)
+    {
+        termios raw{};
+        cfmakeraw(&raw);
+        EXPECT_EQ(openpty(&ends[0], &ends[1], nullptr, &raw, nullptr), 0);
+        fcntl(ends[0], F_SETFD, FD_CLOEXEC);
+        fcntl(ends[1], F_SETFD, FD_CLOEXEC);
+    }
+    else
+    {
+        EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    }
+    if (kind == Stdout::Abandoned)
+    {
+        close(std::exchange(ends[0], open("/dev/null", O_RDONLY | O_CLOEXEC)));
+    }
+    if (kind == Stdout::Full)
+    {
+        close(std::exchange(ends[1], open("/dev/full", O_WRONLY | O_CLOEXEC)));
+    }
+    return ends;
 }
 
 class JsonReader
@@ -92,13 +121,9 @@ Strings Join(Strings first, Strings const & second)
     return first;
 }
 
-Process::Process(Strings const & args) : m_nErr(memfd_create("stderr", MFD_CLOEXEC))
+Process::Process(Strings const & args, Stdout kind) : m_nErr(memfd_create("stderr", MFD_CLOEXEC))
 {
-    std::array<int, 2> out{};
-    if (m_nErr < 0 || pipe2(out.data(), O_CLOEXEC) != 0)
-    {
-        throw std::runtime_error("no pipe");
-    }
+    std::array<int, 2> out = OpenStdout(kind);
     setenv("TZ", "UTC", 1); // so that the tests know what local time is
     Strings words = Join({KVX_PROGRAM}, args);
     std::vector<char *> argv;
@@ -109,8 +134,9 @@ Process::Process(Strings const & args) : m_nErr(memfd_create("stderr", MFD_CLOEX
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, m_nErr, STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, kind == Stdout::Terminal ? out[1] : m_nErr, STDERR_FILENO);
+    kind == Stdout::Closed ? posix_spawn_file_actions_addclose(&actions, STDOUT_FILENO)
+                           : posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     int const error = posix_spawn(&nPid, KVX_PROGRAM, &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(out[1]);
@@ -161,9 +187,9 @@ int Process::Wait()
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-Result RunKvx(Strings const & args)
+Result RunKvx(Strings const & args, Stdout out)
 {
-    Process process(args);
+    Process process(args, out);
     int const status = process.Wait();
     return {status, process.strOut, process.strErr};
 }

@@ -16,11 +16,21 @@ using Strings = std::vector<std::string>;
 
 Strings Join(Strings first, Strings const & second);
 
+/// What a process has for its stdout.
+enum class Stdout
+{
+    Pipe,      // which the test reads
+    Terminal,  // which the test reads, and which is its stderr too
+    Abandoned, // a pipe that nobody reads any more
+    Full,      // a disk without space
+    Closed
+};
+
 /// `kvx` with these arguments. One that still runs at the end is killed.
 class Process
 {
 public:
-    explicit Process(Strings const & args);
+    explicit Process(Strings const & args, Stdout out = Stdout::Pipe);
     Process(Process const &) = delete;
     Process & operator=(Process const &) = delete;
     ~Process();
@@ -49,7 +59,7 @@ struct Result
 };
 
 /// Runs the program to its end.
-Result RunKvx(Strings const & args);
+Result RunKvx(Strings const & args, Stdout out = Stdout::Pipe);
 
 struct RowSet
 {
@@ -112,11 +122,12 @@ protected:
 template <class F>
 bool Becomes(F const & condition)
 {
-    for (int i = 0; i < 500 && !condition(); ++i)
+    bool bHolds = condition();
+    for (int i = 0; i < 500 && !bHolds; ++i, bHolds = condition())
     {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return condition();
+    return bHolds;
 }
 
 class RawClient

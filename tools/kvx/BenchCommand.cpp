@@ -9,6 +9,7 @@
 #include <CLI/App.hpp>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -173,16 +174,22 @@ void WaitForClients(Bench & bench, std::vector<Client> const & clients)
     std::fprintf(stderr, "\r\x1B[K");
 }
 
-void PrintTime(char const * name, std::vector<std::uint64_t> const & sorted, double share)
+std::string FormatLine(char const * name, double value, int digits)
+{
+    std::array<char, 400> line{};
+    std::snprintf(line.data(), line.size(), "%-11s %.*f\n", name, digits, value);
+    return line.data();
+}
+
+std::string FormatTime(char const * name, std::vector<std::uint64_t> const & sorted, double share)
 {
     if (sorted.empty())
     {
-        std::printf("%-11s -\n", name);
-        return;
+        return std::string(name) + std::string(12 - std::string_view(name).size(), ' ') + "-\n";
     }
     // The smallest time that so large a share of the calls stayed within.
     auto const rank = static_cast<std::size_t>(std::ceil(share * static_cast<double>(sorted.size())));
-    std::printf("%-11s %.1f\n", name, static_cast<double>(sorted[rank - 1]) / 1000);
+    return FormatLine(name, static_cast<double>(sorted[rank - 1]) / 1000, 1);
 }
 
 int PrintResult(BenchOptions const & options, std::vector<Client> & clients, Clock::time_point begin)
@@ -203,18 +210,17 @@ int PrintResult(BenchOptions const & options, std::vector<Client> & clients, Clo
     }
     std::ranges::sort(latencies);
     double const seconds = std::max(1e-9, std::chrono::duration<double>(end - begin).count());
-    std::printf("%-11s %d\n%-11s %lld\n%-11s %d\n", "calls", options.nCount, "failed", failed, "clients",
-                static_cast<int>(clients.size()));
-    PrintTime("median_us", latencies, 0.5);
-    PrintTime("p90_us", latencies, 0.9);
-    PrintTime("p99_us", latencies, 0.99);
-    PrintTime("worst_us", latencies, 1);
-    std::printf("%-11s %.0f\n%-11s %.0f\n", "calls/s", static_cast<double>(latencies.size()) / seconds, "bytes/s",
-                bytes / seconds);
-    std::fflush(stdout);
+    StandardOutput out;
+    out << FormatLine("calls", options.nCount, 0) << FormatLine("failed", static_cast<double>(failed), 0)
+        << FormatLine("clients", static_cast<double>(clients.size()), 0) << FormatTime("median_us", latencies, 0.5)
+        << FormatTime("p90_us", latencies, 0.9) << FormatTime("p99_us", latencies, 0.99)
+        << FormatTime("worst_us", latencies, 1)
+        << FormatLine("calls/s", static_cast<double>(latencies.size()) / seconds, 0)
+        << FormatLine("bytes/s", bytes / seconds, 0);
+    Written const written = out.Finish();
     if (!firstFailed)
     {
-        return 0;
+        return ReportWritten(written);
     }
     CString text;
     text.Format(_T("%s (%I64d of %d calls failed)"), firstFailed->strErrorText, failed, options.nCount);
@@ -273,12 +279,12 @@ void AddBenchCommand(CLI::App & app, Run & run)
         ->check(CLI::Range(1, 10'000));
     command->add_flag("--oneway", options->bOneWay, "Send the requests and read no responses");
     command->footer(
-        "Prints times of a call in microseconds, and calls and bytes of messages per second. Connections are made\n"
+        "Prints times of a call in microseconds, and calls and bytes of messages per second. Connections are made "
         "before the clock starts.\n"
         "\n"
         "Examples:\n"
         "  kvx bench tcp:127.0.0.1:4100 host.echo text=hello --count 100000 --clients 4\n"
-        "  kvx bench tcp:127.0.0.1:4100 host.table.get rows=10000 columns=4 --count 100 --clients 1\n"
+        "  kvx bench nt_pipe:kvx host.table.get rows=1000 columns=4 --count 100 --clients 1\n"
         "  kvx bench nt_pipe:kvx host.echo text=hello --count 100000 --clients 1\n"
         "  kvx bench inproc host.echo --count 1000000 --clients 2\n"
         "\n" +

@@ -99,19 +99,19 @@ void AddCallCommand(CLI::App & app, Run & run)
     CLI::App * const command = app.add_subcommand("call", "Send one request and show the response");
     options->words.AddTo(*command);
     command->add_flag("--oneway", options->bOneWay, "Send the request and read no response");
-    AddFormatOption(*command, options->format, "How rows are shown: table, json or csv");
+    AddFormatOption(*command, options->format);
     command->add_option("--timeout", options->nTimeout, "Give up with error 1460 after that many milliseconds")
         ->check(CLI::Range(1, 2'000'000'000))
         ->type_name("MS");
     command->footer("Examples:\n"
                     "  kvx call tcp:127.0.0.1:4100 host.info.get\n"
                     "  kvx call nt_pipe:kvx host.info.get\n"
-                    "  kvx call tcp:127.0.0.1:4100 host.files.list path=/usr/include pattern='*.h' --format csv\n"
+                    "  kvx call tcp:127.0.0.1:4100 host.files.list path=/usr --format csv\n"
                     "  kvx call tcp:127.0.0.1:4100 host.count add=1 --oneway\n"
                     "  kvx call tcp:127.0.0.1:4100 host.sleep ms=5000 --timeout 1000\n"
                     "\n"
-                    "JSON is {\"code\":0,\"text\":\"\",\"rowsets\":[{\"name\":\"\",\"columns\":[],\"rows\":[[]]}]}, on "
-                    "failure too.\n"
+                    "JSON is, on failure too,\n"
+                    "  {\"code\":0,\"text\":\"\",\"rowsets\":[{\"name\":\"\",\"columns\":[],\"rows\":[[]]}]}\n"
                     "Words behind -- are no options: kvx call tcp:HOST:PORT host.echo -- -x=1\n"
                     "\n" +
                     std::string(CONNECTION_HELP));

@@ -1,5 +1,7 @@
 #include "DisplayText.h"
 
+#include "kvx/platform/Terminal.h"
+
 #include <algorithm>
 #include <array>
 #include <span>
@@ -20,6 +22,15 @@ constexpr std::array NO_COLUMN{
     Range{0x200B, 0x200F},   Range{0x202A, 0x202E}, Range{0x2060, 0x2069}, Range{0x20D0, 0x20F0},
     Range{0xFE00, 0xFE0F},   Range{0xFE20, 0xFE2F}, Range{0xFEFF, 0xFEFF}, Range{0x1F3FB, 0x1F3FF},
     Range{0xE0100, 0xE01EF},
+};
+
+// Format characters that show nothing of themselves, fillers, separators of lines and paragraphs, surrogates, tags.
+constexpr std::array UNSEEN{
+    Range{0x00AD, 0x00AD},   Range{0x034F, 0x034F},   Range{0x061C, 0x061C},   Range{0x070F, 0x070F},
+    Range{0x115F, 0x1160},   Range{0x17B4, 0x17B5},   Range{0x180B, 0x180F},   Range{0x200B, 0x200F},
+    Range{0x2028, 0x202E},   Range{0x2060, 0x206F},   Range{0x3164, 0x3164},   Range{0xD800, 0xDFFF},
+    Range{0xFEFF, 0xFEFF},   Range{0xFFA0, 0xFFA0},   Range{0xFFF0, 0xFFFB},   Range{0x13430, 0x1343F},
+    Range{0x1BCA0, 0x1BCA3}, Range{0x1D173, 0x1D17A}, Range{0xE0000, 0xE0FFF},
 };
 
 // East Asian wide characters and emoji.
@@ -62,52 +73,128 @@ char32_t TakeCodePoint(std::string_view & text)
     return c;
 }
 
-bool IsControl(WCHAR c)
+/// Takes one code point from UTF-16; half of a surrogate pair is one of its own.
+char32_t TakeCodePoint(CString::View & text)
+{
+    char32_t c = text.front();
+    std::size_t length = 1;
+    if (c >= 0xD800 && c < 0xDC00 && text.size() > 1 && text[1] >= 0xDC00 && text[1] < 0xE000)
+    {
+        c = 0x10000 + ((c - 0xD800) << 10) + (text[1] - 0xDC00u);
+        length = 2;
+    }
+    text.remove_prefix(length);
+    return c;
+}
+
+bool IsControl(char32_t c)
 {
     return c < 0x20 || (c >= 0x7F && c < 0xA0);
 }
 
-void AppendEscape(std::string & out, WCHAR c)
+bool IsHidden(char32_t c)
 {
-    constexpr std::string_view HEX = "0123456789ABCDEF";
-    switch (c)
+    return IsControl(c) || (c >= 0xA0 && IsIn(UNSEEN, c));
+}
+
+void AppendHex(std::string & out, char32_t c, int digits)
+{
+    while (digits-- > 0)
     {
-    case '\n':
-        out += "\\n";
-        break;
-    case '\r':
-        out += "\\r";
-        break;
-    case '\t':
-        out += "\\t";
-        break;
-    default:
-        out += "\\x";
-        out += HEX[c >> 4 & 15];
-        out += HEX[c & 15];
+        out += "0123456789ABCDEF"[c >> (4 * digits) & 15];
     }
+}
+
+/// True if it is one of those that have an escape of one letter, everywhere.
+bool AppendShortEscape(std::string & out, char32_t c)
+{
+    constexpr std::string_view NAMED = "\nn\rr\tt";
+    auto const found = c < 0x80 ? NAMED.find(static_cast<char>(c)) : NAMED.npos;
+    if (found % 2 != 0) // npos is odd too
+    {
+        return false;
+    }
+    out += '\\';
+    out += NAMED[found + 1];
+    return true;
+}
+
+void AppendEscape(std::string & out, char32_t c)
+{
+    if (!AppendShortEscape(out, c))
+    {
+        out += c < 0x100 ? "\\x" : c < 0x10000 ? "\\u" : "\\U";
+        AppendHex(out, c, c < 0x100 ? 2 : c < 0x10000 ? 4 : 8);
+    }
+}
+
+void AppendJsonEscape(std::string & out, char32_t c)
+{
+    if (c == '"' || c == '\\')
+    {
+        out += '\\';
+        out += static_cast<char>(c);
+    }
+    else if (c >= 0x10000)
+    {
+        AppendJsonEscape(out, 0xD800 + ((c - 0x10000) >> 10));
+        AppendJsonEscape(out, 0xDC00 + ((c - 0x10000) & 0x3FF));
+    }
+    else if (!AppendShortEscape(out, c))
+    {
+        out += "\\u";
+        AppendHex(out, c, 4);
+    }
+}
+
+/// UTF-8, with escapes for the characters that are to have them.
+template <class WANTED, class ESCAPE>
+std::string Escape(CString::View text, WANTED const & wanted, ESCAPE const & escape)
+{
+    std::string out;
+    CString::View plain = text; // begins with what isn't written yet
+    while (!text.empty())
+    {
+        CString::View const here = text;
+        char32_t const c = TakeCodePoint(text);
+        if (wanted(c))
+        {
+            out += kvx::ToUtf8(plain.substr(0, plain.size() - here.size()));
+            escape(out, c);
+            plain = text;
+        }
+    }
+    return out + kvx::ToUtf8(plain);
 }
 } // namespace
 
-DisplayText ToDisplay(CString::View text)
+DisplayText ToDisplay(CString::View text, Escaped escaped)
 {
-    DisplayText result;
-    while (!text.empty())
+    auto const wanted = [escaped](char32_t c)
     {
-        auto const stop = std::ranges::find_if(text, IsControl);
-        auto const plain = static_cast<std::size_t>(stop - text.begin());
-        result.strText += kvx::ToUtf8(text.substr(0, plain));
-        if (stop != text.end())
-        {
-            AppendEscape(result.strText, *stop);
-        }
-        text.remove_prefix(std::min(plain + 1, text.size()));
-    }
+        bool const bLine = escaped == Escaped::AllButLines && (c == '\n' || c == '\t');
+        return !bLine && (escaped == Escaped::Controls ? IsControl(c) : IsHidden(c));
+    };
+    DisplayText result{Escape(text, wanted, &AppendEscape)};
     for (std::string_view rest = result.strText; !rest.empty();)
     {
         result.nWidth += ColumnsOf(TakeCodePoint(rest));
     }
     return result;
+}
+
+DisplayText ToStdout(CString::View text)
+{
+    static bool const s_bTerminal = kvx::IsTerminal(kvx::StandardStream::Output);
+    return ToDisplay(text, s_bTerminal ? Escaped::All : Escaped::Controls);
+}
+
+std::string ToJson(CString::View text)
+{
+    return '"' +
+           Escape(
+               text, [](char32_t c) { return c == '"' || c == '\\' || IsHidden(c); }, &AppendJsonEscape) +
+           '"';
 }
 
 std::string CutToWidth(std::string_view text, int width)

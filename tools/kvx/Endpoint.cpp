@@ -15,7 +15,9 @@ void CallWords::AddTo(CLI::App & command)
 {
     command
         .add_option("CONNECTION", strConnection, "tcp:HOST:PORT, nt_pipe:NAME, ..., or inproc for this process itself")
-        ->required();
+        ->required()
+        ->check([](std::string const & word)
+                { return word == "inproc" ? std::string() : kvx::ToUtf8(CheckConnection(kvx::FromUtf8(word))); });
     command.add_option("COMMAND", strCommand, "Dotted path of the command, such as host.info.get")
         ->required()
         ->check([](std::string const & word)
@@ -152,46 +154,47 @@ CString CheckListener(CString const & config)
     View const event = _T("event:");
     View rest = config;
     auto const end = rest.find(WCHAR{';'});
-    if (end == View::npos || CString(rest.substr(0, event.size())).MakeLower().AsView() != event)
+    bool const bEvent = end != View::npos && CString(rest.substr(0, event.size())).MakeLower().AsView() == event;
+    CString text;
+    if (bEvent && end == event.size())
     {
-        return CheckRest(rest, config);
-    }
-    if (end == event.size())
-    {
-        CString text;
         text.Format(_T("'%s' names no event"), config);
         return text;
     }
-    return CheckRest(rest.substr(end + 1), config);
+    rest.remove_prefix(bEvent ? end + 1 : 0);
+    text = CheckRest(rest, config);
+    CString const type(SplitType(rest).first);
+    if (text.IsEmpty() && (type == _T("inproc") || type == _T("forward") || type == _T("relay")))
+    {
+        text.Format(_T("nothing can listen on '%s'"), config);
+    }
+    return text;
 }
 
 CMsgProvider * MountProvider(CString const & path, CString const & config)
 {
-    CString text = CheckConnection(config);
-    DWORD code = ERROR_INVALID_PARAMETER;
-    if (text.IsEmpty())
+    CMsgDispatcher & dispatcher = *CMsgDispatcher::GetInstance();
+    if (CMsgProvider * const provider = dispatcher.RegisterProvider(path, config, 1))
     {
-        CMsgDispatcher & dispatcher = *CMsgDispatcher::GetInstance();
-        if (CMsgProvider * const provider = dispatcher.RegisterProvider(path, config, 1))
-        {
-            return provider;
-        }
-        // Once more with somebody who listens why: the log costs a thread, and most get on without.
-        FailureReason reason;
-        SetLastError(0);
-        if (CMsgProvider * const provider = dispatcher.RegisterProvider(path, config, 1))
-        {
-            return provider;
-        }
-        DWORD const lastError = GetLastError();
-        CString why = reason.Get();
-        if (why.IsEmpty() && lastError != 0)
-        {
-            code = lastError;
-            why = CWinError::GetText(lastError);
-        }
-        text.Format(why.IsEmpty() ? _T("no provider for '%s'%s") : _T("no provider for '%s': %s"), config, why);
+        return provider;
     }
+    // Once more with somebody who listens why: the log costs a thread, and most get on without.
+    FailureReason reason;
+    SetLastError(0);
+    if (CMsgProvider * const provider = dispatcher.RegisterProvider(path, config, 1))
+    {
+        return provider;
+    }
+    DWORD const lastError = GetLastError();
+    DWORD code = ERROR_INVALID_PARAMETER;
+    CString why = reason.Get();
+    if (why.IsEmpty() && lastError != 0)
+    {
+        code = lastError;
+        why = CWinError::GetText(lastError);
+    }
+    CString text;
+    text.Format(why.IsEmpty() ? _T("no provider for '%s'%s") : _T("no provider for '%s': %s"), config, why);
     ReportError(code, text);
     return nullptr;
 }

@@ -33,20 +33,21 @@ struct CallWords
 inline constexpr char CONNECTION_HELP[] =
     "Connections:\n"
     "  tcp:HOST:PORT          a service on this machine or another one\n"
-    "  nt_pipe:NAME           a named pipe of this machine; the same as local_pipe:NAME\n"
+    "  nt_pipe:NAME           a named pipe of this machine, also local_pipe:NAME\n"
     "  local_apipe:NAME       such a pipe with texts of one byte a character\n"
     "  9x_pipe:NAME           anonymous pipes, found through the registry\n"
     "  inproc:MODULE@NAME     a provider in a module, loaded into this process\n"
-    "  relay:CONNECTION       the same by connections of its own, whatever a request came on\n"
+    "  relay:CONNECTION       the same by connections of its own\n"
     "  forward:CONNECTION     the same without the path that it is mounted on\n";
 
-/// The library reads a configuration leniently: a port that is no number is 0, a large one is cut. Gives what is wrong
-/// with a provider's configuration, or an empty text.
+/// The library reads a configuration leniently: a port that is no number is 0. Gives what is wrong with a provider's
+/// configuration before anything is tried, which is wrong usage, or an empty text.
 CString CheckConnection(CString const & config);
 /// The same for a listener's, which `event:NAME;` may stand in front of.
 CString CheckListener(CString const & config);
 
-/// Puts a provider on a path of this process's tree. Null, with an error line, if it can't be made or started.
+/// Puts a provider that was checked on a path of this process's tree. Null, with an error line, if it can't be made or
+/// started.
 CMsgProvider * MountProvider(CString const & path, CString const & config);
 
 /// Makes the whole tree of this process lead to a connection, or to the providers of `host` in the process itself
@@ -59,7 +60,7 @@ public:
     Endpoint & operator=(Endpoint const &) = delete;
     ~Endpoint();
 
-    /// False, with a line on stderr, for a connection that there is no provider for. Nothing is connected yet.
+    /// False, with a line on stderr, for a connection that no provider can be made for. Nothing is connected yet.
     bool Open(std::string_view connection);
 
     /// A connection for requests to be pinned to (CMsgRequest::SetConnection), owned by the endpoint; null where

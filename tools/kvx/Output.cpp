@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include "CommandLine.h"
 #include "DisplayText.h"
 
 #include "kvx/msgdata/MsgMultipleRowSets.h"
@@ -16,39 +17,6 @@
 
 namespace
 {
-/// Gathers what goes to stdout.
-class Output
-{
-public:
-    Output & operator<<(std::string_view text)
-    {
-        m_strBuffer += text;
-        if (m_strBuffer.size() >= FULL)
-        {
-            Write();
-        }
-        return *this;
-    }
-    /// False if anything could not be written.
-    bool Finish()
-    {
-        Write();
-        return std::fflush(stdout) == 0 && m_bGood;
-    }
-
-private:
-    static constexpr std::size_t FULL = 65536;
-
-    std::string m_strBuffer;
-    bool m_bGood = true;
-
-    void Write()
-    {
-        m_bGood = std::fwrite(m_strBuffer.data(), 1, m_strBuffer.size(), stdout) == m_strBuffer.size() && m_bGood;
-        m_strBuffer.clear();
-    }
-};
-
 std::vector<CMsgRowSet *> ListRowSets(CMsgMultipleRowSets const & rowSets)
 {
     std::vector<CMsgRowSet *> list;
@@ -71,61 +39,21 @@ void ForEachRow(CMsgRowSet & rows, F const & visit)
     }
 }
 
-void WriteJsonText(Output & out, CString const & text)
-{
-    constexpr std::string_view HEX = "0123456789abcdef";
-    std::string const utf8 = kvx::ToUtf8(text);
-    std::string quoted = "\"";
-    for (char const c : utf8)
-    {
-        switch (c)
-        {
-        case '"':
-            quoted += "\\\"";
-            break;
-        case '\\':
-            quoted += "\\\\";
-            break;
-        case '\n':
-            quoted += "\\n";
-            break;
-        case '\r':
-            quoted += "\\r";
-            break;
-        case '\t':
-            quoted += "\\t";
-            break;
-        default:
-            if (static_cast<unsigned char>(c) < 0x20)
-            {
-                quoted += "\\u00";
-                quoted += HEX[static_cast<std::size_t>(c >> 4)];
-                quoted += HEX[static_cast<std::size_t>(c & 15)];
-            }
-            else
-            {
-                quoted += c;
-            }
-        }
-    }
-    out << quoted << "\"";
-}
-
 /// As the last member of an object, which it ends.
-void WriteJsonRowSets(Output & out, CMsgMultipleRowSets const & rowSets)
+void WriteJsonRowSets(StandardOutput & out, CMsgMultipleRowSets const & rowSets)
 {
     out << ",\"rowsets\":[";
     std::string_view nextSet;
     for (CMsgRowSet * const rows : ListRowSets(rowSets))
     {
         out << nextSet << "{\"name\":";
-        WriteJsonText(out, rows->GetName());
+        out << ToJson(rows->GetName());
         out << ",\"columns\":[";
         int const columns = rows->GetColumnCount();
         for (int i = 0; i < columns; ++i)
         {
             out << (i > 0 ? "," : "");
-            WriteJsonText(out, rows->GetColumnName(i));
+            out << ToJson(rows->GetColumnName(i));
         }
         out << "],\"rows\":[";
         std::string_view nextRow;
@@ -136,7 +64,7 @@ void WriteJsonRowSets(Output & out, CMsgMultipleRowSets const & rowSets)
                        for (int i = 0; i < columns; ++i)
                        {
                            out << (i > 0 ? "," : "");
-                           WriteJsonText(out, rows->GetData(pos, i));
+                           out << ToJson(rows->GetData(pos, i));
                        }
                        out << "]";
                        nextRow = ",";
@@ -147,27 +75,27 @@ void WriteJsonRowSets(Output & out, CMsgMultipleRowSets const & rowSets)
     out << "]}\n";
 }
 
-void WriteJson(Output & out, CMsgResponse const & response)
+void WriteJson(StandardOutput & out, CMsgResponse const & response)
 {
     out << "{\"code\":" << std::to_string(response.GetErrorCode()) << ",\"text\":";
-    WriteJsonText(out, response.GetErrorText());
+    out << ToJson(response.GetErrorText());
     WriteJsonRowSets(out, response.GetRowSets());
 }
 
 using Params = std::map<std::string, CString>;
 
-void WriteEventJson(Output & out, CMsgRequest const & event, Params const & params)
+void WriteEventJson(StandardOutput & out, CMsgRequest const & event, Params const & params)
 {
     out << "{\"event\":";
-    WriteJsonText(out, event.GetCommand());
+    out << ToJson(event.GetCommand());
     out << ",\"params\":{";
     std::string_view next;
     for (auto const & [name, value] : params)
     {
         out << next;
-        WriteJsonText(out, kvx::FromUtf8(name));
+        out << ToJson(kvx::FromUtf8(name));
         out << ":";
-        WriteJsonText(out, value);
+        out << ToJson(value);
         next = ",";
     }
     out << "}";
@@ -177,7 +105,8 @@ void WriteEventJson(Output & out, CMsgRequest const & event, Params const & para
 
 std::string ToCsvField(CString const & text, bool bAlone)
 {
-    std::string field = kvx::ToUtf8(text);
+    static bool const s_bTerminal = kvx::IsTerminal(kvx::StandardStream::Output);
+    std::string const field = s_bTerminal ? ToDisplay(text, Escaped::AllButLines).strText : kvx::ToUtf8(text);
     // The only field of a record is quoted when it is empty: the line would be taken for no record at all.
     if (field.find_first_of(",\"\r\n") == std::string::npos && !(bAlone && field.empty()))
     {
@@ -191,7 +120,7 @@ std::string ToCsvField(CString const & text, bool bAlone)
     return quoted + '"';
 }
 
-void WriteCsv(Output & out, CMsgResponse const & response)
+void WriteCsv(StandardOutput & out, CMsgResponse const & response)
 {
     std::string_view between;
     for (CMsgRowSet * const rows : ListRowSets(response.GetRowSets()))
@@ -241,13 +170,13 @@ std::vector<Column> MeasureColumns(CMsgRowSet & rows)
     std::vector<Column> columns(static_cast<std::size_t>(rows.GetColumnCount()));
     for (int i = 0; Column & column : columns)
     {
-        column.title = ToDisplay(rows.GetColumnName(i));
+        column.title = ToStdout(rows.GetColumnName(i));
         column.nWidth = column.title.nWidth;
         bool bTexts = false;
         ForEachRow(rows,
                    [&](POSITION pos)
                    {
-                       DisplayText const cell = ToDisplay(rows.GetData(pos, i));
+                       DisplayText const cell = ToStdout(rows.GetData(pos, i));
                        column.nWidth = std::max(column.nWidth, cell.nWidth);
                        if (!cell.strText.empty())
                        {
@@ -260,7 +189,7 @@ std::vector<Column> MeasureColumns(CMsgRowSet & rows)
     return columns;
 }
 
-void WriteTableRows(Output & out, CMsgRowSet & rows, int terminalWidth)
+void WriteTableRows(StandardOutput & out, CMsgRowSet & rows, int terminalWidth)
 {
     std::vector<Column> const columns = MeasureColumns(rows);
     std::string line;
@@ -296,13 +225,13 @@ void WriteTableRows(Output & out, CMsgRowSet & rows, int terminalWidth)
                {
                    for (int i = 0; Column const & column : columns)
                    {
-                       addCell(column, ToDisplay(rows.GetData(pos, i++)));
+                       addCell(column, ToStdout(rows.GetData(pos, i++)));
                    }
                    endLine();
                });
 }
 
-void WriteTables(Output & out, CMsgResponse const & response)
+void WriteTables(StandardOutput & out, CMsgResponse const & response)
 {
     int const terminalWidth = kvx::GetTerminalWidth();
     std::vector<CMsgRowSet *> const rowSets = ListRowSets(response.GetRowSets());
@@ -313,7 +242,7 @@ void WriteTables(Output & out, CMsgResponse const & response)
         between = "\n";
         if (rowSets.size() > 1)
         {
-            std::string const name = ToDisplay(rows->GetName()).strText;
+            std::string const name = ToStdout(rows->GetName()).strText;
             out << (name.empty() ? "(no name)" : name) << ":\n";
         }
         if (rows->GetColumnCount() > 0)
@@ -324,13 +253,10 @@ void WriteTables(Output & out, CMsgResponse const & response)
 }
 } // namespace
 
-void AddFormatOption(CLI::App & command, Format & format, char const * help)
+void AddFormatOption(CLI::App & command, Format & format)
 {
-    command.add_option("--format", format, help)
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, Format>{{"table", Format::Table}, {"json", Format::Json}, {"csv", Format::Csv}}))
-        ->type_name("FORMAT")
-        ->default_str("table");
+    AddChoice<Format>(command, "--format", format, "How it is shown",
+                      {{"table", Format::Table}, {"json", Format::Json}, {"csv", Format::Csv}});
 }
 
 ULONGLONG CountClaimedCells(CMsgMultipleRowSets const & rowSets)
@@ -352,7 +278,7 @@ int PrintResponse(CMsgResponse & response, Format format)
                           cells);
         response.ResetRowSets();
     }
-    Output out;
+    StandardOutput out;
     switch (format)
     {
     case Format::Line:
@@ -366,19 +292,16 @@ int PrintResponse(CMsgResponse & response, Format format)
         WriteCsv(out, response);
         break;
     }
-    bool const bWritten = out.Finish();
+    Written const written = out.Finish();
     if (response.Failed())
     {
         ReportError(response.GetErrorCode(), response.GetErrorText());
+        return 1;
     }
-    else if (!bWritten)
-    {
-        ReportError(ERROR_WRITE_FAULT, CWinError::GetText(ERROR_WRITE_FAULT));
-    }
-    return response.Failed() || !bWritten ? 1 : 0;
+    return ReportWritten(written);
 }
 
-bool PrintEvent(CMsgRequest const & event, Format format)
+Written PrintEvent(CMsgRequest const & event, Format format)
 {
     Params params; // in the order of their names: that of the sender is lost on the way
     CString name;
@@ -388,16 +311,16 @@ bool PrintEvent(CMsgRequest const & event, Format format)
         event.GetNextParam(pos, name, value);
         params.emplace(kvx::ToUtf8(name), value);
     }
-    Output out;
+    StandardOutput out;
     if (format == Format::Json)
     {
         WriteEventJson(out, event, params);
         return out.Finish();
     }
-    out << ToDisplay(event.GetCommand()).strText;
+    out << ToStdout(event.GetCommand()).strText;
     for (auto const & [key, text] : params)
     {
-        out << " " << ToDisplay(kvx::FromUtf8(key)).strText << "=" << ToDisplay(text).strText;
+        out << " " << ToStdout(kvx::FromUtf8(key)).strText << "=" << ToStdout(text).strText;
     }
     out << "\n";
     return out.Finish();

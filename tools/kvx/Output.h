@@ -2,6 +2,8 @@
 
 /// Responses as aligned tables, JSON or CSV on stdout, and the error line on stderr.
 
+#include "StandardOutput.h"
+
 #include "kvx/messaging/MsgRequest.h"
 
 namespace CLI
@@ -18,7 +20,7 @@ enum class Format
 };
 
 /// Adds the option --format: table, which is the default, json or csv.
-void AddFormatOption(CLI::App & command, Format & format, char const * help);
+void AddFormatOption(CLI::App & command, Format & format);
 
 /// Row sets that claim more cells than this (rows times columns, a row without columns counts too) are neither made nor
 /// taken: the claim alone costs its sender nothing.
@@ -33,8 +35,7 @@ ULONGLONG CountClaimedCells(CMsgMultipleRowSets const & rowSets);
 int PrintResponse(CMsgResponse & response, Format format);
 
 /// Writes an event to stdout: a line with its name and its parameters, sorted by name, or an object of JSON on a line.
-/// False if stdout can't be written to.
-bool PrintEvent(CMsgRequest const & event, Format format);
+Written PrintEvent(CMsgRequest const & event, Format format);
 
 /// Writes the line `error CODE: TEXT` to stderr.
 void ReportError(DWORD code, CString const & text);

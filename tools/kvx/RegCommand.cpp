@@ -1,3 +1,4 @@
+#include "CommandLine.h"
 #include "Commands.h"
 #include "DisplayText.h"
 #include "Output.h"
@@ -13,7 +14,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -239,25 +239,26 @@ std::string Coloured(char const * escape, std::string const & text)
     return s_bTerminal ? escape + text + "\x1B[0m" : text;
 }
 
-LONG PrintTree(Key & key, CString const & path, bool bValues)
+/// The exit status.
+int PrintTree(Key & key, CString const & path, bool bValues)
 {
     constexpr char const * KEY_COLOUR = "\x1B[1;34m";
     constexpr char const * TYPE_COLOUR = "\x1B[2m";
     auto const indent = [](int depth) { return std::string(2 * static_cast<std::size_t>(depth), ' '); };
-    auto const print = [](std::string const & line) { std::fputs((line + "\n").c_str(), stdout); };
-    print(Coloured(KEY_COLOUR, ToDisplay(path).strText));
+    StandardOutput out;
+    out << Coloured(KEY_COLOUR, ToStdout(path).strText) << "\n";
     LONG const code = Walk(
         key, path, 1, bValues,
         [&](int depth, CString const &, CString const & name)
-        { print(indent(depth) + Coloured(KEY_COLOUR, ToDisplay(name).strText)); },
+        { out << indent(depth) << Coloured(KEY_COLOUR, ToStdout(name).strText) << "\n"; },
         [&](int depth, CString const &, Value const & value)
         {
-            std::string const name = value.strName.IsEmpty() ? "(default)" : ToDisplay(value.strName).strText;
-            print(indent(depth) + name + " " + Coloured(TYPE_COLOUR, ToDisplay(TypeName(value.nType)).strText) + " " +
-                  ToDisplay(value.ToText()).strText);
+            std::string const name = value.strName.IsEmpty() ? "(default)" : ToStdout(value.strName).strText;
+            out << indent(depth) << name << " " << Coloured(TYPE_COLOUR, ToStdout(TypeName(value.nType)).strText) << " "
+                << ToStdout(value.ToText()).strText << "\n";
         });
-    bool const bWritten = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-    return code != 0 ? code : bWritten ? 0 : ERROR_WRITE_FAULT;
+    Written const written = out.Finish();
+    return code != 0 ? Fail(code, path) : ReportWritten(written);
 }
 
 int RunTree(RegOptions const & options)
@@ -270,8 +271,7 @@ int RunTree(RegOptions const & options)
     CString const path = kvx::FromUtf8(options.strPath);
     if (options.format == Format::Table)
     {
-        LONG const code = PrintTree(key, path, options.bValues);
-        return code == 0 ? 0 : Fail(code, path);
+        return PrintTree(key, path, options.bValues);
     }
     CMsgResponse response;
     CMsgCursor rows(response);
@@ -426,7 +426,6 @@ CLI::App * AddAction(CLI::App & reg, RegOptions & options, char const * name, ch
 
 void AddRegCommand(CLI::App & app, Run & run)
 {
-    constexpr char const * FORMAT_HELP = "How it is shown: table, json or csv";
     auto const options = std::make_shared<RegOptions>();
     CLI::App * const reg = app.add_subcommand("reg", "Show and change the registry");
     reg->require_subcommand(1);
@@ -441,23 +440,21 @@ void AddRegCommand(CLI::App & app, Run & run)
 
     CLI::App * const get = AddAction(*reg, *options, "get", "Show one value");
     get->add_option("NAME", options->strName, "The value's name; without one the key's default value");
-    AddFormatOption(*get, options->format, FORMAT_HELP);
+    AddFormatOption(*get, options->format);
     get->callback([&run, options] { run = [options] { return RunGet(*options); }; });
 
     CLI::App * const set = AddAction(*reg, *options, "set", "Write a value; a missing key is made");
     set->add_option("NAME", options->strName, "The value's name")->required();
     set->add_option("DATA", options->words,
                     "A text, a number (decimal or 0x), pairs of hexadecimal digits, or several texts");
-    set->add_option("--type", options->strType, "sz, expand, dword, qword, binary, multi or none")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, std::string>{{"sz", "REG_SZ"},
-                                                                               {"expand", "REG_EXPAND_SZ"},
-                                                                               {"dword", "REG_DWORD"},
-                                                                               {"qword", "REG_QWORD"},
-                                                                               {"binary", "REG_BINARY"},
-                                                                               {"multi", "REG_MULTI_SZ"},
-                                                                               {"none", "REG_NONE"}}))
-        ->type_name("TYPE")
-        ->default_str("sz");
+    AddChoice<std::string>(*set, "--type", options->strType, "What DATA is",
+                           {{"sz", "REG_SZ"},
+                            {"expand", "REG_EXPAND_SZ"},
+                            {"dword", "REG_DWORD"},
+                            {"qword", "REG_QWORD"},
+                            {"binary", "REG_BINARY"},
+                            {"multi", "REG_MULTI_SZ"},
+                            {"none", "REG_NONE"}});
     set->callback([&run, options] { run = [options, value = ToValue(*options)] { return RunSet(*options, value); }; });
 
     CLI::App * const remove = AddAction(*reg, *options, "delete", "Delete a value, or without NAME the key");
@@ -467,11 +464,11 @@ void AddRegCommand(CLI::App & app, Run & run)
                      { run = [options, bValue = removed->count() > 0] { return RunDelete(*options, bValue); }; });
 
     CLI::App * const list = AddAction(*reg, *options, "list", "Show the subkeys and values of a key");
-    AddFormatOption(*list, options->format, FORMAT_HELP);
+    AddFormatOption(*list, options->format);
     list->callback([&run, options] { run = [options] { return RunList(*options); }; });
 
     CLI::App * const tree = AddAction(*reg, *options, "tree", "Show all keys below a key");
     tree->add_flag("--values", options->bValues, "With their values");
-    AddFormatOption(*tree, options->format, FORMAT_HELP);
+    AddFormatOption(*tree, options->format);
     tree->callback([&run, options] { run = [options] { return RunTree(*options); }; });
 }

@@ -71,6 +71,20 @@ void LogRequest(CMsgListenerEvent * event, void *)
     }
 }
 
+/// The log on stderr. The library logs what others have sent.
+class CErrorLog : public CConsoleLog
+{
+public:
+    CErrorLog() : CConsoleLog(GetStdHandle(STD_ERROR_HANDLE)) {}
+    void Append(CLogEvent * event) override
+    {
+        CString const built = event->m_strBuilt; // for the sinks that come after
+        event->m_strBuilt = kvx::FromUtf8(ToDisplay(built).strText);
+        CConsoleLog::Append(event);
+        event->m_strBuilt = built;
+    }
+};
+
 bool OpenLog(ServeOptions const & options)
 {
     if (!options.strLog.empty())
@@ -92,7 +106,7 @@ bool OpenLog(ServeOptions const & options)
     }
     if (options.bVerbose)
     {
-        CLogManager::GetInstance()->RegisterSink(new CConsoleLog(GetStdHandle(STD_ERROR_HANDLE)), 1);
+        CLogManager::GetInstance()->RegisterSink(new CErrorLog, 1);
         CMsgListener::SetEventProc(&LogRequest, nullptr);
     }
     return true;
@@ -175,12 +189,10 @@ bool Service::Mount(std::string_view pathAndConfig)
 
 bool Service::Listen(CString const & config)
 {
-    CString problem = CheckListener(config);
-    CMsgListener * const listener =
-        problem.IsEmpty() ? CMsgDispatcher::GetInstance()->RegisterListener(_T(""), config, 0) : nullptr;
+    CMsgListener * const listener = CMsgDispatcher::GetInstance()->RegisterListener(_T(""), config, 0);
     if (!listener)
     {
-        Fail(ERROR_INVALID_PARAMETER, problem.IsEmpty() ? _T("'") + config + _T("' can't listen") : problem);
+        Fail(ERROR_INVALID_PARAMETER, _T("nothing can listen on '") + config + _T("'"));
         return false;
     }
     m_listeners.push_back({config, listener});
@@ -229,7 +241,7 @@ bool Service::Start()
 }
 
 /// Says which have become ready. A listener may have to wait for a start event while others serve. False, with an error
-/// line, if one can't listen.
+/// line, if one can't listen or nothing can be said.
 bool Service::AwaitReady(DWORD timeout, bool & bAllReady)
 {
     bAllReady = true;
@@ -251,8 +263,12 @@ bool Service::AwaitReady(DWORD timeout, bool & bAllReady)
         }
         if (listener.bReady)
         {
-            std::printf("READY %s\n", kvx::ToUtf8(listener.GetReadyText()).c_str());
-            std::fflush(stdout);
+            StandardOutput out;
+            out << "READY " << ToStdout(listener.GetReadyText()).strText << "\n";
+            if (ReportWritten(out.Finish()) != 0) // a reader that has gone keeps nobody from being served
+            {
+                return false;
+            }
         }
         bAllReady = bAllReady && listener.bReady;
     }
@@ -324,8 +340,9 @@ std::string CheckMount(std::string const & word)
     auto const equals = word.find('=');
     std::string const path = word.substr(0, equals);
     bool const bPath = !path.empty() && path.front() != '.' && path.back() != '.' && path.find("..") == path.npos;
-    return bPath && equals != word.npos && equals + 1 < word.size() ? std::string()
-                                                                    : "'" + word + "' is no PATH=CONNECTION";
+    return bPath && equals != word.npos && equals + 1 < word.size()
+               ? kvx::ToUtf8(CheckConnection(kvx::FromUtf8(word.substr(equals + 1))))
+               : "'" + word + "' is no PATH=CONNECTION";
 }
 } // namespace
 
@@ -333,7 +350,9 @@ void AddServeCommand(CLI::App & app, Run & run)
 {
     auto const options = std::make_shared<ServeOptions>();
     CLI::App * const command = app.add_subcommand("serve", "Serve the commands below 'host' until SIGINT or SIGTERM");
-    command->add_option("LISTENER", options->listeners, "Where clients connect: one or more, see below")->required();
+    command->add_option("LISTENER", options->listeners, "Where clients connect: one or more, see below")
+        ->required()
+        ->check([](std::string const & word) { return kvx::ToUtf8(CheckListener(kvx::FromUtf8(word))); });
     command
         ->add_option("--provider", options->providers,
                      "Have commands below PATH served by CONNECTION; may be given again")
@@ -345,23 +364,22 @@ void AddServeCommand(CLI::App & app, Run & run)
     command->footer("Prints 'READY LISTENER' for each listener once it accepts clients.\n"
                     "\n"
                     "Listeners:\n"
-                    "  tcp:HOST:PORT                          port 0 takes a free one\n"
-                    "  nt_pipe:NAME, local_pipe:NAME          a named pipe of this machine\n"
-                    "  local_apipe:NAME                       such a pipe with texts of one byte a character\n"
-                    "  9x_pipe:NAME                           anonymous pipes, found through the registry\n"
-                    "  event:EVENT;LISTENER                   begins when that event, if there is one, is set\n"
+                    "  tcp:HOST:PORT            port 0 takes a free one\n"
+                    "  nt_pipe:NAME             a named pipe of this machine, also local_pipe:NAME\n"
+                    "  local_apipe:NAME         such a pipe with texts of one byte a character\n"
+                    "  9x_pipe:NAME             anonymous pipes, found through the registry\n"
+                    "  event:EVENT;LISTENER     begins when that event, if there is one, is set\n"
                     "\n"
                     "Commands:\n"
-                    "  host.info.get                          the machine, this process and the library\n"
-                    "  host.files.list path= [pattern=] [limit=]\n"
-                    "                                         what is in a folder\n"
-                    "  host.table.get rows= columns=          a table of short texts\n"
-                    "  host.echo [NAME=VALUE ...]             the parameters, and the row sets of the request\n"
-                    "  host.count [add=]                      adds to a counter, and answers it\n"
-                    "  host.sleep ms=                         answers after that time\n"
-                    "  host.fail code= [text=]                answers with that error\n"
-                    "  host.subscribe events=                 host.tick each second, host.log for each line of "
-                    "the log: see kvx watch\n"
+                    "  host.info.get            the machine, this process and the library\n"
+                    "  host.files.list          what is in a folder: path= [pattern=] [limit=]\n"
+                    "  host.table.get           a table of short texts: rows= columns=\n"
+                    "  host.echo                the parameters, and the row sets of the request\n"
+                    "  host.count               adds to a counter, and answers it: [add=]\n"
+                    "  host.sleep               answers after that time: ms=\n"
+                    "  host.fail                answers with that error: code= [text=]\n"
+                    "  host.subscribe           events= host.tick each second, host.log for each line of the log: see "
+                    "kvx watch\n"
                     "\n"
                     "Examples:\n"
                     "  kvx serve tcp:127.0.0.1:4100 nt_pipe:kvx\n"

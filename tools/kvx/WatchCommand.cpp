@@ -1,3 +1,4 @@
+#include "CommandLine.h"
 #include "Commands.h"
 #include "DisplayText.h"
 #include "Endpoint.h"
@@ -13,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <memory>
 
 namespace
@@ -71,7 +71,7 @@ private:
     CEvent m_ended{FALSE, TRUE};
     bool m_bSubscribed = false;
     int m_nShown = 0;
-    bool m_bWritten = true;
+    Written m_written = Written::Whole;
     CMsgSubscriber m_subscriber; // the last: its thread uses the others
 
     bool Subscribe();
@@ -134,11 +134,7 @@ int Watch::Run()
         });
     constexpr DWORD PATIENCE = 2000; // milliseconds
     bool const bEnded = m_ended.Lock(PATIENCE) != 0;
-    int const status = m_bWritten ? 0 : 1;
-    if (!m_bWritten)
-    {
-        ReportError(ERROR_WRITE_FAULT, CWinError::GetText(ERROR_WRITE_FAULT));
-    }
+    int const status = ReportWritten(m_written);
     if (!bEnded)
     {
         std::_Exit(status); // it may look a host up
@@ -155,12 +151,12 @@ void Watch::OnEvent(CMsgRequest & event, void * watch)
 /// On the subscriber's thread, one at a time.
 void Watch::Show(CMsgRequest const & event)
 {
-    if (!m_bWritten || (m_options.nCount > 0 && m_nShown == m_options.nCount))
+    if (m_written != Written::Whole || (m_options.nCount > 0 && m_nShown == m_options.nCount))
     {
         return;
     }
-    m_bWritten = PrintEvent(event, m_options.format);
-    if (++m_nShown == m_options.nCount || !m_bWritten)
+    m_written = PrintEvent(event, m_options.format);
+    if (++m_nShown == m_options.nCount || m_written != Written::Whole)
     {
         m_enough.SetEvent();
     }
@@ -200,11 +196,6 @@ void Watch::Say(char const * what) const
 
 int RunWatch(WatchOptions const & options)
 {
-    if (CString const problem = CheckConnection(kvx::FromUtf8(options.strConnection)); !problem.IsEmpty())
-    {
-        ReportError(ERROR_INVALID_PARAMETER, problem);
-        return 1;
-    }
     if (!kvx::CatchEndSignals())
     {
         ReportError(GetLastError(), CWinError::GetLastErrorText());
@@ -220,24 +211,21 @@ void AddWatchCommand(CLI::App & app, Run & run)
     auto const options = std::make_shared<WatchOptions>();
     CLI::App * const command = app.add_subcommand("watch", "Subscribe to events of a service and show what arrives");
     command->add_option("CONNECTION", options->strConnection, "tcp:HOST:PORT, nt_pipe:NAME, 9x_pipe:NAME, ...")
-        ->required();
+        ->required()
+        ->check([](std::string const & word) { return kvx::ToUtf8(CheckConnection(kvx::FromUtf8(word))); });
     command->add_option("EVENTS", options->strEvents, "Names with commas between them: host.tick,host.log")->required();
-    command->add_option("--format", options->format, "How an event is shown: line or json")
-        ->transform(
-            CLI::CheckedTransformer(std::map<std::string, Format>{{"line", Format::Line}, {"json", Format::Json}}))
-        ->type_name("FORMAT")
-        ->default_str("line");
+    AddChoice<Format>(*command, "--format", options->format, "How an event is shown",
+                      {{"line", Format::Line}, {"json", Format::Json}});
     command->add_option("--count", options->nCount, "End after that many events")
         ->check(CLI::Range(1, 2'000'000'000))
         ->type_name("N");
     command->footer(
-        "Ends with status 0 after --count events, or on SIGINT or SIGTERM; with 1 if it can't subscribe. When the\n"
-        "service goes away it waits until that is back, and says both on stderr.\n"
+        "Ends with status 0 after --count events, on SIGINT or SIGTERM, or when the reader of stdout goes away; with 1 "
+        "if it can't subscribe. When the service goes away it waits until that is back, and says both on stderr.\n"
         "\n"
         "A line is the event's name and its parameters, NAME=VALUE, sorted by name. JSON is\n"
-        "{\"event\":\"\",\"params\":{\"NAME\":\"VALUE\"},\"rowsets\":[]}, one event a line, with row sets as kvx call "
-        "has "
-        "them.\n"
+        "  {\"event\":\"\",\"params\":{\"NAME\":\"VALUE\"},\"rowsets\":[]}\n"
+        "one event a line, with row sets as kvx call has them.\n"
         "\n"
         "Events of kvx serve:\n"
         "  host.tick   each second: number, time\n"

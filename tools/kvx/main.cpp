@@ -1,3 +1,4 @@
+#include "CommandLine.h"
 #include "Commands.h"
 #include "Output.h"
 
@@ -16,8 +17,6 @@
 
 namespace
 {
-constexpr int WRONG_USAGE = 2;
-
 int RunCommand(Run const & run)
 {
     try
@@ -46,8 +45,12 @@ int RunCommand(Run const & run)
 
 int main(int argc, char ** argv)
 {
-    std::vector<std::string> words = kvx::GetProgramArguments(argc, argv);
-    std::ranges::reverse(words); // as the parser takes them
+    std::vector<std::string> const words = kvx::GetProgramArguments(argc, argv);
+    if (!kvx::IsOpen(kvx::StandardStream::Output))
+    {
+        ReportError(ERROR_INVALID_HANDLE, _T("stdout is closed: give it a place to go, such as /dev/null"));
+        return 1;
+    }
 
     Run run;
     CLI::App app("Serves, calls, watches and measures KVXBase5 services, and edits the registry.", "kvx");
@@ -57,11 +60,12 @@ int main(int argc, char ** argv)
     app.footer(
         "Examples:\n"
         "  kvx serve tcp:127.0.0.1:4100\n"
-        "  kvx call tcp:127.0.0.1:4100 host.files.list path=/usr/include pattern='*.h' limit=10\n"
+        "  kvx call tcp:127.0.0.1:4100 host.files.list path=/usr/include limit=10\n"
         "  kvx watch tcp:127.0.0.1:4100 host.tick,host.log\n"
         "  kvx bench tcp:127.0.0.1:4100 host.echo text=hello --count 10000 --clients 4\n"
         "\n"
-        "Exit status: 0, 1 if the call or the connection failed (error CODE: TEXT on stderr), 2 for wrong usage.\n"
+        "Exit status: 0, 1 if the call or the connection failed (error CODE: TEXT on stderr), 2 for wrong usage. "
+        "A reader of stdout that goes away is no failure.\n"
         "kvx COMMAND --help tells more.");
     AddServeCommand(app, run);
     AddCallCommand(app, run);
@@ -70,11 +74,11 @@ int main(int argc, char ** argv)
     AddRegCommand(app, run);
     try
     {
-        app.parse(words);
+        app.parse(std::vector(words.rbegin(), words.rend())); // as the parser takes them
     }
     catch (CLI::ParseError const & error)
     {
-        return app.exit(error) == 0 ? 0 : WRONG_USAGE;
+        return AnswerParser(app, words, error);
     }
 
     CKVXBaseApp instance;

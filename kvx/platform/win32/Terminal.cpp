@@ -20,6 +20,11 @@ namespace
 constinit std::atomic<int> g_nSignalled{-1};
 constinit std::atomic<int> g_nWaited{-1};
 
+int ToDescriptor(kvx::StandardStream stream)
+{
+    return stream == kvx::StandardStream::Output ? STDOUT_FILENO : STDERR_FILENO;
+}
+
 void OnEndSignal(int)
 {
     int const nKeep = errno;
@@ -33,12 +38,18 @@ namespace kvx
 {
 std::vector<std::string> GetProgramArguments(int argc, char ** argv)
 {
+    std::signal(SIGPIPE, SIG_IGN);
     return argc > 1 ? std::vector<std::string>(argv + 1, argv + argc) : std::vector<std::string>();
+}
+
+bool IsOpen(StandardStream stream)
+{
+    return ::fcntl(ToDescriptor(stream), F_GETFD) != -1;
 }
 
 bool IsTerminal(StandardStream stream)
 {
-    return ::isatty(stream == StandardStream::Output ? STDOUT_FILENO : STDERR_FILENO) == 1;
+    return ::isatty(ToDescriptor(stream)) == 1;
 }
 
 int GetTerminalWidth()
@@ -70,12 +81,7 @@ bool CatchEndSignals()
     action.sa_handler = &OnEndSignal;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
-    struct sigaction ignore
-    {
-    };
-    ignore.sa_handler = SIG_IGN;
-    if (::sigaction(SIGINT, &action, nullptr) != 0 || ::sigaction(SIGTERM, &action, nullptr) != 0 ||
-        ::sigaction(SIGPIPE, &ignore, nullptr) != 0)
+    if (::sigaction(SIGINT, &action, nullptr) != 0 || ::sigaction(SIGTERM, &action, nullptr) != 0)
     {
         win32::SetLastErrorFromErrno();
         return false;

@@ -51,6 +51,12 @@ std::vector<std::string> GetProgramArguments(int, char **)
     return arguments;
 }
 
+bool IsOpen(StandardStream stream)
+{
+    HANDLE const handle = StreamHandle(stream);
+    return handle && handle != INVALID_HANDLE_VALUE;
+}
+
 bool IsTerminal(StandardStream stream)
 {
     DWORD mode = 0;

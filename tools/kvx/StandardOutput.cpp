@@ -1,0 +1,44 @@
+#include "StandardOutput.h"
+
+#include "Output.h"
+
+#include <cerrno>
+#include <cstdio>
+
+StandardOutput & StandardOutput::operator<<(std::string_view text)
+{
+    constexpr std::size_t FULL = 65536;
+    m_strBuffer += text;
+    if (m_strBuffer.size() >= FULL)
+    {
+        Write();
+    }
+    return *this;
+}
+
+Written StandardOutput::Finish()
+{
+    Write();
+    return m_written;
+}
+
+void StandardOutput::Write()
+{
+    if (m_written == Written::Whole)
+    {
+        errno = 0;
+        bool const bGood = std::fwrite(m_strBuffer.data(), 1, m_strBuffer.size(), stdout) == m_strBuffer.size() &&
+                           std::fflush(stdout) == 0;
+        m_written = bGood ? Written::Whole : errno == EPIPE ? Written::ReaderGone : Written::Failed;
+    }
+    m_strBuffer.clear();
+}
+
+int ReportWritten(Written written)
+{
+    if (written == Written::Failed)
+    {
+        ReportError(ERROR_WRITE_FAULT, CWinError::GetText(ERROR_WRITE_FAULT));
+    }
+    return written == Written::Failed ? 1 : 0;
+}

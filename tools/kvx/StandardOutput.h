@@ -1,0 +1,32 @@
+#pragma once
+
+/// What the commands write to stdout.
+
+#include <string>
+#include <string_view>
+
+/// What came of it.
+enum class Written
+{
+    Whole,
+    ReaderGone, // nobody wants the rest, which is no failure
+    Failed
+};
+
+/// Gathers text for stdout.
+class StandardOutput
+{
+public:
+    StandardOutput & operator<<(std::string_view text);
+    /// Writes what is left.
+    Written Finish();
+
+private:
+    std::string m_strBuffer;
+    Written m_written = Written::Whole;
+
+    void Write();
+};
+
+/// The exit status of a command that wrote this, 0 or 1; a failure gets its error line.
+int ReportWritten(Written written);

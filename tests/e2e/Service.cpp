@@ -176,6 +176,12 @@ std::string Process::PeekErr() const
     return text;
 }
 
+bool Process::HasEnded() const
+{
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(nPid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == nPid;
+}
+
 int Process::Wait()
 {
     strOut = ReadToEnd(m_nOut);

@@ -39,6 +39,7 @@ public:
     std::string ReadLine() const;
     /// What it has written to stderr so far.
     std::string PeekErr() const;
+    bool HasEnded() const;
     /// Waits for its end: the exit status, or minus the signal that ended it. What it wrote is then in the two texts.
     int Wait();
 

@@ -72,7 +72,7 @@ TEST(Watch, SaysWhyItCantSubscribe)
          {Case{service.strAddress, "host.tock", "error 87: There is no event 'host.tock'"},
           Case{service.strAddress, ",host.tick", "error 87: "}, Case{service.strAddress, "", "error 87: "},
           Case{"tcp:127.0.0.1:1", "a", "error 1243: "}, Case{"nt_pipe:kvx-e2e-none", "a", "error 2250: "},
-          Case{"inproc:example_greeter@greeter", "a", "error 50: "}})
+          Case{"inproc:example_greeter@greeter", "a", "error 87: Not a connection: "}})
     {
         Result const result = RunKvx({"watch", wrong.connection, wrong.events});
         EXPECT_EQ(result.nStatus, 1) << wrong.connection << wrong.events;

@@ -155,8 +155,36 @@ TEST(Subscriber, ThatStopsReadingHoldsUpNobodyElse)
               0);
     EXPECT_EQ(service.CallForValue({"host.count"}), "10000");
     EXPECT_EQ(RunKvx({"watch", service.strAddress, "host.tick", "--count", "1"}).nStatus, 0);
-    Process waiting({"watch", service.strAddress, "host.log"}); // shares the fate of the one that stalls
+    Process log({"watch", service.strAddress, "host.log", "--count", "1"});
+    EXPECT_TRUE(Becomes([&] { return service.Call({"host.echo", "a=1"}).nCode == 0 && log.HasEnded(); }));
     EXPECT_LT(service.GetMemory(), MEMORY_MAX);
+    EXPECT_EQ(service.Stop(), 0);
+}
+
+TEST(Limits, EndTheirClientAlone)
+{
+    Service service({"--max-message", "100K", "--max-clients", "2"});
+    std::string const echo = Word(0) + Text("host.echo") + Word(1) + Text("x");
+    RawClient const first(service.nPort);
+    first.Send("QLDR");
+    EXPECT_EQ(first.Receive(4), "QLDR");
+    {
+        RawClient const large(service.nPort);
+        large.Send("QLDR" + echo + Text(std::string(400'000, 'v')) + Text("") + Word(0));
+        EXPECT_TRUE(large.IsEnded());
+    }
+    auto const connect = [&](std::unique_ptr<RawClient> & client)
+    {
+        client = std::make_unique<RawClient>(service.nPort);
+        client->Send("QLDR");
+        return client->Receive(4) == "QLDR";
+    };
+    std::unique_ptr<RawClient> second;
+    std::unique_ptr<RawClient> third;
+    EXPECT_TRUE(Becomes([&] { return connect(second); })); // once the place of the other is free
+    EXPECT_FALSE(connect(third));
+    first.Send(echo + Text("v") + Text("") + Word(0));
+    EXPECT_EQ(first.Receive(4), Word(0)); // the answer begins
     EXPECT_EQ(service.Stop(), 0);
 }
 

@@ -4,14 +4,41 @@
 #include "StandardOutput.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <limits>
 #include <numeric>
+#include <optional>
 #include <utility>
 
 namespace
 {
 constexpr int WRONG_USAGE = 2;
 constexpr std::size_t HELP_WIDTH = 80;
+
+constexpr std::string_view UNITS = "KMG";
+
+std::optional<ULONGLONG> ParseSize(std::string_view word)
+{
+    ULONGLONG number = 0;
+    char const * const wordEnd = word.data() + word.size();
+    auto const [end, error] = std::from_chars(word.data(), wordEnd, number);
+    auto const unit = end == wordEnd ? UNITS.npos : UNITS.find(*end);
+    std::size_t const shift = unit == UNITS.npos ? 0 : 10 * (unit + 1);
+    bool const bWhole = end + (unit == UNITS.npos ? 0 : 1) == wordEnd;
+    bool const bGood = error == std::errc() && bWhole && number <= std::numeric_limits<ULONGLONG>::max() >> shift;
+    return bGood ? std::optional(number << shift) : std::nullopt;
+}
+
+std::string FormatSize(ULONGLONG size)
+{
+    std::size_t unit = 0;
+    for (; unit < UNITS.size() && size != 0 && size % 1024 == 0; ++unit)
+    {
+        size /= 1024;
+    }
+    return std::to_string(size) + (unit == 0 ? "" : std::string(1, UNITS[unit - 1]));
+}
 
 /// How many letters have to be changed, put in or left out to make one word of the other.
 std::size_t GetDistance(std::string_view from, std::string_view to)
@@ -131,6 +158,17 @@ std::string JoinWords(std::vector<std::string> const & words)
         text += words[i];
     }
     return text;
+}
+
+CLI::Option * AddSize(CLI::App & command, std::string const & name, ULONGLONG & target, std::string const & help)
+{
+    return command
+        .add_option_function<std::string>(
+            name, [&target](std::string const & word) { target = ParseSize(word).value_or(target); }, help)
+        ->check([](std::string const & word)
+                { return ParseSize(word) ? std::string() : "'" + word + "' is no size: use 4096, 512K, 64M or 2G"; })
+        ->type_name("SIZE")
+        ->default_str(FormatSize(target));
 }
 
 int AnswerParser(CLI::App const & app, std::vector<std::string> const & words, CLI::ParseError const & error)

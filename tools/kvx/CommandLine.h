@@ -1,6 +1,8 @@
 #pragma once
 
-/// Options that take one word of several, and what the user reads when the command line can't be followed.
+/// Options that take one word of several or a size, and what the user reads when the command line can't be followed.
+
+#include "kvx/platform/host.h"
 
 #include <CLI/App.hpp>
 
@@ -39,6 +41,9 @@ CLI::Option * AddChoice(CLI::App & command, std::string const & name, T & target
         ->type_name("WORD")
         ->default_str(words.front());
 }
+
+/// Adds an option that takes a number of bytes, such as 4096, 512K, 64M or 2G; `target` has the default already.
+CLI::Option * AddSize(CLI::App & command, std::string const & name, ULONGLONG & target, std::string const & help);
 
 /// To be called while a parser's error is handled: prints the help or the version that was asked for, or says what is
 /// wrong. The exit status: 0, 1 if stdout can't be written to, 2 for wrong usage.

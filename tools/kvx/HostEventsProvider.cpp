@@ -42,7 +42,10 @@ private:
     CHostEventsProvider & m_owner;
 };
 
-CHostEventsProvider::CHostEventsProvider() : m_publisher(new CMsgPublisher) {}
+CHostEventsProvider::CHostEventsProvider() : m_publisher(new CMsgPublisher)
+{
+    m_publisher->SetSubscriberLimit(QUEUE_MESSAGES, QUEUE_BYTES);
+}
 
 CHostEventsProvider::~CHostEventsProvider()
 {

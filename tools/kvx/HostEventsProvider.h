@@ -13,9 +13,9 @@
 ///   host.tick  each second while somebody is subscribed. Parameters: `number`, which counts them, and `time`
 ///   host.log   a line of this process's log. Parameters: `type` (I, W, E, V), `time` with milliseconds, `text`
 ///
-/// Times are local. Events are published on threads of their own: a subscriber that stops reading holds up the other
-/// subscribers, but neither those who log nor other requests. At most LINES_MAX lines wait for it; then the oldest are
-/// dropped, and an event of the type W tells how many.
+/// Times are local. Events are published on threads of their own, and each subscriber has a queue: one that stops
+/// reading is dropped soon after that is full, and holds up neither other subscribers for long nor those who log. At
+/// most LINES_MAX lines wait to be published; then the oldest are dropped, and an event of the type W tells how many.
 class CHostEventsProvider : public CMsgProvider
 {
 public:
@@ -34,6 +34,8 @@ private:
         CString strText;
     };
     static constexpr std::size_t LINES_MAX = 1000;
+    static constexpr DWORD QUEUE_MESSAGES = 10'000; // of a subscriber
+    static constexpr ULONGLONG QUEUE_BYTES = ULONGLONG{4} << 20;
 
     kvx::RefPtr<CMsgPublisher> m_publisher;
     std::atomic<bool> m_bStopping{false};

@@ -1,3 +1,4 @@
+#include "CommandLine.h"
 #include "Commands.h"
 #include "DisplayText.h"
 #include "Endpoint.h"
@@ -30,6 +31,14 @@ struct ServeOptions
     std::vector<std::string> providers; // PATH=CONFIG
     std::string strLog;
     bool bVerbose = false;
+    CMsgListener::Limits limits; // of each listener
+
+    ServeOptions()
+    {
+        limits.nMaxMessageBytes = ULONGLONG{64} << 20;
+        limits.nMaxClients = 1000;
+        limits.nMaxBacklog = 10'000;
+    }
 };
 
 int Fail(DWORD code, CString const & text)
@@ -151,7 +160,7 @@ public:
     }
 
     bool Mount(std::string_view pathAndConfig);
-    bool Listen(CString const & config);
+    bool Listen(CString const & config, CMsgListener::Limits const & limits);
     /// Returns when the service is to end, with the exit status.
     int Run();
 
@@ -187,7 +196,7 @@ bool Service::Mount(std::string_view pathAndConfig)
     return provider != nullptr;
 }
 
-bool Service::Listen(CString const & config)
+bool Service::Listen(CString const & config, CMsgListener::Limits const & limits)
 {
     CMsgListener * const listener = CMsgDispatcher::GetInstance()->RegisterListener(_T(""), config, 0);
     if (!listener)
@@ -195,6 +204,7 @@ bool Service::Listen(CString const & config)
         Fail(ERROR_INVALID_PARAMETER, _T("nothing can listen on '") + config + _T("'"));
         return false;
     }
+    listener->SetLimits(limits);
     m_listeners.push_back({config, listener});
     return true;
 }
@@ -318,8 +328,12 @@ int Service::Run()
     return 0;
 }
 
-int RunServe(ServeOptions const & options)
+int RunServe(ServeOptions options)
 {
+    if (options.limits.nMaxBacklog == 0)
+    {
+        options.limits.nMaxBacklogBytes = 0;
+    }
     if (!OpenLog(options))
     {
         return 1;
@@ -329,9 +343,9 @@ int RunServe(ServeOptions const & options)
         return Fail(GetLastError(), CWinError::GetLastErrorText());
     }
     Service service;
-    bool const bGood =
-        std::ranges::all_of(options.providers, [&](auto const & text) { return service.Mount(text); }) &&
-        std::ranges::all_of(options.listeners, [&](auto const & text) { return service.Listen(kvx::FromUtf8(text)); });
+    bool const bGood = std::ranges::all_of(options.providers, [&](auto const & text) { return service.Mount(text); }) &&
+                       std::ranges::all_of(options.listeners, [&](auto const & text)
+                                           { return service.Listen(kvx::FromUtf8(text), options.limits); });
     return bGood ? service.Run() : 1;
 }
 
@@ -359,6 +373,19 @@ void AddServeCommand(CLI::App & app, Run & run)
         ->type_name("PATH=CONNECTION")
         ->allow_extra_args(false)
         ->check(&CheckMount);
+    AddSize(*command, "--max-message", options->limits.nMaxMessageBytes,
+            "End the session of a client that sends a longer message; 0 for no limit");
+    auto const addCount = [&](char const * name, DWORD & target, char const * help)
+    {
+        command->add_option(name, target, help)
+            ->check(CLI::Range(0, 2'000'000'000))
+            ->type_name("N")
+            ->capture_default_str();
+    };
+    addCount("--max-clients", options->limits.nMaxClients,
+             "Disconnect those that come while a listener has so many; 0 for no limit");
+    addCount("--max-backlog", options->limits.nMaxBacklog,
+             "Read no further while so many one-way requests wait, or 8M of them; 0 for no limit");
     command->add_option("--log", options->strLog, "Append the log to this file");
     command->add_flag("--verbose", options->bVerbose, "Log each request, and show the log on stderr");
     command->footer("Prints 'READY LISTENER' for each listener once it accepts clients.\n"

@@ -3,6 +3,16 @@
 #include "kvx/foundation/SortedTree.h"
 
 #include <algorithm>
+#include <functional>
+
+bool kvx::KeepOnce(std::vector<CObject *> & objects)
+{
+    std::ranges::sort(objects, std::less<>());
+    auto const end = std::unique(objects.begin(), objects.end());
+    bool const bTwice = end != objects.end();
+    objects.erase(end, objects.end());
+    return bTwice;
+}
 
 CAutoDelete::Registration * CAutoDelete::FindRegistration(void * key)
 {
@@ -95,30 +105,18 @@ void CAutoDelete::DeleteArray(void * key)
     array.SetSize(0, -1);
 }
 
-namespace
-{
-template <class MAP, class KEY>
-void DeleteMapValues(MAP & map)
-{
-    KEY key{};
-    CObject * object = nullptr;
-    for (POSITION pos = map.GetStartPosition(); pos;)
-    {
-        map.GetNextAssoc(pos, key, object);
-        delete object;
-    }
-    map.RemoveAll();
-}
-} // namespace
-
 void CAutoDelete::DeleteStringMap(void * key)
 {
-    DeleteMapValues<CMapStringToOb, CString>(*static_cast<CMapStringToOb *>(key));
+    auto & map = *static_cast<CMapStringToOb *>(key);
+    kvx::DeleteValues<CString>(map);
+    map.RemoveAll();
 }
 
 void CAutoDelete::DeleteWordMap(void * key)
 {
-    DeleteMapValues<CMapWordToOb, WORD>(*static_cast<CMapWordToOb *>(key));
+    auto & map = *static_cast<CMapWordToOb *>(key);
+    kvx::DeleteValues<WORD>(map);
+    map.RemoveAll();
 }
 
 void CAutoDelete::DeleteSortedTree(void * key)
@@ -146,6 +144,24 @@ CAutoObList::~CAutoObList()
     DeleteAll();
 }
 
+void CAutoObList::DeleteAll()
+{
+    std::vector<CObject *> objects;
+    for (POSITION pos = GetHeadPosition(); pos;)
+    {
+        objects.push_back(GetNext(pos));
+    }
+    if (kvx::KeepOnce(objects))
+    {
+        RemoveAll();
+        for (CObject * const object : objects)
+        {
+            AddTail(object);
+        }
+    }
+    PerformAutoDelete(static_cast<CObList &>(*this), 0);
+}
+
 CAutoObArray::CAutoObArray()
 {
     RegisterAutoDelete(static_cast<CObArray &>(*this));
@@ -154,4 +170,15 @@ CAutoObArray::CAutoObArray()
 CAutoObArray::~CAutoObArray()
 {
     DeleteAll();
+}
+
+void CAutoObArray::DeleteAll()
+{
+    std::vector<CObject *> objects(GetData(), GetData() + GetSize());
+    if (kvx::KeepOnce(objects))
+    {
+        SetSize(static_cast<INT_PTR>(objects.size()), -1);
+        std::ranges::copy(objects, GetData());
+    }
+    PerformAutoDelete(static_cast<CObArray &>(*this), 0);
 }

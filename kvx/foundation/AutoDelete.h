@@ -10,6 +10,41 @@
 
 class CSortedTree;
 
+namespace kvx
+{
+/// Leaves each object once, in another order if it must; true if one stood there more often. An archive restores what
+/// was shared, also in a collection that owns its objects.
+KVX_API bool KeepOnce(std::vector<CObject *> & objects);
+
+/// Deletes the objects of a map, each once. They stay in the map.
+template <class KEY, class MAP>
+void DeleteValues(MAP const & map)
+{
+    KEY key{};
+    CObject * object = nullptr;
+    std::vector<CObject *> objects;
+    objects.reserve(static_cast<std::size_t>(map.GetCount()));
+    for (POSITION pos = map.GetStartPosition(); pos;)
+    {
+        map.GetNextAssoc(pos, key, object);
+        objects.push_back(object);
+    }
+    if (KeepOnce(objects))
+    {
+        for (CObject * const once : objects)
+        {
+            delete once;
+        }
+        return;
+    }
+    for (POSITION pos = map.GetStartPosition(); pos;) // an object may take others from the map as it goes
+    {
+        map.GetNextAssoc(pos, key, object);
+        delete object;
+    }
+}
+} // namespace kvx
+
 /// Registry of things to be emptied. The owner registers its collections in its constructor and calls
 /// PerformAutoDelete in its destructor, while they still live; this class's own destructor deletes nothing.
 /// Threads: no lock.
@@ -66,13 +101,14 @@ private:
     static void DeleteObject(void * object);
 };
 
-/// A list that owns its objects. RemoveHead and its kin hand an object over; DeleteAll and the destructor delete.
+/// A list that owns its objects. RemoveHead and its kin hand an object over; DeleteAll and the destructor delete, also
+/// an object that stands there twice.
 class KVX_API CAutoObList : public CObList, public CAutoDelete
 {
 public:
     CAutoObList();
     ~CAutoObList() override;
-    void DeleteAll() { PerformAutoDelete(static_cast<CObList &>(*this), 0); }
+    void DeleteAll();
 };
 
 /// The same as an array; elements are deleted from the last to the first.
@@ -81,5 +117,5 @@ class KVX_API CAutoObArray : public CObArray, public CAutoDelete
 public:
     CAutoObArray();
     ~CAutoObArray() override;
-    void DeleteAll() { PerformAutoDelete(static_cast<CObArray &>(*this), 0); }
+    void DeleteAll();
 };

@@ -140,8 +140,9 @@ CStringValue * CAttributeSet::InsertValue(CString const & name, CStringValue con
     return stored;
 }
 
-int CAttributeSet::RemoveValue(CString const & name)
+int CAttributeSet::RemoveValue(CString const & key)
 {
+    CString const name = key; // which may be the text of the value that goes
     if (!CDictionary::RemoveValue(name))
     {
         return 0;
@@ -153,8 +154,10 @@ int CAttributeSet::RemoveValue(CString const & name)
     return 1;
 }
 
-int CAttributeSet::RenameValue(CString const & oldName, CString const & newName)
+int CAttributeSet::RenameValue(CString const & from, CString const & to)
 {
+    CString const oldName = from; // either may be the text of the value that moves
+    CString const newName = to;
     if (!CDictionary::RenameValue(oldName, newName))
     {
         return 0;

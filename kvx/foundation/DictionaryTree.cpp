@@ -15,7 +15,26 @@ void CDictionaryTree::Copy(CDictionaryTree const & other)
     {
         return;
     }
+    // Made aside, for either may stand in the other one's tree.
+    CDictionaryTree copy;
+    copy.CopyTree(other);
     RemoveAll();
+    m_strName = copy.m_strName;
+    m_strSeparator = copy.m_strSeparator;
+    m_values = copy.m_values;
+    CString key;
+    CDictionaryTree * child = nullptr;
+    for (POSITION pos = copy.GetStartChildPosition(); pos;)
+    {
+        copy.GetNextChild(pos, key, child);
+        m_children.SetAt(key, child);
+    }
+    copy.m_children.RemoveAll(); // they have moved
+}
+
+/// Fills a new node, which stands in no tree.
+void CDictionaryTree::CopyTree(CDictionaryTree const & other)
+{
     // Without recursion, here and in RemoveAll: a path may be as long as a text.
     std::vector<std::pair<CDictionaryTree const *, CDictionaryTree *>> left{{&other, this}};
     while (!left.empty())

@@ -27,7 +27,8 @@ public:
         Copy(other);
         return *this;
     }
-    /// Name, separator, values and children; what was here goes.
+    /// Name, separator, values and children; what was here goes. `other` may stand in this tree, or this node in the
+    /// tree of `other`: the copy has what `other` held before.
     void Copy(CDictionaryTree const & other);
 
     /// Finds or creates each step.
@@ -71,7 +72,7 @@ public:
     void RemoveAll();
 
     /// Children, values and separator, not the name; loading adds to the values and replaces the children. Errors: the
-    /// archive's exceptions.
+    /// archive's exceptions, in both directions also for a tree that is deeper than objects of an archive may nest.
     void Serialize(CArchive & archive) override;
 
 private:
@@ -81,6 +82,7 @@ private:
     CDictionary m_values;
     bool m_bTaken = false; // while loading: it has a parent, or is being loaded
 
+    void CopyTree(CDictionaryTree const & other);
     void LoadChild(CArchive & archive);
     void TakeChildren(std::vector<CDictionaryTree *> & nodes);
 };

@@ -41,12 +41,9 @@ CObject * CObIntegerLookup::RemoveKey(INT_PTR key)
 void CObIntegerLookup::RemoveAll(int deleteObjects)
 {
     CSingleLock guard(*this, TRUE);
-    INT_PTR key = 0;
-    CObject * object = nullptr;
-    for (POSITION pos = deleteObjects ? m_map.GetStartPosition() : nullptr; pos;)
+    if (deleteObjects)
     {
-        m_map.GetNextAssoc(pos, key, object);
-        delete object;
+        kvx::DeleteValues<INT_PTR>(m_map);
     }
     m_map.RemoveAll();
 }
@@ -118,12 +115,9 @@ CObject * CObStringLookup::RemoveKey(LPCTSTR key)
 void CObStringLookup::RemoveAll(int deleteObjects)
 {
     CSingleLock guard(*this, TRUE);
-    CString key;
-    CObject * object = nullptr;
-    for (POSITION pos = deleteObjects ? m_map.GetStartPosition() : nullptr; pos;)
+    if (deleteObjects)
     {
-        m_map.GetNextAssoc(pos, key, object);
-        delete object;
+        kvx::DeleteValues<CString>(m_map);
     }
     m_map.RemoveAll();
 }

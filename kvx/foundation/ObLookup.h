@@ -13,7 +13,7 @@ class KVX_API CObIntegerLookup : public CObject, public CLockable
     DECLARE_SERIAL(CObIntegerLookup)
 
 public:
-    /// With `autoDelete` the objects are deleted at destruction. A hash size of 0 is the default one.
+    /// With `autoDelete` the objects are deleted at destruction, each once. A hash size of 0 is the default one.
     explicit CObIntegerLookup(int autoDelete = 0, UINT hashSize = 0);
     ~CObIntegerLookup() override { RemoveAll(m_bAutoDelete); }
 

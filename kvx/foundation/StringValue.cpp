@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <functional>
 #include <limits>
 #include <string_view>
 
@@ -95,7 +96,17 @@ void CStringValue::FromBuffer(void const * data, DWORD bytes)
         Empty();
         return;
     }
-    std::memcpy(GetBufferSetLength(length), data, static_cast<std::size_t>(length) * sizeof(WCHAR));
+    auto const bytesKept = static_cast<std::size_t>(length) * sizeof(WCHAR);
+    void const * const begin = GetString();
+    void const * const end = GetString() + GetLength();
+    if (std::less<>()(data, end) && !std::less<>()(data, begin))
+    {
+        CString fresh; // from this very text, which a change would take away
+        std::memcpy(fresh.GetBufferSetLength(length), data, bytesKept);
+        *this = std::move(fresh);
+        return;
+    }
+    std::memcpy(GetBufferSetLength(length), data, bytesKept);
 }
 
 int CStringValue::ToInteger() const

@@ -11,17 +11,23 @@ class CWnd;
 
 namespace kvx
 {
-/// The integers that a value converts from and to; characters are none, for a text is meant there.
+/// The integers that a value converts from and to. `char` is a small one; wide characters are none, for a text is
+/// meant there.
 template <class T>
 concept ValueInteger = std::integral<T> && !std::same_as<T, char16_t> && !std::same_as<T, char32_t> &&
                        !std::same_as<T, wchar_t> && !std::same_as<T, char8_t>;
+
+/// An enumeration that is an integer by itself.
+template <class T>
+concept ValueEnum = std::is_enum_v<T> && std::convertible_to<T, long long>;
 } // namespace kvx
 
 /// A CString with conversions; it adds no field, and a CString can be used in its place and the reverse.
 ///
 /// Integers up to 32 bits are written with "%d", whatever their sign: the unsigned value 4294967295 is the
 /// text -1, and reads back through an unsigned type as 4294967295. 64-bit integers go through "%I64d",
-/// a double through "%f", a bool is 0 or 1.
+/// a floating-point number through "%f", a bool is 0 or 1, an unscoped enumerator is its number. What would only become
+/// a number on the way, a wide character or an object that converts to one, doesn't compile.
 ///
 /// Reading stops at the first character that can't continue a number, and gives 0 where there is none; a
 /// number out of the 32-bit (64-bit) range gives the nearest one in it.
@@ -37,11 +43,20 @@ public:
     CStringValue(CStringable const & source) : CString(source.ToString()) {}
     CStringValue(CWnd & window) { FromWindow(&window); }
     CStringValue(CWnd * window) { FromWindow(window); }
-    CStringValue(double value) { FromDouble(value); }
+    template <std::floating_point T>
+    CStringValue(T value)
+    {
+        FromDouble(static_cast<double>(value));
+    }
     template <kvx::ValueInteger T>
     CStringValue(T value)
     {
         FromAnyInteger(value);
+    }
+    template <kvx::ValueEnum T>
+    CStringValue(T value)
+    {
+        FromAnyInteger(static_cast<std::underlying_type_t<T>>(value));
     }
 
     CStringValue & operator=(CStringValue const &) = default;
@@ -72,9 +87,10 @@ public:
         FromWindow(window);
         return *this;
     }
-    CStringValue & operator=(double value)
+    template <std::floating_point T>
+    CStringValue & operator=(T value)
     {
-        FromDouble(value);
+        FromDouble(static_cast<double>(value));
         return *this;
     }
     template <kvx::ValueInteger T>
@@ -83,12 +99,18 @@ public:
         FromAnyInteger(value);
         return *this;
     }
+    template <kvx::ValueEnum T>
+    CStringValue & operator=(T value)
+    {
+        FromAnyInteger(static_cast<std::underlying_type_t<T>>(value));
+        return *this;
+    }
 
     void FromInteger(int value);
     void FromInteger64(LONGLONG value);
     void FromDouble(double value);
     void FromString(CString const & text) { CString::operator=(text); }
-    /// Takes the bytes as raw UTF-16 units; an odd last byte is lost.
+    /// Takes the bytes as raw UTF-16 units; an odd last byte is lost. They may be a part of this value.
     void FromBuffer(void const * data, DWORD bytes);
 
     int ToInteger() const;
@@ -115,7 +137,11 @@ public:
             return static_cast<T>(ToInteger64());
         }
     }
-    operator double() const { return ToDouble(); }
+    template <std::floating_point T>
+    operator T() const
+    {
+        return static_cast<T>(ToDouble());
+    }
     bool operator!() const { return ToInteger() == 0; }
 
 private:

@@ -2,7 +2,7 @@
 
 #include "kvx/foundation/Utilities.h"
 
-#include <algorithm>
+#include <utility>
 
 int CValueAccessor::RenameValue(CString const & oldName, CString const & newName)
 {
@@ -11,8 +11,9 @@ int CValueAccessor::RenameValue(CString const & oldName, CString const & newName
         return 0;
     }
     CStringValue const value = GetValue(oldName);
+    CString const fresh = newName; // which may be the text of the value that goes
     RemoveValue(oldName);
-    CreateValue(newName) = value;
+    CreateValue(fresh) = value;
     return 1;
 }
 
@@ -80,23 +81,24 @@ CString CValueAccessor::BuildStringValue(CString const & name, CString const & v
 
 void CValueAccessor::ToString(CString & out, int forceQuotes, CString const & separator) const
 {
-    bool bFirst = true;
+    POSITION pos = GetStartValuePosition();
+    if (!pos)
+    {
+        return;
+    }
+    CString all; // `out` may be a value of this set
     CString name;
     CString value;
-    for (POSITION pos = GetStartValuePosition(); pos; bFirst = false)
+    for (bool bFirst = true; pos; bFirst = false)
     {
         GetNextValue(pos, name, value);
-        CString const pair = BuildStringValue(name, value, forceQuotes);
-        if (bFirst)
+        if (!bFirst)
         {
-            out = pair;
+            all += separator;
         }
-        else
-        {
-            out += separator;
-            out += pair;
-        }
+        all += BuildStringValue(name, value, forceQuotes);
     }
+    out = std::move(all);
 }
 
 CString CValueAccessor::ToString(int forceQuotes, CString const & separator) const
@@ -122,8 +124,9 @@ int FindClosingQuote(CString const & text, WCHAR quote, int start)
 }
 } // namespace
 
-void CValueAccessor::FromString(CString const & text)
+void CValueAccessor::FromString(CString const & source)
 {
+    CString const text = source; // which may be a value of this set
     int const length = text.GetLength();
     int start = 0;
     for (int equals = text.Find(_T('='), start); equals >= 0; equals = start <= length ? text.Find(_T('='), start) : -1)

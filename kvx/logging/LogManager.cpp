@@ -5,6 +5,7 @@
 
 #include <array>
 #include <span>
+#include <typeinfo>
 #include <utility>
 
 namespace
@@ -29,6 +30,13 @@ CString FormatEvent(CObject const * source, LPCTSTR format, FormatArgs const & a
     }
     return text;
 }
+
+/// Whether a sink needs nothing but itself.
+bool StandsAlone(CLogSink const & sink)
+{
+    std::type_info const & type = typeid(sink);
+    return type == typeid(CFileLog) || type == typeid(CConsoleLog) || type == typeid(CDebugLog);
+}
 } // namespace
 
 CLogManager::CLogManager() : m_queueEvent(FALSE, TRUE), m_nSessionSlot(TlsAlloc())
@@ -39,23 +47,31 @@ CLogManager::CLogManager() : m_queueEvent(FALSE, TRUE), m_nSessionSlot(TlsAlloc(
 
 CLogManager::~CLogManager()
 {
-    // Without a Terminate the log's thread may still run. It leaves at its next look at the flag, and must not find
-    // members that have gone; a sink that hangs is not waited for any longer than this.
+    // Without a Terminate the log's thread may still run. It leaves when it has written what is queued, and must not
+    // find members that have gone: one that hangs in a sink is ended.
     constexpr DWORD PATIENCE = 1000;
-    m_bTerminating = 1;
+    if (m_state == State::Runs)
+    {
+        m_state = State::Leaves;
+    }
     m_queueEvent.SetEvent();
     if (HANDLE const thread = m_hThread.exchange(nullptr))
     {
-        WaitForSingleObject(thread, PATIENCE);
+        if (!IsLogThread() && WaitForSingleObject(thread, PATIENCE) == WAIT_TIMEOUT)
+        {
+            m_state = State::Ended;
+            TerminateThread(thread, 0);
+        }
         CloseHandle(thread);
     }
+    m_state = State::Ended;
     PerformAutoDelete(nullptr, 0);
     TlsFree(m_nSessionSlot);
 }
 
 void CLogManager::LogEvent(CObject const * source, DWORD type, LPCTSTR format, FormatArgs const & args)
 {
-    if (m_bTerminating || m_nQueued == 0)
+    if (m_state != State::Runs || m_nQueued == 0)
     {
         return;
     }
@@ -127,18 +143,24 @@ void CLogManager::Enqueue(DWORD type, CString && text)
 
 bool CLogManager::StartQueueThread()
 {
-    static CCriticalSection startLock;
-    CSingleLock guard(&startLock, TRUE);
-    if (!m_hThread && !m_bTerminating)
+    CSingleLock guard(&m_startLock, TRUE);
+    if (!m_hThread && m_state == State::Runs)
     {
-        m_hThread = CreateThread(nullptr, 0, &EventQueueProc, this, 0, &m_nThreadId);
+        DWORD id = 0;
+        m_hThread = CreateThread(nullptr, 0, &EventQueueProc, this, 0, &id);
     }
     return m_hThread != nullptr;
 }
 
 DWORD WINAPI CLogManager::EventQueueProc(void * manager)
 {
-    static_cast<CLogManager *>(manager)->RunEventQueue();
+    auto & self = *static_cast<CLogManager *>(manager);
+    self.RunEventQueue();
+    self.m_nThreadId = 0;
+    if (self.m_bEndsItself)
+    {
+        self.DeleteSinks();
+    }
     return 0;
 }
 
@@ -147,7 +169,8 @@ void CLogManager::RunEventQueue()
     // Several at a time: each turn of the lock is one that a logging thread may have to wait for.
     std::array<CLogEvent *, 64> batch;
     std::size_t count = 0;
-    while (m_queueEvent.Lock(INFINITE) && !m_bTerminating)
+    m_nThreadId = GetCurrentThreadId();
+    while (m_queueEvent.Lock(INFINITE) && m_state != State::Ended)
     {
         {
             CSingleLock guard(m_events, TRUE);
@@ -159,10 +182,14 @@ void CLogManager::RunEventQueue()
             {
                 batch[count++] = static_cast<CLogEvent *>(m_queue.RemoveHead());
             }
-            if (m_queue.IsEmpty() && !m_bTerminating)
+            if (m_queue.IsEmpty() && m_state == State::Runs)
             {
                 m_queueEvent.ResetEvent();
             }
+        }
+        if (count == 0 && m_state == State::Leaves)
+        {
+            return;
         }
         for (CLogEvent * const event : std::span(batch).first(count))
         {
@@ -174,7 +201,7 @@ void CLogManager::RunEventQueue()
 void CLogManager::WriteEvent(CLogEvent * event)
 {
     CSingleLock guard(&m_sinkLock, TRUE);
-    if (m_bTerminating)
+    if (m_state == State::Ended)
     {
         return;
     }
@@ -182,7 +209,7 @@ void CLogManager::WriteEvent(CLogEvent * event)
     for (POSITION pos = m_queuedSinks.GetHeadPosition(); pos;)
     {
         auto * const sink = static_cast<CLogSink *>(m_queuedSinks.GetNext(pos));
-        if (!sink->IsActive(event->m_nType))
+        if (!sink->IsActive(event->m_nType) || (m_state == State::Leaves && !StandsAlone(*sink)))
         {
             continue;
         }
@@ -268,21 +295,31 @@ void CLogManager::SetThreadSessionId(DWORD id)
 void CLogManager::Terminate()
 {
     CLogManager & self = sm_instance;
-    self.m_bTerminating = 1;
+    self.m_state = State::Ended;
     self.m_queueEvent.SetEvent();
+    if (self.IsLogThread())
+    {
+        self.m_bEndsItself = true; // the sink that has called is still inside: the thread's last step does the rest
+        return;
+    }
     if (HANDLE const thread = self.m_hThread.exchange(nullptr))
     {
         WaitForSingleObject(thread, INFINITE);
         CloseHandle(thread);
     }
-    CSingleLock guard(&self.m_sinkLock, TRUE);
-    for (CObList * const list : {&self.m_immediateSinks, &self.m_queuedSinks})
+    self.DeleteSinks();
+}
+
+void CLogManager::DeleteSinks()
+{
+    CSingleLock guard(&m_sinkLock, TRUE);
+    for (CObList * const list : {&m_immediateSinks, &m_queuedSinks})
     {
         for (POSITION pos = list->GetHeadPosition(); pos;)
         {
             static_cast<CLogSink *>(list->GetNext(pos))->ShutDown();
         }
     }
-    self.PerformAutoDelete(nullptr, 0);
-    self.CountSinks();
+    PerformAutoDelete(nullptr, 0);
+    CountSinks();
 }

@@ -49,28 +49,40 @@ public:
     static DWORD GetSessionSlot() { return sm_instance.m_nSessionSlot; }
 
     /// The application's last call: ends the log's thread, shuts the sinks down and deletes them. Events that are still
-    /// queued may be lost. There is no way back.
+    /// queued may be lost. There is no way back. Called by a sink on the log's own thread it takes effect behind it.
+    /// Without it, a program's end still writes what is queued to files, consoles and the debugger, for a second at
+    /// most; sinks of the application, whose data may have gone, see nothing of it.
     static void Terminate();
 
 private:
     static CLogManager sm_instance;
 
-    CObCache m_events;           // its lock is the queue's too: a logging thread waits once
-    CCriticalSection m_sinkLock; // the sink lists, and every call of a sink; taken before that of the queue
-    CEvent m_queueEvent;         // signalled while the queue holds events
-    std::atomic<LONG> m_bTerminating{0};
+    CObCache m_events;            // its lock is the queue's too: a logging thread waits once
+    CCriticalSection m_sinkLock;  // the sink lists, and every call of a sink; taken before that of the queue
+    CCriticalSection m_startLock; // for the start of the log's thread
+    CEvent m_queueEvent;          // signalled while the queue holds events
+    enum class State : LONG
+    {
+        Runs,
+        Leaves, ///< the program ends: what is queued is still written
+        Ended,
+    };
+    std::atomic<State> m_state{State::Runs};
     std::atomic<LONG> m_nImmediate{0};
     std::atomic<LONG> m_nQueued{0};
     CObList m_immediateSinks{10};
     CObList m_queuedSinks{10};
     CObList m_queue{10};
     DWORD m_nSessionSlot;
-    DWORD m_nThreadId = 0;
+    std::atomic<DWORD> m_nThreadId{0}; // of the log's thread while it runs
+    bool m_bEndsItself = false;        // that thread has called Terminate
     std::atomic<HANDLE> m_hThread{nullptr};
 
     CLogManager();
     static DWORD WINAPI EventQueueProc(void * manager);
     void RunEventQueue();
+    bool IsLogThread() const { return m_nThreadId == GetCurrentThreadId(); }
+    void DeleteSinks();
     bool StartQueueThread();
     CLogEvent * NewEvent();
     void Enqueue(DWORD type, CString && text);

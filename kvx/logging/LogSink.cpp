@@ -84,25 +84,27 @@ void CLogSink::BuildText(CString & out, SYSTEMTIME const & time, DWORD type, CSt
     out.Append(suffix);
 }
 
-CFileLog::CFileLog(LPCTSTR path, int truncate, DWORD mask) : CLogSink(mask), m_bTruncate(truncate)
+CFileLog::CFileLog(LPCTSTR path, int truncate, DWORD mask) : CLogSink(mask)
 {
-    if (!m_file.Open(path, CFile::modeCreate | CFile::modeNoTruncate | CFile::shareDenyNone | CFile::modeWrite))
+    constexpr UINT OPEN = CFile::modeCreate | CFile::modeNoTruncate | CFile::shareDenyNone | CFile::modeWrite;
+    if (CFile emptied; truncate == 1 && emptied.Open(path, OPEN))
     {
-        return;
+        emptied.SetLength(0); // which the handle below has no right to
     }
-    if (m_bTruncate == 1)
-    {
-        m_file.SetLength(0);
-    }
-    else
-    {
-        m_file.SeekToEnd();
-    }
+    // Nothing but this right makes each write go to the end of the file, wherever another process has moved that.
+    m_file.m_hFile = CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
+                                 FILE_ATTRIBUTE_NORMAL, nullptr);
+    m_file.SetFilePath(path);
+}
+
+CFileLog::~CFileLog()
+{
+    m_file.Abort(); // closes, and can't fail
 }
 
 void CFileLog::Append(CLogEvent * event)
 {
-    // One write for each line, so that lines of several processes don't mix within.
+    // One write for each line: that is what stays together.
     int const length = event->m_strBuilt.GetLength();
     int const room = 3 * length;
     char * const buffer = m_strLine.GetBuffer(room + 2);

@@ -53,17 +53,20 @@ private:
 };
 
 /// Lines of UTF-8 without a byte-order mark, ended by CR LF. An existing file is kept, and any process may read or
-/// write it meanwhile. A file that can't be opened leaves a sink whose Append throws a CFileException *.
+/// write it meanwhile: each line goes to the end of the file as one piece, so that several processes can share a log.
+/// A file that can't be opened leaves a sink whose Append throws a CFileException *.
 class KVX_API CFileLog : public CLogSink
 {
 public:
     /// With `truncate` 1 the file is emptied first.
     CFileLog(LPCTSTR path, int truncate, DWORD mask);
+    CFileLog(CFileLog const &) = delete;
+    CFileLog & operator=(CFileLog const &) = delete;
+    ~CFileLog() override;
     void Append(CLogEvent * event) override;
 
 private:
     CFile m_file;
-    int m_bTruncate;
     CStringA m_strLine;
 };
 

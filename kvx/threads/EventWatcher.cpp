@@ -1,22 +1,32 @@
 #include "kvx/threads/EventWatcher.h"
 
 #include "kvx/threads/EventWatcherSet.h"
-#include "kvx/threads/ThreadPool.h"
+#include "kvx/threads/KVXBaseApp.h"
+
+#include <algorithm>
+#include <utility>
 
 CEventWatcher::CEventWatcher(EVENT_WATCHER_PROC proc, int priority, int maxThreads)
 {
-    RegisterAutoDelete(m_sets);
     Initialize(proc, priority, maxThreads);
 }
 
 CEventWatcher::~CEventWatcher()
 {
     CEventWatcher::ShutDown();
-    m_triggerQueue.Stop(!CThreadPool::IsTerminated(), 0); // the cache owns the triggers
+    m_triggerQueue.Stop(1, 0); // the cache owns the triggers
 }
 
 void CEventWatcher::Initialize(EVENT_WATCHER_PROC proc, int priority, int maxThreads)
 {
+    CSingleLock guard(*this, TRUE);
+    if (!m_pLink || !m_pLink->m_pWatcher)
+    {
+        m_sets.clear();
+        m_pLink = std::make_shared<CEventWatcherLink>();
+        m_pLink->m_pWatcher = this;
+        m_pLink->m_nFlags = m_nFlags.load();
+    }
     m_nPriority = priority;
     m_pEventProc = proc;
     CString name;
@@ -28,6 +38,7 @@ void CEventWatcher::Initialize(EVENT_WATCHER_PROC proc, int priority, int maxThr
 void CEventWatcher::SetFlags(DWORD flags)
 {
     m_nFlags = flags;
+    m_pLink->m_nFlags = flags;
     m_triggerQueue.Merge((flags & FLAG_MERGE) != 0);
 }
 
@@ -35,7 +46,8 @@ int CEventWatcher::Insert(void * handle, void * param)
 {
     CSingleLock guard(*this, TRUE);
     SetLastError(handle ? 0 : ERROR_INVALID_HANDLE);
-    if (!handle || !m_pEventProc.load())
+    EVENT_WATCHER_PROC const proc = m_pEventProc;
+    if (!handle || !proc)
     {
         return 0;
     }
@@ -44,32 +56,44 @@ int CEventWatcher::Insert(void * handle, void * param)
         SetLastError(ERROR_OBJECT_ALREADY_EXISTS);
         return 0;
     }
-    for (POSITION pos = m_sets.GetHeadPosition(); pos;)
+    for (auto const & set : GetSets())
     {
-        if (static_cast<CEventWatcherSet *>(m_sets.GetNext(pos))->Insert(handle, param))
+        if (set->Insert(handle, param))
         {
             return 1;
         }
     }
-    auto * const set = new CEventWatcherSet(this, m_nPriority);
-    m_sets.AddTail(set);
+    CString text;
+    text.Format(_T("EventWatcher %X with EventProc %X"), this, proc);
+    auto const set = CEventWatcherSet::Start(m_pLink, m_nPriority, text);
+    CSingleLock link(&m_pLink->m_lock, TRUE);
+    m_sets.push_back(set);
     set->Insert(handle, param);
     return 1;
 }
 
+/// The set that has the handle, when no pass of it is under way. A function, which holds its own set's lock, waits for
+/// no other: two of them might wait for each other.
+std::shared_ptr<CEventWatcherSet> CEventWatcher::LockSet(void * handle, std::unique_ptr<CSingleLock> & serving)
+{
+    auto set = FindSet(handle);
+    if (set && std::ranges::none_of(GetSets(), [](auto const & any) { return any->IsOwnThread(); }))
+    {
+        serving = std::make_unique<CSingleLock>(&set->GetServeLock(), TRUE);
+    }
+    return set;
+}
+
 int CEventWatcher::Remove(void * handle)
 {
-    CSingleLock guard(*this, TRUE);
     SetLastError(handle ? 0 : ERROR_INVALID_HANDLE);
     if (!handle)
     {
         return 0;
     }
-    if (CEventWatcherSet * const set = FindSet(handle))
-    {
-        set->Remove(handle);
-    }
-    if (!ForgetHandle(handle))
+    std::unique_ptr<CSingleLock> serving;
+    auto const set = LockSet(handle, serving);
+    if (!set || !set->Remove(handle))
     {
         SetLastError(ERROR_NOT_FOUND);
         return 0;
@@ -79,34 +103,38 @@ int CEventWatcher::Remove(void * handle)
 
 int CEventWatcher::ReplaceKey(void * old, void * fresh)
 {
-    CSingleLock guard(*this, TRUE);
+    std::unique_ptr<CSingleLock> serving;
+    auto const set = old && fresh && old != fresh ? LockSet(old, serving) : nullptr;
+    CSingleLock guard(*this, TRUE); // nobody inserts the new handle meanwhile
     if (!old || !fresh || old == fresh || FindSet(fresh))
     {
         SetLastError(ERROR_INVALID_HANDLE);
         return 0;
     }
-    CEventWatcherSet * const set = FindSet(old);
     if (!set || !set->Replace(old, fresh))
     {
         SetLastError(ERROR_NOT_FOUND);
         return 0;
     }
     SetLastError(0);
-    ForgetHandle(old);
-    SetSet(fresh, set);
     return 1;
 }
 
 void CEventWatcher::Service(void * handle, void * param)
 {
+    if (ServesOnWaitThread())
+    {
+        // The last step: what it calls may outlive the watcher.
+        if (EVENT_WATCHER_PROC const proc = m_pEventProc)
+        {
+            proc(handle, param);
+        }
+        return;
+    }
     CTrigger * const trigger = m_triggers.Allocate();
     trigger->m_pHandle = handle;
     trigger->m_pParam = param;
-    if (ServesOnWaitThread())
-    {
-        ServiceTriggerProc(trigger, this);
-    }
-    else if (!m_triggerQueue.Take(trigger))
+    if (!m_triggerQueue.Take(trigger))
     {
         m_triggers.Return(trigger);
     }
@@ -114,13 +142,35 @@ void CEventWatcher::Service(void * handle, void * param)
 
 void CEventWatcher::ShutDown()
 {
+    constexpr ULONGLONG PATIENCE = 5000; // milliseconds
+    std::vector<std::shared_ptr<CEventWatcherSet>> sets;
     {
         CSingleLock guard(*this, TRUE);
         m_pEventProc = nullptr; // no set is added any more
-        CSingleLock map(&m_mapLock, TRUE);
-        m_map.clear();
+        CSingleLock link(&m_pLink->m_lock, TRUE);
+        m_pLink->m_pWatcher = nullptr;
+        m_pLink->m_map.clear();
+        sets = m_sets;
     }
-    PerformAutoDelete(m_sets, 0); // without the lock, which the sets' threads may want
+    bool bOnWaitThread = false;
+    for (auto const & set : sets)
+    {
+        set->End();
+        if (set->IsOwnThread())
+        {
+            bOnWaitThread = true;
+            set->SetShutsDown();
+        }
+    }
+    ULONGLONG const start = GetTickCount64();
+    for (auto const & set : sets)
+    {
+        if (!set->IsOwnThread() && !CKVXBaseApp::IsShuttingDown())
+        {
+            ULONGLONG const passed = std::min(GetTickCount64() - start, PATIENCE);
+            set->WaitForEnd(static_cast<DWORD>(PATIENCE - passed), bOnWaitThread);
+        }
+    }
 }
 
 void CEventWatcher::ServiceTriggerProc(CObject * object, void * param)
@@ -136,23 +186,22 @@ void CEventWatcher::ServiceTriggerProc(CObject * object, void * param)
     }
 }
 
-CEventWatcherSet * CEventWatcher::FindSet(void * handle)
+std::vector<std::shared_ptr<CEventWatcherSet>> CEventWatcher::GetSets()
 {
-    CSingleLock guard(&m_mapLock, TRUE);
-    auto const found = m_map.find(handle);
-    return found != m_map.end() ? found->second : nullptr;
+    CSingleLock guard(&m_pLink->m_lock, TRUE);
+    return m_sets;
 }
 
-void CEventWatcher::SetSet(void * handle, CEventWatcherSet * set)
+std::shared_ptr<CEventWatcherSet> CEventWatcher::FindSet(void * handle)
 {
-    CSingleLock guard(&m_mapLock, TRUE);
-    m_map[handle] = set;
-}
-
-bool CEventWatcher::ForgetHandle(void * handle)
-{
-    CSingleLock guard(&m_mapLock, TRUE);
-    return m_map.erase(handle) > 0;
+    CSingleLock guard(&m_pLink->m_lock, TRUE);
+    auto const found = m_pLink->m_map.find(handle);
+    if (found == m_pLink->m_map.end())
+    {
+        return nullptr;
+    }
+    auto const set = std::ranges::find(m_sets, found->second, &std::shared_ptr<CEventWatcherSet>::get);
+    return set == m_sets.end() ? nullptr : *set;
 }
 
 bool CEventWatcher::CEventWatcherThreadQueue::Take(CTrigger * trigger)

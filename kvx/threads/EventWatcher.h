@@ -5,8 +5,9 @@
 #include "kvx/foundation/ObCache.h"
 #include "kvx/threads/ThreadQueue.h"
 
-#include <unordered_map>
+#include <memory>
 
+class CEventWatcherLink;
 class CEventWatcherSet;
 
 using EVENT_WATCHER_PROC = void (*)(void * handle, void * param);
@@ -19,8 +20,10 @@ using EVENT_WATCHER_PROC = void (*)(void * handle, void * param);
 /// 1168 for one that isn't (ReplaceKey: 6 for a new handle that is watched already, or the same one). Insert throws
 /// CAppException * when a set's thread can't be had. A handle whose wait fails, a closed one say, is dropped silently.
 ///
-/// Threads: all operations may be called from any thread. With FLAG_ON_WAIT_THREAD the function runs inside its set's
-/// lock, and must not wait for another thread that changes handles.
+/// Threads: all operations may be called from any thread, a function included. With FLAG_ON_WAIT_THREAD the function
+/// holds up the handles of its set, and those who remove or replace one of them: when Remove comes back, no function
+/// has that handle any more. So it must not wait for another thread that changes handles of its set; a function itself
+/// waits for none when it changes handles. What a function throws goes to the log.
 class KVX_API CEventWatcher : public CLockable, public CAutoDelete
 {
 public:
@@ -33,7 +36,9 @@ public:
     explicit CEventWatcher(EVENT_WATCHER_PROC proc = nullptr, int priority = 0, int maxThreads = 4);
     CEventWatcher(CEventWatcher const &) = delete;
     CEventWatcher & operator=(CEventWatcher const &) = delete;
-    /// Shuts down and waits for triggers that are being served; those that wait are dropped.
+    /// Shuts down and waits for triggers that are being served; those that wait are dropped. A function on a wait
+    /// thread that takes longer than ShutDown waits may find the watcher gone, and so may one that destroys it: the
+    /// threads leave it alone from then on.
     ~CEventWatcher() override;
 
     /// For a watcher without handles: the function, the priority of the wait threads, the most service threads.
@@ -51,12 +56,11 @@ public:
 
     /// Called on the wait thread for each signal.
     virtual void Service(void * handle, void * param);
-    /// Ends the watching for good; for the owner. Waits for the sets' threads, at most 5 seconds each.
+    /// Ends the watching for good. Waits for the sets' threads, at most 5 seconds for all of them, and not for the one
+    /// that it is called on; several threads may call it at once.
     virtual void ShutDown();
 
 private:
-    friend class CEventWatcherSet;
-
     class CTrigger : public CObject
     {
     public:
@@ -82,9 +86,8 @@ private:
     };
 
     int m_nPriority = 0;
-    CObList m_sets{10};
-    CCriticalSection m_mapLock; // the map alone; taken last
-    std::unordered_map<void *, CEventWatcherSet *> m_map;
+    std::shared_ptr<CEventWatcherLink> m_pLink;
+    std::vector<std::shared_ptr<CEventWatcherSet>> m_sets; // under the link's lock
     std::atomic<EVENT_WATCHER_PROC> m_pEventProc{nullptr};
     std::atomic<DWORD> m_nFlags{0};
     CCache<CTrigger> m_triggers;
@@ -92,7 +95,7 @@ private:
 
     bool ServesOnWaitThread() const { return (m_nFlags & FLAG_ON_WAIT_THREAD) != 0; }
     static void ServiceTriggerProc(CObject * trigger, void * watcher);
-    CEventWatcherSet * FindSet(void * handle);
-    void SetSet(void * handle, CEventWatcherSet * set);
-    bool ForgetHandle(void * handle);
+    std::vector<std::shared_ptr<CEventWatcherSet>> GetSets();
+    std::shared_ptr<CEventWatcherSet> FindSet(void * handle);
+    std::shared_ptr<CEventWatcherSet> LockSet(void * handle, std::unique_ptr<CSingleLock> & serving);
 };

@@ -1,92 +1,102 @@
 #include "kvx/threads/EventWatcherSet.h"
 
 #include "kvx/foundation/AppException.h"
+#include "kvx/logging/LogManager.h"
 #include "kvx/threads/EventWatcher.h"
-#include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ThreadPool.h"
 
-CEventWatcherSet::CEventWatcherSet(CEventWatcher * watcher, int priority)
+#include <algorithm>
+
+CEventWatcherSet::CEventWatcherSet(std::shared_ptr<CEventWatcherLink> const & link) : m_pLink(link)
 {
-    m_pTable->m_handles[0] = m_pTable->m_controlEvent;
-    m_pTable->m_pWatcher = watcher;
-    auto share = std::make_unique<std::shared_ptr<CTable>>(m_pTable);
+    m_handles[0] = m_controlEvent;
+}
+
+std::shared_ptr<CEventWatcherSet> CEventWatcherSet::Start(std::shared_ptr<CEventWatcherLink> const & link, int priority,
+                                                          CString const & description)
+{
+    auto const set = std::make_shared<CEventWatcherSet>(link);
+    auto share = std::make_unique<std::shared_ptr<CEventWatcherSet>>(set);
     CString text;
-    text.Format(_T("EventWatcherSet::TriggerProc: %X of EventWatcher %X with EventProc %X"), &TriggerProc, watcher,
-                watcher->m_pEventProc.load());
-    m_pThread = CThreadPool::BeginThread(&TriggerProc, share.get(), priority, text);
-    if (!m_pThread)
+    text.Format(_T("EventWatcherSet::TriggerProc: %X of "), &TriggerProc);
+    if (!CThreadPool::BeginThread(&TriggerProc, share.get(), priority, text + description))
     {
         ThrowAppException(GetLastError(), _T("Cannot allocate event queue thread: %s"), CWinError::GetLastErrorText());
     }
     share.release(); // the thread's
-}
-
-CEventWatcherSet::~CEventWatcherSet()
-{
-    constexpr DWORD PATIENCE = 5000; // milliseconds
-    {
-        CSingleLock guard(*m_pTable, TRUE);
-        m_pTable->m_nCount = 0;
-        m_pTable->m_controlEvent.SetEvent();
-    }
-    if (CThreadPool::GetCurrentThreadContext() != m_pThread && !CKVXBaseApp::IsShuttingDown())
-    {
-        m_pTable->m_leftEvent.Lock(PATIENCE);
-    }
+    return set;
 }
 
 bool CEventWatcherSet::Insert(void * handle, void * param)
 {
-    CSingleLock guard(*m_pTable, TRUE);
-    DWORD & count = m_pTable->m_nCount;
-    if (count >= SLOTS)
+    CSingleLock guard(&m_pLink->m_lock, TRUE);
+    if (m_nCount >= SLOTS)
     {
         return false;
     }
-    m_pTable->m_handles[count] = handle;
-    m_pTable->m_params[count] = param;
-    ++count;
-    m_pTable->m_pWatcher->SetSet(handle, this);
-    m_pTable->m_controlEvent.SetEvent();
+    m_handles[m_nCount] = handle;
+    m_params[m_nCount] = param;
+    ++m_nCount;
+    m_pLink->m_map[handle] = this;
+    m_controlEvent.SetEvent();
     return true;
 }
 
 bool CEventWatcherSet::Remove(void * handle)
 {
-    CSingleLock guard(*m_pTable, TRUE);
-    DWORD const slot = m_pTable->Find(handle);
+    CSingleLock guard(&m_pLink->m_lock, TRUE);
+    DWORD const slot = Find(handle);
     if (slot == 0)
     {
         return false;
     }
-    m_pTable->m_handles[slot] = nullptr; // the next pass drops it
-    m_pTable->m_controlEvent.SetEvent();
+    m_handles[slot] = nullptr; // the next pass drops it
+    Forget(handle);
+    m_controlEvent.SetEvent();
     return true;
 }
 
 bool CEventWatcherSet::Replace(void * old, void * fresh)
 {
-    CSingleLock guard(*m_pTable, TRUE);
-    DWORD const slot = m_pTable->Find(old);
+    CSingleLock guard(&m_pLink->m_lock, TRUE);
+    DWORD const slot = Find(old);
     if (slot == 0)
     {
         return false;
     }
-    m_pTable->m_handles[slot] = fresh;
-    m_pTable->m_controlEvent.SetEvent();
+    m_handles[slot] = fresh;
+    Forget(old);
+    m_pLink->m_map[fresh] = this;
+    m_controlEvent.SetEvent();
     return true;
+}
+
+void CEventWatcherSet::End()
+{
+    m_bEnds = true;
+    m_controlEvent.SetEvent();
+}
+
+bool CEventWatcherSet::WaitForEnd(DWORD timeout, bool bOnWaitThread)
+{
+    std::array<HANDLE, 2> const events{m_leftEvent, m_shutsEvent};
+    return WaitForMultipleObjects(bOnWaitThread ? 2 : 1, events.data(), FALSE, timeout) != WAIT_TIMEOUT;
 }
 
 unsigned int CEventWatcherSet::TriggerProc(void * share)
 {
-    std::unique_ptr<std::shared_ptr<CTable>> const table(static_cast<std::shared_ptr<CTable> *>(share));
-    (*table)->Run();
-    (*table)->m_leftEvent.SetEvent();
+    std::unique_ptr<std::shared_ptr<CEventWatcherSet>> const owned(
+        static_cast<std::shared_ptr<CEventWatcherSet> *>(share));
+    CEventWatcherSet & set = **owned;
+    set.m_nThreadId = GetCurrentThreadId();
+    set.Run();
+    set.m_nThreadId = 0;
+    set.m_leftEvent.SetEvent();
     return GetLastError();
 }
 
 /// 0 if it isn't there.
-DWORD CEventWatcherSet::CTable::Find(void * handle) const
+DWORD CEventWatcherSet::Find(void * handle) const
 {
     for (DWORD slot = 1; slot < m_nCount; ++slot)
     {
@@ -98,25 +108,53 @@ DWORD CEventWatcherSet::CTable::Find(void * handle) const
     return 0;
 }
 
-void CEventWatcherSet::CTable::Run()
+void CEventWatcherSet::Forget(void * handle)
 {
-    void * woken = nullptr;
-    for (;;)
+    auto const found = m_pLink->m_map.find(handle);
+    if (found != m_pLink->m_map.end() && found->second == this)
     {
-        std::array<void *, SLOTS> handles;
+        m_pLink->m_map.erase(found);
+    }
+}
+
+/// Drops the slots whose handles have gone.
+void CEventWatcherSet::Compact()
+{
+    DWORD kept = 1;
+    for (DWORD slot = 1; slot < m_nCount; ++slot)
+    {
+        if (m_handles[slot])
+        {
+            m_handles[kept] = m_handles[slot];
+            m_params[kept] = m_params[slot];
+            ++kept;
+        }
+    }
+    std::fill(m_handles.begin() + kept, m_handles.begin() + m_nCount, nullptr);
+    m_nCount = kept;
+}
+
+void CEventWatcherSet::Run()
+{
+    // Told to end by the pool, the thread leaves as well.
+    HANDLE const endEvent = CThreadPool::GetCurrentThreadContext()->GetActiveHandle();
+    void * woken = nullptr;
+    while (Pass(woken))
+    {
+        std::array<void *, SLOTS + 1> handles;
         DWORD count = 0;
         {
-            // A function that runs inside the pass may change handles: the watcher's lock comes before the set's.
-            CSingleLock watcher(*m_pWatcher, m_pWatcher->ServesOnWaitThread());
-            CSingleLock guard(*this, TRUE);
-            if (!Pass(woken))
-            {
-                return;
-            }
-            handles = m_handles;
+            CSingleLock guard(&m_pLink->m_lock, TRUE);
+            Compact();
             count = m_nCount;
+            std::copy_n(m_handles.begin(), count, handles.begin());
         }
-        DWORD slot = WaitForMultipleObjects(count, handles.data(), FALSE, INFINITE);
+        handles[count] = endEvent;
+        DWORD slot = WaitForMultipleObjects(count + 1, handles.data(), FALSE, INFINITE);
+        if (slot == WAIT_OBJECT_0 + count)
+        {
+            return;
+        }
         if (slot == WAIT_FAILED)
         {
             // Either one was closed, which the next pass drops, or it is of a kind that can only be looked at by
@@ -126,7 +164,7 @@ void CEventWatcherSet::CTable::Run()
         }
         slot -= WAIT_OBJECT_0;
         woken = slot > 0 && slot < count ? handles[slot] : nullptr;
-        if (woken && m_pWatcher->ImmedeateProcessing())
+        if (woken && HasFlag(CEventWatcher::FLAG_IMMEDIATE_PROCESSING))
         {
             ServeAtOnce(slot, woken);
             woken = nullptr;
@@ -134,64 +172,94 @@ void CEventWatcherSet::CTable::Run()
     }
 }
 
-/// Serves all handles that are signalled, and drops those that have been removed, closed or served for the only time.
-/// `woken` ended the wait: of an event that resets itself nothing else tells any more. False when the set goes.
-bool CEventWatcherSet::CTable::Pass(void * woken)
+/// Serves all handles that are signalled, and drops those that have been closed or served for the only time. `woken`
+/// ended the wait: of an event that resets itself nothing else tells any more. False when the set ends.
+bool CEventWatcherSet::Pass(void * woken)
 {
-    if (m_nCount == 0 || WaitForSingleObject(m_controlEvent, 0) == WAIT_FAILED)
+    CSingleLock serving(&m_serveLock, TRUE);
+    if (WaitForSingleObject(m_controlEvent, 0) == WAIT_FAILED)
     {
         return false;
     }
     m_controlEvent.ResetEvent();
-    DWORD kept = 1;
-    for (DWORD slot = 1; slot < m_nCount; ++slot) // a function may add handles meanwhile
+    for (DWORD slot = 1; !m_bEnds && ServeSlot(slot, woken); ++slot)
     {
-        void * const handle = m_handles[slot];
-        void * const param = m_params[slot];
-        if (!handle)
-        {
-            continue;
-        }
-        DWORD const state = WaitForSingleObject(handle, 0);
-        bool const bDrop = state == WAIT_FAILED || m_pWatcher->IsSingleShot();
-        if (bDrop)
-        {
-            // Gone before the call, so that the function may insert the handle again.
-            m_handles[slot] = nullptr;
-            m_pWatcher->ForgetHandle(handle);
-        }
-        else
-        {
-            m_handles[kept] = handle;
-            m_params[kept] = param;
-            if (kept++ != slot)
-            {
-                m_handles[slot] = nullptr;
-            }
-        }
-        if (state != WAIT_FAILED && (state != WAIT_TIMEOUT || handle == woken))
-        {
-            ResetEvent(handle);
-            m_pWatcher->Service(handle, param);
-            if (m_nCount == 0)
-            {
-                return false; // the function has shut the watcher down
-            }
-        }
     }
-    m_nCount = kept;
+    return !m_bEnds;
+}
+
+/// False behind the last slot; a function may add handles meanwhile.
+bool CEventWatcherSet::ServeSlot(DWORD slot, void * woken)
+{
+    CSingleLock guard(&m_pLink->m_lock, TRUE);
+    if (slot >= m_nCount)
+    {
+        return false;
+    }
+    void * const handle = m_handles[slot];
+    guard.Unlock();
+    DWORD const state = handle ? WaitForSingleObject(handle, 0) : WAIT_TIMEOUT;
+    bool const bServe = handle && state != WAIT_FAILED && (state != WAIT_TIMEOUT || handle == woken);
+    bool const bDrop = state == WAIT_FAILED || HasFlag(CEventWatcher::FLAG_SINGLE_SHOT);
+    if (!bServe && !bDrop)
+    {
+        return true;
+    }
+    guard.Lock();
+    if (m_handles[slot] != handle)
+    {
+        return true; // removed or replaced meanwhile
+    }
+    void * const param = m_params[slot];
+    if (bDrop)
+    {
+        // Gone before the call, so that the function may insert the handle again.
+        m_handles[slot] = nullptr;
+        Forget(handle);
+    }
+    guard.Unlock();
+    if (bServe)
+    {
+        Serve(handle, param);
+    }
     return true;
 }
 
-void CEventWatcherSet::CTable::ServeAtOnce(DWORD slot, void * handle)
+void CEventWatcherSet::ServeAtOnce(DWORD slot, void * handle)
 {
-    CSingleLock guard(*this, TRUE);
+    CSingleLock guard(&m_pLink->m_lock, TRUE);
     if (slot >= m_nCount || m_handles[slot] != handle)
     {
         return;
     }
     void * const param = m_params[slot];
     guard.Unlock();
+    Serve(handle, param);
+}
+
+/// When this comes back the watcher may have gone.
+void CEventWatcherSet::Serve(void * handle, void * param)
+{
+    CSingleLock guard(&m_pLink->m_lock, TRUE);
+    CEventWatcher * const watcher = m_pLink->m_pWatcher;
+    guard.Unlock();
+    if (!watcher)
+    {
+        return;
+    }
     ResetEvent(handle);
-    m_pWatcher->Service(handle, param);
+    LPCTSTR const text = _T("CEventWatcher::Unhandled exception in thread 0x%08X.");
+    try
+    {
+        watcher->Service(handle, param);
+    }
+    catch (CException * failure)
+    {
+        failure->Delete();
+        LogError(text, GetCurrentThreadId());
+    }
+    catch (...)
+    {
+        LogError(text, GetCurrentThreadId());
+    }
 }

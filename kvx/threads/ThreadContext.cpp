@@ -1,6 +1,7 @@
 #include "kvx/threads/ThreadContext.h"
 
 #include "kvx/foundation/AppException.h"
+#include "kvx/foundation/AutoHandle.h"
 #include "kvx/logging/LogManager.h"
 #include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ThreadPool.h"
@@ -39,30 +40,55 @@ DWORD WINAPI CThreadContext::ContextProc(void * param)
     auto * const context = static_cast<CThreadContext *>(param);
     context->m_nThreadId = GetCurrentThreadId(); // whoever creates the thread may still be busy noting it
     TlsSetValue(CThreadPool::GetThreadCtxTLS(), context);
-    if (g_pStartThreadProc)
-    {
-        g_pStartThreadProc(context);
-    }
+    CallHook(g_pStartThreadProc, context);
     context->Run();
-    if (g_pEndThreadProc)
-    {
-        g_pEndThreadProc(context);
-    }
+    CallHook(g_pEndThreadProc, context);
     return static_cast<DWORD>(context->GetExitCode());
 }
 
-/// The thread is about to end: nobody may wait for it or name it any more.
-void CThreadContext::Forget()
+void CThreadContext::CallHook(HookProc hook, CThreadContext * context)
 {
-    m_nThreadId = 0;
-    // Terminate waits on this handle and closes it; without a Terminate under way it is closed here.
-    if (!m_bTerminating)
+    try
     {
-        if (HANDLE const handle = m_hThread.exchange(nullptr))
+        if (hook)
         {
-            CloseHandle(handle);
+            hook(context);
         }
     }
+    catch (CException * failure)
+    {
+        failure->Delete();
+        LogError(_T("Unhandled exception in a hook of thread 0x%08X."), GetCurrentThreadId());
+    }
+    catch (...)
+    {
+        LogError(_T("Unhandled exception in a hook of thread 0x%08X."), GetCurrentThreadId());
+    }
+}
+
+/// The thread is about to end: nobody may name it any more. Whoever waits for it has a handle of its own.
+void CThreadContext::Forget()
+{
+    CSingleLock guard(&m_handleLock, TRUE);
+    m_nThreadId = 0;
+    if (HANDLE const handle = m_hThread.exchange(nullptr))
+    {
+        CloseHandle(handle);
+    }
+}
+
+/// Another handle of the thread, to be closed; null if it has ended.
+HANDLE CThreadContext::ShareHandle()
+{
+    CSingleLock guard(&m_handleLock, TRUE);
+    HANDLE const handle = m_hThread.load();
+    HANDLE shared = nullptr;
+    HANDLE const process = GetCurrentProcess();
+    if (!handle || !DuplicateHandle(process, handle, process, &shared, 0, FALSE, DUPLICATE_SAME_ACCESS))
+    {
+        return nullptr;
+    }
+    return shared;
 }
 
 void CThreadContext::Run()
@@ -126,17 +152,9 @@ int CThreadContext::Start(ThreadProc proc, void * param, int priority)
 
 int CThreadContext::SetPriority(int priority)
 {
+    // A job may have set another one by itself. Most don't: no system call for each of them.
     HANDLE const handle = m_hThread.load();
-    if (handle && priority == m_nPriority)
-    {
-        return 1; // jobs nearly always run at one priority: no system call for each of them
-    }
-    int const bDone = SetThreadPriority(handle, priority);
-    if (bDone)
-    {
-        m_nPriority = priority;
-    }
-    return bDone;
+    return GetThreadPriority(handle) == priority || SetThreadPriority(handle, priority);
 }
 
 int CThreadContext::WaitForExit(DWORD timeout)
@@ -151,25 +169,33 @@ CString CThreadContext::GetDescription(DWORD id) const
     return description;
 }
 
+void CThreadContext::AskToEnd()
+{
+    m_bTerminating = 1;
+    m_pProc = nullptr;
+    m_startEvent.SetEvent();
+}
+
 int CThreadContext::Terminate(DWORD timeout, int force)
 {
-    HANDLE const handle = m_hThread.load();
-    if (!handle)
+    HANDLE const shared = ShareHandle();
+    if (!shared)
     {
         return 1;
     }
-    m_bTerminating = 1;
+    CAutoHandle handle(shared);
     DWORD const id = m_nThreadId.load();
     CString const description = GetDescription(id);
-    m_pProc = nullptr;
-    m_startEvent.SetEvent();
+    AskToEnd();
+    if (id == GetCurrentThreadId())
+    {
+        return 0;
+    }
 
     DWORD const waited = WaitForSingleObject(handle, timeout);
     if (waited == WAIT_OBJECT_0)
     {
-        m_nThreadId = 0;
-        m_hThread = nullptr;
-        CloseHandle(handle);
+        Forget();
         return 1;
     }
     if (waited == WAIT_TIMEOUT && force)
@@ -184,9 +210,7 @@ int CThreadContext::Terminate(DWORD timeout, int force)
         {
             LogError(_T("Unable to force terminate thread 0x%08X %s"), id, description);
         }
-        m_nThreadId = 0;
-        m_hThread = nullptr;
-        CloseHandle(handle);
+        Forget();
         return 0;
     }
     if (m_nThreadId == 0)

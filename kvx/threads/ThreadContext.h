@@ -26,8 +26,11 @@ public:
     /// Gives a parked thread its job, at a Win32 thread priority (0 is normal). 0 if any step fails.
     int Start(ThreadProc proc, void * param, int priority);
     /// Ends the thread: at once when it is parked, behind its job when it has one. 1 if it ended within `timeout`
-    /// milliseconds or had ended before. With `force` a thread that hasn't is killed, and the result is 0.
+    /// milliseconds or had ended before. With `force` a thread that hasn't is killed, and the result is 0. The calling
+    /// thread itself is neither waited for nor killed: it ends behind its job, and the result is 0.
     int Terminate(DWORD timeout, int force);
+    /// The first half of Terminate: tells the thread to end, and doesn't wait.
+    void AskToEnd();
     /// Waits for the end of the job, `timeout` milliseconds; one waiter takes one end. While the library shuts down it
     /// gives 1 at once.
     int WaitForExit(DWORD timeout);
@@ -50,7 +53,7 @@ public:
     HANDLE GetActiveHandle() { return m_startEvent; }
 
     /// Called with the context on each operating-system thread of the pool, once before its first job and once at its
-    /// end. To be set before the first thread starts.
+    /// end. To be set before the first thread starts. What a hook throws goes to the log.
     static void SetStartThreadProc(HookProc proc) { g_pStartThreadProc = proc; }
     static void SetEndThreadProc(HookProc proc) { g_pEndThreadProc = proc; }
 
@@ -64,7 +67,7 @@ private:
     void * m_pParam = nullptr;
     std::atomic<int> m_bTerminating{0};
     std::atomic<int> m_nExitCode{0};
-    int m_nPriority = 0; // as the last job set it
+    CCriticalSection m_handleLock; // for whoever takes the handle, or takes it away
     CEvent m_startEvent;
     CEvent m_exitEvent;
     void * m_pData = nullptr;
@@ -74,5 +77,7 @@ private:
     void Run();
     void RunJob(ThreadProc proc);
     void Forget();
+    HANDLE ShareHandle();
+    static void CallHook(HookProc hook, CThreadContext * context);
     CString GetDescription(DWORD id) const;
 };

@@ -3,12 +3,16 @@
 #include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ShutdownHook.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 constinit std::atomic<bool> CThreadPool::sm_bTerminated{false};
 constinit std::atomic<bool> CThreadPool::sm_bLeftThreads{false};
+constinit std::atomic<ULONGLONG> CThreadPool::sm_nExitTick{0};
 
 CThreadPool::CThreadPool()
 {
@@ -18,6 +22,10 @@ CThreadPool::CThreadPool()
 CThreadPool::~CThreadPool()
 {
     TerminateAllThreads(10000);
+    if (GetCurrentThreadContext())
+    {
+        m_cache.RemoveAll(0); // a job has called exit: other threads live, and may be looking at a context
+    }
     TlsFree(sm_dwThreadCtxTLS);
 }
 
@@ -43,6 +51,7 @@ CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void 
     }
     if (!context)
     {
+        WatchExit();
         auto fresh = std::make_unique<CThreadContext>();
         if (!fresh->Create())
         {
@@ -51,14 +60,78 @@ CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void 
         context = fresh.release();
         sm_instance.m_cache.Insert(context, 1);
     }
-    // Described before it runs: the job, or whoever started it, may give a better text at once.
-    sm_threadMap.SetAt(static_cast<int>(context->GetThreadId()), description);
-    if (!context->Start(proc, param, priority))
+    if (!Start(context, {proc, param, priority, description}))
     {
         sm_instance.m_cache.Return(context);
         return nullptr;
     }
     return context;
+}
+
+bool CThreadPool::Start(CThreadContext * context, StJob const & job)
+{
+    // Described before it runs: the job, or whoever started it, may give a better text at once.
+    sm_threadMap.SetAt(static_cast<int>(context->GetThreadId()), job.strDescription);
+    return context->Start(job.proc, job.param, job.nPriority) != 0;
+}
+
+void CThreadPool::BeginThreadLater(CThreadContext::ThreadProc proc, void * param, int priority,
+                                   CString const & description)
+{
+    CSingleLock guard(sm_instance.m_cache, TRUE);
+    sm_instance.m_deferred.push_back({proc, param, priority, description});
+    sm_instance.m_bDeferred = true;
+}
+
+/// A thread has done its job. It parks, unless another job waits for one.
+void CThreadPool::Park(CThreadContext * context)
+{
+    CThreadPool & self = sm_instance;
+    if (self.m_bDeferred && !CKVXBaseApp::IsShuttingDown())
+    {
+        CSingleLock guard(self.m_cache, TRUE);
+        if (!self.m_deferred.empty())
+        {
+            StJob const job = std::move(self.m_deferred.front());
+            self.m_deferred.pop_front();
+            self.m_bDeferred = !self.m_deferred.empty();
+            guard.Unlock();
+            if (Start(context, job))
+            {
+                return;
+            }
+        }
+    }
+    self.m_cache.Return(context);
+}
+
+/// Notes when the process begins to exit, before statics that were made up to now go.
+void CThreadPool::WatchExit()
+{
+    static int const s_nResult = std::atexit([] { sm_nExitTick = std::max(GetTickCount64(), ULONGLONG{1}); });
+    (void)s_nResult;
+}
+
+int CThreadPool::WaitForThread(CEvent & event, DWORD timeout)
+{
+    constexpr DWORD LOOK = 50; // milliseconds
+    constexpr ULONGLONG PATIENCE = 5000;
+    ULONGLONG const start = GetTickCount64();
+    for (;;)
+    {
+        ULONGLONG const now = GetTickCount64();
+        DWORD const rest =
+            timeout == INFINITE ? INFINITE : static_cast<DWORD>(timeout - std::min<ULONGLONG>(timeout, now - start));
+        if (event.Lock(std::min(rest, LOOK)))
+        {
+            return 1;
+        }
+        ULONGLONG const exiting = sm_nExitTick;
+        if (rest <= LOOK || IsTerminated() || (exiting != 0 && now - exiting > PATIENCE))
+        {
+            return 0;
+        }
+    }
 }
 
 int CThreadPool::PreAllocate(DWORD count, int priority)
@@ -159,9 +232,17 @@ void CThreadPool::TerminateAllThreads(DWORD timeout)
             contexts.push_back(static_cast<CThreadContext *>(cache.GetNext(pos)));
         }
     }
+    ULONGLONG const start = GetTickCount64();
     for (CThreadContext * const context : contexts)
     {
-        if (!context->Terminate(timeout, 1))
+        context->AskToEnd();
+    }
+    for (CThreadContext * const context : contexts)
+    {
+        ULONGLONG const passed = GetTickCount64() - start;
+        DWORD const rest =
+            timeout == INFINITE ? INFINITE : static_cast<DWORD>(timeout - std::min<ULONGLONG>(timeout, passed));
+        if (!context->Terminate(rest, 1))
         {
             sm_bLeftThreads = true;
         }

@@ -6,6 +6,8 @@
 #include "kvx/foundation/ObLookup.h"
 #include "kvx/threads/ThreadContext.h"
 
+#include <deque>
+
 class CValueAccessor;
 
 /// Asking for a thread takes the one that parked last, and makes one if none is parked. Each thread has a description,
@@ -41,10 +43,18 @@ public:
     /// Null on a thread that isn't the pool's.
     static CThreadContext * GetCurrentThreadContext();
     static DWORD GetThreadCtxTLS() { return sm_dwThreadCtxTLS; }
-    /// Ends every thread, with `timeout` milliseconds for each, and kills those that don't.
+    /// Ends every thread but the calling one, and kills those that don't: all are told at once, and each has `timeout`
+    /// milliseconds from then. A thread of the pool that calls this ends behind its job.
     static void TerminateAllThreads(DWORD timeout);
     /// Whether the library shuts down and all threads have been ended or killed: there is nobody left to wait for.
     static bool IsTerminated() { return sm_bTerminated.load(); }
+    /// Waits for an event that a thread of the pool sets. Gives up when there is no such thread any more, and while
+    /// the process exits also after 5 seconds: a job that hangs doesn't hold up the end of a program.
+    static int WaitForThread(CEvent & event, DWORD timeout);
+    /// Gives a job to the next thread that has done its own, for a caller whom BeginThread couldn't give one. It may
+    /// never run.
+    static void BeginThreadLater(CThreadContext::ThreadProc proc, void * param, int priority,
+                                 CString const & description);
 
     /// Whether TerminateAllThreads has left one in the middle of its job: it was killed, or is the one that called.
     static bool HasLeftThreads() { return sm_bLeftThreads.load(); }
@@ -57,10 +67,22 @@ private:
     static DWORD sm_dwThreadCtxTLS;
     static std::atomic<bool> sm_bTerminated;
     static std::atomic<bool> sm_bLeftThreads;
+    static std::atomic<ULONGLONG> sm_nExitTick; // when the process began to exit, if it has
     static CThreadPool sm_instance;
 
-    CObCache m_cache;
+    struct StJob
+    {
+        CThreadContext::ThreadProc proc;
+        void * param;
+        int nPriority;
+        CString strDescription;
+    };
 
-    /// A thread has done its job.
-    static void Park(CThreadContext * context) { sm_instance.m_cache.Return(context); }
+    CObCache m_cache;             // its lock is the deferred jobs' too
+    std::deque<StJob> m_deferred; // wait for a thread
+    std::atomic<bool> m_bDeferred{false};
+
+    static void WatchExit();
+    static bool Start(CThreadContext * context, StJob const & job);
+    static void Park(CThreadContext * context);
 };

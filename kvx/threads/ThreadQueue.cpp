@@ -1,28 +1,21 @@
 #include "kvx/threads/ThreadQueue.h"
 
 #include "kvx/logging/LogManager.h"
+#include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ThreadPool.h"
+#include "kvx/threads/ThreadTie.h"
 
 #include <algorithm>
 #include <array>
+#include <memory>
+#include <typeinfo>
 
-/// Keeps a service thread's entry among the thread ids for as long as it runs.
-struct CThreadQueue::StThreadTracker
+/// One that serves, or is about to. The queue may go while the thread is in a function of the application.
+struct CThreadQueue::StServiceThread : kvx::ThreadTie
 {
-    CThreadQueue * pQueue = nullptr;
+    explicit StServiceThread(CThreadQueue * queue) : pQueue(queue) {}
 
-    StThreadTracker(CThreadQueue * queue, DWORD id)
-    {
-        if (AfxIsValidAddress(queue, sizeof(CThreadQueue), TRUE))
-        {
-            pQueue = queue;
-            pQueue->ChangeThreadSlot(0, id);
-        }
-        else
-        {
-            LogError(_T("StThreadTracker cannot track threads for queue %08x."), queue);
-        }
-    }
+    CThreadQueue * const pQueue;
 };
 
 CThreadQueue::CThreadQueue(ServiceProcType proc, void * param, int maxThreads, int priority, CString const & name)
@@ -41,7 +34,24 @@ void CThreadQueue::Initialize(ServiceProcType proc, void * param, int maxThreads
     m_strName = name;
     m_strThreads.Format(_T("%s (ServiceProc: %08X)"), name.IsEmpty() ? CString(_T("Unnamed ThreadQueue")) : name,
                         &ServiceProc);
-    m_threadIds.assign(static_cast<std::size_t>(std::max(maxThreads, 0)), 0);
+}
+
+CThreadQueue::~CThreadQueue()
+{
+    for (;;)
+    {
+        {
+            CSingleLock guard(*this, TRUE);
+            m_bStopped = true;
+            m_objects.RemoveAll();
+            std::erase_if(m_serviceThreads, [](StServiceThread * thread) { return thread->Cut(); });
+            if (m_serviceThreads.empty() || CThreadPool::IsTerminated())
+            {
+                return;
+            }
+        }
+        Sleep(0); // one is in the queue's own code, for a moment
+    }
 }
 
 CThreadQueue::Added CThreadQueue::Add(CObject * object)
@@ -66,14 +76,10 @@ CThreadQueue::Added CThreadQueue::LockAndAdd(CObject * object)
     return Add(object);
 }
 
-int CThreadQueue::HaveServed(Added added)
-{
-    return added == Added::ThreadDue ? StartServiceThread() : added == Added::Served;
-}
-
 int CThreadQueue::Insert(CObject * object)
 {
-    return HaveServed(LockAndAdd(object));
+    Added const added = LockAndAdd(object);
+    return added == Added::ThreadDue ? StartServiceThread() : added == Added::Served;
 }
 
 int CThreadQueue::InsertOrDelete(CObject * object)
@@ -82,84 +88,177 @@ int CThreadQueue::InsertOrDelete(CObject * object)
     if (added == Added::Refused)
     {
         delete object;
+        return 0;
     }
-    return HaveServed(added);
+    if (added == Added::ThreadDue)
+    {
+        StartServiceThread();
+    }
+    return 1;
 }
 
 /// Without the lock, which the thread wants first of all.
 int CThreadQueue::StartServiceThread()
 {
-    if (CThreadPool::BeginThread(&ServiceProc, this, m_nPriority, m_strThreads))
+    auto fresh = std::make_unique<StServiceThread>(this);
     {
-        return 1; // as far as this thread knows the queue may be gone by now
+        CSingleLock guard(*this, TRUE);
+        m_serviceThreads.push_back(fresh.get());
+    }
+    if (CThreadPool::BeginThread(&ServiceProc, fresh.get(), m_nPriority, m_strThreads))
+    {
+        fresh.release(); // the thread's; and as far as this one knows the queue may be gone by now
+        return 1;
     }
     CSingleLock guard(*this, TRUE);
     if (--m_nThreads == 0 && m_nEnding == 0)
     {
         m_idleEvent.SetEvent(); // no thread runs, and none is due
     }
+    if (m_bDeferred || CKVXBaseApp::IsShuttingDown())
+    {
+        std::erase(m_serviceThreads, fresh.get());
+    }
+    else
+    {
+        m_bDeferred = true;
+        CThreadPool::BeginThreadLater(&DeferredProc, fresh.release(), m_nPriority, m_strThreads);
+    }
     return 0;
 }
 
 unsigned int CThreadQueue::ServiceProc(void * param)
 {
-    auto * const queue = static_cast<CThreadQueue *>(param);
-    DWORD const id = GetCurrentThreadId();
-    StThreadTracker const tracker(queue, id);
-    if (!tracker.pQueue)
+    std::unique_ptr<StServiceThread> const self(static_cast<StServiceThread *>(param));
+    if (!self->Enter())
     {
+        LogError(_T("StThreadTracker cannot track threads for queue %08x."), self->pQueue);
         return ERROR_INVALID_ACCESS;
     }
-    try
-    {
-        queue->ServiceThreadStarting(id);
-    }
-    catch (...)
-    {
-        LogError(_T("CThreadQueue::ServiceProc - Exception in ServiceThreadStarting(%u)"), id);
-    }
-    while (queue->ServeObjects(id) && !queue->MayEnd())
-    {
-    }
-    try
-    {
-        queue->ServiceThreadEnding(id);
-    }
-    catch (...)
-    {
-        LogError(_T("CThreadQueue::ServiceProc - Exception in ServiceThreadEnding(%u)"), id);
-    }
-    queue->EndServiceThread(id);
+    self->pQueue->Run(*self);
     return 0;
 }
 
-/// False if the loop itself failed, which ends the thread.
-bool CThreadQueue::ServeObjects(DWORD id)
+/// The same on a thread that came late: there may be nothing left to do.
+unsigned int CThreadQueue::DeferredProc(void * param)
 {
+    std::unique_ptr<StServiceThread> const self(static_cast<StServiceThread *>(param));
+    if (self->Enter() && self->pQueue->TakeUpService(*self))
+    {
+        self->pQueue->Run(*self);
+    }
+    return 0;
+}
+
+bool CThreadQueue::TakeUpService(StServiceThread & self)
+{
+    CSingleLock guard(*this, TRUE);
+    m_bDeferred = false;
+    if (m_objects.IsEmpty() || m_nThreads >= m_nMaxThreads)
+    {
+        std::erase(m_serviceThreads, &self);
+        return false;
+    }
+    m_idleEvent.ResetEvent();
+    ++m_nThreads;
+    return true;
+}
+
+/// Entered by its thread; whenever that comes back from a function of the application, the queue may have gone.
+void CThreadQueue::Run(StServiceThread & self)
+{
+    self.SetThread(GetCurrentThreadId());
+    if (m_bTrace)
+    {
+        LogInfo(_T("CThreadQueue adding service thread %04d."), self.GetThreadId());
+    }
+    if (!CallHook(self, &CThreadQueue::ServiceThreadStarting, _T("ServiceThreadStarting")) || !ServeObjects(self) ||
+        !CallHook(self, &CThreadQueue::ServiceThreadEnding, _T("ServiceThreadEnding")))
+    {
+        return;
+    }
+    if (m_bTrace)
+    {
+        LogInfo(_T("CThreadQueue ending service thread %04d."), self.GetThreadId());
+    }
+    Forget(self);
+}
+
+/// False if the queue has gone.
+bool CThreadQueue::CallHook(StServiceThread & self, void (CThreadQueue::*hook)(DWORD), LPCTSTR name)
+{
+    if (typeid(*this) == typeid(CThreadQueue))
+    {
+        return true; // its own are empty
+    }
+    DWORD const id = self.GetThreadId();
+    LPCTSTR const text = _T("CThreadQueue::ServiceProc - Exception in %s(%u)");
+    self.Leave();
     try
     {
-        while (GetObjectCount() != 0)
-        {
-            if (CObject * const object = PopNextObject())
-            {
-                ServeObject(object, id);
-            }
-        }
-        return true;
+        (this->*hook)(id);
+    }
+    catch (CException * failure)
+    {
+        failure->Delete();
+        LogError(text, name, id);
     }
     catch (...)
     {
-        LogError(_T("CThreadQueue::Unhandled exception in thread 0x%08X (pQueue=0x%08X)"), id, this);
+        LogError(text, name, id);
     }
-    LeaveService();
-    return false;
+    return self.Enter();
 }
 
-void CThreadQueue::ServeObject(CObject * object, DWORD id)
+/// False if the queue has gone.
+bool CThreadQueue::ServeObjects(StServiceThread & self)
 {
+    LPCTSTR const text = _T("CThreadQueue::Unhandled exception in thread 0x%08X (pQueue=0x%08X)");
     try
     {
-        Service(object, m_pServiceParam);
+        do
+        {
+            while (GetObjectCount() != 0)
+            {
+                if (CObject * const object = PopNextObject(); object && !ServeObject(object, self))
+                {
+                    return false;
+                }
+            }
+        } while (!MayEnd());
+        return true;
+    }
+    catch (CException * failure)
+    {
+        failure->Delete();
+        LogError(text, self.GetThreadId(), this);
+    }
+    catch (...)
+    {
+        LogError(text, self.GetThreadId(), this);
+    }
+    LeaveService();
+    return true;
+}
+
+/// False if the queue has gone.
+bool CThreadQueue::ServeObject(CObject * object, StServiceThread & self)
+{
+    DWORD const id = self.GetThreadId();
+    ServiceProcType const proc = m_pServiceProc;
+    void * const param = m_pServiceParam;
+    bool const bPlain = typeid(*this) == typeid(CThreadQueue); // then nothing of the queue is needed from here on
+    self.Leave();
+    try
+    {
+        if (!bPlain)
+        {
+            Service(object, param);
+        }
+        else if (proc)
+        {
+            proc(object, param);
+        }
     }
     catch (CException * failure)
     {
@@ -172,16 +271,17 @@ void CThreadQueue::ServeObject(CObject * object, DWORD id)
     catch (...)
     {
         LogError(_T("CThreadQueue::Unhandled exception in thread 0x%08X. error 0x%08X pService=%x"), id, GetLastError(),
-                 m_pServiceProc);
+                 proc);
     }
+    return self.Enter();
 }
 
-/// A service thread has found the queue empty. False if an object came in since, which nobody else would serve before
-/// the next Insert. From a true result on, Insert no longer counts on this thread.
+/// A service thread has found the queue empty. False if an object came in since, which nobody else may serve before the
+/// next Insert. From a true result on, Insert no longer counts on this thread.
 bool CThreadQueue::MayEnd()
 {
     CSingleLock guard(*this, TRUE);
-    if (!m_objects.IsEmpty() && m_nThreads >= m_nMaxThreads)
+    if (!m_objects.IsEmpty())
     {
         return false;
     }
@@ -197,34 +297,14 @@ void CThreadQueue::LeaveService()
 }
 
 /// The last thing that a service thread does with the queue.
-void CThreadQueue::EndServiceThread(DWORD id)
+void CThreadQueue::Forget(StServiceThread & self)
 {
     CSingleLock guard(*this, TRUE);
-    ChangeThreadSlot(id, 0);
+    std::erase(m_serviceThreads, &self);
     if (--m_nEnding == 0 && m_nThreads == 0)
     {
         m_idleEvent.SetEvent();
     }
-}
-
-bool CThreadQueue::ChangeThreadSlot(DWORD old, DWORD fresh)
-{
-    CSingleLock guard(*this, TRUE);
-    auto const slot = std::ranges::find(m_threadIds, old);
-    if (slot == m_threadIds.end())
-    {
-        return false;
-    }
-    *slot = fresh;
-    if (m_bTrace && old != 0)
-    {
-        LogInfo(_T("CThreadQueue ending service thread %04d."), old);
-    }
-    if (m_bTrace && fresh != 0)
-    {
-        LogInfo(_T("CThreadQueue adding service thread %04d."), fresh);
-    }
-    return true;
 }
 
 int CThreadQueue::Stop(int wait, int deleteObjects)
@@ -246,7 +326,7 @@ int CThreadQueue::Stop(int wait, int deleteObjects)
 
 int CThreadQueue::WaitForIdle(DWORD timeout)
 {
-    if (!m_idleEvent.Lock(timeout))
+    if (IsServiceThread() || !CThreadPool::WaitForThread(m_idleEvent, timeout))
     {
         return 0;
     }
@@ -265,7 +345,8 @@ int CThreadQueue::IsStopped() const
 int CThreadQueue::IsServiceThread() const
 {
     CSingleLock guard(*this, TRUE);
-    return std::ranges::find(m_threadIds, GetCurrentThreadId()) != m_threadIds.end();
+    return std::ranges::find(m_serviceThreads, GetCurrentThreadId(), &StServiceThread::GetThreadId) !=
+           m_serviceThreads.end();
 }
 
 int CThreadQueue::GetObjectCount() const

@@ -13,7 +13,11 @@
 /// The queue doesn't own its objects except through Stop: the service procedure owns what it receives. An exception of
 /// the procedure goes to the log, and the next object is served.
 ///
-/// The owner stops the queue, and waits, before it destroys it.
+/// The owner stops the queue, and waits, before it destroys it. A queue that goes before lets go of what waits, and the
+/// threads leave it behind the object that they are serving: so a program may end whatever its queues are doing.
+///
+/// No thread to be had means that the system gives none. What waits then is served as soon as a later Insert can have
+/// one, or another thread of the pool has done its job. Nothing limits the number of objects that wait.
 /// Threads: Insert, Stop and the waits may be called from any thread.
 class KVX_API CThreadQueue : public CLockable
 {
@@ -23,7 +27,7 @@ public:
     CThreadQueue(ServiceProcType proc, void * param, int maxThreads, int priority, CString const & name);
     CThreadQueue(CThreadQueue const &) = delete;
     CThreadQueue & operator=(CThreadQueue const &) = delete;
-    ~CThreadQueue() override = default;
+    ~CThreadQueue() override;
 
     /// Replaces the five values; for a queue that is idle.
     void Initialize(ServiceProcType proc, void * param, int maxThreads, int priority, CString const & name);
@@ -32,10 +36,11 @@ public:
     /// stays with the caller; also 0 if no thread could be had, and then the object stays in the queue for a later one.
     virtual int Insert(CObject * object);
     /// Takes the queue out of use for ever. Objects that wait are deleted, or let go of with `deleteObjects` 0. With
-    /// `wait` it returns when no service thread runs any more, else at once with 1.
+    /// `wait` it returns when no service thread runs any more, as WaitForIdle does, else at once with 1.
     virtual int Stop(int wait, int deleteObjects);
 
-    /// Non-zero when no service thread runs within `timeout` milliseconds; the list isn't looked at.
+    /// Non-zero when no service thread runs within `timeout` milliseconds; the list isn't looked at. 0 at once on a
+    /// service thread of this queue, and when the pool's threads have been killed; see CThreadPool::WaitForThread.
     int WaitForIdle(DWORD timeout);
     int IsIdle() { return WaitForIdle(0); }
     int IsStopped() const;
@@ -49,7 +54,8 @@ public:
     void * GetServiceParam() const { return m_pServiceParam; }
     void SetServiceParam(void * param) { m_pServiceParam = param; }
 
-    /// Inserts, and deletes an object that a stopped queue doesn't take; the result of Insert.
+    /// Inserts, and deletes an object that a stopped queue doesn't take. 0 means exactly that the object is gone; with
+    /// 1 it is the queue's, and will be served, or deleted by Stop, also if no thread could be had yet.
     int InsertOrDelete(CObject * object);
 
 protected:
@@ -71,7 +77,7 @@ protected:
     virtual void ServiceThreadEnding(DWORD) {}
 
 private:
-    struct StThreadTracker;
+    struct StServiceThread;
 
     ServiceProcType m_pServiceProc = nullptr;
     void * m_pServiceParam = nullptr;
@@ -84,16 +90,19 @@ private:
     CString m_strThreads; // the description of the service threads
     CEvent m_idleEvent;
     CObList m_objects{10};
-    std::vector<DWORD> m_threadIds; // one slot per thread, 0 when it is free
+    std::vector<StServiceThread *> m_serviceThreads; // each its own thread's
+    bool m_bDeferred = false;                        // one of them waits for a thread
     bool m_bTrace = false;
 
     Added LockAndAdd(CObject * object);
-    int HaveServed(Added added);
-    static unsigned int ServiceProc(void * queue);
-    bool ServeObjects(DWORD threadId);
-    void ServeObject(CObject * object, DWORD threadId);
-    bool ChangeThreadSlot(DWORD old, DWORD fresh);
+    static unsigned int ServiceProc(void * serviceThread);
+    static unsigned int DeferredProc(void * serviceThread);
+    bool TakeUpService(StServiceThread & self);
+    void Run(StServiceThread & self);
+    bool CallHook(StServiceThread & self, void (CThreadQueue::*hook)(DWORD), LPCTSTR name);
+    bool ServeObjects(StServiceThread & self);
+    bool ServeObject(CObject * object, StServiceThread & self);
     bool MayEnd();
     void LeaveService();
-    void EndServiceThread(DWORD threadId);
+    void Forget(StServiceThread & self);
 };

@@ -1,8 +1,11 @@
 #include "kvx/threads/TimerQueue.h"
 
+#include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ThreadPool.h"
+#include "kvx/threads/ThreadTie.h"
 #include "kvx/threads/TimerWheel.h"
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <limits>
@@ -20,6 +23,7 @@ public:
 namespace
 {
 constexpr std::size_t FIRST_BLOCK = 16; // timers
+constexpr DWORD CLOCK_LOOK = 250;       // milliseconds until a change of the clock is noticed
 
 /// The difference of an overdue time wraps round, beyond any delay.
 DWORD Distance(ULONGLONG now, ULONGLONG time)
@@ -29,17 +33,38 @@ DWORD Distance(ULONGLONG now, ULONGLONG time)
 }
 } // namespace
 
-CTimerQueue::CTimerQueue() : m_pWheel(std::make_unique<kvx::TimerWheel>()) {}
+struct CTimerQueue::StThread
+{
+    CTimerQueue * pQueue;
+    std::shared_ptr<kvx::ThreadTie> pTie;
+    bool bDeferred;
+};
+
+CTimerQueue::CTimerQueue() : CTimerQueue([] { return GetTickCount().QuadPart; }) {}
+
+CTimerQueue::CTimerQueue(ClockProc clock) : m_pClock(clock), m_pWheel(std::make_unique<kvx::TimerWheel>()) {}
 
 CTimerQueue::~CTimerQueue()
 {
     DeleteAllTimers();
-    // A thread that the library's shutdown has killed never says that it is gone.
-    constexpr DWORD LOOK = 50; // milliseconds
-    while (!m_idleEvent.Lock(LOOK) && !CThreadPool::IsTerminated())
+    std::array<std::shared_ptr<kvx::ThreadTie>, 2> threads;
     {
+        CSingleLock guard(*this, TRUE);
+        threads = {m_pThread, m_pDeferred};
     }
-    CSingleLock guard(*this, TRUE); // the thread said so under the lock, and must be out of there
+    if (threads[0] && threads[0]->GetThreadId() != GetCurrentThreadId())
+    {
+        CThreadPool::WaitForThread(m_idleEvent, INFINITE);
+    }
+    // A function that doesn't come to its end, or is what destroys the queue, finds it gone.
+    for (std::shared_ptr<kvx::ThreadTie> const & thread : threads)
+    {
+        while (thread && !thread->Cut() && !CThreadPool::IsTerminated())
+        {
+            Sleep(0);
+        }
+    }
+    CSingleLock guard(*this, TRUE); // the thread left under the lock, and must be out of there
 }
 
 ULARGE_INTEGER CTimerQueue::GetTickCount()
@@ -154,7 +179,7 @@ void CTimerQueue::RemoveTimer(CTimer * timer)
 
 void CTimerQueue::InsertTimer(CTimer * timer, DWORD delay)
 {
-    ULONGLONG const now = GetTickCount().QuadPart;
+    ULONGLONG const now = m_pClock();
     timer->nDue = now + delay;
     timer->m_bWaits = true;
     m_pWheel->Insert(*timer, now);
@@ -170,35 +195,78 @@ void CTimerQueue::InsertTimer(CTimer * timer, DWORD delay)
 
 void CTimerQueue::StartThread()
 {
-    auto const proc = [](void * queue) -> unsigned int { return TimerProc(static_cast<CTimerQueue *>(queue)); };
     CString text;
     text.Format(_T("TimerQueue::TimerProc: %X"), &CTimerQueue::TimerProc);
+    auto share = std::make_unique<StThread>(StThread{this, std::make_shared<kvx::ThreadTie>(), false});
+    m_pThread = share->pTie;
     m_idleEvent.ResetEvent();
-    m_pThread = CThreadPool::BeginThread(proc, this, 0, text);
-    if (!m_pThread)
+    if (CThreadPool::BeginThread(&ThreadProc, share.get(), 0, text))
     {
-        m_idleEvent.SetEvent();
+        share.release(); // the thread's
+        return;
     }
+    m_pThread = nullptr;
+    m_idleEvent.SetEvent();
+    if (!m_pDeferred && !CKVXBaseApp::IsShuttingDown())
+    {
+        m_pDeferred = share->pTie;
+        share->bDeferred = true;
+        CThreadPool::BeginThreadLater(&ThreadProc, share.release(), 0, text);
+    }
+}
+
+unsigned int CTimerQueue::ThreadProc(void * param)
+{
+    std::unique_ptr<StThread> const share(static_cast<StThread *>(param));
+    if (!share->pTie->Enter() || (share->bDeferred && !share->pQueue->TakeUpService(share->pTie)))
+    {
+        return 0;
+    }
+    share->pTie->SetThread(GetCurrentThreadId());
+    return TimerProc(share->pQueue);
+}
+
+/// A thread that came late. False if there is nothing left to do.
+bool CTimerQueue::TakeUpService(std::shared_ptr<kvx::ThreadTie> const & tie)
+{
+    CSingleLock guard(*this, TRUE);
+    m_pDeferred = nullptr;
+    if (m_pThread || m_pWheel->IsEmpty())
+    {
+        tie->Leave();
+        return false;
+    }
+    m_pThread = tie;
+    m_idleEvent.ResetEvent();
+    return true;
 }
 
 unsigned int CTimerQueue::TimerProc(CTimerQueue * queue)
 {
-    CThreadContext * const context = CThreadPool::GetContextFromThreadId(static_cast<DWORD>(-1));
+    CThreadContext * const context = CThreadPool::GetCurrentThreadContext();
     CSingleLock guard(*queue, TRUE);
-    while (context && !queue->m_pWheel->IsEmpty() && queue->ServeTimer(guard, context->GetActiveHandle()))
+    kvx::ThreadTie & tie = *queue->m_pThread;
+    Served served = Served::On;
+    while (context && served == Served::On && !queue->m_pWheel->IsEmpty())
     {
+        served = queue->ServeTimer(guard, tie, context->GetActiveHandle());
+    }
+    if (served == Served::QueueGone)
+    {
+        return 0;
     }
     // Under the lock that has shown an empty list: the next timer starts the next thread.
     DWORD const error = context ? GetLastError() : static_cast<DWORD>(-1);
     queue->m_pThread = nullptr;
     queue->m_idleEvent.SetEvent();
+    tie.Leave();
     return error;
 }
 
-/// Runs the first timer if it is due, else waits until it is or the list changes. False when the thread is told to end.
-bool CTimerQueue::ServeTimer(CSingleLock & guard, HANDLE endEvent)
+/// Runs the first timer if it is due, else waits until it is or the list changes.
+CTimerQueue::Served CTimerQueue::ServeTimer(CSingleLock & guard, kvx::ThreadTie & tie, HANDLE endEvent)
 {
-    ULONGLONG const now = GetTickCount().QuadPart;
+    ULONGLONG const now = m_pClock();
     ULONGLONG next = 0;
     kvx::TimerEntry * first = m_pWheel->GetFirst(now, next);
     if (!first && Distance(now, next) == 0)
@@ -207,24 +275,28 @@ bool CTimerQueue::ServeTimer(CSingleLock & guard, HANDLE endEvent)
         first = m_pWheel->GetFirst(std::numeric_limits<ULONGLONG>::max(), next);
     }
     auto * const timer = static_cast<CTimer *>(first);
-    if (DWORD const wait = timer ? CalcWaitTime(timer) : Distance(now, next))
+    if (DWORD const wait = Distance(now, timer ? timer->nDue : next))
     {
         m_nWaitsUntil = now + wait;
         guard.Unlock();
         std::array<HANDLE, 2> const handles{endEvent, m_wakeEvent};
-        DWORD const woken = WaitForMultipleObjects(2, handles.data(), FALSE, wait);
+        // Waits run on the steady clock, which knows nothing of a change of the other one.
+        DWORD const woken = WaitForMultipleObjects(2, handles.data(), FALSE, std::min(wait, CLOCK_LOOK));
         m_wakeEvent.ResetEvent();
         guard.Lock();
         m_nWaitsUntil = 0;
-        return woken != WAIT_OBJECT_0 && woken != WAIT_FAILED;
+        return woken != WAIT_OBJECT_0 && woken != WAIT_FAILED ? Served::On : Served::ToldToEnd;
     }
     RemoveTimer(timer);
+    TimerFunction const function = timer->m_pFunction;
+    void * const param = timer->m_pParam;
     guard.Unlock();
+    tie.Leave();
     try
     {
-        if (timer->m_pFunction)
+        if (function)
         {
-            timer->m_pFunction(timer->m_pParam);
+            function(param);
         }
     }
     catch (CException * failure)
@@ -234,7 +306,11 @@ bool CTimerQueue::ServeTimer(CSingleLock & guard, HANDLE endEvent)
     catch (...)
     {
     }
+    if (!tie.Enter())
+    {
+        return Served::QueueGone;
+    }
     guard.Lock();
     MakeFree(timer);
-    return true;
+    return Served::On;
 }

@@ -6,6 +6,19 @@
 
 #include <gtest/gtest.h>
 
+namespace
+{
+CString Deep(int levels, LPCTSTR level)
+{
+    CString path;
+    for (int i = 0; i < levels; ++i)
+    {
+        path += level;
+    }
+    return path;
+}
+} // namespace
+
 TEST(DictionaryTree, PathsCreateOnlyForWriters)
 {
     CDictionaryTree tree(_T("name"), _T("."));
@@ -31,17 +44,24 @@ TEST(DictionaryTree, PathsCreateOnlyForWriters)
     EXPECT_TRUE(tree[_T("a.b")].HasValue(_T("stays")) && !tree[_T("a.b")].HasValue(_T("v")));
 
     // A path as long as a text may be is no way to end the process.
-    CString path;
-    for (int i = 0; i < 100'000; ++i)
-    {
-        path += _T("x.");
-    }
+    CString const path = Deep(100'000, _T("x."));
     tree.SetValue(_T("v"), 7, path);
     CDictionaryTree copy = tree;
     tree.RemoveAll();
     EXPECT_EQ(tree.GetChildCount(), 0);
     EXPECT_EQ(tree.GetValue(_T("v")), _T("1"));
     EXPECT_EQ(copy.GetName() + copy.GetValue(_T("stays"), _T("a.b")) + copy.GetValue(_T("v"), path), _T("name17"));
+}
+
+TEST(DictionaryTree, ABranchAndItsTreeCopyEachOther)
+{
+    CDictionaryTree tree;
+    tree.SetValue(_T("v"), 1, _T("a\\b\\c"));
+    tree.SetValue(_T("r"), 2);
+    *tree.FindChild(_T("a\\b")) = tree;
+    EXPECT_EQ(tree.GetValue(_T("v"), _T("a\\b\\a\\b\\c")) + tree.GetValue(_T("r"), _T("a\\b")), _T("12"));
+    tree = *tree.FindChild(_T("a\\b\\a"));
+    EXPECT_EQ(tree.GetValue(_T("v"), _T("b\\c")) + tree.GetValue(_T("r")), _T("1"));
 }
 
 namespace
@@ -107,6 +127,19 @@ TEST(DictionaryTree, ArchivesAreReadWithCare)
     {
         EXPECT_EQ(Load(loaded, bytes.substr(0, length)), CArchiveException::endOfFile) << length;
     }
+
+    // What can be stored can be loaded: both ends have one limit.
+    constexpr int DEEPEST = 1000;
+    CString const path = Deep(DEEPEST, _T("x\\"));
+    CDictionaryTree deep;
+    deep.SetValue(_T("v"), 1, path);
+    Output deepest;
+    deep.Serialize(deepest.archive);
+    EXPECT_EQ(Load(loaded, deepest.GetBytes()), 0);
+    EXPECT_EQ(loaded.GetValue(_T("v"), path), _T("1"));
+    deep.SetValue(_T("v"), 1, path + _T("x"));
+    Output deeper;
+    EXPECT_EQ(CauseOf([&] { deep.Serialize(deeper.archive); }), CArchiveException::genericException);
 
     constexpr WORD SAME_CLASS = 0x8001;
     EXPECT_EQ(Load(loaded, WithSecond(_T("b"), SAME_CLASS, false)), 0);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -17,10 +18,8 @@ public:
     void FromString(CString const &) override {}
 };
 
-CString Listed(LPCTSTR text)
+CString Walk(CAttributeSet const & values)
 {
-    CAttributeSet values;
-    values.FromString(CString(text));
     CString out;
     CString name;
     CString value;
@@ -32,10 +31,21 @@ CString Listed(LPCTSTR text)
     return out;
 }
 
+CString Listed(LPCTSTR text)
+{
+    CAttributeSet values;
+    values.FromString(CString(text));
+    return Walk(values);
+}
+
 double Number(LPCTSTR text)
 {
     return CStringValue(text);
 }
+
+template <class... T>
+constexpr bool MAY_HOLD = ((std::is_constructible_v<CStringValue, T const &> &&
+                            std::is_assignable_v<CStringValue &, T const &>)&&...);
 } // namespace
 
 TEST(Value, NumbersAreWrittenSigned)
@@ -54,6 +64,20 @@ TEST(Value, NumbersAreWrittenSigned)
     EXPECT_EQ(static_cast<int>(value), INT_MIN);
     value = INT64_MIN;
     EXPECT_EQ(static_cast<std::int64_t>(value), INT64_MIN);
+    enum
+    {
+        COUNT = 300
+    };
+    enum class Scoped
+    {
+        One
+    };
+    value = COUNT;
+    EXPECT_EQ(value + CStringValue(COUNT), _T("300300"));
+    EXPECT_EQ(CStringValue('A') + CStringValue(0.5f), _T("650.500000"));
+    static_assert(MAY_HOLD<LPCTSTR, CString, bool, char, long, float, long double>);
+    static_assert(!MAY_HOLD<char16_t> && !MAY_HOLD<wchar_t> && !MAY_HOLD<char8_t> && !MAY_HOLD<char32_t>);
+    static_assert(!MAY_HOLD<Scoped> && !MAY_HOLD<std::atomic<int>> && !MAY_HOLD<void *>);
 }
 
 TEST(Value, ReadingStopsAtWhatIsNoNumber)
@@ -100,6 +124,30 @@ TEST(Value, BuffersAreRawUnits)
     value.FromBuffer(nullptr, 0);
     EXPECT_TRUE(value.IsEmpty());
     EXPECT_EQ(value.ToBuffer(bytes.data(), 8), 0u);
+    for (int const length : {4, 400})
+    {
+        value = CString(_T('a'), length) + _T("bc");
+        CString const before = value;
+        value.FromBuffer(value.GetString() + 1, static_cast<DWORD>(2 * length + 2)); // its own text, shared
+        EXPECT_EQ(value, before.Mid(1));
+        value.FromBuffer(value.GetString() + length - 1, 4); // and not
+        EXPECT_EQ(value, _T("bc"));
+    }
+}
+
+TEST(ValueSet, ItsOwnTextsMayBeArguments)
+{
+    CAttributeSet values;
+    values[_T("a")] = _T("a");
+    values[_T("old")] = _T("a name that is longer than any that is kept in place");
+    values[_T("text")] = _T("text=1 other=2");
+    EXPECT_TRUE(values.RemoveValue(values[_T("a")]) && values.RenameValue(_T("old"), values[_T("old")]));
+    values.FromString(values[_T("text")]);
+    values.ToString(values[_T("other")], 0, _T(","));
+    EXPECT_EQ(Walk(values),
+              _T("[text|1][a name that is longer than any that is kept in place|a name that is longer than ")
+              _T("any that is kept in place][other|text=1,a name that is longer than any that is kept in ")
+              _T("place=\"a name that is longer than any that is kept in place\",other=2]"));
 }
 
 TEST(ValueSet, ReadsPairs)

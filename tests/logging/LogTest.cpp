@@ -1,9 +1,13 @@
+#include "tests/platform/mfc/Raised.h"
+#include "tests/support/Patience.h"
+
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgRequest.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -14,8 +18,6 @@
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds
-
 std::mutex g_lock;
 
 /// Keeps what it gets. The manager owns and deletes sinks, so the lines are kept outside.
@@ -57,6 +59,18 @@ public:
 private:
     std::unique_ptr<SINK> m_sink;
 };
+
+std::filesystem::path TempFile()
+{
+    return std::filesystem::temp_directory_path() / ("kvx-log-" + std::to_string(GetCurrentProcessId()));
+}
+
+std::string ReadFile(std::filesystem::path const & path)
+{
+    std::stringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
 
 std::vector<std::string> WaitForLines(std::vector<std::string> & lines, std::size_t count)
 {
@@ -113,9 +127,8 @@ TEST(Log, FormatsThatCantBeCarriedOutAreLogged)
 
 TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
 {
-    auto const path = std::filesystem::temp_directory_path() / ("kvx-log-" + std::to_string(GetCurrentProcessId()));
+    auto const path = TempFile();
     CString const name = kvx::FromUtf8(path.string());
-    std::ofstream(path) << "old\n";
     constexpr int THREADS = 4;
     constexpr int EACH = 500;
     std::vector<std::string> seen;
@@ -141,8 +154,7 @@ TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
         }
         ASSERT_EQ(WaitForLines(seen, THREADS * EACH).size(), std::size_t{THREADS * EACH});
     }
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
+    std::istringstream text(ReadFile(path));
     std::filesystem::remove(path);
     std::vector<std::string> lines;
     for (std::string line; std::getline(text, line);)
@@ -164,21 +176,41 @@ TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
     }
 }
 
+TEST(Log, SeveralWritersOfOneFileLoseNothing)
+{
+    auto const path = TempFile();
+    CLogEvent event;
+    event.m_strBuilt = _T("line");
+    std::ofstream(path) << "old\n";
+    {
+        CString const name = kvx::FromUtf8(path.string());
+        CFileLog first(name, 0, LOG_ALL);
+        CFileLog second(name, 0, LOG_ALL); // as another process would
+        for (CFileLog * const log : {&first, &second, &first})
+        {
+            log->Append(&event);
+        }
+        EXPECT_EQ(ReadFile(path), "old\nline\r\nline\r\nline\r\n");
+        CFileLog emptied(name, 1, LOG_ALL);
+        first.Append(&event);
+    }
+    EXPECT_EQ(ReadFile(path), "line\r\n");
+    std::filesystem::remove(path);
+    EXPECT_EQ(CauseOf([&] { CFileLog(_T("/no/such/folder/x"), 0, LOG_ALL).Append(&event); }),
+              CFileException::invalidFile);
+}
+
 TEST(Log, TypesHaveTheirLetters)
 {
     SYSTEMTIME const time{2026, 1, 0, 31, 23, 59, 8, 7};
     CString line;
     CLogSink::BuildText(line, time, LOG_VERBOSE, _T("text"), _T("!"));
     EXPECT_EQ(line, _T("2026-01-31 23:59:08.007 (V) text!"));
-    EXPECT_EQ(CLogSink::GetTypeChar(1), 'I');
-    EXPECT_EQ(CLogSink::GetTypeChar(2), 'W');
-    EXPECT_EQ(CLogSink::GetTypeChar(4), 'E');
-    EXPECT_EQ(CLogSink::GetTypeChar(8), 'I');
-    EXPECT_EQ(CLogSink::GetTypeChar(5), 'I');
+    EXPECT_EQ(CLogSink::GetTypeChar(LOG_WARNING | LOG_ERROR), 'I');
 }
 
-// There is no way back from Terminate: it runs in a process of its own.
-TEST(LogDeathTest, TerminateSilencesTheLog)
+// There is no way back: these run in processes of their own.
+TEST(LogDeathTest, TerminateSilencesTheLogAndExitWritesWhatIsQueued)
 {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(
@@ -193,4 +225,17 @@ TEST(LogDeathTest, TerminateSilencesTheLog)
             std::_Exit(bBefore && lines.size() == 1 ? 3 : 4);
         },
         testing::ExitedWithCode(3), "");
+    auto const path = std::filesystem::temp_directory_path() / "kvx-log-exit";
+    EXPECT_EXIT(
+        {
+            CLogManager::GetInstance()->RegisterSink(new CFileLog(kvx::FromUtf8(path.string()), 1, LOG_ALL), 1);
+            for (int i = 0; i < 1000; ++i)
+            {
+                LogInfo(_T("queued"));
+            }
+            std::exit(3);
+        },
+        testing::ExitedWithCode(3), "");
+    EXPECT_EQ(std::ranges::count(ReadFile(path), '\n'), 1000);
+    std::filesystem::remove(path);
 }

@@ -1,5 +1,6 @@
 #include "tests/support/Patience.h"
 
+#include "kvx/foundation/AppException.h"
 #include "kvx/threads/EventWatcher.h"
 #include "kvx/threads/ThreadPool.h"
 
@@ -18,15 +19,7 @@ struct Seen
 {
     CCriticalSection lock;
     std::map<INT_PTR, int> calls;
-    DWORD nThreadId = 0;
-    CEvent called;
 
-    void Reset()
-    {
-        CSingleLock guard(&lock, TRUE);
-        calls.clear();
-        called.ResetEvent();
-    }
     int Count(INT_PTR param)
     {
         CSingleLock guard(&lock, TRUE);
@@ -34,14 +27,12 @@ struct Seen
     }
     bool WaitFor(INT_PTR param, int count)
     {
-        while (Count(param) < count)
+        DWORD waited = 0;
+        for (; Count(param) < count && waited < PATIENCE; ++waited)
         {
-            if (!called.Lock(PATIENCE))
-            {
-                return false;
-            }
+            Sleep(1);
         }
-        return true;
+        return waited < PATIENCE;
     }
 } g_seen;
 
@@ -49,8 +40,6 @@ void OnEvent(void *, void * param)
 {
     CSingleLock guard(&g_seen.lock, TRUE);
     ++g_seen.calls[reinterpret_cast<INT_PTR>(param)];
-    g_seen.nThreadId = GetCurrentThreadId();
-    g_seen.called.SetEvent();
 }
 
 void * Param(INT_PTR number)
@@ -61,43 +50,59 @@ void * Param(INT_PTR number)
 class EventWatcher : public testing::Test
 {
 protected:
-    EventWatcher() { g_seen.Reset(); }
+    EventWatcher() { g_seen.calls.clear(); }
 
     int Insert(CEventWatcher & watcher, CEvent & event, INT_PTR param) { return watcher.Insert(event, Param(param)); }
+};
+
+/// A function that stays until it is told to go on.
+CEvent g_entered;
+CEvent g_go;
+
+void Hold(void * handle, void * param)
+{
+    OnEvent(handle, param);
+    if (param == Param(1))
+    {
+        g_entered.SetEvent();
+        g_go.Lock(PATIENCE);
+    }
+}
+
+struct EventList : std::vector<std::unique_ptr<CEvent>>
+{
+    EventList(CEventWatcher & watcher, int count)
+    {
+        for (int i = 0; i < count; ++i)
+        {
+            push_back(std::make_unique<CEvent>(FALSE, i % 2)); // also such as reset themselves
+            EXPECT_TRUE(watcher.Insert(*back(), Param(i)));
+        }
+    }
+    CEvent & operator()(int i) { return *at(static_cast<std::size_t>(i)); }
 };
 } // namespace
 
 TEST_F(EventWatcher, TellsErrors)
 {
-    CEventWatcher idle;
     CEvent event(FALSE, TRUE);
-    SetLastError(5);
-    EXPECT_FALSE(idle.Insert(event, nullptr)); // no function
-    EXPECT_EQ(GetLastError(), 0u);
-
-    CEventWatcher watcher(&OnEvent);
-    EXPECT_FALSE(watcher.Insert(nullptr, nullptr));
-    EXPECT_EQ(GetLastError(), 6u);
-    EXPECT_TRUE(watcher.Insert(event, nullptr));
-    EXPECT_FALSE(watcher.Insert(event, nullptr));
-    EXPECT_EQ(GetLastError(), 5010u);
     CEvent other(FALSE, TRUE);
-    EXPECT_FALSE(watcher.Remove(other));
-    EXPECT_EQ(GetLastError(), 1168u);
-    EXPECT_FALSE(watcher.Remove(nullptr));
-    EXPECT_EQ(GetLastError(), 6u);
-    EXPECT_FALSE(watcher.ReplaceKey(event, event));
-    EXPECT_EQ(GetLastError(), 6u);
     CEvent third(FALSE, TRUE);
-    EXPECT_FALSE(watcher.ReplaceKey(other, third));
-    EXPECT_EQ(GetLastError(), 1168u);
-    EXPECT_TRUE(watcher.Insert(other, nullptr));
-    EXPECT_FALSE(watcher.ReplaceKey(other, event));
-    EXPECT_EQ(GetLastError(), 6u);
-    EXPECT_TRUE(watcher.Remove(event));
+    SetLastError(5);
+    EXPECT_FALSE(CEventWatcher().Insert(event, nullptr)); // no function
+    EXPECT_EQ(GetLastError(), 0u);
+    CEventWatcher watcher(&OnEvent);
     EXPECT_TRUE(watcher.Insert(event, nullptr));
-    watcher.ShutDown();
-    EXPECT_FALSE(watcher.Insert(third, nullptr));
+    auto const fails = [](int result, DWORD error) { EXPECT_TRUE(!result && GetLastError() == error) << error; };
+    fails(watcher.Insert(nullptr, nullptr), ERROR_INVALID_HANDLE);
+    fails(watcher.Insert(event, nullptr), ERROR_OBJECT_ALREADY_EXISTS);
+    fails(watcher.Remove(other), ERROR_NOT_FOUND);
+    fails(watcher.Remove(nullptr), ERROR_INVALID_HANDLE);
+    fails(watcher.ReplaceKey(event, event), ERROR_INVALID_HANDLE);
+    fails(watcher.ReplaceKey(other, third), ERROR_NOT_FOUND);
+    EXPECT_TRUE(watcher.Insert(other, nullptr));
+    fails(watcher.ReplaceKey(other, event), ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(watcher.Remove(event) && watcher.Insert(event, nullptr));
 }
 
 TEST_F(EventWatcher, CallsForEachSignalOverSeveralSetsAndKinds)
@@ -106,30 +111,47 @@ TEST_F(EventWatcher, CallsForEachSignalOverSeveralSetsAndKinds)
     for (DWORD const flags : {DWORD{0}, CEventWatcher::FLAG_IMMEDIATE_PROCESSING, CEventWatcher::FLAG_ON_WAIT_THREAD,
                               CEventWatcher::FLAG_ON_WAIT_THREAD | CEventWatcher::FLAG_IMMEDIATE_PROCESSING})
     {
-        g_seen.Reset();
+        g_seen.calls.clear();
         CEventWatcher watcher(&OnEvent, 0, 2);
         watcher.SetFlags(flags);
-        std::vector<std::unique_ptr<CEvent>> events;
-        for (int i = 0; i < HANDLES; ++i)
-        {
-            events.push_back(std::make_unique<CEvent>(FALSE, i % 2)); // also such as reset themselves
-            ASSERT_TRUE(Insert(watcher, *events.back(), i));
-        }
+        EventList events(watcher, HANDLES);
         for (int round = 1; round <= 3; ++round)
         {
-            for (int i = 0; i < HANDLES; ++i)
+            for (auto const & event : events)
             {
-                events[static_cast<std::size_t>(i)]->SetEvent();
+                event->SetEvent();
             }
             for (int i = 0; i < HANDLES; ++i)
             {
                 ASSERT_TRUE(g_seen.WaitFor(i, round)) << i << " flags " << flags;
                 EXPECT_EQ(g_seen.Count(i), round);
-                EXPECT_EQ(WaitForSingleObject(*events[static_cast<std::size_t>(i)], 0),
-                          static_cast<DWORD>(WAIT_TIMEOUT));
+                EXPECT_EQ(WaitForSingleObject(events(i), 0), static_cast<DWORD>(WAIT_TIMEOUT));
             }
         }
     }
+}
+
+TEST_F(EventWatcher, ASlowFunctionHoldsUpItsSetAloneAndSeveralMayShutDown)
+{
+    CEventWatcher watcher(&Hold);
+    watcher.SetFlags(CEventWatcher::FLAG_ON_WAIT_THREAD);
+    EventList events(watcher, 40);
+    events(1).SetEvent();
+    ASSERT_TRUE(g_entered.Lock(PATIENCE));
+    events(35).SetEvent(); // of the second set
+    EXPECT_TRUE(g_seen.WaitFor(35, 1));
+    EXPECT_TRUE(watcher.Remove(events(36)) && Insert(watcher, events(36), 50) && watcher.Remove(events(35)));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+    {
+        threads.emplace_back([&] { watcher.ShutDown(); });
+    }
+    g_go.SetEvent();
+    for (std::thread & thread : threads)
+    {
+        thread.join();
+    }
+    EXPECT_FALSE(Insert(watcher, events(35), 1));
 }
 
 TEST_F(EventWatcher, RemovesReplacesAndSurvivesClosedHandles)
@@ -183,21 +205,10 @@ TEST_F(EventWatcher, SingleShotsGoServedOrNot)
 
 TEST_F(EventWatcher, MergesWhatWaits)
 {
-    static CEvent s_entered;
-    static CEvent s_go;
-    auto const hold = [](void * handle, void * param)
-    {
-        OnEvent(handle, param);
-        if (param == Param(1))
-        {
-            s_entered.SetEvent();
-            s_go.Lock(PATIENCE);
-        }
-    };
     for (DWORD const flags : {DWORD{0}, CEventWatcher::FLAG_MERGE})
     {
-        g_seen.Reset();
-        CEventWatcher watcher(hold, 0, 1);
+        g_seen.calls.clear();
+        CEventWatcher watcher(&Hold, 0, 1);
         watcher.SetFlags(flags);
         CEvent block(FALSE, TRUE);
         CEvent a(FALSE, TRUE);
@@ -206,7 +217,7 @@ TEST_F(EventWatcher, MergesWhatWaits)
         ASSERT_TRUE(Insert(watcher, a, 2));
         ASSERT_TRUE(Insert(watcher, b, 2));
         block.SetEvent();
-        ASSERT_TRUE(s_entered.Lock(PATIENCE)); // the only service thread is busy
+        ASSERT_TRUE(g_entered.Lock(PATIENCE)); // the only service thread is busy
         for (CEvent * const event : {&a, &b})
         {
             event->SetEvent();
@@ -218,37 +229,41 @@ TEST_F(EventWatcher, MergesWhatWaits)
         CEvent last(FALSE, TRUE);
         ASSERT_TRUE(Insert(watcher, last, 3));
         last.SetEvent(); // its trigger comes behind theirs
-        s_go.SetEvent();
+        g_go.SetEvent();
         ASSERT_TRUE(g_seen.WaitFor(3, 1));
         EXPECT_EQ(g_seen.Count(2), flags ? 1 : 2);
     }
 }
 
-TEST_F(EventWatcher, FunctionsMayChangeHandlesAndShutDown)
+TEST_F(EventWatcher, FunctionsMayThrowChangeHandlesShutDownAndDestroy)
 {
-    static CEventWatcher * s_pWatcher;
-    static CEvent s_done;
+    static std::unique_ptr<CEventWatcher> s_pWatcher;
     auto const act = [](void * handle, void * param)
     {
+        OnEvent(handle, param);
         if (param == Param(1))
         {
             EXPECT_TRUE(s_pWatcher->Remove(handle));
             EXPECT_TRUE(s_pWatcher->Insert(handle, Param(2)));
             SetEvent(handle);
-            return;
+            ThrowAppException(5, _T("dropped"));
         }
         s_pWatcher->ShutDown();
-        s_done.SetEvent();
+        if (s_pWatcher->IsSingleShot())
+        {
+            s_pWatcher.reset();
+        }
+        OnEvent(handle, Param(3));
     };
-    for (DWORD const flags : {DWORD{0}, CEventWatcher::FLAG_ON_WAIT_THREAD})
+    for (DWORD const flags : {DWORD{0}, CEventWatcher::FLAG_ON_WAIT_THREAD,
+                              CEventWatcher::FLAG_ON_WAIT_THREAD | CEventWatcher::FLAG_SINGLE_SHOT})
     {
-        CEventWatcher watcher(act);
-        s_pWatcher = &watcher;
-        watcher.SetFlags(flags);
-        CEvent event(FALSE, TRUE);
-        ASSERT_TRUE(Insert(watcher, event, 1));
-        event.SetEvent();
-        EXPECT_TRUE(s_done.Lock(PATIENCE));
+        g_seen.calls.clear();
+        s_pWatcher = std::make_unique<CEventWatcher>(act);
+        s_pWatcher->SetFlags(flags);
+        CEvent event(TRUE, TRUE);
+        ASSERT_TRUE(Insert(*s_pWatcher, event, flags & CEventWatcher::FLAG_SINGLE_SHOT ? 2 : 1));
+        EXPECT_TRUE(g_seen.WaitFor(3, 1));
     }
 }
 

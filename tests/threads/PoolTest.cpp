@@ -163,6 +163,49 @@ TEST(Pool, EndedThreadsAreNotUsedAgain)
     EXPECT_EQ(fresh->GetThreadHandle(), nullptr);
 }
 
+TEST(Pool, JobsLeaveNothingToTheNextOne)
+{
+    auto const job = [](void *) -> unsigned int
+    {
+        int const priority = GetThreadPriority(GetCurrentThread());
+        SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_LOWEST);
+        return static_cast<unsigned int>(priority);
+    };
+    CThreadContext * const context = RunJob(job, nullptr);
+    EXPECT_EQ(RunJob(job, nullptr), context);
+    EXPECT_EQ(context->GetExitCode(), THREAD_PRIORITY_NORMAL);
+
+    // A thread that ends later than somebody was willing to wait leaves no handle behind.
+    CEvent go(FALSE, TRUE);
+    ASSERT_EQ(CThreadPool::BeginThread(&WaitJob, &go, 0), context);
+    EXPECT_FALSE(context->Terminate(0, 0));
+    go.SetEvent();
+    while (context->GetThreadHandle())
+    {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(context->GetThreadId(), 0u);
+}
+
+TEST(Pool, AJobMayEndAllThreadsButItsOwn)
+{
+    CEvent never(FALSE, TRUE);
+    CEvent entered;
+    Gate gate{never, entered};
+    CThreadContext * const stuck = CThreadPool::BeginThread(&GateJob, &gate, 0);
+    entered.Lock(PATIENCE);
+    auto const end = [](void *) -> unsigned int
+    {
+        CThreadPool::TerminateAllThreads(10);
+        return 3;
+    };
+    CThreadContext * const context = CThreadPool::BeginThread(end, nullptr, 0);
+    EXPECT_TRUE(context->WaitForExit(PATIENCE));
+    EXPECT_EQ(context->GetExitCode(), 3);
+    EXPECT_EQ(stuck->GetThreadHandle(), nullptr);
+    EXPECT_NE(RunJob(&WaitJob, &(never.SetEvent(), never)), context); // it has ended behind its job
+}
+
 TEST(Pool, ServesManyAtOnce)
 {
     EXPECT_TRUE(CThreadPool::PreAllocate(0, 0) && CThreadPool::PreAllocate(3, 0));

@@ -6,6 +6,8 @@
 
 #include <gmock/gmock.h>
 
+#include <pthread.h>
+
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -68,37 +70,27 @@ void Serve(CObject * object, void * param)
     }
 }
 
-/// Serves the highest number first, and throws wherever it is asked.
-class CPriorityQueue : public CThreadQueue
+/// Serves the last one first, and throws wherever it is asked.
+class CStack : public CThreadQueue
 {
 public:
-    explicit CPriorityQueue(Log & log) : CThreadQueue(&Serve, &log, 1, 0, _T("priority")) {}
+    explicit CStack(Log & log) : CThreadQueue(&Serve, &log, 1, 0, _T("stack")) {}
     int m_nStarts = 0;
     int m_nEnds = 0;
 
 protected:
     CObject * PopNextObject() override
     {
-        CJob * best = nullptr;
-        while (auto * const job = static_cast<CJob *>(CThreadQueue::PopNextObject()))
+        std::vector<CObject *> all;
+        while (CObject * const job = CThreadQueue::PopNextObject())
         {
-            if (best && best->m_nNumber > job->m_nNumber)
-            {
-                m_rest.push_back(job);
-                continue;
-            }
-            if (best)
-            {
-                m_rest.push_back(best);
-            }
-            best = job;
+            all.push_back(job);
         }
-        for (CJob * const job : m_rest)
+        for (std::size_t i = 0; i + 1 < all.size(); ++i)
         {
-            Insert(job);
+            Insert(all[i]);
         }
-        m_rest.clear();
-        return best;
+        return all.empty() ? nullptr : all.back();
     }
     void ServiceThreadStarting(DWORD) override
     {
@@ -108,13 +100,99 @@ protected:
     void ServiceThreadEnding(DWORD) override
     {
         ++m_nEnds;
-        throw 1;
+        ThrowAppException(5, _T("nobody's"));
     }
+};
+
+/// While it lives the system gives no more threads, and the pool's are busy.
+class NoThreads
+{
+public:
+    NoThreads()
+    {
+        pthread_getattr_default_np(&m_attributes);
+        pthread_attr_t absurd = m_attributes;
+        pthread_attr_setstacksize(&absurd, std::size_t{1} << 46);
+        pthread_setattr_default_np(&absurd);
+        auto const wait = [](void * go) -> unsigned int { return static_cast<CEvent *>(go)->Lock(PATIENCE) != 0; };
+        while (CThreadPool::BeginThread(wait, &m_go, 0))
+        {
+        }
+    }
+    NoThreads(NoThreads const &) = delete;
+    NoThreads & operator=(NoThreads const &) = delete;
+    ~NoThreads() { m_go.SetEvent(); }
+
+    /// The system gives threads again; the pool's are still busy.
+    void Allow() { pthread_setattr_default_np(&m_attributes); }
 
 private:
-    std::vector<CJob *> m_rest;
+    pthread_attr_t m_attributes{};
+    CEvent m_go{FALSE, TRUE};
 };
 } // namespace
+
+TEST(Queue, WhatFoundNoThreadIsServedWhenThereIsOne)
+{
+    CThreadPool::PreAllocate(2, 0);
+    for (bool const bInsertAgain : {false, true})
+    {
+        Log log;
+        CThreadQueue queue(&Serve, &log, 1, 0, _T("late"));
+        auto gone = std::make_unique<CThreadQueue>(&Serve, &log, 1, 0, _T("gone"));
+        {
+            NoThreads none;
+            EXPECT_EQ(queue.InsertOrDelete(new CJob(1)), 1);
+            EXPECT_EQ(queue.Insert(new CJob(2)), 0);
+            CJob kept(9);
+            EXPECT_EQ(gone->InsertOrDelete(&kept), 1);
+            gone.reset();
+            EXPECT_TRUE(queue.IsIdle() && queue.GetObjectCount() == 2);
+            none.Allow();
+            if (bInsertAgain)
+            {
+                EXPECT_EQ(queue.Insert(new CJob(3)), 1);
+                EXPECT_TRUE(queue.WaitForIdle(PATIENCE));
+            }
+        }
+        while (log.Served().size() < (bInsertAgain ? 3u : 2u))
+        {
+            std::this_thread::yield();
+        }
+        EXPECT_TRUE(queue.Stop(1, 1));
+    }
+}
+
+TEST(Queue, MayGoWhileItServes)
+{
+    static std::unique_ptr<CThreadQueue> s_pOwn;
+    static CEvent s_gone;
+    static CEvent s_done;
+    auto const destroy = [](CObject *, void *)
+    {
+        EXPECT_EQ(s_pOwn->WaitForIdle(INFINITE) + s_pOwn->Stop(1, 1), 0); // not for itself
+        s_pOwn.reset();
+        s_done.SetEvent();
+    };
+    s_pOwn = std::make_unique<CThreadQueue>(destroy, nullptr, 1, 0, _T("own"));
+    s_pOwn->Insert(nullptr); // which the queue drops
+    CObject job;
+    s_pOwn->Insert(&job);
+    EXPECT_TRUE(s_done.Lock(PATIENCE));
+    auto const wait = [](CObject *, void * entered)
+    {
+        static_cast<CEvent *>(entered)->SetEvent();
+        s_gone.Lock(PATIENCE);
+        s_done.SetEvent();
+    };
+    CEvent entered;
+    auto queue = std::make_unique<CThreadQueue>(wait, &entered, 1, 0, _T("left"));
+    queue->Insert(&job);
+    EXPECT_TRUE(entered.Lock(PATIENCE));
+    queue.reset();
+    s_gone.SetEvent();
+    EXPECT_TRUE(s_done.Lock(PATIENCE));
+}
 
 TEST(Queue, OneThreadServesInOrderWhateverIsThrown)
 {
@@ -139,12 +217,12 @@ TEST(Queue, OneThreadServesInOrderWhateverIsThrown)
     EXPECT_FALSE(queue.InsertOrDelete(new CJob(10)));
 }
 
-TEST(Queue, FansOutToItsMaximum)
+TEST(Queue, FansOutToItsMaximumAndStopDeletesWhatWaits)
 {
     Log log;
     log.go.ResetEvent();
     CThreadQueue queue(&Serve, &log, 3, 0, _T("three"));
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 5; ++i)
     {
         queue.Insert(new CJob(i));
     }
@@ -152,32 +230,13 @@ TEST(Queue, FansOutToItsMaximum)
     {
         std::this_thread::yield();
     }
-    EXPECT_EQ(queue.GetObjectCount(), 1);
-    log.go.SetEvent();
-    EXPECT_TRUE(queue.WaitForIdle(PATIENCE));
-    EXPECT_EQ(log.Served().size(), 4u);
-    EXPECT_EQ(log.nMost, 3);
-    queue.Stop(1, 1);
-}
-
-TEST(Queue, StopDeletesWhatWaits)
-{
-    Log log;
-    log.go.ResetEvent();
-    CThreadQueue queue(&Serve, &log, 1, 0, _T("stopped"));
-    for (int i = 0; i < 3; ++i)
-    {
-        queue.Insert(new CJob(i));
-    }
-    while (log.Inside() == 0)
-    {
-        std::this_thread::yield();
-    }
+    EXPECT_EQ(queue.GetObjectCount(), 2);
     EXPECT_EQ(queue.Stop(0, 1), 1); // at once
-    EXPECT_EQ(CJob::sm_nAlive, 1);
+    EXPECT_EQ(CJob::sm_nAlive, 3);
     log.go.SetEvent();
     EXPECT_TRUE(queue.Stop(1, 1));
-    EXPECT_THAT(log.Served(), ElementsAre(0));
+    EXPECT_EQ(log.Served().size(), 3u);
+    EXPECT_EQ(log.nMost, 3);
 
     CThreadQueue none(&Serve, &log, 0, 0, _T("none"));
     CJob kept(1);
@@ -185,24 +244,19 @@ TEST(Queue, StopDeletesWhatWaits)
     EXPECT_EQ(none.GetObjectCount(), 1);
     EXPECT_TRUE(none.Stop(1, 0));
     EXPECT_EQ(none.GetObjectCount(), 0);
-
-    CThreadQueue idle(nullptr, nullptr, 1, 0, _T("drops"));
-    idle.Insert(&kept);
-    EXPECT_TRUE(idle.WaitForIdle(PATIENCE) && idle.GetObjectCount() == 0);
-    idle.Stop(1, 1);
 }
 
 TEST(Queue, DerivedQueuesChoose)
 {
     Log log;
     log.go.ResetEvent();
-    CPriorityQueue queue(log);
+    CStack queue(log);
     queue.Insert(new CJob(5));
     while (log.Inside() == 0)
     {
         std::this_thread::yield();
     }
-    for (int const number : {1, 3, 2})
+    for (int const number : {1, 2, 3})
     {
         queue.Insert(new CJob(number));
     }

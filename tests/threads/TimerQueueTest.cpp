@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -129,32 +130,32 @@ TEST(TimerQueue, FunctionsMayUseTheirQueueAndTheThreadGoes)
     EXPECT_EQ(Describe(id).Find(_T("[Idle/Unused] TimerQueue::TimerProc: ")), 0);
     queue.CreateTimer(0, &Record::Fire, record.Param(2)); // a thread again
     EXPECT_EQ(record.WaitFor(3).size(), 3u);
+
+    auto own = std::make_unique<CTimerQueue>();
+    own->CreateTimer(0, &Record::Fire, record.Param(3, [&] { own.reset(); }));
+    EXPECT_EQ(record.WaitFor(4).size(), 4u);
 }
 
-TEST(TimerQueue, OfEqualTimesTheLastComesFirst)
+TEST(TimerQueue, NoticesChangesOfTheClock)
 {
-    // The first one holds the thread until all others have been set, within a millisecond if the machine lets it.
-    for (int attempt = 0; attempt < 100; ++attempt)
+    static std::atomic<ULONGLONG> s_nNow;
+    s_nNow = 13'000'000'000'000;
+    struct CSetTimerQueue : CTimerQueue
     {
-        Record record;
-        CEvent go(FALSE, TRUE);
-        CTimerQueue queue;
-        queue.CreateTimer(0, &Record::Fire, record.Param(0, [&] { go.Lock(PATIENCE); }));
-        record.WaitFor(1);
-        DWORD const before = ::GetTickCount();
-        for (int i = 1; i <= 3; ++i)
-        {
-            queue.CreateTimer(0, &Record::Fire, record.Param(i));
-        }
-        bool const bSame = ::GetTickCount() == before;
-        go.SetEvent();
-        std::vector<int> const fired = record.WaitFor(4);
-        if (bSame && fired == std::vector<int>{0, 3, 2, 1})
-        {
-            return;
-        }
-    }
-    FAIL() << "never in reverse";
+        CSetTimerQueue() : CTimerQueue([] { return s_nNow.load(); }) {}
+    };
+    Record record;
+    CSetTimerQueue queue;
+    queue.CreateTimer(FAR, &Record::Fire, record.Param(1));
+    queue.CreateTimer(2 * FAR, &Record::Fire, record.Param(2));
+    s_nNow += FAR;
+    EXPECT_EQ(record.WaitFor(1).size(), 1u);
+    s_nNow -= 10 * ULONGLONG{FAR}; // moves what waits
+    queue.CreateTimer(FAR, &Record::Fire, record.Param(3));
+    s_nNow += FAR;
+    EXPECT_EQ(record.WaitFor(2).back(), 3);
+    s_nNow += 10 * ULONGLONG{FAR};
+    EXPECT_EQ(record.WaitFor(3), (std::vector<int>{1, 3, 2}));
 }
 
 TEST(TimerQueue, ManyThreadsLoseNothingAndTheQueueMayGoAtAnyTime)

@@ -18,8 +18,22 @@ constexpr WORD BIG_OBJECT_TAG = 0x7FFF;
 constexpr DWORD MAX_MAP_COUNT = 0x3FFFFFFE;
 
 constexpr int MIN_BUFFER = 128;
-// An object that holds an object that holds ...: a stream from outside may not decide how deep the stack goes.
+// An object that holds an object that holds ...: a stream from outside may not decide how deep the stack goes. And what
+// was stored can be loaded.
 constexpr int MAX_OBJECT_DEPTH = 1000;
+
+/// One object more on the stack, for as long as its content is read or written.
+class DepthScope
+{
+public:
+    explicit DepthScope(int & nDepth) : m_nDepth(nDepth) { ++m_nDepth; }
+    ~DepthScope() { --m_nDepth; }
+    DepthScope(DepthScope const &) = delete;
+    DepthScope & operator=(DepthScope const &) = delete;
+
+private:
+    int & m_nDepth;
+};
 // Characters that are read before the length of a text is believed.
 constexpr std::size_t FIRST_PIECE = 4096;
 
@@ -320,9 +334,12 @@ void CArchive::WriteObject(CObject const * pOb)
         WriteTag(found->second, false);
         return;
     }
+    if (objects.nDepth >= MAX_OBJECT_DEPTH)
+        Throw(CArchiveException::genericException);
     WriteClass(pOb->GetRuntimeClass());
     // Numbered before its content, which may point back to it.
     objects.stored.emplace(pOb, objects.nStoredCount++);
+    DepthScope const scope(objects.nDepth);
     const_cast<CObject *>(pOb)->Serialize(*this);
 }
 
@@ -371,7 +388,7 @@ CObject * CArchive::ReadObject(CRuntimeClass const * pClassRequested)
     auto const nIndex = objects.loaded.size();
     objects.loaded.push_back({pOb.get(), nullptr, 0});
     auto const nOuterSchema = std::exchange(m_nObjectSchema, nSchema);
-    ++objects.nDepth;
+    DepthScope const scope(objects.nDepth);
     try
     {
         pOb->Serialize(*this);
@@ -381,11 +398,9 @@ CObject * CArchive::ReadObject(CRuntimeClass const * pClassRequested)
         // What was read since may go with this object: no later tag may reach it.
         std::fill(objects.loaded.begin() + static_cast<std::ptrdiff_t>(nIndex), objects.loaded.end(),
                   ObjectMap::Entry{});
-        --objects.nDepth;
         m_nObjectSchema = nOuterSchema;
         throw;
     }
-    --objects.nDepth;
     m_nObjectSchema = nOuterSchema;
     return pOb.release();
 }

@@ -78,7 +78,8 @@ public:
     /// with a new class behind it; behind a class follows the object's content. A pointer is thus restored
     /// to the one object that it pointed to, however often it occurs.
     ///
-    /// An object whose content can't be read is deleted before the exception goes on.
+    /// An object whose content can't be read is deleted before the exception goes on. Objects nest up to 1000 deep in
+    /// each other's content, in both directions; deeper ones raise `genericException`.
     void WriteObject(CObject const * pOb);
     CObject * ReadObject(CRuntimeClass const * pClass);
     void WriteClass(CRuntimeClass const * pClass);

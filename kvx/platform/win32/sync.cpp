@@ -32,7 +32,11 @@ void EnterContended(CRITICAL_SECTION & section) noexcept
         SpinPause(0);
     }
     while (section.State.exchange(SECTION_CONTENDED, std::memory_order_acquire) != SECTION_FREE)
+    {
+        g_termination.EndSection(); // asleep it holds nothing
         FutexWait(section.State, SECTION_CONTENDED, NEVER);
+        g_termination.BeginSection();
+    }
 }
 
 HANDLE MakeNamed(WaitType type, LPCWSTR pName, bool bInitial, bool bMayCreate) noexcept
@@ -112,11 +116,13 @@ void EnterCriticalSection(CRITICAL_SECTION * pSection) noexcept
 {
     DWORD const dwThread = GetCurrentThreadId();
     DWORD nState = SECTION_FREE;
+    g_termination.BeginSection();
     if (!pSection->State.compare_exchange_strong(nState, SECTION_TAKEN, std::memory_order_acquire,
                                                  std::memory_order_relaxed))
     {
         if (pSection->OwningThread.load(std::memory_order_relaxed) == dwThread)
         {
+            g_termination.EndSection();
             ++pSection->RecursionCount;
             return;
         }
@@ -129,12 +135,14 @@ BOOL TryEnterCriticalSection(CRITICAL_SECTION * pSection) noexcept
 {
     DWORD const dwThread = GetCurrentThreadId();
     DWORD nState = SECTION_FREE;
+    g_termination.BeginSection();
     if (pSection->State.compare_exchange_strong(nState, SECTION_TAKEN, std::memory_order_acquire,
                                                 std::memory_order_relaxed))
     {
         pSection->OwningThread.store(dwThread, std::memory_order_relaxed);
         return TRUE;
     }
+    g_termination.EndSection();
     if (pSection->OwningThread.load(std::memory_order_relaxed) != dwThread)
         return FALSE;
     ++pSection->RecursionCount;
@@ -153,6 +161,7 @@ void LeaveCriticalSection(CRITICAL_SECTION * pSection) noexcept
     pSection->OwningThread.store(0, std::memory_order_relaxed);
     if (pSection->State.exchange(SECTION_FREE, std::memory_order_release) == SECTION_CONTENDED)
         FutexWake(pSection->State, 1);
+    g_termination.EndSection();
 }
 
 HANDLE CreateEventW(SECURITY_ATTRIBUTES *, BOOL bManualReset, BOOL bInitialState, LPCWSTR pName) noexcept

@@ -11,8 +11,22 @@ namespace kvx::win32
 /// What the termination of a thread needs to know about the thread it hits.
 struct TerminationState
 {
-    std::uint32_t volatile nDepth;   ///< open UninterruptedScopes of this thread
-    std::uint32_t volatile bPending; ///< a termination came in meanwhile and is due when the depth falls to 0
+    std::uint32_t volatile nDepth;    ///< open UninterruptedScopes of this thread
+    std::uint32_t volatile bPending;  ///< a termination came in meanwhile and is due when the depth falls to 0
+    std::uint32_t volatile nSections; ///< critical sections that this thread holds, or may hold at the next instruction
+    std::uint32_t volatile nEntries;  ///< how often it has entered one
+
+    void BeginSection() noexcept
+    {
+        nSections = nSections + 1;
+        nEntries = nEntries + 1;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    void EndSection() noexcept
+    {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        nSections = nSections - 1;
+    }
 };
 
 extern KVX_API constinit thread_local TerminationState g_termination __attribute__((tls_model("initial-exec")));

@@ -12,8 +12,11 @@
 #include <climits>
 #include <csignal>
 #include <new>
+#include <optional>
 
+#include <dlfcn.h>
 #include <linux/capability.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -75,9 +78,23 @@ public:
         return m_state.compare_exchange_strong(nRunning, nState, std::memory_order_acq_rel);
     }
     bool IsTerminating() const noexcept { return m_state.load(std::memory_order_acquire) == TERMINATING; }
+    void GiveUpEnd() noexcept { m_state.store(RUNNING, std::memory_order_release); }
 
     bool IsSignalSent() const noexcept { return m_bSignalSent.load(std::memory_order_acquire); }
     void SetSignalSent() noexcept { m_bSignalSent.store(true, std::memory_order_release); }
+
+    /// What whoever terminates the thread and its signal handler tell each other.
+    enum : std::uint32_t
+    {
+        RUN_ON,
+        STOP,              // asked to stand still
+        STANDS,            // in the handler
+        STANDS_IN_SECTION, // the same, inside a critical section
+        UNINTERRUPTED,     // inside an UninterruptedScope: it has run on
+        END,               // to end when it sees this
+    };
+    FutexWord & GetStop() noexcept { return m_stop; }
+    std::uint32_t m_nEntries = 0; // into critical sections, as the handler has seen it
 
     void SetTerminationCode(DWORD dwCode) noexcept { m_terminationCode.store(dwCode, std::memory_order_relaxed); }
 
@@ -107,6 +124,7 @@ private:
     std::atomic<DWORD> m_terminationCode{0};
     std::atomic<bool> m_bOver{false};
     std::atomic<bool> m_bSignalSent{false};
+    FutexWord m_stop{RUN_ON};
     ThreadData m_data;
 };
 
@@ -186,9 +204,13 @@ void EndThread(void * pValue) noexcept
             return;
         }
     }
-    // Terminated at the last moment. The id must stay this thread's until the signal is sent.
+    // Terminated at the last moment. The id must stay this thread's until the last signal is sent.
     while (!pThread->IsSignalSent())
+    {
         ::sched_yield();
+        if (!pThread->IsTerminating())
+            return EndThread(pValue); // they have given up
+    }
     CompleteTermination();
 }
 
@@ -197,10 +219,104 @@ void OnTerminationSignal(int, siginfo_t * pInfo, void *) noexcept
     ThreadData const * const pData = g_pThreadData;
     if (pInfo->si_code != SI_TKILL || !pData || !pData->pThread || !pData->pThread->IsTerminating())
         return;
-    if (g_termination.nDepth == 0)
-        CompleteTermination();
-    g_termination.bPending = 1;
+    int const nError = errno;
+    FutexWord & stop = pData->pThread->GetStop();
+    std::uint32_t const nStands = g_termination.nDepth != 0      ? ThreadObject::UNINTERRUPTED
+                                  : g_termination.nSections != 0 ? ThreadObject::STANDS_IN_SECTION
+                                                                 : ThreadObject::STANDS;
+    std::uint32_t nStop = ThreadObject::STOP;
+    pData->pThread->m_nEntries = g_termination.nEntries;
+    if (stop.compare_exchange_strong(nStop, nStands, std::memory_order_acq_rel))
+    {
+        FutexWake(stop, INT_MAX);
+        while (nStands != ThreadObject::UNINTERRUPTED && (nStop = stop.load(std::memory_order_acquire)) == nStands)
+            FutexWait(stop, nStands, NEVER);
+    }
+    if (nStop == ThreadObject::END)
+    {
+        if (g_termination.nDepth == 0)
+            CompleteTermination();
+        g_termination.bPending = 1;
+    }
+    errno = nError;
 }
+
+/// Finds out whether the heap and the loader can be used, by using them on a thread of its own: one that stands still
+/// inside them holds that up.
+class HeapProbe
+{
+public:
+    /// Before anybody is made to stand still.
+    HeapProbe() noexcept { m_bRuns = ::pthread_create(&m_thread, nullptr, &Run, this) == 0; }
+    ~HeapProbe()
+    {
+        if (m_bRuns)
+        {
+            Ask(LEAVE);
+            ::pthread_join(m_thread, nullptr);
+        }
+    }
+    HeapProbe(HeapProbe const &) = delete;
+    HeapProbe & operator=(HeapProbe const &) = delete;
+
+    bool IsFree() noexcept
+    {
+        constexpr std::uint32_t PATIENCE = 50; // milliseconds
+        if (!m_bRuns)
+            return true;
+        Ask(LOOK);
+        return WaitForAnswer(MakeDeadline(PATIENCE));
+    }
+    /// After IsFree was false, and whoever stood still runs on.
+    void Finish() noexcept
+    {
+        if (m_bRuns)
+            WaitForAnswer(NEVER);
+    }
+
+private:
+    enum : std::uint32_t
+    {
+        IDLE,
+        LOOK,
+        LEAVE,
+    };
+    FutexWord m_word{IDLE};
+    pthread_t m_thread{};
+    bool m_bRuns = false;
+
+    void Ask(std::uint32_t nWhat) noexcept
+    {
+        m_word.store(nWhat, std::memory_order_release);
+        FutexWake(m_word, 1);
+    }
+    bool WaitForAnswer(Deadline deadline) noexcept
+    {
+        while (m_word.load(std::memory_order_acquire) == LOOK)
+            if (!FutexWait(m_word, LOOK, deadline))
+                return m_word.load(std::memory_order_acquire) != LOOK;
+        return true;
+    }
+
+    static void * Run(void * pThis) noexcept
+    {
+        FutexWord & word = static_cast<HeapProbe *>(pThis)->m_word;
+        for (std::uint32_t nWhat; (nWhat = word.load(std::memory_order_acquire)) != LEAVE;)
+        {
+            if (nWhat == IDLE)
+            {
+                FutexWait(word, IDLE, NEVER);
+                continue;
+            }
+            Dl_info info;
+            ::dladdr(reinterpret_cast<void *>(&Run), &info);
+            [[maybe_unused]] auto const used = ::mallinfo2(); // passes the lock of every arena
+            word.store(IDLE, std::memory_order_release);
+            FutexWake(word, 1);
+        }
+        return nullptr;
+    }
+};
 
 void OnForkedChild() noexcept
 {
@@ -356,6 +472,80 @@ Ref<ThreadObject> FindThread(HANDLE hThread) noexcept
                : FindObject<ThreadObject>(hThread);
 }
 
+// ---- termination -----------------------------------------------------------------------------------------------
+
+/// The id is still the thread's: one that has lost the claim to its end waits for the last signal.
+void SendSignal(ThreadObject & thread, DWORD dwId, std::uint32_t nStop) noexcept
+{
+    thread.GetStop().store(nStop, std::memory_order_release);
+    ::syscall(SYS_tgkill, ::getpid(), dwId, GetTerminationSignal());
+}
+
+/// What the thread answers; STOP if it doesn't, for it blocks all signals or the system holds it.
+std::uint32_t AskToStand(ThreadObject & thread, DWORD dwId) noexcept
+{
+    constexpr std::uint32_t PATIENCE = 100; // milliseconds
+    FutexWord & stop = thread.GetStop();
+    SendSignal(thread, dwId, ThreadObject::STOP);
+    Deadline const deadline = MakeDeadline(PATIENCE);
+    while (stop.load(std::memory_order_acquire) == ThreadObject::STOP && FutexWait(stop, ThreadObject::STOP, deadline))
+    {
+    }
+    return stop.load(std::memory_order_acquire);
+}
+
+void TellStanding(ThreadObject & thread, std::uint32_t nStop) noexcept
+{
+    thread.GetStop().store(nStop, std::memory_order_release);
+    FutexWake(thread.GetStop(), INT_MAX);
+}
+
+/// Makes the thread end at a moment when it holds nothing that the whole process needs. False, and the thread runs on,
+/// if there is none.
+bool StopForGood(ThreadObject & thread, DWORD dwId) noexcept
+{
+#if defined(KVX_THREAD_SANITIZER) // it delivers signals late, at a moment of its own choice
+    constexpr bool LOOKS = false;
+#else
+    constexpr bool LOOKS = true;
+#endif
+    constexpr std::uint32_t PATIENCE = 1000;        // milliseconds
+    constexpr std::uint32_t SECTION_PATIENCE = 100; // of them for one stay in critical sections
+    bool const bLooks = LOOKS && dwId != GetCurrentThreadId();
+    std::optional<HeapProbe> probe;
+    if (bLooks)
+        probe.emplace();
+    Deadline const deadline = MakeDeadline(PATIENCE);
+    Deadline sectionDeadline = MakeDeadline(SECTION_PATIENCE);
+    std::uint32_t nEntries = 0;
+    while (bLooks)
+    {
+        std::uint32_t const nAnswer = AskToStand(thread, dwId);
+        bool const bLast = GetMonotonicTime() >= deadline;
+        bool const bInSection = nAnswer == ThreadObject::STANDS_IN_SECTION;
+        if (bInSection || nAnswer == ThreadObject::STANDS)
+        {
+            if (std::exchange(nEntries, thread.m_nEntries) != thread.m_nEntries)
+                sectionDeadline = MakeDeadline(SECTION_PATIENCE); // it has been out, and may be again
+            bool const bMayEnd = !bInSection || bLast || GetMonotonicTime() >= sectionDeadline;
+            bool const bFree = bMayEnd && probe->IsFree();
+            TellStanding(thread, bFree ? ThreadObject::END : ThreadObject::RUN_ON);
+            if (bFree)
+                return true;
+            if (bMayEnd)
+                probe->Finish();
+            if (bLast)
+                return false;
+        }
+        else if (nAnswer == ThreadObject::STOP || bLast)
+            break;
+        Sleep(1);
+    }
+    // Whoever doesn't answer is where no lock is held for long, or will be: it ends as soon as it hears of it.
+    SendSignal(thread, dwId, ThreadObject::END);
+    return true;
+}
+
 // ---- slots -----------------------------------------------------------------------------------------------------
 
 constexpr DWORD TLS_SLOTS = 1088;
@@ -427,8 +617,12 @@ BOOL TerminateThread(HANDLE hThread, DWORD dwExitCode) noexcept
         return FALSE;
     }
     thread->SetTerminationCode(dwExitCode);
-    // The id is still the thread's: a thread that has lost the claim waits for this signal.
-    ::syscall(SYS_tgkill, ::getpid(), dwId, GetTerminationSignal());
+    if (!StopForGood(*thread, dwId))
+    {
+        thread->GiveUpEnd();
+        SetLastError(ERROR_BUSY);
+        return FALSE;
+    }
     thread->SetSignalSent();
     thread = nullptr;
     BuryCorpses();

@@ -29,9 +29,13 @@ KVX_API HANDLE CreateThread(SECURITY_ATTRIBUTES * pAttributes, SIZE_T nStackSize
                             LPVOID pParameter, DWORD dwFlags, DWORD * pThreadId) noexcept;
 
 /// Stops a thread for good wherever it is, without running anything of it: destructors don't run, locks stay taken,
-/// memory of the C library it was about to use may be lost. Mutexes that it owned are abandoned. Returns without
-/// waiting for the end: wait for the handle. FALSE with last error ERROR_INVALID_HANDLE, or ERROR_ACCESS_DENIED when
-/// the thread has ended already or is being terminated. GetCurrentThread() is accepted on a thread of CreateThread.
+/// memory is lost. Mutexes that it owned are abandoned. Two things are spared, so that the process can go on: a thread
+/// is never stopped while it holds a lock of the C library's heap or loader, and inside a critical section only when it
+/// doesn't come out of it within a tenth of a second. System calls of a thread that is looked at may fail with EINTR.
+/// Returns without waiting for the end: wait for the handle; the thread runs none of its code any more. FALSE with last
+/// error ERROR_INVALID_HANDLE, ERROR_ACCESS_DENIED when the thread has ended already or is being terminated, or
+/// ERROR_BUSY when it held such a lock for a second, and then it runs on. GetCurrentThread() is accepted on a thread of
+/// CreateThread.
 KVX_API BOOL TerminateThread(HANDLE hThread, DWORD dwExitCode) noexcept;
 
 /// What the thread procedure returned or TerminateThread gave; STILL_ACTIVE while the thread runs.

@@ -1,5 +1,5 @@
-#include "kvx/platform/win32/folder_index.h"
 #include "kvx/platform/win32/files.h"
+#include "kvx/platform/win32/folder_index.h"
 #include "kvx/platform/win32/sync.h"
 
 #include "TestFolder.h"

@@ -59,16 +59,15 @@ protected:
         {
             HKEY hKey = nullptr;
             std::vector<BYTE> const data(100000);
-            bool bGood = RegCreateKeyExW(HKEY_CURRENT_USER, u"Low", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &hKey,
-                                         nullptr) == 0;
+            bool bGood =
+                RegCreateKeyExW(HKEY_CURRENT_USER, u"Low", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &hKey, nullptr) == 0;
             for (int i = 0; i < 100; ++i) // enough for the log to be written back
                 bGood = bGood && RegSetValueExW(hKey, u"v", 0, REG_BINARY, data.data(), 100000) == 0;
             return bGood;
         };
         return {
             [] { return kvx::CatchEndSignals(); },
-            [this]
-            {
+            [this] {
                 return CreateFileW(Path(u"f").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr) !=
                        INVALID_HANDLE_VALUE;
             },

@@ -216,6 +216,7 @@ CThreadContext * CThreadPool::GetCurrentThreadContext()
 
 void CThreadPool::TerminateAllThreads(DWORD timeout)
 {
+    CSingleLock alone(&sm_instance.m_terminateLock, TRUE); // two threads of the pool would end each other
     std::optional<CShutdownHook::Ending> ending;
     if (CKVXBaseApp::IsShuttingDown())
     {

@@ -78,6 +78,7 @@ private:
         CString strDescription;
     };
 
+    CCriticalSection m_terminateLock;
     CObCache m_cache;             // its lock is the deferred jobs' too
     std::deque<StJob> m_deferred; // wait for a thread
     std::atomic<bool> m_bDeferred{false};

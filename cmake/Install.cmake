@@ -7,9 +7,6 @@ endforeach()
 if(NOT WIN32)
     install(FILES $<TARGET_SONAME_FILE:kvxbase5> $<TARGET_LINKER_FILE:kvxbase5> DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
-if(TARGET kvx)
-    install(PROGRAMS $<TARGET_FILE:kvx> DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/kvx DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KVXBase5Config.cmake.in

@@ -134,6 +134,7 @@ void CLogManager::Enqueue(DWORD type, CString && text)
     }
     bool const bWasEmpty = m_queue.IsEmpty();
     m_queue.AddTail(event);
+    ++m_nUnwritten;
     guard.Unlock();
     if (bWasEmpty)
     {
@@ -174,15 +175,21 @@ void CLogManager::RunEventQueue()
     {
         {
             CSingleLock guard(m_events, TRUE);
+            m_nUnwritten -= count;
             for (CLogEvent * const event : std::span(batch).first(std::exchange(count, 0)))
             {
                 m_events.Return(event);
+            }
+            if (m_bFlushing && m_nUnwritten == 0)
+            {
+                m_bFlushing = false;
+                m_flushedEvent.SetEvent();
             }
             while (count < batch.size() && !m_queue.IsEmpty())
             {
                 batch[count++] = static_cast<CLogEvent *>(m_queue.RemoveHead());
             }
-            if (m_queue.IsEmpty() && m_state == State::Runs)
+            if (m_queue.IsEmpty() && m_state == State::Runs && !m_bFlushing)
             {
                 m_queueEvent.ResetEvent();
             }
@@ -196,6 +203,25 @@ void CLogManager::RunEventQueue()
             WriteEvent(event);
         }
     }
+}
+
+int CLogManager::Flush(DWORD timeout)
+{
+    {
+        CSingleLock guard(m_events, TRUE);
+        if (m_nUnwritten == 0)
+        {
+            return 1;
+        }
+        if (m_state != State::Runs || IsLogThread())
+        {
+            return 0;
+        }
+        m_bFlushing = true;
+        m_flushedEvent.ResetEvent();
+    }
+    m_queueEvent.SetEvent(); // the thread may be waiting with the last of them still in its hands
+    return m_flushedEvent.Lock(timeout);
 }
 
 void CLogManager::WriteEvent(CLogEvent * event)

@@ -48,10 +48,13 @@ public:
     bool HasThread() const { return m_hThread.load() != nullptr; }
     static DWORD GetSessionSlot() { return sm_instance.m_nSessionSlot; }
 
+    /// Waits until all that has been logged so far is written to the queued sinks: 0 if that takes longer than
+    /// `timeout` milliseconds, and at once on the log's own thread or behind Terminate.
+    int Flush(DWORD timeout);
     /// The application's last call: ends the log's thread, shuts the sinks down and deletes them. Events that are still
-    /// queued may be lost. There is no way back. Called by a sink on the log's own thread it takes effect behind it.
-    /// Without it, a program's end still writes what is queued to files, consoles and the debugger, for a second at
-    /// most; sinks of the application, whose data may have gone, see nothing of it.
+    /// queued are dropped: whoever wants them calls Flush before. There is no way back. Called by a sink on the log's
+    /// own thread it takes effect behind it. Without it, a program's end still writes what is queued to files, consoles
+    /// and the debugger, for a second at most; sinks of the application, whose data may have gone, see nothing of it.
     static void Terminate();
 
 private:
@@ -73,6 +76,9 @@ private:
     CObList m_immediateSinks{10};
     CObList m_queuedSinks{10};
     CObList m_queue{10};
+    std::size_t m_nUnwritten = 0;       // in the queue, or in the hands of the log's thread
+    bool m_bFlushing = false;           // somebody waits until that is 0
+    CEvent m_flushedEvent{FALSE, TRUE}; // manual
     DWORD m_nSessionSlot;
     std::atomic<DWORD> m_nThreadId{0}; // of the log's thread while it runs
     bool m_bEndsItself = false;        // that thread has called Terminate

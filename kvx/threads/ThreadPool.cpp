@@ -218,9 +218,10 @@ void CThreadPool::TerminateAllThreads(DWORD timeout)
 {
     CSingleLock alone(&sm_instance.m_terminateLock, TRUE); // two threads of the pool would end each other
     std::optional<CShutdownHook::Ending> ending;
-    if (CKVXBaseApp::IsShuttingDown())
+    if (CKVXBaseApp::IsShuttingDown() && !sm_bTerminated)
     {
-        ending.emplace(); // those that wait for a peer come back
+        ending
+            .emplace(); // those that wait for a peer come back; a second time one that was killed may hold their locks
     }
     // Waits without the cache's lock, for a thread that has just done its job needs it to park. Contexts are never
     // deleted before the pool.

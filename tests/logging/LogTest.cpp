@@ -72,20 +72,10 @@ std::string ReadFile(std::filesystem::path const & path)
     return text.str();
 }
 
-std::vector<std::string> WaitForLines(std::vector<std::string> & lines, std::size_t count)
+/// What a sink keeps, once all that was logged has reached it.
+std::vector<std::string> const & Flushed(std::vector<std::string> const & lines)
 {
-    for (DWORD waited = 0; waited < PATIENCE; ++waited)
-    {
-        {
-            std::scoped_lock const guard(g_lock);
-            if (lines.size() >= count)
-            {
-                return lines;
-            }
-        }
-        Sleep(1);
-    }
-    std::scoped_lock const guard(g_lock);
+    EXPECT_TRUE(CLogManager::GetInstance()->Flush(PATIENCE));
     return lines;
 }
 } // namespace
@@ -100,8 +90,8 @@ TEST(Log, NothingIsLoggedWithoutAQueuedSink)
     LogWarning(_T("warned %d"), 1);
     LogError(_T("failed %s"), _T("twice"));
     // The mask holds for queued sinks alone.
-    EXPECT_THAT(WaitForLines(queued, 1), testing::ElementsAre(testing::MatchesRegex(".* \\(E\\) failed twice")));
-    EXPECT_THAT(WaitForLines(immediate, 2), testing::ElementsAre("warned 1", "failed twice"));
+    EXPECT_THAT(Flushed(queued), testing::ElementsAre(testing::MatchesRegex(".* \\(E\\) failed twice")));
+    EXPECT_THAT(immediate, testing::ElementsAre("warned 1", "failed twice"));
 }
 
 TEST(Log, FormatsThatCantBeCarriedOutAreLogged)
@@ -120,9 +110,8 @@ TEST(Log, FormatsThatCantBeCarriedOutAreLogged)
     EXPECT_EQ(GetLastError(), 4711u); // logging leaves the caller's error alone
     CString address;
     address.Format(_T("[%08X] text"), &source);
-    EXPECT_THAT(WaitForLines(lines, 4),
-                testing::ElementsAre("LOG ERROR: %s %n", "LOG ERROR: <EMPTY FORMAT STRING>", kvx::ToUtf8(address),
-                                     "LOG ERROR: Command: a.b\n    x: 100%"));
+    EXPECT_THAT(Flushed(lines), testing::ElementsAre("LOG ERROR: %s %n", "LOG ERROR: <EMPTY FORMAT STRING>",
+                                                     kvx::ToUtf8(address), "LOG ERROR: Command: a.b\n    x: 100%"));
 }
 
 TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
@@ -152,7 +141,7 @@ TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
         {
             thread.join();
         }
-        ASSERT_EQ(WaitForLines(seen, THREADS * EACH).size(), std::size_t{THREADS * EACH});
+        ASSERT_EQ(Flushed(seen).size(), std::size_t{THREADS * EACH});
     }
     std::istringstream text(ReadFile(path));
     std::filesystem::remove(path);

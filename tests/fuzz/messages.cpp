@@ -1,13 +1,14 @@
 // Feeds arbitrary bytes to the readers of requests and responses. Whatever is read must be writable, and read back the
 // same.
 
+#include "Require.h"
+
 #include "kvx/messaging/MsgRequest.h"
 #include "kvx/msgdata/MsgMultipleRowSets.h"
 #include "tests/transport/MemoryStream.h"
 
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 
 namespace
 {
@@ -39,15 +40,9 @@ void RoundTrip(MESSAGE & message, bool bCompact)
         first.EnableCompact();
         second.EnableCompact();
     }
-    if (!message.Write(first))
-    {
-        std::abort();
-    }
+    Require(message.Write(first));
     MESSAGE again;
-    if (!again.Read(first) || !again.Write(second) || first.m_bytes != second.m_bytes)
-    {
-        std::abort();
-    }
+    Require(again.Read(first) && again.Write(second) && first.m_bytes == second.m_bytes);
 }
 } // namespace
 

@@ -1,10 +1,11 @@
 // Takes arbitrary bytes for an INI file. What is written into it is read back, and nothing else changes.
 
-#include "kvx/platform/win32/profiles.h"
+#include "Require.h"
+
 #include "kvx/platform/win32/codepages.h"
+#include "kvx/platform/win32/profiles.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -19,12 +20,6 @@ std::u16string_view Trim(std::u16string_view text)
     while (!text.empty() && text.back() <= u' ')
         text.remove_suffix(1);
     return text;
-}
-
-void Require(bool bTrue)
-{
-    if (!bTrue)
-        std::abort();
 }
 
 /// The next line of the input as text.

@@ -1,5 +1,7 @@
 // Registry values to text and back, and paths of keys, out of arbitrary bytes.
 
+#include "Require.h"
+
 #include "kvx/registry/Registry.h"
 
 #include <algorithm>
@@ -19,14 +21,6 @@ public:
     using CRegistry::GetRegistryTypeFromName;
     using CRegistry::GetRegistryTypeName;
 };
-
-void Require(bool bTrue)
-{
-    if (!bTrue)
-    {
-        std::abort();
-    }
-}
 
 std::vector<BYTE> FromText(CString const & text, DWORD type)
 {

@@ -1,22 +1,15 @@
 // Reads arbitrary text as `name=value` pairs. What is read is written, and reads back the same.
 
+#include "Require.h"
+
 #include "kvx/foundation/Dictionary.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 namespace
 {
 using View = CString::View;
-
-void Require(bool bTrue)
-{
-    if (!bTrue)
-    {
-        std::abort();
-    }
-}
 
 /// Whether the text form can carry the set: it has no way to tell a backslash from the one before a quote, nor, without
 /// quotes forced, a quote that begins a word.

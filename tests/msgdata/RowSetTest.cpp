@@ -102,13 +102,13 @@ TEST(RowSet, MissingAndEmptyCellsAreWrittenAlike)
 {
     CMsgRowSet rows(_T("r"));
     rows.AddColumn(_T("c"));
-    for (int i = 0; i < 3; ++i)
+    rows.AppendRow();
+    rows.AppendRow();
+    for (int i = 0; i < 2; ++i)
     {
-        rows.AppendRow();
+        EXPECT_EQ(Bytes(rows), Hex("00000001 7200 00000002 00000001 00000001 6300 00000002 00000000 00000000"));
+        Cell(rows, 2, _T("c"));
     }
-    EXPECT_EQ(Bytes(rows), Hex("00000001 7200 00000003 00000001 00000001 6300 00000003 00000000 00000000 00000000"));
-    Cell(rows, 2, _T("c"));
-    EXPECT_EQ(Bytes(rows), Hex("00000001 7200 00000003 00000001 00000001 6300 00000003 00000000 00000000 00000000"));
     // Rows that a column has beyond the head's count are kept, and show when the row set grows.
     CMemoryStream stream;
     stream.SetHex("00000000 00000001 00000001 00000001 6300 00000002 00000001 6100 00000001 6200");
@@ -161,16 +161,13 @@ TEST(RowSet, RowsAsValues)
     values[_T("y")] = 2;
     POSITION row = nullptr;
     rows.SetRow(row, values);
-    rows.SetRow(row = rows.AppendRow(), values);
     rows.AddColumn(_T("z"));
     CAttributeSet out;
     rows.GetRow(row = nullptr, out);
     EXPECT_EQ(out.ToString(0, _T(" ")), _T("x=1 y=2 z="));
-    EXPECT_EQ(row, Row(1));
     CMsgRowSet copy;
     copy.AddColumn(_T("gone"));
-    EXPECT_EQ(copy.CopyRows(rows), 3);
-    EXPECT_EQ(copy.CopyRows(copy), 3);
+    EXPECT_TRUE(copy.CopyRows(rows) == 3 && copy.CopyRows(copy) == 3);
     EXPECT_EQ(Bytes(copy), Bytes(rows));
 }
 
@@ -208,17 +205,15 @@ TEST(DataSet, ReadsOverTheCellsThatItHas)
     LONG rows = 100;
     CMsgDataSet column(rows, 0, _T("c"));
     CMsgDataSet other(rows, 0, _T("other"));
-    auto const set = [](CMsgDataSet & target, INT_PTR number, LPCTSTR text)
+    auto const at = [](CMsgDataSet & target, INT_PTR number) -> CStringValue &
     {
         POSITION row = Row(number);
-        target.GetData(row) = text;
+        return target.GetData(row);
     };
-    set(column, 2, _T("keep"));
-    set(column, 3, _T("replace"));
-    POSITION third = Row(3);
-    CStringValue const & cell = column.GetData(third);
-    set(other, 3, _T("new"));
-    set(other, 90, _T("more"));
+    at(column, 2) = _T("keep");
+    CStringValue const & cell = at(column, 3) = _T("replace");
+    at(other, 3) = _T("new");
+    at(other, 90) = _T("more");
     CMemoryStream stream(1, 4096);
     ASSERT_TRUE(other.Write(stream) && other.Write(stream) && column.Read(stream) && column.Read(stream));
     EXPECT_EQ(column.GetName(), _T("other"));

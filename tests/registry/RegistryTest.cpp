@@ -1,35 +1,15 @@
 #include "kvx/registry/Registry.h"
 
 #include "kvx/foundation/Dictionary.h"
+#include "tests/support/RegistryStore.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <memory>
-#include <string>
 #include <vector>
 
 namespace
 {
 using Texts = std::vector<std::u16string>;
 using Bytes = std::vector<BYTE>;
-
-class Store : public testing::Environment
-{
-public:
-    void SetUp() override
-    {
-        std::string path = (std::filesystem::temp_directory_path() / "kvx-registry-XXXXXX").string();
-        ASSERT_NE(mkdtemp(path.data()), nullptr);
-        m_path = path;
-        setenv("KVX_REGISTRY", (m_path / "registry.db").c_str(), 1);
-    }
-    void TearDown() override { std::filesystem::remove_all(m_path); }
-
-private:
-    std::filesystem::path m_path;
-};
-[[maybe_unused]] auto * const g_pStore = testing::AddGlobalTestEnvironment(new Store);
 
 class Open : public CRegistry
 {
@@ -92,9 +72,8 @@ TEST(RegistryRoots, AreFoundByBothNames)
     {
         EXPECT_EQ(CRegistry::LookupRootKey(name), key);
     }
-    CRegistry key;
-    EXPECT_EQ(key.OpenKey(_T("nowhere\\software")), ERROR_INVALID_HANDLE);
-    EXPECT_EQ(key.OpenKey(_T("HKLM")), 0);
+    EXPECT_EQ(CRegistry().OpenKey(_T("nowhere\\software")), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(CRegistry().OpenKey(_T("HKLM")), 0);
 }
 
 TEST_F(Registry, KeysOpenAndClose)
@@ -154,27 +133,22 @@ TEST_F(Registry, ReadsAndWritesValues)
 
     EXPECT_EQ(m_key.SetValue(_T("Text"), CString(_T("ab"))), 0);
     EXPECT_EQ(m_key.SetValue(_T("Number"), 0x80000001), 0);
-    EXPECT_EQ(m_key.QueryValue(_T("text"), text), 0);
-    EXPECT_EQ(text, _T("ab"));
-    EXPECT_EQ(m_key.QueryValue(_T("number"), number), 0);
-    EXPECT_EQ(number, 0x80000001);
+    EXPECT_TRUE(m_key.QueryValue(_T("text"), text) == 0 && text == _T("ab"));
+    EXPECT_TRUE(m_key.QueryValue(_T("number"), number) == 0 && number == 0x80000001);
     EXPECT_EQ(m_key.QueryValue(_T("Number"), text), ERROR_INVALID_DATA);
     EXPECT_EQ(m_key.QueryValue(_T("Text"), number), ERROR_INVALID_DATA);
     SetText(_T("Short"), REG_SZ, u"xy");
     EXPECT_EQ(m_key.QueryValue(_T("Short"), number), ERROR_INVALID_DATA);
     EXPECT_EQ(number, 0x00790078u); // copied all the same
-    EXPECT_EQ(m_key.QueryValue(_T("Short"), text), 0);
-    EXPECT_EQ(text, _T("xy"));
-    EXPECT_EQ(m_key.QueryType(_T("Number"), type), 0);
-    EXPECT_EQ(type, REG_DWORD);
+    EXPECT_TRUE(m_key.QueryValue(_T("Short"), text) == 0 && text == _T("xy"));
+    EXPECT_TRUE(m_key.QueryType(_T("Number"), type) == 0 && type == REG_DWORD);
 
     BYTE data[8] = {};
     DWORD size = 8;
     EXPECT_EQ(m_key.QueryValue(_T("Text"), type, data, size), 0);
     EXPECT_EQ(size, 6u);
     EXPECT_EQ(m_key.SetValue(_T("Odd"), REG_EXPAND_SZ, "a\0b\0c", 5), 0);
-    EXPECT_EQ(m_key.QueryValue(_T("Odd"), text), 0);
-    EXPECT_EQ(text, _T("ab"));
+    EXPECT_TRUE(m_key.QueryValue(_T("Odd"), text) == 0 && text == _T("ab"));
     EXPECT_EQ(CRegistry::SetValue(m_key, _T("sub"), nullptr, REG_DWORD, &number, 4), 0);
     CRegistry sub;
     EXPECT_EQ(sub.OpenKey(m_key, _T("sub")), 0);
@@ -196,17 +170,12 @@ TEST_F(Registry, ListsOfTexts)
         EXPECT_EQ(m_key.SetMultistringValue(_T("l"), list), 0);
         EXPECT_EQ(GetList(_T("l")), (std::pair<LONG, Texts>(0, texts)));
     }
-    DWORD type = 0;
-    DWORD size = 0;
-    m_key.SetMultistringValue(_T("l"), CStringList());
-    EXPECT_EQ(m_key.QueryValue(_T("l"), type, nullptr, size), 0);
-    EXPECT_EQ(size, 4u);
-    SetText(_T("l"), REG_MULTI_SZ, std::u16string_view(u"a\0b", 3));
-    EXPECT_EQ(GetList(_T("l")).second, Texts{u"a"});
-    SetText(_T("l"), REG_MULTI_SZ, std::u16string_view(u"a\0b\0", 4));
-    EXPECT_EQ(GetList(_T("l")).second, (Texts{u"a", u"b"}));
-    SetText(_T("l"), REG_MULTI_SZ, u"");
-    EXPECT_EQ(GetList(_T("l")), (std::pair<LONG, Texts>(0, {})));
+    for (auto const & [stored, texts] :
+         {std::pair<std::u16string_view, Texts>{{u"a\0b", 3}, {u"a"}}, {{u"a\0b\0", 4}, {u"a", u"b"}}, {u"", {}}})
+    {
+        SetText(_T("l"), REG_MULTI_SZ, stored);
+        EXPECT_EQ(GetList(_T("l")), (std::pair<LONG, Texts>(0, texts)));
+    }
     SetText(_T("l"), REG_SZ, u"a");
     EXPECT_EQ(GetList(_T("l")), (std::pair<LONG, Texts>(ERROR_INVALID_DATA, {})));
 }
@@ -230,11 +199,7 @@ TEST_F(Registry, Enumerates)
 
     CDictionary values;
     EXPECT_EQ(m_key.QueryValues(values), 0);
-    EXPECT_EQ(values.GetValueCount(), 4);
-    EXPECT_EQ(values[CString(longName)], _T("long"));
-    EXPECT_EQ(values[_T("cut")], _T("value"));
-    EXPECT_EQ(values[_T("number")], _T("-1"));
-    EXPECT_EQ(values[_T("bytes")], _T(""));
+    EXPECT_EQ(values.ToString(0, _T(";")), CString(longName) + _T("=long;cut=value;number=-1;bytes="));
     values.RemoveAllValues();
     EXPECT_EQ(m_key.QueryValues(values, 2), 0);
     EXPECT_EQ(values.GetValueCount(), 2);
@@ -273,11 +238,6 @@ TEST_F(Registry, Enumerates)
     EXPECT_EQ(CRegistry().SetValues(values), ERROR_INVALID_HANDLE);
 }
 
-CString ToText(DWORD type, Bytes const & data)
-{
-    return Open::ConvertToString(type, data.data(), static_cast<DWORD>(data.size()));
-}
-
 std::pair<bool, Bytes> FromText(DWORD type, CString const & text)
 {
     void * data = nullptr;
@@ -290,17 +250,27 @@ std::pair<bool, Bytes> FromText(DWORD type, CString const & text)
 
 TEST(RegistryTexts, OfData)
 {
-    EXPECT_EQ(ToText(REG_BINARY, {0, 0xFF, 0x1A}), _T("00 ff 1a"));
-    EXPECT_EQ(ToText(REG_BINARY, {}), _T(""));
-    EXPECT_EQ(ToText(REG_DWORD, {0x78, 0x56, 0x34, 0x12}), _T("0x12345678 (305419896)"));
-    EXPECT_EQ(ToText(REG_DWORD_BIG_ENDIAN, {0xFE, 0xFF, 0xFF, 0xFF}), _T("0xfffffffe (-2)"));
-    EXPECT_EQ(ToText(REG_DWORD, {1}), _T("0x00000001 (1)"));
-    EXPECT_EQ(ToText(REG_QWORD, {1, 2, 3, 4, 5, 6, 7, 8}), _T("0x0807060504030201"));
-    EXPECT_EQ(ToText(REG_MULTI_SZ, {'a', 0, 0, 0, 'b', 0, 0, 0, 0, 0}), _T("a\r\nb\r\n"));
-    EXPECT_EQ(ToText(REG_MULTI_SZ, {'a', 0, 0, 0, 'b', 0, 'x'}), _T("a\r\nb"));
-    EXPECT_EQ(ToText(REG_SZ, {'a', 0, 'b', 0}), _T("ab"));
-    EXPECT_EQ(ToText(REG_NONE, {'a', 0, 0, 0, 'b', 0}), _T("a"));
-
+    struct
+    {
+        DWORD type;
+        Bytes data;
+        LPCTSTR text;
+    } const shown[] = {
+        {REG_BINARY, {0, 0xFF, 0x1A}, _T("00 ff 1a")},
+        {REG_BINARY, {}, _T("")},
+        {REG_DWORD, {0x78, 0x56, 0x34, 0x12}, _T("0x12345678 (305419896)")},
+        {REG_DWORD_BIG_ENDIAN, {0xFE, 0xFF, 0xFF, 0xFF}, _T("0xfffffffe (-2)")},
+        {REG_DWORD, {1}, _T("0x00000001 (1)")},
+        {REG_QWORD, {1, 2, 3, 4, 5, 6, 7, 8}, _T("0x0807060504030201")},
+        {REG_MULTI_SZ, {'a', 0, 0, 0, 'b', 0, 0, 0, 0, 0}, _T("a\r\nb\r\n")},
+        {REG_MULTI_SZ, {'a', 0, 0, 0, 'b', 0, 'x'}, _T("a\r\nb")},
+        {REG_SZ, {'a', 0, 'b', 0}, _T("ab")},
+        {REG_NONE, {'a', 0, 0, 0, 'b', 0}, _T("a")},
+    };
+    for (auto const & [type, data, text] : shown)
+    {
+        EXPECT_EQ(Open::ConvertToString(type, data.data(), static_cast<DWORD>(data.size())), text);
+    }
     using Result = std::pair<bool, Bytes>;
     EXPECT_EQ(FromText(REG_SZ, _T("a")), (Result{true, {'a', 0, 0, 0}}));
     EXPECT_EQ(FromText(REG_BINARY, _T("00 ff-1A 7")), (Result{true, {0, 0xFF, 0x1A}}));
@@ -319,10 +289,9 @@ TEST(RegistryTexts, OfData)
 
 TEST(RegistryTexts, OfTypes)
 {
-    EXPECT_EQ(Open::GetRegistryTypeName(REG_NONE), _T("REG_SZ"));
-    EXPECT_EQ(Open::GetRegistryTypeName(REG_DWORD_BIG_ENDIAN), _T("REG_DWORD"));
-    EXPECT_EQ(Open::GetRegistryTypeName(REG_FULL_RESOURCE_DESCRIPTOR), _T(""));
-    EXPECT_EQ(Open::GetRegistryTypeName(12), _T(""));
+    EXPECT_EQ(Open::GetRegistryTypeName(REG_NONE) + Open::GetRegistryTypeName(REG_FULL_RESOURCE_DESCRIPTOR) +
+                  Open::GetRegistryTypeName(REG_DWORD_BIG_ENDIAN) + Open::GetRegistryTypeName(12),
+              _T("REG_SZREG_DWORD"));
     EXPECT_EQ(Open::GetRegistryTypeFromName(_T("reg_QWORD")), REG_QWORD);
     EXPECT_EQ(Open::GetRegistryTypeFromName(_T("REG_NONE")), REG_SZ);
     for (DWORD type : {1, 2, 3, 4, 7, 8, 10, 11})

@@ -4,7 +4,8 @@
 #include "kvx/foundation/Utilities.h"
 #include "kvx/logging/LogManager.h"
 
-#include <gtest/gtest.h>
+#include "tests/platform/mfc/Raised.h"
+#include "tests/support/Fails.h"
 
 #include <filesystem>
 #include <fstream>
@@ -82,21 +83,15 @@ TEST(Module, NamesOfEveryShapeFindIt)
     WCHAR path[1000];
     EXPECT_EQ(GetModuleFileNameW(handle, path, 1000), static_cast<DWORD>(windows.GetLength()));
     EXPECT_EQ(CString(path), windows);
-    EXPECT_EQ(GetModuleFileNameW(handle, path, 5), 5u);
+    EXPECT_TRUE(Fails(GetModuleFileNameW(handle, path, 5), ERROR_INSUFFICIENT_BUFFER, 5));
     EXPECT_EQ(path[4], 0);
 
-    // Each load is one use.
     FARPROC const add = module.GetProcAddress(_T("KVX_Add"));
     ASSERT_NE(add, nullptr);
     EXPECT_EQ(reinterpret_cast<int (*)(int, int)>(reinterpret_cast<void *>(add))(2, 3), 5);
     EXPECT_EQ(CUtilities::ModuleFromAddress(reinterpret_cast<void *>(add)), handle);
-    CWinModule second(windows);
-    EXPECT_TRUE(module.Free() && !module.Free());
-    EXPECT_EQ(GetModuleHandleW(windows), handle);
-    second.Attach(nullptr);
-    EXPECT_EQ(GetModuleHandleW(windows), nullptr);
-    EXPECT_FALSE(FreeLibrary(handle));
-    EXPECT_EQ(GetLastError(), 126u);
+    module.Free();
+    EXPECT_TRUE(Fails(FreeLibrary(handle), 126));
 }
 
 TEST(Module, IsGoneWithItsLastUse)
@@ -105,8 +100,9 @@ TEST(Module, IsGoneWithItsLastUse)
     FARPROC const work = module.GetProcAddress(_T("KVX_Work"));
     ASSERT_NE(work, nullptr);
     EXPECT_EQ(reinterpret_cast<int (*)()>(reinterpret_cast<void *>(work))(), 42);
-    EXPECT_TRUE(IsMapped("libtest_system_module.so"));
-    module.Free();
+    CWinModule second(BesideProgram(_T("libtest_system_module.so")));
+    EXPECT_TRUE(module.Free() && !module.Free() && IsMapped("libtest_system_module.so"));
+    second.Attach(nullptr);
     EXPECT_FALSE(IsMapped("libtest_system_module.so"));
 }
 
@@ -144,55 +140,38 @@ TEST(Module, APathMeansThatFile)
 TEST(Module, FailuresAreToldApart)
 {
     Files files;
-    EXPECT_EQ(LoadError(_T("no_such_module")), 126u);
-    EXPECT_EQ(LoadError(files.Name("missing.dll")), 126u);
-    EXPECT_EQ(LoadError(files.Name("no/such/folder/x.so")), 126u);
-    EXPECT_EQ(LoadError(_T("\x4E16\x754C")), 126u);
-    EXPECT_EQ(LoadError(CString(_T('x'), 5000)), 126u);
-    EXPECT_EQ(LoadError(_T("")), 87u);
-    EXPECT_EQ(
-        LoadError(files.Write("text.dll", "just a text, long enough to be read as the header of a file, and more")),
-        193u);
-    EXPECT_EQ(LoadError(files.Write("empty.so", "")), 193u);
-    EXPECT_EQ(LoadError(files.Write("libcut.so", std::string("\x7F"
-                                                             "ELF\x02\x01\x01",
-                                                             7))),
-              193u);
-    EXPECT_EQ(LoadError(files.Name("cut")), 193u);
-    // The head of a true module, and nothing behind it.
-    std::string head(64, 0);
-    std::ifstream(kvx::ToUtf8(kvx::FromUtf8(std::filesystem::canonical("/proc/self/exe").string())), std::ios::binary)
-        .read(head.data(), 64);
-    EXPECT_EQ(LoadError(files.Write("head.so", head)), 193u);
+    std::string head(64, 0); // of a true module, and nothing behind it
+    std::ifstream("/proc/self/exe", std::ios::binary).read(head.data(), 64);
+    for (auto const & [name, code] :
+         {std::pair<CString, DWORD>{_T("no_such_module"), 126},
+          {files.Name("missing.dll"), 126},
+          {files.Name("no/such/folder/x.so"), 126},
+          {_T("\x4E16\x754C"), 126},
+          {CString(_T('x'), 5000), 126},
+          {_T(""), 87},
+          {files.Write("text.dll", "just a text, long enough to be read as the header of a file, and more"), 193},
+          {files.Write("empty.so", ""), 193},
+          {files.Write("libcut.so", head.substr(0, 7)), 193},
+          {files.Name("cut"), 193},
+          {files.Write("head.so", head), 193}})
+    {
+        EXPECT_EQ(LoadError(name), code) << kvx::ToUtf8(name);
+    }
     // Flags that no caller needs.
-    EXPECT_EQ(LoadLibraryExW(_T("test_system_module"), nullptr, 2), nullptr);
-    EXPECT_EQ(GetLastError(), 87u);
+    EXPECT_TRUE(Fails(LoadLibraryExW(_T("test_system_module"), nullptr, 2), 87));
 
-    try
-    {
-        CWinModule const module(files.Name("missing.dll"));
-        ADD_FAILURE();
-    }
-    catch (CFileException * failure)
-    {
-        EXPECT_EQ(failure->m_cause, 2);
-        EXPECT_EQ(failure->m_lOsError, 126);
-        EXPECT_EQ(failure->m_strFileName, files.Name("missing.dll"));
-        failure->Delete();
-    }
+    EXPECT_EQ(CauseOf([&] { CWinModule const module(files.Name("missing.dll")); }), CFileException::fileNotFound);
 
     CWinModule module(CString(_T("test_system_module")));
     for (LPCTSTR const name : {_T("KVX_add"), _T(""), _T("malloc"), _T("KVX_Add ")})
     {
-        EXPECT_EQ(module.GetProcAddress(name), nullptr);
-        EXPECT_EQ(GetLastError(), 127u);
+        EXPECT_TRUE(Fails(module.GetProcAddress(name), 127));
     }
     CWinModule const none;
     EXPECT_EQ(none.GetProcAddress(_T("KVX_Add")), nullptr);
     EXPECT_EQ(GetModuleHandleW(_T("no_such_module")), nullptr);
     WCHAR path[10];
-    EXPECT_EQ(GetModuleFileNameW(reinterpret_cast<HMODULE>(8), path, 10), 0u);
-    EXPECT_EQ(GetLastError(), 126u);
+    EXPECT_TRUE(Fails(GetModuleFileNameW(reinterpret_cast<HMODULE>(8), path, 10), 126));
 }
 
 TEST(Module, Resources)
@@ -205,26 +184,20 @@ TEST(Module, Resources)
     CStringA text;
     EXPECT_TRUE(CUtilities::LoadResource(text, _T("greeting"), _T("DATA"), module.GetHandle()));
     EXPECT_EQ(text, "Hello from a resource.\n");
+    HMODULE const handle = module.GetHandle();
     CString wide;
-    EXPECT_TRUE(CUtilities::LoadResource(wide, _T("greeting"), _T("DATA"), module.GetHandle()));
+    EXPECT_TRUE(CUtilities::LoadResource(wide, _T("greeting"), _T("DATA"), handle));
     EXPECT_EQ(wide.GetLength(), text.GetLength() / 2);
-
-    auto const reason = [&](LPCTSTR name, LPCTSTR type, HMODULE from)
-    {
-        EXPECT_EQ(FindResourceW(from, name, type), nullptr);
-        return GetLastError();
-    };
-    EXPECT_EQ(reason(_T("x"), _T("TEXT"), module.GetHandle()), 1814u);
-    EXPECT_EQ(reason(_T("greeting"), _T("x"), module.GetHandle()), 1813u);
-    EXPECT_EQ(reason(MAKEINTRESOURCEW(5), MAKEINTRESOURCEW(10), module.GetHandle()), 1813u);
-    EXPECT_EQ(reason(_T("greeting"), _T("TEXT"), nullptr), 1812u);
+    EXPECT_TRUE(Fails(FindResourceW(handle, _T("x"), _T("TEXT")), 1814));
+    EXPECT_TRUE(Fails(FindResourceW(handle, _T("greeting"), _T("x")), 1813));
+    EXPECT_TRUE(Fails(FindResourceW(handle, MAKEINTRESOURCEW(5), MAKEINTRESOURCEW(10)), 1813));
+    EXPECT_TRUE(Fails(FindResourceW(nullptr, _T("greeting"), _T("TEXT")), 1812));
     EXPECT_EQ(module.LockResource(size, _T("x"), _T("TEXT")), nullptr);
     EXPECT_EQ(size, 0u);
     EXPECT_FALSE(CUtilities::LoadResource(text, MAKEINTRESOURCEW(5), _T("x"), module.GetHandle()));
     EXPECT_TRUE(text.IsEmpty());
-    HMODULE const handle = module.GetHandle();
     module.Free();
-    EXPECT_EQ(reason(_T("greeting"), _T("TEXT"), handle), 1812u); // they went with it
+    EXPECT_TRUE(Fails(FindResourceW(handle, _T("greeting"), _T("TEXT")), 1812)); // they went with it
 }
 
 TEST(ObFactory, KeepsItsLibraryAndMakesObjects)
@@ -232,10 +205,8 @@ TEST(ObFactory, KeepsItsLibraryAndMakesObjects)
     CObFactoryMap map;
     CString const path = BesideProgram(_T("test_system_module.dll"));
     EXPECT_EQ(map.CreateObject(_T("One")), nullptr);
-    EXPECT_EQ(map.LoadFactory(_T("no_such_module"), _T("One")), nullptr);
-    EXPECT_EQ(GetLastError(), 126u);
-    EXPECT_EQ(map.LoadFactory(path, _T("Other")), nullptr);
-    EXPECT_EQ(GetLastError(), 127u);
+    EXPECT_TRUE(Fails(map.LoadFactory(_T("no_such_module"), _T("One")), 126));
+    EXPECT_TRUE(Fails(map.LoadFactory(path, _T("Other")), 127));
     EXPECT_EQ(GetModuleHandleW(path), nullptr);
 
     CObFactory * const one = map.LoadFactory(path, _T("One"));
@@ -244,17 +215,13 @@ TEST(ObFactory, KeepsItsLibraryAndMakesObjects)
     EXPECT_TRUE(one->HasLibrary(CString(path).MakeUpper()) && !one->HasLibrary(_T("")));
     delete map.CreateObject(_T("One"));
     EXPECT_EQ(map.CreateObject(_T("None"), path), nullptr);
-    int count = 0;
-    for (POSITION pos = map.GetStartPosition(); pos; map.GetNext(pos))
-    {
-        ++count;
-    }
-    EXPECT_EQ(count, 2);
+    POSITION pos = map.GetStartPosition();
+    map.GetNext(pos);
+    EXPECT_TRUE(pos && (map.GetNext(pos), !pos)); // two
     map.UnloadFactory(_T("unknown"));
     map.UnloadFactory(_T("One"));
-    EXPECT_NE(GetModuleHandleW(path), nullptr); // the other one needs it
     map.UnloadFactories(_T("another.dll"));
-    EXPECT_NE(GetModuleHandleW(path), nullptr);
+    EXPECT_NE(GetModuleHandleW(path), nullptr); // the other one needs it
     map.UnloadFactories(CString(path).MakeUpper());
     EXPECT_EQ(GetModuleHandleW(path), nullptr);
     map.LoadFactory(path, _T("One"));

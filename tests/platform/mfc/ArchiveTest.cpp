@@ -90,6 +90,26 @@ Bytes StoredGraph()
     root.m_children[1]->m_pOther = root.m_children[0].get();
     return Store([&](CArchive & ar) { ar << &root; });
 }
+
+/// The cause that reading so many objects of the class raises; 0 if they come. They are deleted.
+template <class OBJECT>
+int CauseOfReading(Bytes const & bytes, int nObjects = 1)
+{
+    std::vector<std::unique_ptr<OBJECT>> objects;
+    return CauseOf(
+        [&]
+        {
+            Load(bytes,
+                 [&](CArchive & ar)
+                 {
+                     for (OBJECT * pRead = nullptr; nObjects > 0; --nObjects)
+                     {
+                         ar >> pRead;
+                         objects.emplace_back(pRead);
+                     }
+                 });
+        });
+}
 } // namespace
 
 TEST(Archive, ValuesHaveTheirOwnWidth)
@@ -204,39 +224,16 @@ TEST(Archive, AGraphComesBackWithItsShape)
 TEST(Archive, TruncatedGraphsRaiseAndLeakNothing)
 {
     auto const graph = StoredGraph();
-    auto const tryToRead = [](Bytes bytes)
-    {
-        Load(std::move(bytes),
-             [](CArchive & ar)
-             {
-                 CNode * pRead = nullptr;
-                 ar >> pRead;
-             });
-    };
     for (std::size_t nCut = 0; nCut < graph.size(); ++nCut)
     {
         Bytes cut(graph.begin(), graph.begin() + static_cast<std::ptrdiff_t>(nCut));
-        EXPECT_EQ(CauseOf([&] { tryToRead(cut); }), CArchiveException::endOfFile) << nCut;
+        EXPECT_EQ(CauseOfReading<CNode>(cut), CArchiveException::endOfFile) << nCut;
         EXPECT_EQ(CNode::sm_nAlive, 0) << nCut;
     }
 }
 
 TEST(Archive, HostileTagsAreRefused)
 {
-    auto const read = [](Bytes bytes)
-    {
-        return CauseOf(
-            [&]
-            {
-                Load(bytes,
-                     [](CArchive & ar)
-                     {
-                         CFixed * pFixed = nullptr;
-                         ar >> pFixed;
-                         delete pFixed;
-                     });
-            });
-    };
     auto const withClass = [](std::string_view name, BYTE nSchema)
     {
         Bytes bytes{0xFF, 0xFF, nSchema, 0, static_cast<BYTE>(name.size()), 0};
@@ -244,37 +241,30 @@ TEST(Archive, HostileTagsAreRefused)
             bytes.push_back(static_cast<BYTE>(c));
         return bytes;
     };
-    EXPECT_EQ(read(withClass("CFixed", 7)), 0);
-    EXPECT_EQ(read({0, 0}), 0);
-    EXPECT_EQ(read(withClass("CFixed", 8)), CArchiveException::badSchema);
-    EXPECT_EQ(read(withClass("CNode", 3)), CArchiveException::badClass);
-    EXPECT_EQ(read(withClass("CUnknown", 7)), CArchiveException::badClass);
-    EXPECT_EQ(read(withClass("CFile", 7)), CArchiveException::badClass) << "not serial";
-    EXPECT_EQ(read(withClass(std::string(200, 'x'), 7)), CArchiveException::badClass);
-    EXPECT_EQ(read({1, 0}), CArchiveException::badIndex) << "an object that never came";
-    EXPECT_EQ(read({0, 0x80}), CArchiveException::badIndex);
-    EXPECT_EQ(read({5, 0x80}), CArchiveException::badIndex);
-    EXPECT_EQ(read({0xFF, 0x7F, 0xFF, 0xFF, 0xFF, 0x7F}), CArchiveException::badIndex);
-    EXPECT_EQ(read({0xFF, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF}), CArchiveException::badIndex);
+    for (auto const & [bytes, nCause] : {
+             std::pair<Bytes, int>{withClass("CFixed", 7), 0},
+             {{0, 0}, 0},
+             {withClass("CFixed", 8), CArchiveException::badSchema},
+             {withClass("CNode", 3), CArchiveException::badClass},
+             {withClass("CUnknown", 7), CArchiveException::badClass},
+             {withClass("CFile", 7), CArchiveException::badClass}, // not serial
+             {withClass(std::string(200, 'x'), 7), CArchiveException::badClass},
+             {{1, 0}, CArchiveException::badIndex}, // an object that never came
+             {{0, 0x80}, CArchiveException::badIndex},
+             {{5, 0x80}, CArchiveException::badIndex},
+             {{0xFF, 0x7F, 0xFF, 0xFF, 0xFF, 0x7F}, CArchiveException::badIndex},
+             {{0xFF, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF}, CArchiveException::badIndex},
+         })
+    {
+        EXPECT_EQ(CauseOfReading<CFixed>(bytes), nCause) << testing::PrintToString(bytes);
+    }
 
     // Number 1 is a class and number 2 an object: neither may pass for the other.
     for (Bytes const & tag : {Bytes{1, 0}, Bytes{2, 0x80}})
     {
         auto bytes = withClass("CFixed", 7);
         bytes.insert(bytes.end(), tag.begin(), tag.end());
-        auto const cause = CauseOf(
-            [&]
-            {
-                Load(bytes,
-                     [](CArchive & ar)
-                     {
-                         CFixed *pFirst = nullptr, *pSecond = nullptr;
-                         ar >> pFirst;
-                         std::unique_ptr<CFixed> const owner(pFirst);
-                         ar >> pSecond;
-                     });
-            });
-        EXPECT_EQ(cause, CArchiveException::badIndex);
+        EXPECT_EQ(CauseOfReading<CFixed>(bytes, 2), CArchiveException::badIndex);
     }
 }
 
@@ -283,17 +273,7 @@ TEST(Archive, DepthIsBounded)
     Bytes bytes{0xFF, 0xFF, 0, 0, 7, 0, 'C', 'O', 'b', 'L', 'i', 's', 't', 1, 0};
     for (int i = 0; i < 200000; ++i)
         bytes.insert(bytes.end(), {0x01, 0x80, 1, 0}); // a list that holds a list that holds ...
-    EXPECT_EQ(CauseOf(
-                  [&]
-                  {
-                      Load(bytes,
-                           [](CArchive & ar)
-                           {
-                               CObList * pList = nullptr;
-                               ar >> pList;
-                           });
-                  }),
-              CArchiveException::genericException);
+    EXPECT_EQ(CauseOfReading<CObList>(bytes), CArchiveException::genericException);
 }
 
 TEST(Archive, FalseLengthsCostNothing)
@@ -310,58 +290,51 @@ TEST(Archive, FalseLengthsCostNothing)
     CMapStringToString map;
     CList<int, int> list;
     for (CObject * pCollection : std::initializer_list<CObject *>{&texts, &words, &map, &list})
-        EXPECT_EQ(CauseOf([&] { Load(huge, [&](CArchive & ar) { pCollection->Serialize(ar); }); }) != 0, true);
+        EXPECT_NE(CauseOf([&] { Load(huge, [&](CArchive & ar) { pCollection->Serialize(ar); }); }), 0);
     EXPECT_LE(words.GetSize(), 2048);
 }
 
 TEST(Archive, CollectionsComeBack)
 {
-    CObList objects;
+    struct
+    {
+        CObList objects;
+        CStringArray texts;
+        CMapStringToString map;
+        CMap<int, int, double, double> numbers;
+
+        void operator()(CArchive & ar)
+        {
+            for (CObject * pCollection : std::initializer_list<CObject *>{&objects, &texts, &map, &numbers})
+                pCollection->Serialize(ar);
+        }
+    } all, read;
     CNode node;
     node.m_strName = _T("node");
-    objects.AddTail(&node);
-    objects.AddTail(static_cast<CObject *>(nullptr));
-    objects.AddTail(&node);
-    CStringArray texts;
-    texts.Add(_T("a"));
-    texts.Add(_T(""));
-    CMapStringToString map;
-    CMap<int, int, double, double> numbers;
+    for (CObject * const pObject : {&node, static_cast<CNode *>(nullptr), &node})
+        all.objects.AddTail(pObject);
+    all.texts.Add(_T("a"));
+    all.texts.Add(_T(""));
     for (int i = 20; i > 0; --i)
     {
         CString strKey;
         strKey.Format(_T("%d"), i);
-        map[strKey] = strKey + _T("!");
-        numbers[i] = i / 2.0;
+        all.map[strKey] = strKey + _T("!");
+        all.numbers[i] = i / 2.0;
     }
-    auto const bytes = Store(
-        [&](CArchive & ar)
-        {
-            for (CObject * pCollection : std::initializer_list<CObject *>{&objects, &texts, &map, &numbers})
-                pCollection->Serialize(ar);
-        });
+    Load(Store([&](CArchive & ar) { all(ar); }), [&](CArchive & ar) { read(ar); });
 
-    CObList objects2;
-    CStringArray texts2;
-    CMapStringToString map2;
-    CMap<int, int, double, double> numbers2;
-    Load(bytes,
-         [&](CArchive & ar)
-         {
-             for (CObject * pCollection : std::initializer_list<CObject *>{&objects2, &texts2, &map2, &numbers2})
-                 pCollection->Serialize(ar);
-         });
-    ASSERT_EQ(objects2.GetCount(), 3);
-    EXPECT_EQ(objects2.GetHead(), objects2.GetTail());
-    std::unique_ptr<CNode> const pNode(DYNAMIC_DOWNCAST(CNode, objects2.GetHead()));
+    ASSERT_EQ(read.objects.GetCount(), 3);
+    EXPECT_EQ(read.objects.GetHead(), read.objects.GetTail());
+    std::unique_ptr<CNode> const pNode(DYNAMIC_DOWNCAST(CNode, read.objects.GetHead()));
     ASSERT_TRUE(pNode);
     EXPECT_EQ(pNode->m_strName, _T("node"));
-    ASSERT_EQ(texts2.GetSize(), 2);
-    EXPECT_EQ(texts2[0], _T("a"));
-    EXPECT_EQ(numbers2[7], 3.5);
-    ASSERT_EQ(map2.GetCount(), 20);
-    EXPECT_EQ(map2.PGetFirstAssoc()->key, _T("20"));
-    EXPECT_EQ(map2[_T("13")], _T("13!"));
+    ASSERT_EQ(read.texts.GetSize(), 2);
+    EXPECT_EQ(read.texts[0], _T("a"));
+    EXPECT_EQ(read.numbers[7], 3.5);
+    ASSERT_EQ(read.map.GetCount(), 20);
+    EXPECT_EQ(read.map.PGetFirstAssoc()->key, _T("20"));
+    EXPECT_EQ(read.map[_T("13")], _T("13!"));
 
     CMapPtrToPtr addresses;
     addresses[&node] = nullptr;

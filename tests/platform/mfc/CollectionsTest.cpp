@@ -17,20 +17,11 @@ using testing::ElementsAre;
 namespace
 {
 template <class LIST>
-auto Forward(LIST const & list)
+auto Walk(LIST const & list, bool bForward)
 {
     std::vector<std::remove_cvref_t<decltype(list.GetHead())>> result;
-    for (auto pos = list.GetHeadPosition(); pos;)
-        result.push_back(list.GetNext(pos));
-    return result;
-}
-
-template <class LIST>
-auto Backward(LIST const & list)
-{
-    std::vector<std::remove_cvref_t<decltype(list.GetHead())>> result;
-    for (auto pos = list.GetTailPosition(); pos;)
-        result.push_back(list.GetPrev(pos));
+    for (auto pos = bForward ? list.GetHeadPosition() : list.GetTailPosition(); pos;)
+        result.push_back(bForward ? list.GetNext(pos) : list.GetPrev(pos));
     return result;
 }
 
@@ -62,20 +53,20 @@ TEST(List, BothDirectionsAgreeAfterEveryKindOfChange)
     list.InsertBefore(two, 9);
     list.InsertBefore(nullptr, 0);
     list.InsertAfter(nullptr, 4);
-    EXPECT_THAT(Forward(list), ElementsAre(0, 1, 9, 2, 3, 4));
-    EXPECT_THAT(Backward(list), ElementsAre(4, 3, 2, 9, 1, 0));
+    EXPECT_THAT(Walk(list, true), ElementsAre(0, 1, 9, 2, 3, 4));
+    EXPECT_THAT(Walk(list, false), ElementsAre(4, 3, 2, 9, 1, 0));
 
     list.RemoveAt(list.Find(9));
     list.SetAt(two, 20);
     EXPECT_EQ(list.RemoveHead(), 0);
     EXPECT_EQ(list.RemoveTail(), 4);
     EXPECT_EQ(list.GetAt(two), 20);
-    EXPECT_THAT(Forward(list), ElementsAre(1, 20, 3));
-    EXPECT_THAT(Backward(list), ElementsAre(3, 20, 1));
+    EXPECT_THAT(Walk(list, true), ElementsAre(1, 20, 3));
+    EXPECT_THAT(Walk(list, false), ElementsAre(3, 20, 1));
 
     list.AddTail(&list);
     list.AddHead(&list);
-    EXPECT_THAT(Forward(list), ElementsAre(1, 20, 3, 1, 20, 3, 1, 20, 3, 1, 20, 3));
+    EXPECT_THAT(Walk(list, true), ElementsAre(1, 20, 3, 1, 20, 3, 1, 20, 3, 1, 20, 3));
     EXPECT_EQ(list.GetCount(), 12);
 }
 

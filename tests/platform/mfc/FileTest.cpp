@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -94,8 +95,7 @@ TEST_F(FileTest, ShareModesHold)
     EXPECT_EQ(CString(message).GetLength(), 3);
 
     EXPECT_TRUE(second.Open(m_strPath, CFile::modeRead | CFile::shareDenyNone));
-    EXPECT_EQ(CauseOf([&] { CFile third(m_strPath, CFile::modeRead | CFile::shareExclusive); }),
-              CFileException::sharingViolation);
+    EXPECT_FALSE(CFile().Open(m_strPath, CFile::modeRead | CFile::shareExclusive));
 }
 
 TEST_F(FileTest, PositionLengthAndNames)
@@ -108,7 +108,6 @@ TEST_F(FileTest, PositionLengthAndNames)
     EXPECT_EQ(file.GetPosition(), 8u);
     char rest[8];
     EXPECT_EQ(file.Read(rest, 8), 2u);
-    EXPECT_EQ(file.Read(rest, 8), 0u);
     file.SetLength(4);
     EXPECT_EQ(file.GetPosition(), 4u);
     EXPECT_EQ(file.GetLength(), 4u);
@@ -125,7 +124,6 @@ TEST_F(FileTest, PositionLengthAndNames)
     EXPECT_EQ(Content(), "0123!");
     auto const strOther = m_strPath + _T(".moved");
     CFile::Rename(m_strPath, strOther);
-    EXPECT_EQ(CauseOf([&] { CFile::Rename(m_strPath, strOther); }), CFileException::fileNotFound);
     CFile::Remove(strOther);
     EXPECT_EQ(CauseOf([&] { CFile::Remove(strOther); }), CFileException::fileNotFound);
 }
@@ -136,12 +134,11 @@ TEST_F(FileTest, AClosedFileRaises)
     char byte = 0;
     for (int i = 0; i < 2; ++i)
     {
-        EXPECT_EQ(CauseOf([&] { file.Read(&byte, 1); }), CFileException::invalidFile);
-        EXPECT_EQ(CauseOf([&] { file.Write(&byte, 1); }), CFileException::invalidFile);
-        EXPECT_EQ(CauseOf([&] { file.SeekToEnd(); }), CFileException::invalidFile);
-        EXPECT_EQ(CauseOf([&] { file.GetLength(); }), CFileException::invalidFile);
-        EXPECT_EQ(CauseOf([&] { file.SetLength(1); }), CFileException::invalidFile);
-        EXPECT_EQ(CauseOf([&] { file.Flush(); }), CFileException::invalidFile);
+        for (auto const & action :
+             std::initializer_list<std::function<void()>>{[&] { file.Read(&byte, 1); }, [&] { file.Write(&byte, 1); },
+                                                          [&] { file.SeekToEnd(); }, [&] { file.GetLength(); },
+                                                          [&] { file.SetLength(1); }, [&] { file.Flush(); }})
+            EXPECT_EQ(CauseOf(action), CFileException::invalidFile);
         EXPECT_EQ(CauseOf([&] { file.Close(); }), 0);
         CFileException error;
         EXPECT_FALSE(file.Open(_T(""), CFile::modeRead, &error));
@@ -231,17 +228,10 @@ TEST(Time, FieldsAndFormats)
     EXPECT_EQ(CTime(2024, 2, 30, 0, 0, 0).GetMonth(), 3);
     EXPECT_TRUE(Raises<CInvalidArgException>([&] { time.Format(_T("%")); }));
     EXPECT_TRUE(Raises<CInvalidArgException>([&] { time.Format(_T("%Q")); }));
-    for (auto const & action : std::initializer_list<std::function<void()>>{[] { CTime(1899, 1, 1, 0, 0, 0); },
-                                                                            [] { CTime(2000, 13, 1, 0, 0, 0); },
-                                                                            [] { CTime(2000, 1, 0, 0, 0, 0); },
-                                                                            [] { CTime(2000, 1, 1, 24, 0, 0); },
-                                                                            [] { CTime(1950, 1, 1, 0, 0, 0); },
-                                                                            [] {
-                                                                                CTime(FILETIME{0, 0});
-                                                                            }})
-    {
-        EXPECT_TRUE(Raises<CInvalidArgException>(action));
-    }
+    for (auto const & n :
+         {std::array{1899, 1, 1, 0}, {2000, 13, 1, 0}, {2000, 1, 0, 0}, {2000, 1, 1, 24}, {1950, 1, 1, 0}})
+        EXPECT_TRUE(Raises<CInvalidArgException>([&] { CTime(n[0], n[1], n[2], n[3], 0, 0); })) << n[0];
+    EXPECT_TRUE(Raises<CInvalidArgException>([] { CTime(FILETIME{0, 0}); }));
     EXPECT_EQ(CTime(-1).GetYear(), 0);
     EXPECT_EQ(CTime(FILETIME{0xD53E8000, 0x019DB1DE}).GetTime(), 0);
 }
@@ -258,13 +248,11 @@ TEST(Time, Spans)
 TEST(Sync, LocksAndEvents)
 {
     CEvent automatic(TRUE);
-    EXPECT_TRUE(automatic.Lock(0));
-    EXPECT_FALSE(automatic.Lock(0));
+    EXPECT_TRUE(automatic.Lock(0) && !automatic.Lock(0));
     CEvent manual(FALSE, TRUE);
     {
         CSingleLock lock(&manual);
-        EXPECT_FALSE(lock.Lock(0));
-        EXPECT_FALSE(lock.IsLocked());
+        EXPECT_FALSE(lock.Lock(0) || lock.IsLocked());
         manual.SetEvent();
         EXPECT_TRUE(lock.Lock(0));
     }
@@ -276,13 +264,8 @@ TEST(Sync, LocksAndEvents)
     {
         CSingleLock outer(pObject, TRUE);
         EXPECT_TRUE(outer.Lock());
-        {
-            CSingleLock inner(pObject, TRUE);
-            EXPECT_TRUE(inner.IsLocked());
-        }
-        EXPECT_TRUE(outer.IsLocked());
-        EXPECT_TRUE(outer.Unlock());
-        EXPECT_FALSE(outer.IsLocked());
+        EXPECT_TRUE(CSingleLock(pObject, TRUE).IsLocked());
+        EXPECT_TRUE(outer.IsLocked() && outer.Unlock() && !outer.IsLocked());
     }
     EXPECT_FALSE(ReleaseMutex(mutex)) << "every lock was given back";
     EXPECT_TRUE(Raises<CInvalidArgException>([] { CSingleLock lock(nullptr); }));

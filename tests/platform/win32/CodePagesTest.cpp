@@ -1,9 +1,9 @@
 #include "kvx/platform/win32/codepages.h"
-#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/upcase.h"
 
-#include <gtest/gtest.h>
+#include "tests/support/Fails.h"
 
+#include <tuple>
 #include <vector>
 
 using kvx::win32::FromUtf8;
@@ -80,8 +80,9 @@ TEST(CodePages, Utf8EncodesLoneSurrogatesAsReplacement)
                                  "b\xEF\xBF\xBD\xF0\x9F\x98\x80\xDF\xBF\xEF\xBF\xBF\xEF\xBF\xBD";
     EXPECT_EQ(Encode(CP_UTF8, strText), strBytes);
     EXPECT_EQ(ToUtf8(strText), strBytes);
-    EXPECT_EQ(WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, strText.data(), 2, nullptr, 0, nullptr, nullptr), 0);
-    EXPECT_EQ(GetLastError(), ERROR_NO_UNICODE_TRANSLATION);
+    EXPECT_TRUE(
+        Fails(WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, strText.data(), 2, nullptr, 0, nullptr, nullptr),
+              ERROR_NO_UNICODE_TRANSLATION));
 }
 
 TEST(CodePages, CountsAndBuffersFollowTheRules)
@@ -97,12 +98,11 @@ TEST(CodePages, CountsAndBuffersFollowTheRules)
     {
         SCOPED_TRACE(nPage);
         char16_t wide[4] = {u'#', u'#', u'#', u'#'};
-        EXPECT_EQ(MultiByteToWideChar(nPage, 0, "abcdef", -1, wide, 3), 0);
-        EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_TRUE(Fails(MultiByteToWideChar(nPage, 0, "abcdef", -1, wide, 3), ERROR_INSUFFICIENT_BUFFER));
         EXPECT_EQ(std::u16string(wide, 4), u"abc#");
         char narrow[4] = {'#', '#', '#', '#'};
-        EXPECT_EQ(WideCharToMultiByte(nPage, 0, u"abcdef", -1, narrow, 3, nullptr, nullptr), 0);
-        EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_TRUE(Fails(WideCharToMultiByte(nPage, 0, u"abcdef", -1, narrow, 3, nullptr, nullptr),
+                          ERROR_INSUFFICIENT_BUFFER));
         EXPECT_EQ(std::string(narrow, 4), "abc#");
     }
     char half[4] = {'#', '#', '#', '#'};
@@ -112,26 +112,22 @@ TEST(CodePages, CountsAndBuffersFollowTheRules)
     struct Bad
     {
         UINT nPage;
-        DWORD dwFlags;
         char const * pszSource;
         int nSource;
         int nTarget;
-        DWORD dwError;
     };
-    for (Bad const & bad :
-         {Bad{CP_UTF8, 0, nullptr, 1, 0, ERROR_INVALID_PARAMETER}, Bad{CP_UTF8, 0, "a", 0, 0, ERROR_INVALID_PARAMETER},
-          Bad{CP_UTF8, 0, "a", -2, 0, ERROR_INVALID_PARAMETER}, Bad{CP_UTF8, 0, "a", 1, -1, ERROR_INVALID_PARAMETER},
-          Bad{CP_UTF8, 0, "a", 1, 5, ERROR_INVALID_PARAMETER}, // a size, but no buffer
-          Bad{CP_UTF8, 0x4000, "a", 1, 0, ERROR_INVALID_FLAGS}, Bad{54321, 0, "a", 1, 0, ERROR_INVALID_PARAMETER},
-          Bad{1200, 0, "ab", 2, 0, ERROR_INVALID_PARAMETER}, Bad{0xFFFFFFFF, 0, "a", 1, 0, ERROR_INVALID_PARAMETER}})
+    for (Bad const & bad : {Bad{CP_UTF8, nullptr, 1, 0}, Bad{CP_UTF8, "a", 0, 0}, Bad{CP_UTF8, "a", -2, 0},
+                            Bad{CP_UTF8, "a", 1, -1}, Bad{CP_UTF8, "a", 1, 5}, // a size, but no buffer
+                            Bad{54321, "a", 1, 0}, Bad{1200, "ab", 2, 0}, Bad{0xFFFFFFFF, "a", 1, 0}})
     {
         SetLastError(0);
-        EXPECT_EQ(MultiByteToWideChar(bad.nPage, bad.dwFlags, bad.pszSource, bad.nSource, nullptr, bad.nTarget), 0);
-        EXPECT_EQ(GetLastError(), bad.dwError) << bad.nPage << ' ' << bad.nSource;
+        EXPECT_TRUE(Fails(MultiByteToWideChar(bad.nPage, 0, bad.pszSource, bad.nSource, nullptr, bad.nTarget),
+                          ERROR_INVALID_PARAMETER))
+            << bad.nPage << ' ' << bad.nSource;
     }
+    EXPECT_TRUE(Fails(MultiByteToWideChar(CP_UTF8, 0x4000, "a", 1, nullptr, 0), ERROR_INVALID_FLAGS));
     BOOL bUsed = FALSE;
-    EXPECT_EQ(WideCharToMultiByte(CP_UTF8, 0, u"a", 1, nullptr, 0, nullptr, &bUsed), 0);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(Fails(WideCharToMultiByte(CP_UTF8, 0, u"a", 1, nullptr, 0, nullptr, &bUsed), ERROR_INVALID_PARAMETER));
 }
 
 TEST(CodePages, SingleBytePagesGoThereAndBack)
@@ -167,8 +163,8 @@ TEST(CodePages, OtherPagesGoThroughTheHost)
     EXPECT_EQ(Encode(932, u"\u65E5\u672C"), strShiftJis);
     EXPECT_EQ(Encode(932, u"a\U0001F600b", "-"), "a--b");
     EXPECT_EQ(Decode(932, "a\x93"), u"a\uFFFD");
-    EXPECT_EQ(MultiByteToWideChar(932, MB_ERR_INVALID_CHARS, "a\x93", 2, nullptr, 0), 0);
-    EXPECT_EQ(GetLastError(), ERROR_NO_UNICODE_TRANSLATION);
+    EXPECT_TRUE(
+        Fails(MultiByteToWideChar(932, MB_ERR_INVALID_CHARS, "a\x93", 2, nullptr, 0), ERROR_NO_UNICODE_TRANSLATION));
 
     // Longer than the buffer between, with the error at its border.
     std::u16string strLong(1000, u'\u65E5');
@@ -183,15 +179,14 @@ TEST(CodePages, OtherPagesGoThroughTheHost)
 
 TEST(CodePages, AnsiPageCanBeSet)
 {
-    EXPECT_EQ(GetACP(), 1252u);
-    EXPECT_EQ(Decode(CP_ACP, "\x80"), u"\u20AC");
-    EXPECT_FALSE(kvx::win32::SetAnsiCodePage(54321));
-    EXPECT_FALSE(kvx::win32::SetAnsiCodePage(CP_THREAD_ACP));
-    ASSERT_TRUE(kvx::win32::SetAnsiCodePage(1251));
-    EXPECT_EQ(GetACP(), 1251u);
-    EXPECT_EQ(Decode(CP_ACP, "\xC6"), u"\u0416");
-    EXPECT_TRUE(kvx::win32::SetAnsiCodePage(0));
-    EXPECT_EQ(GetACP(), 1252u);
+    for (auto const & [nPage, nNow, pszText] : {std::tuple(0u, 1252u, u"\u00C6"), {1251u, 1251u, u"\u0416"}})
+    {
+        EXPECT_TRUE(kvx::win32::SetAnsiCodePage(nPage));
+        EXPECT_FALSE(kvx::win32::SetAnsiCodePage(54321) || kvx::win32::SetAnsiCodePage(CP_THREAD_ACP));
+        EXPECT_EQ(GetACP(), nNow);
+        EXPECT_EQ(Decode(CP_ACP, "\xC6"), pszText);
+    }
+    EXPECT_TRUE(kvx::win32::SetAnsiCodePage(0) && GetACP() == 1252);
 }
 
 TEST(UpCase, MapsBeyondAscii)

@@ -1,6 +1,6 @@
 #include "kvx/platform/win32/errors.h"
 
-#include <gtest/gtest.h>
+#include "tests/support/Fails.h"
 
 #include <cerrno>
 #include <cstring>
@@ -29,16 +29,15 @@ TEST(Errors, TextsComeFromTheHostAndEndInALineEnd)
 TEST(Errors, UnknownCodesAndSmallBuffersFail)
 {
     WCHAR buffer[64];
-    EXPECT_EQ(GetText(0xDEADBEEF), "");
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_MR_MID_NOT_FOUND));
+    EXPECT_TRUE(Fails(GetText(0xDEADBEEF), ERROR_MR_MID_NOT_FOUND, ""));
     DWORD const nLength = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, 1168, 0,
                                          buffer, 64, nullptr);
     ASSERT_GT(nLength, 0u);
-    EXPECT_EQ(FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 1168, 0, buffer, nLength, nullptr), 0u);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INSUFFICIENT_BUFFER));
+    EXPECT_TRUE(Fails(FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 1168, 0, buffer, nLength, nullptr),
+                      ERROR_INSUFFICIENT_BUFFER));
     EXPECT_EQ(FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, 1168, 0, buffer, nLength + 1, nullptr), nLength);
-    EXPECT_EQ(FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | 0x100, nullptr, 5, 0, buffer, 64, nullptr), 0u);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_FLAGS));
+    EXPECT_TRUE(Fails(FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | 0x100, nullptr, 5, 0, buffer, 64, nullptr),
+                      ERROR_INVALID_FLAGS));
 }
 
 } // namespace

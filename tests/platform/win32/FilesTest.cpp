@@ -1,13 +1,11 @@
 #include "kvx/platform/win32/files.h"
-#include "Descriptors.h"
+#include "Handle.h"
+#include "NoLeaks.h"
 #include "kvx/platform/win32/console.h"
-#include "kvx/platform/win32/errors.h"
-#include "kvx/platform/win32/handles.h"
-#include "kvx/platform/win32/sync.h"
-#include "kvx/platform/win32/time.h"
 #include "kvx/platform/win32/windows.h"
 
 #include "TestFolder.h"
+#include "tests/support/Fails.h"
 
 #include <csignal>
 #include <map>
@@ -27,43 +25,52 @@ namespace
 {
 
 constexpr DWORD ReadWrite = GENERIC_READ | GENERIC_WRITE;
+constexpr DWORD UNTOUCHED = 12345;
 constexpr DWORD ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 class Files : public TestFolder
 {
 protected:
-    ~Files() override
-    {
-        EXPECT_EQ(CountDescriptors(), m_nDescriptors) << "descriptors leak";
-        EXPECT_EQ(GetOpenHandleCount(), m_nHandles) << "handles leak";
-    }
-
     /// Opens an entry; null with m_dwError on failure.
-    HANDLE Open(std::u16string const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
+    Handle Open(std::u16string const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
                 DWORD dwFlags = FILE_ATTRIBUTE_NORMAL)
     {
-        SetLastError(12345);
+        SetLastError(UNTOUCHED);
         HANDLE const hFile =
             CreateFileW(Path(strName).c_str(), dwAccess, dwShare, nullptr, dwDisposition, dwFlags, nullptr);
         m_dwError = GetLastError();
-        return hFile == INVALID_HANDLE_VALUE ? nullptr : hFile;
+        return hFile;
     }
 
-    /// The last error of an opening that is to fail.
+    /// The last error that an opening leaves.
     DWORD OpenError(std::u16string const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
                     DWORD dwFlags = 0)
     {
-        HANDLE const hFile = Open(strName, dwAccess, dwDisposition, dwShare, dwFlags);
-        if (!hFile)
-            return m_dwError;
-        CloseHandle(hFile);
-        return 0;
+        bool const bOpen = Open(strName, dwAccess, dwDisposition, dwShare, dwFlags) != nullptr;
+        EXPECT_EQ(bOpen, m_dwError == UNTOUCHED || m_dwError == 0 || m_dwError == ERROR_ALREADY_EXISTS);
+        return bOpen && m_dwError == UNTOUCHED ? 0 : m_dwError;
+    }
+
+    /// What is found, and the last error behind it.
+    std::vector<WIN32_FIND_DATAW> Find(std::u16string const & strPattern) const
+    {
+        std::vector<WIN32_FIND_DATAW> found;
+        WIN32_FIND_DATAW data;
+        HANDLE const hFind = FindFirstFileW(Path(strPattern).c_str(), &data);
+        if (hFind == INVALID_HANDLE_VALUE)
+            return found;
+        do
+            found.push_back(data);
+        while (FindNextFileW(hFind, &data));
+        DWORD const dwError = GetLastError();
+        EXPECT_TRUE(FindClose(hFind) && !FindClose(hFind));
+        SetLastError(dwError);
+        return found;
     }
 
     DWORD m_dwError = 0;
     // Some come with the first use and stay.
-    std::size_t const m_nDescriptors = (GetStdHandle(STD_OUTPUT_HANDLE), ToHost(u"/none"), CountDescriptors());
-    std::uint32_t const m_nHandles = GetOpenHandleCount();
+    NoLeaks const m_noLeaks = (GetStdHandle(STD_OUTPUT_HANDLE), ToHost(u"/none"), NoLeaks());
 };
 
 TEST_F(Files, DispositionsGiveTheOriginalsCodes)
@@ -75,24 +82,19 @@ TEST_F(Files, DispositionsGiveTheOriginalsCodes)
     EXPECT_EQ(OpenError(u"f", GENERIC_READ, TRUNCATE_EXISTING), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(OpenError(u"f", GENERIC_READ, 6), ERROR_INVALID_PARAMETER);
 
-    HANDLE hFile = Open(u"f", ReadWrite, OPEN_ALWAYS);
-    ASSERT_TRUE(hFile);
-    EXPECT_EQ(m_dwError, 0u);
+    Handle hFile = Open(u"f", ReadWrite, OPEN_ALWAYS);
+    EXPECT_TRUE(hFile && m_dwError == 0);
     for (auto const & entry : std::filesystem::directory_iterator("/proc/self/fd"))
         if (std::error_code error; std::filesystem::read_symlink(entry, error) == Host("f"))
         {
             EXPECT_TRUE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC);
         }
-    CloseHandle(hFile);
+    hFile.Close();
     Put("f", "text");
     EXPECT_EQ(OpenError(u"f", GENERIC_WRITE, CREATE_NEW), ERROR_FILE_EXISTS);
-    ASSERT_TRUE(hFile = Open(u"F", ReadWrite, OPEN_ALWAYS));
-    EXPECT_EQ(m_dwError, ERROR_ALREADY_EXISTS);
-    CloseHandle(hFile);
+    EXPECT_EQ(OpenError(u"F", ReadWrite, OPEN_ALWAYS), ERROR_ALREADY_EXISTS);
     EXPECT_EQ(Get("f"), "text");
-    ASSERT_TRUE(hFile = Open(u"f", GENERIC_READ, CREATE_ALWAYS));
-    EXPECT_EQ(m_dwError, ERROR_ALREADY_EXISTS);
-    CloseHandle(hFile);
+    EXPECT_EQ(OpenError(u"f", GENERIC_READ, CREATE_ALWAYS), ERROR_ALREADY_EXISTS);
     EXPECT_EQ(Get("f"), "");
 
     // Dangling links lead to where the file comes to be, or are told to exist.
@@ -121,15 +123,13 @@ TEST_F(Files, ReadOnlyFilesAreProtected)
     EXPECT_EQ(OpenError(u"f", GENERIC_WRITE, OPEN_EXISTING), ERROR_ACCESS_DENIED);
     EXPECT_EQ(OpenError(u"f", GENERIC_READ, CREATE_ALWAYS), ERROR_ACCESS_DENIED);
     EXPECT_EQ(OpenError(u"f", GENERIC_READ, OPEN_EXISTING), 0u);
-    EXPECT_FALSE(DeleteFileW(Path(u"f").c_str()));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(Fails(DeleteFileW(Path(u"f").c_str()), ERROR_ACCESS_DENIED));
     EXPECT_EQ(Get("f"), "text");
     ASSERT_TRUE(SetFileAttributesW(Path(u"f").c_str(), FILE_ATTRIBUTE_NORMAL));
     EXPECT_TRUE(DeleteFileW(Path(u"f").c_str()));
-    HANDLE const hFile = Open(u"new", GENERIC_WRITE, CREATE_NEW, ShareAll, FILE_ATTRIBUTE_READONLY);
+    Handle hFile = Open(u"new", GENERIC_WRITE, CREATE_NEW, ShareAll, FILE_ATTRIBUTE_READONLY);
     DWORD nWritten = 0;
     EXPECT_TRUE(WriteFile(hFile, "x", 1, &nWritten, nullptr)); // who made it may fill it
-    CloseHandle(hFile);
     EXPECT_EQ(GetFileAttributesW(Path(u"new").c_str()), FILE_ATTRIBUTE_READONLY);
 }
 
@@ -150,39 +150,33 @@ TEST_F(Files, ShareModesHoldInTheProcess)
           Case{GENERIC_READ, FILE_SHARE_READ, DELETE, ShareAll, false},
           Case{GENERIC_WRITE, 0, FILE_READ_ATTRIBUTES, 0, true}})
     {
-        HANDLE const hFirst = Open(u"f", test.dwAccess, OPEN_EXISTING, test.dwShare);
+        Handle const hFirst = Open(u"f", test.dwAccess, OPEN_EXISTING, test.dwShare);
         ASSERT_TRUE(hFirst);
         EXPECT_EQ(OpenError(u"f", test.dwAccess2, OPEN_EXISTING, test.dwShare2),
                   test.bFits ? 0u : DWORD{ERROR_SHARING_VIOLATION})
             << test.dwAccess << ' ' << test.dwShare << ' ' << test.dwAccess2 << ' ' << test.dwShare2;
-        CloseHandle(hFirst);
     }
     // A refused opening has changed nothing; not even through another name of the file.
     Put("f", "kept");
     std::filesystem::create_hard_link(Host("f"), Host("g"));
-    HANDLE const hFile = Open(u"f", GENERIC_READ, OPEN_EXISTING, FILE_SHARE_READ);
+    Handle hFile = Open(u"f", GENERIC_READ, OPEN_EXISTING, FILE_SHARE_READ);
     EXPECT_EQ(OpenError(u"g", GENERIC_WRITE, CREATE_ALWAYS), ERROR_SHARING_VIOLATION);
     EXPECT_EQ(Get("f"), "kept");
-    EXPECT_FALSE(DeleteFileW(Path(u"f").c_str()));
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
-    EXPECT_FALSE(MoveFileW(Path(u"f").c_str(), Path(u"h").c_str()));
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_TRUE(Fails(DeleteFileW(Path(u"f").c_str()), ERROR_SHARING_VIOLATION));
+    EXPECT_TRUE(Fails(MoveFileW(Path(u"f").c_str(), Path(u"h").c_str()), ERROR_SHARING_VIOLATION));
     Put("source", "new");
-    EXPECT_FALSE(CopyFileW(Path(u"source").c_str(), Path(u"f").c_str(), FALSE));
-    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_TRUE(Fails(CopyFileW(Path(u"source").c_str(), Path(u"f").c_str(), FALSE), ERROR_SHARING_VIOLATION));
     EXPECT_EQ(Get("f"), "kept");
-    CloseHandle(hFile);
-    EXPECT_TRUE(DeleteFileW(Path(u"f").c_str()));
+    EXPECT_TRUE(hFile.Close() && DeleteFileW(Path(u"f").c_str()));
 
-    HANDLE const hGone = Open(u"gone", GENERIC_WRITE, CREATE_NEW, 0, FILE_FLAG_DELETE_ON_CLOSE);
-    EXPECT_TRUE(std::filesystem::exists(Host("gone")));
-    CloseHandle(hGone);
+    Handle hGone = Open(u"gone", GENERIC_WRITE, CREATE_NEW, 0, FILE_FLAG_DELETE_ON_CLOSE);
+    EXPECT_TRUE(std::filesystem::exists(Host("gone")) && hGone.Close());
     EXPECT_FALSE(std::filesystem::exists(Host("gone")));
 }
 
 TEST_F(Files, ReadingWritingAndPositions)
 {
-    HANDLE const hFile = Open(u"f", ReadWrite, CREATE_NEW);
+    Handle hFile = Open(u"f", ReadWrite, CREATE_NEW);
     DWORD nDone = 0;
     ASSERT_TRUE(WriteFile(hFile, "0123456789", 10, &nDone, nullptr));
     EXPECT_EQ(nDone, 10u);
@@ -201,17 +195,14 @@ TEST_F(Files, ReadingWritingAndPositions)
     EXPECT_EQ(std::string(szBuffer, nDone), "1ab4");
     EXPECT_EQ(SetFilePointer(hFile, 0, nullptr, FILE_CURRENT), 5u);
     at.Offset = 10;
-    EXPECT_FALSE(ReadFile(hFile, szBuffer, 4, &nDone, &at));
-    EXPECT_EQ(GetLastError(), ERROR_HANDLE_EOF);
+    EXPECT_TRUE(Fails(ReadFile(hFile, szBuffer, 4, &nDone, &at), ERROR_HANDLE_EOF));
     at.hEvent = hFile;
-    EXPECT_FALSE(ReadFile(hFile, szBuffer, 4, &nDone, &at));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    EXPECT_TRUE(Fails(ReadFile(hFile, szBuffer, 4, &nDone, &at), ERROR_NOT_SUPPORTED));
 
-    EXPECT_EQ(SetFilePointer(hFile, -1, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
-    EXPECT_EQ(GetLastError(), ERROR_NEGATIVE_SEEK);
+    EXPECT_TRUE(Fails(SetFilePointer(hFile, -1, nullptr, FILE_BEGIN), ERROR_NEGATIVE_SEEK, INVALID_SET_FILE_POINTER));
     LONG nHigh = 1;
-    EXPECT_EQ(SetFilePointer(hFile, -1, &nHigh, FILE_BEGIN), INVALID_SET_FILE_POINTER); // a position beyond 4 GB
-    EXPECT_EQ(GetLastError(), NO_ERROR);
+    EXPECT_TRUE(Fails(SetFilePointer(hFile, -1, &nHigh, FILE_BEGIN), NO_ERROR,
+                      INVALID_SET_FILE_POINTER)); // a position beyond 4 GB
     EXPECT_EQ(nHigh, 1);
     EXPECT_TRUE(SetEndOfFile(hFile));
     LARGE_INTEGER size;
@@ -224,41 +215,35 @@ TEST_F(Files, ReadingWritingAndPositions)
     EXPECT_EQ(GetFileType(hFile), FILE_TYPE_DISK);
     SetFilePointer(hFile, 0, nullptr, FILE_BEGIN);
     EXPECT_FALSE(ReadFile(hFile, nullptr, 3, &nDone, nullptr)); // no memory there
-    CloseHandle(hFile);
-
-    EXPECT_FALSE(ReadFile(hFile, szBuffer, 4, &nDone, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    HANDLE const hClosed = hFile;
+    hFile.Close();
+    EXPECT_TRUE(Fails(ReadFile(hClosed, szBuffer, 4, &nDone, nullptr), ERROR_INVALID_HANDLE));
     EXPECT_EQ(nDone, 0u);
-    HANDLE const hReader = Open(u"f", GENERIC_READ, OPEN_EXISTING);
-    EXPECT_FALSE(WriteFile(hReader, "x", 1, &nDone, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    Handle hReader = Open(u"f", GENERIC_READ, OPEN_EXISTING);
+    EXPECT_TRUE(Fails(WriteFile(hReader, "x", 1, &nDone, nullptr), ERROR_ACCESS_DENIED));
     EXPECT_FALSE(SetEndOfFile(hReader));
-    CloseHandle(hReader);
     // Who may only append does so wherever the file ends by then, and whatever position he has asked for.
-    HANDLE const hAppender = Open(u"f", FILE_APPEND_DATA, OPEN_EXISTING);
-    HANDLE const hOther = Open(u"f", FILE_APPEND_DATA | SYNCHRONIZE, OPEN_ALWAYS);
+    Handle hAppender = Open(u"f", FILE_APPEND_DATA, OPEN_EXISTING);
+    Handle hOther = Open(u"f", FILE_APPEND_DATA | SYNCHRONIZE, OPEN_ALWAYS);
     EXPECT_TRUE(WriteFile(hAppender, "+", 1, &nDone, nullptr) && WriteFile(hOther, "-", 1, &nDone, nullptr));
     SetFilePointer(hAppender, 0, nullptr, FILE_BEGIN);
     EXPECT_TRUE(WriteFile(hAppender, "+", 1, &nDone, nullptr));
     EXPECT_FALSE(ReadFile(hAppender, szBuffer, 1, &nDone, nullptr));
-    CloseHandle(hAppender);
-    CloseHandle(hOther);
     EXPECT_EQ(Get("f"), "01a+-+");
 }
 
 TEST_F(Files, BrokenPipeRaisesNoSignal)
 {
     ASSERT_EQ(mkfifo(Host("fifo").c_str(), 0600), 0);
-    HANDLE const hReader = Open(u"fifo", GENERIC_READ, OPEN_EXISTING);
-    HANDLE const hWriter = Open(u"fifo", GENERIC_WRITE, OPEN_EXISTING);
+    Handle hReader = Open(u"fifo", GENERIC_READ, OPEN_EXISTING);
+    Handle hWriter = Open(u"fifo", GENERIC_WRITE, OPEN_EXISTING);
     ASSERT_TRUE(hReader && hWriter);
     EXPECT_EQ(GetFileType(hWriter), FILE_TYPE_PIPE);
     DWORD nDone = 0;
     EXPECT_TRUE(WriteFile(hWriter, "x", 1, &nDone, nullptr));
-    CloseHandle(hReader);
-    EXPECT_FALSE(WriteFile(hWriter, "x", 1, &nDone, nullptr)); // the signal would end the program
-    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
-    CloseHandle(hWriter);
+    hReader.Close();
+    EXPECT_TRUE(
+        Fails(WriteFile(hWriter, "x", 1, &nDone, nullptr), ERROR_BROKEN_PIPE)); // the signal would end the program
     sigset_t pending;
     sigpending(&pending);
     EXPECT_FALSE(sigismember(&pending, SIGPIPE));
@@ -281,21 +266,12 @@ TEST_F(Files, FindTellsKindsAndDoesNotFollowLinks)
     close(nSocket);
 
     std::map<std::string, WIN32_FIND_DATAW> found;
-    std::vector<std::string> order;
-    WIN32_FIND_DATAW data;
-    HANDLE const hFind = FindFirstFileW(Path(u"*").c_str(), &data);
-    ASSERT_NE(hFind, INVALID_HANDLE_VALUE);
-    do
-    {
-        order.push_back(ToUtf8(data.cFileName));
-        found[order.back()] = data;
-    } while (FindNextFileW(hFind, &data));
+    auto const all = Find(u"*");
+    for (WIN32_FIND_DATAW const & data : all)
+        found[ToUtf8(data.cFileName)] = data;
     EXPECT_EQ(GetLastError(), ERROR_NO_MORE_FILES);
-    EXPECT_TRUE(FindClose(hFind));
-    EXPECT_FALSE(FindClose(hFind));
-    ASSERT_EQ(order.size(), 10u);
-    EXPECT_EQ(order[0], ".");
-    EXPECT_EQ(order[1], "..");
+    ASSERT_EQ(all.size(), 10u);
+    EXPECT_EQ(ToUtf8(all[0].cFileName) + ToUtf8(all[1].cFileName), "...");
     std::map<std::string, DWORD> const kinds = {{".", FILE_ATTRIBUTE_DIRECTORY},
                                                 {"..", FILE_ATTRIBUTE_DIRECTORY},
                                                 {".dot", FILE_ATTRIBUTE_NORMAL},
@@ -330,14 +306,10 @@ TEST_F(Files, FindPatternsFollowTheOriginal)
     auto const find = [&](std::u16string const & strPattern)
     {
         std::set<std::string> names;
-        WIN32_FIND_DATAW data;
-        HANDLE const hFind = FindFirstFileW(Path(strPattern).c_str(), &data);
-        if (hFind == INVALID_HANDLE_VALUE)
-            return std::set<std::string>{"error " + std::to_string(GetLastError())};
-        do
+        for (WIN32_FIND_DATAW const & data : Find(strPattern))
             names.insert(ToUtf8(data.cFileName));
-        while (FindNextFileW(hFind, &data));
-        FindClose(hFind);
+        if (names.empty())
+            names.insert("error " + std::to_string(GetLastError()));
         names.erase(".");
         names.erase("..");
         return names;
@@ -369,12 +341,11 @@ TEST_F(Files, FindPatternsFollowTheOriginal)
 
 TEST_F(Files, MovingCopyingAndFolders)
 {
-    auto const refuses = [](BOOL bDone, LONG nError) { return !bDone && GetLastError() == static_cast<DWORD>(nError); };
     Put("f", "text");
     Put("g");
-    EXPECT_TRUE(refuses(MoveFileW(Path(u"f").c_str(), Path(u"g").c_str()), ERROR_ALREADY_EXISTS));
-    EXPECT_TRUE(refuses(MoveFileW(Path(u"none").c_str(), Path(u"x").c_str()), ERROR_FILE_NOT_FOUND));
-    EXPECT_TRUE(refuses(MoveFileW(Path(u"f").c_str(), Path(u"no\\x").c_str()), ERROR_PATH_NOT_FOUND));
+    EXPECT_TRUE(Fails(MoveFileW(Path(u"f").c_str(), Path(u"g").c_str()), ERROR_ALREADY_EXISTS));
+    EXPECT_TRUE(Fails(MoveFileW(Path(u"none").c_str(), Path(u"x").c_str()), ERROR_FILE_NOT_FOUND));
+    EXPECT_TRUE(Fails(MoveFileW(Path(u"f").c_str(), Path(u"no\\x").c_str()), ERROR_PATH_NOT_FOUND));
     EXPECT_TRUE(MoveFileW(Path(u"f").c_str(), Path(u"F").c_str())); // only the case changes
     EXPECT_EQ(Get("F"), "text");
     EXPECT_FALSE(std::filesystem::exists(Host("f")));
@@ -386,23 +357,23 @@ TEST_F(Files, MovingCopyingAndFolders)
     EXPECT_TRUE(Get("copy") == strBig);
     EXPECT_EQ(std::filesystem::status(Host("copy")).permissions(), std::filesystem::perms(0755));
     EXPECT_EQ(std::filesystem::last_write_time(Host("copy")), std::filesystem::last_write_time(Host("big")));
-    EXPECT_TRUE(refuses(CopyFileW(Path(u"F").c_str(), Path(u"copy").c_str(), TRUE), ERROR_FILE_EXISTS));
+    EXPECT_TRUE(Fails(CopyFileW(Path(u"F").c_str(), Path(u"copy").c_str(), TRUE), ERROR_FILE_EXISTS));
     EXPECT_TRUE(CopyFileW(Path(u"F").c_str(), Path(u"copy").c_str(), FALSE));
     EXPECT_EQ(Get("copy"), "text");
-    EXPECT_TRUE(refuses(CopyFileW(Path(u"F").c_str(), Path(u"f").c_str(), FALSE), ERROR_SHARING_VIOLATION));
+    EXPECT_TRUE(Fails(CopyFileW(Path(u"F").c_str(), Path(u"f").c_str(), FALSE), ERROR_SHARING_VIOLATION));
     EXPECT_EQ(Get("F"), "text"); // not emptied by a copy onto itself
     EXPECT_TRUE(CopyFileW(u"/proc/self/status", Path(u"status").c_str(), TRUE));
     EXPECT_FALSE(Get("status").empty()); // a file that tells no size
 
     EXPECT_TRUE(CreateDirectoryW(Path(u"d").c_str(), nullptr));
-    EXPECT_TRUE(refuses(CreateDirectoryW(Path(u"D").c_str(), nullptr), ERROR_ALREADY_EXISTS));
-    EXPECT_TRUE(refuses(CreateDirectoryW(Path(u"no\\x").c_str(), nullptr), ERROR_PATH_NOT_FOUND));
-    EXPECT_TRUE(refuses(DeleteFileW(Path(u"d").c_str()), ERROR_ACCESS_DENIED));
-    EXPECT_TRUE(refuses(CopyFileW(Path(u"d").c_str(), Path(u"x").c_str(), TRUE), ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(Fails(CreateDirectoryW(Path(u"D").c_str(), nullptr), ERROR_ALREADY_EXISTS));
+    EXPECT_TRUE(Fails(CreateDirectoryW(Path(u"no\\x").c_str(), nullptr), ERROR_PATH_NOT_FOUND));
+    EXPECT_TRUE(Fails(DeleteFileW(Path(u"d").c_str()), ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(Fails(CopyFileW(Path(u"d").c_str(), Path(u"x").c_str(), TRUE), ERROR_ACCESS_DENIED));
     Put("d/x");
-    EXPECT_TRUE(refuses(RemoveDirectoryW(Path(u"d").c_str()), ERROR_DIR_NOT_EMPTY));
-    EXPECT_TRUE(refuses(RemoveDirectoryW(Path(u"F").c_str()), ERROR_DIRECTORY));
-    EXPECT_TRUE(refuses(RemoveDirectoryW(Path(u"none").c_str()), ERROR_FILE_NOT_FOUND));
+    EXPECT_TRUE(Fails(RemoveDirectoryW(Path(u"d").c_str()), ERROR_DIR_NOT_EMPTY));
+    EXPECT_TRUE(Fails(RemoveDirectoryW(Path(u"F").c_str()), ERROR_DIRECTORY));
+    EXPECT_TRUE(Fails(RemoveDirectoryW(Path(u"none").c_str()), ERROR_FILE_NOT_FOUND));
     EXPECT_TRUE(DeleteFileW(Path(u"d\\X").c_str()));
     EXPECT_TRUE(RemoveDirectoryW(Path(u"d\\").c_str()));
 
@@ -412,8 +383,8 @@ TEST_F(Files, MovingCopyingAndFolders)
     EXPECT_TRUE(std::u16string_view(szName).starts_with(Path(u"pre")));
     EXPECT_NE(GetFileAttributesW(szName), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetTempFileNameW(Path(u"none").c_str(), u"p", 0, szName), 0u);
-    EXPECT_EQ(GetTempFileNameW(Path(std::u16string(250, u'\\')).c_str(), u"p", 1, szName), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_BUFFER_OVERFLOW);
+    EXPECT_TRUE(
+        Fails(GetTempFileNameW(Path(std::u16string(250, u'\\')).c_str(), u"p", 1, szName), ERROR_BUFFER_OVERFLOW));
 }
 
 TEST_F(Files, StandardHandlesAndDebugOutput)
@@ -427,7 +398,7 @@ TEST_F(Files, StandardHandlesAndDebugOutput)
     EXPECT_EQ(GetStdHandle(static_cast<DWORD>(-13)), INVALID_HANDLE_VALUE);
 
     // Longer than one piece, with pairs at every border.
-    HANDLE const hFile = Open(u"out", GENERIC_WRITE, CREATE_NEW);
+    Handle hFile = Open(u"out", GENERIC_WRITE, CREATE_NEW);
     DWORD dwMode = 0;
     EXPECT_FALSE(GetConsoleMode(hFile, &dwMode));
     std::u16string strText = u"x";
@@ -437,8 +408,9 @@ TEST_F(Files, StandardHandlesAndDebugOutput)
     EXPECT_TRUE(WriteConsoleW(hFile, strText.data(), static_cast<DWORD>(strText.size()), &nWritten, nullptr));
     EXPECT_EQ(nWritten, strText.size());
     EXPECT_TRUE(Get("out") == ToUtf8(strText));
-    CloseHandle(hFile);
-    EXPECT_FALSE(WriteConsoleW(hFile, u"x", 1, &nWritten, nullptr));
+    HANDLE const hClosed = hFile;
+    EXPECT_TRUE(hFile.Close());
+    EXPECT_FALSE(WriteConsoleW(hClosed, u"x", 1, &nWritten, nullptr));
 
     static std::u16string s_strSeen;
     SetDebugOutputHook([](LPCWSTR pszText) { s_strSeen += pszText; });
@@ -454,26 +426,18 @@ TEST_F(Files, StandardHandlesAndDebugOutput)
 TEST(Windows, HoldATextForAllThreads)
 {
     HWND const hWnd = CreateWindowExW(0, u"STATIC", u"first", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
-    ASSERT_TRUE(hWnd);
     char16_t szText[8] = u"#######";
     EXPECT_EQ(GetWindowTextW(hWnd, szText, 4), 3);
     EXPECT_EQ(std::u16string(szText), u"fir");
-    std::thread(
-        [&]
-        {
-            EXPECT_TRUE(SetWindowTextW(hWnd, u"second"));
-            EXPECT_FALSE(DestroyWindow(hWnd));
-            EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-        })
+    std::thread([&]
+                { EXPECT_TRUE(SetWindowTextW(hWnd, u"second") && Fails(DestroyWindow(hWnd), ERROR_ACCESS_DENIED)); })
         .join();
     EXPECT_EQ(GetWindowTextLengthW(hWnd), 6);
-    EXPECT_TRUE(DestroyWindow(hWnd));
-    EXPECT_FALSE(IsWindow(hWnd));
-    EXPECT_FALSE(SetWindowTextW(hWnd, u""));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_WINDOW_HANDLE);
+    EXPECT_TRUE(DestroyWindow(hWnd) && !IsWindow(hWnd));
+    EXPECT_TRUE(Fails(SetWindowTextW(hWnd, u""), ERROR_INVALID_WINDOW_HANDLE));
     EXPECT_FALSE(IsWindow(reinterpret_cast<HWND>(GetStdHandle(STD_OUTPUT_HANDLE)))); // another kind of object
-    EXPECT_FALSE(CreateWindowExW(0, u"STATIC", u"", 0, 0, 0, 1, 1, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    EXPECT_TRUE(Fails(CreateWindowExW(0, u"STATIC", u"", 0, 0, 0, 1, 1, nullptr, nullptr, nullptr, nullptr),
+                      ERROR_NOT_SUPPORTED));
 }
 
 } // namespace

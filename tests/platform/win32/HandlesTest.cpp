@@ -1,15 +1,12 @@
 #include "kvx/platform/win32/handles.h"
 
-#include "kvx/platform/win32/errors.h"
-#include "kvx/platform/win32/sync.h"
-#include "kvx/platform/win32/threads.h"
+#include "kvx/platform/host.h"
+#include "tests/support/RunThreads.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <set>
-#include <thread>
-#include <vector>
 
 using namespace kvx::win32;
 
@@ -116,19 +113,17 @@ TEST(Handles, OfManyClosersOneSucceedsAndLookupsSeeWholeObjects)
     std::atomic<HANDLE> current{OpenProbe()};
     std::atomic<int> nClosings{0};
     std::atomic<bool> bStop{false};
-    std::vector<std::thread> threads;
-    for (int nThread = 0; nThread < 2; ++nThread)
-        threads.emplace_back(
-            [&]
-            {
-                while (!bStop)
-                {
-                    if (Ref<Probe> const probe = FindObject<Probe>(current); probe && probe->GetKind() != Kind::Find)
-                        ADD_FAILURE();
-                    if (CloseHandle(current))
-                        ++nClosings;
-                }
-            });
+    std::thread closers(RunThreads, 2,
+                        [&](std::size_t)
+                        {
+                            while (!bStop)
+                            {
+                                if (Ref<Probe> const probe = FindObject<Probe>(current);
+                                    probe && probe->GetKind() != Kind::Find)
+                                    ADD_FAILURE();
+                                nClosings += CloseHandle(current) != FALSE;
+                            }
+                        });
     for (int nRound = 0; nRound < ROUNDS; ++nRound)
     {
         while (nClosings <= nRound)
@@ -137,8 +132,7 @@ TEST(Handles, OfManyClosersOneSucceedsAndLookupsSeeWholeObjects)
             current = OpenProbe();
     }
     bStop = true;
-    for (std::thread & thread : threads)
-        thread.join();
+    closers.join();
     EXPECT_EQ(nClosings, ROUNDS);
     EXPECT_EQ(g_nClosed, ROUNDS);
     EXPECT_EQ(g_nAlive, 0);

@@ -1,18 +1,13 @@
 #include "Asleep.h"
-#include "kvx/platform/win32/errors.h"
-#include "kvx/platform/win32/handles.h"
+#include "Handle.h"
+#include "TestFolder.h"
 #include "kvx/platform/win32/runtime_dir.h"
-#include "kvx/platform/win32/sync.h"
-#include "kvx/platform/win32/threads.h"
+#include "tests/support/RunThreads.h"
 
-#include <gtest/gtest.h>
+#include "tests/support/Fails.h"
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <thread>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -48,97 +43,72 @@ private:
     int m_nResult = -2;
 };
 
-class Named : public testing::Test
+class Named : public TestFolder
 {
 protected:
-    Named()
-    {
-        std::string strFolder = std::filesystem::temp_directory_path() / "kvx-named-XXXXXX";
-        m_folder = ::mkdtemp(strFolder.data());
-        ::setenv("KVX_RUNTIME_DIR", m_folder.c_str(), 1);
-    }
-    ~Named() override
-    {
-        std::filesystem::remove_all(m_folder);
-        ::unsetenv("KVX_RUNTIME_DIR");
-    }
+    Named() { ::setenv("KVX_RUNTIME_DIR", m_strHost.c_str(), 1); }
+    ~Named() override { ::unsetenv("KVX_RUNTIME_DIR"); }
 
-    static HANDLE Create(LPCTSTR pName, bool bManual = false, bool bSignalled = false)
+    static Handle Create(LPCTSTR pName, bool bManual = false, bool bSignalled = false)
     {
         return CreateEventW(nullptr, bManual, bSignalled, pName);
     }
-    static HANDLE Open(LPCTSTR pName) { return OpenEventW(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, pName); }
-    static bool Exists(LPCTSTR pName)
-    {
-        HANDLE const hEvent = Open(pName);
-        return hEvent && CloseHandle(hEvent);
-    }
+    static Handle Open(LPCTSTR pName) { return OpenEventW(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, pName); }
+    static bool Exists(LPCTSTR pName) { return Open(pName) != nullptr; }
 
-    std::filesystem::path m_folder;
+    std::filesystem::path const m_folder = m_strHost;
 };
 
 TEST_F(Named, ASecondCreationOpensTheFirstObject)
 {
-    HANDLE const hFirst = Create(u"Local\\one", true, true);
+    Handle hFirst = Create(u"Local\\one", true, true);
     EXPECT_EQ(GetLastError(), 0u);
-    HANDLE const hSecond = Create(u"one", false, false);
+    Handle hSecond = Create(u"one", false, false);
     ASSERT_TRUE(hSecond);
     EXPECT_EQ(GetLastError(), DWORD(ERROR_ALREADY_EXISTS));
     EXPECT_NE(hFirst, hSecond);
     EXPECT_EQ(WaitForSingleObject(hSecond, 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(hSecond, 0), WAIT_OBJECT_0); // manual as the first creation said
-    EXPECT_FALSE(Exists(u"Global\\one"));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_TRUE(Fails(Exists(u"Global\\one"), ERROR_FILE_NOT_FOUND));
     EXPECT_FALSE(Exists(u"ONE"));
-    EXPECT_FALSE(CreateMutexW(nullptr, FALSE, u"one"));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(Fails(CreateMutexW(nullptr, FALSE, u"one"), ERROR_INVALID_HANDLE));
     EXPECT_EQ(Child([] { return CreateMutexW(nullptr, FALSE, u"one") || GetLastError() != 6; }).Join(), 0);
-    CloseHandle(hFirst);
-    EXPECT_TRUE(Exists(u"one"));
-    CloseHandle(hSecond);
+    EXPECT_TRUE(hFirst.Close() && Exists(u"one") && hSecond.Close());
     EXPECT_FALSE(Exists(u"one"));
 }
 
 TEST_F(Named, BadNamesAreRefused)
 {
     std::u16string const strLongest(MAX_PATH, u'n'), strTooLong(MAX_PATH + 1, u'n');
-    auto const fails = [](LPCTSTR pName, LONG nError) { return !Create(pName) && GetLastError() == DWORD(nError); };
-    EXPECT_TRUE(fails(u"Global\\", ERROR_BAD_PATHNAME));
-    EXPECT_TRUE(fails(u"other\\name", ERROR_PATH_NOT_FOUND));
-    EXPECT_TRUE(fails(u"Global\\..\\name", ERROR_PATH_NOT_FOUND));
-    EXPECT_TRUE(fails(strTooLong.c_str(), ERROR_FILENAME_EXCED_RANGE));
-    EXPECT_FALSE(Open(nullptr));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+    EXPECT_TRUE(Fails<HANDLE>(Create(u"Global\\"), ERROR_BAD_PATHNAME));
+    EXPECT_TRUE(Fails<HANDLE>(Create(u"other\\name"), ERROR_PATH_NOT_FOUND));
+    EXPECT_TRUE(Fails<HANDLE>(Create(u"Global\\..\\name"), ERROR_PATH_NOT_FOUND));
+    EXPECT_TRUE(Fails<HANDLE>(Create(strTooLong.c_str()), ERROR_FILENAME_EXCED_RANGE));
+    EXPECT_TRUE(Fails<HANDLE>(Open(nullptr), ERROR_INVALID_PARAMETER));
     for (LPCTSTR const pName : {strLongest.c_str(), u"../../up", u"/tmp/x", u"\x4E00\xD83D\xDE00 %s"})
     {
-        HANDLE const hEvent = Create(pName, true, true);
+        Handle const hEvent = Create(pName, true, true);
         ASSERT_TRUE(hEvent);
         EXPECT_TRUE(Exists(pName));
         EXPECT_GE(std::distance(std::filesystem::directory_iterator(m_folder), {}), 2);
-        CloseHandle(hEvent);
     }
 }
 
 TEST_F(Named, TheFolderMustBePrivate)
 {
     ::chmod(m_folder.c_str(), 0750);
-    EXPECT_FALSE(Create(u"x"));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_BAD_ENVIRONMENT)); // its text tells the way on
+    EXPECT_TRUE(Fails<HANDLE>(Create(u"x"), ERROR_BAD_ENVIRONMENT)); // its text tells the way on
     ::chmod(m_folder.c_str(), 0700);
     std::filesystem::create_directory_symlink(m_folder, m_folder / "link");
     ::setenv("KVX_RUNTIME_DIR", (m_folder / "link").c_str(), 1);
-    EXPECT_FALSE(Create(u"x"));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_BAD_ENVIRONMENT));
+    EXPECT_TRUE(Fails<HANDLE>(Create(u"x"), ERROR_BAD_ENVIRONMENT));
     ::setenv("KVX_RUNTIME_DIR", (m_folder / "made").c_str(), 1);
-    HANDLE const hEvent = Create(u"x");
-    EXPECT_TRUE(hEvent);
+    EXPECT_NE(HANDLE(Create(u"x")), nullptr);
     EXPECT_EQ(std::filesystem::status(m_folder / "made").permissions(), std::filesystem::perms::owner_all);
-    CloseHandle(hEvent);
     if (::geteuid() == 0) // nobody else can make what belongs to another user
     {
         ::chown((m_folder / "made").c_str(), 65534, 65534);
-        EXPECT_FALSE(Create(u"x"));
-        EXPECT_EQ(GetLastError(), DWORD(ERROR_BAD_ENVIRONMENT));
+        EXPECT_TRUE(Fails<HANDLE>(Create(u"x"), ERROR_BAD_ENVIRONMENT));
     }
 }
 
@@ -169,13 +139,13 @@ TEST_F(Named, TheFolderIsThisUsersAndStaysWhereItIs)
 
 TEST_F(Named, EventsCrossProcessesInMixedWaits)
 {
-    HANDLE const hPing = Create(u"Global\\ping"), hPong = Create(u"Global\\pong");
-    HANDLE const hLocal = Create(nullptr);
+    Handle const hPing = Create(u"Global\\ping"), hPong = Create(u"Global\\pong");
+    Handle const hLocal = Create(nullptr);
     constexpr int ROUNDS = 500;
     Child child(
         []
         {
-            HANDLE const hIn = Open(u"Global\\ping"), hOut = Open(u"Global\\pong");
+            Handle const hIn = Open(u"Global\\ping"), hOut = Open(u"Global\\pong");
             for (int nRound = 0; nRound < ROUNDS; ++nRound)
                 if (WaitForSingleObject(hIn, INFINITE) != WAIT_OBJECT_0 || !SetEvent(hOut))
                     return 1;
@@ -197,13 +167,11 @@ TEST_F(Named, EventsCrossProcessesInMixedWaits)
     EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_OBJECT_0 + 1);
     EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 0), WAIT_TIMEOUT);
-    for (HANDLE const hEvent : {hPing, hPong, hLocal})
-        CloseHandle(hEvent);
 }
 
 TEST_F(Named, SignalsReachExactlyThoseWhoWait)
 {
-    HANDLE const hManual = Create(u"manual", true), hAuto = Create(u"auto");
+    Handle const hManual = Create(u"manual", true), hAuto = Create(u"auto");
     for (bool const bManual : {true, false})
     {
         auto const job = [&] { return WaitForSingleObject(bManual ? hManual : hAuto, INFINITE) != WAIT_OBJECT_0; };
@@ -224,38 +192,29 @@ TEST_F(Named, SignalsReachExactlyThoseWhoWait)
     EXPECT_EQ(victim.Join(), -1);
     SetEvent(hAuto);
     EXPECT_EQ(WaitForSingleObject(hAuto, 0), WAIT_OBJECT_0);
-    CloseHandle(hManual);
-    CloseHandle(hAuto);
 }
 
 TEST_F(Named, WaitsForAllTakeAllOrNothing)
 {
-    HANDLE const hEvent = Create(u"event", false, true), hMutex = CreateMutexW(nullptr, FALSE, u"mutex");
-    HANDLE const hLocal = Create(nullptr);
+    Handle const hEvent = Create(u"event", false, true), hMutex = CreateMutexW(nullptr, FALSE, u"mutex");
+    Handle const hLocal = Create(nullptr);
     HANDLE const handles[] = {hLocal, hEvent, hMutex};
     EXPECT_EQ(WaitForMultipleObjects(3, handles, TRUE, 5), WAIT_TIMEOUT);
     EXPECT_EQ(WaitForSingleObject(hEvent, 0), WAIT_OBJECT_0);
     EXPECT_FALSE(ReleaseMutex(hMutex));
-    Child child(
-        []
-        {
-            SetEvent(Open(u"event"));
-            return 0;
-        });
+    Child child([] { return !SetEvent(Open(u"event")); });
     std::thread setter([&] { SetEvent(hLocal); });
     EXPECT_EQ(WaitForMultipleObjects(3, handles, TRUE, INFINITE), WAIT_OBJECT_0);
     setter.join();
     EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 0), WAIT_TIMEOUT);
     EXPECT_TRUE(ReleaseMutex(hMutex));
     EXPECT_FALSE(ReleaseMutex(hMutex));
-    for (HANDLE const hObject : handles)
-        CloseHandle(hObject);
 }
 
 TEST_F(Named, MutexesBelongToOneThreadOfOneProcess)
 {
-    HANDLE const hMutex = CreateMutexW(nullptr, TRUE, u"Global\\mutex");
-    HANDLE const hAgain = OpenMutexW(SYNCHRONIZE, FALSE, u"Global\\mutex");
+    Handle hMutex = CreateMutexW(nullptr, TRUE, u"Global\\mutex");
+    Handle hAgain = OpenMutexW(SYNCHRONIZE, FALSE, u"Global\\mutex");
     EXPECT_EQ(WaitForSingleObject(hAgain, 0), WAIT_OBJECT_0);
     Child child(
         [&]
@@ -268,8 +227,7 @@ TEST_F(Named, MutexesBelongToOneThreadOfOneProcess)
         [&]
         {
             EXPECT_EQ(WaitForSingleObject(hMutex, 1), WAIT_TIMEOUT);
-            EXPECT_FALSE(ReleaseMutex(hMutex));
-            EXPECT_EQ(GetLastError(), DWORD(ERROR_NOT_OWNER));
+            EXPECT_TRUE(Fails(ReleaseMutex(hMutex), ERROR_NOT_OWNER));
         })
         .join();
     EXPECT_TRUE(ReleaseMutex(hMutex));
@@ -277,15 +235,14 @@ TEST_F(Named, MutexesBelongToOneThreadOfOneProcess)
     EXPECT_TRUE(ReleaseMutex(hMutex));
     EXPECT_EQ(child.Join(), 0);
     EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0);
-    CloseHandle(hMutex);
-    CloseHandle(hAgain);
+    EXPECT_TRUE(hMutex.Close() && hAgain.Close());
     EXPECT_FALSE(OpenMutexW(SYNCHRONIZE, FALSE, u"Global\\mutex")); // still owned, but nobody has it open
 }
 
 TEST_F(Named, MutexesOfDeadOwnersAreAbandoned)
 {
-    HANDLE const hMutex = CreateMutexW(nullptr, FALSE, u"Global\\owned"), hReady = Create(u"Global\\ready");
-    HANDLE const hLocal = Create(nullptr);
+    Handle const hMutex = CreateMutexW(nullptr, FALSE, u"Global\\owned"), hReady = Create(u"Global\\ready");
+    Handle const hLocal = Create(nullptr);
     auto const own = [&]
     {
         WaitForSingleObject(hMutex, INFINITE);
@@ -320,13 +277,11 @@ TEST_F(Named, MutexesOfDeadOwnersAreAbandoned)
     }
     std::thread([&] { WaitForSingleObject(hMutex, INFINITE); }).join();
     EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_ABANDONED_0);
-    for (HANDLE const hObject : {hMutex, hReady, hLocal})
-        CloseHandle(hObject);
 }
 
 TEST_F(Named, AProcessMayDieAnywhere)
 {
-    HANDLE const hMutex = CreateMutexW(nullptr, FALSE, u"mutex"), hEvent = Create(u"event");
+    Handle const hMutex = CreateMutexW(nullptr, FALSE, u"mutex"), hEvent = Create(u"event");
     HANDLE const handles[] = {hMutex, hEvent};
     for (int nRound = 0; nRound < 60; ++nRound)
     {
@@ -338,7 +293,7 @@ TEST_F(Named, AProcessMayDieAnywhere)
                     WaitForMultipleObjects(2, handles, TRUE, 0);
                     WaitForSingleObject(hMutex, INFINITE);
                     SetEvent(hEvent);
-                    CloseHandle(Create(u"other"));
+                    Create(u"other");
                     ReleaseMutex(hMutex);
                 }
                 return 0;
@@ -353,17 +308,15 @@ TEST_F(Named, AProcessMayDieAnywhere)
         ASSERT_EQ(WaitForSingleObject(hEvent, 0), WAIT_OBJECT_0);
         ASSERT_FALSE(Exists(u"other"));
     }
-    CloseHandle(hMutex);
-    CloseHandle(hEvent);
 }
 
 TEST_F(Named, NamesDieWithTheLastProcessThatHasThem)
 {
-    HANDLE const hReady = Create(u"ready");
+    Handle hReady = Create(u"ready");
     Child crashed(
         [&]
         {
-            Create(u"left", true, true);
+            Handle const hLeft = Create(u"left", true, true);
             SetEvent(hReady);
             Sleep(INFINITE);
             return 0;
@@ -372,34 +325,28 @@ TEST_F(Named, NamesDieWithTheLastProcessThatHasThem)
     EXPECT_TRUE(Exists(u"left"));
     crashed.Kill();
     crashed.Join();
-    HANDLE const hNew = Create(u"left", false, false);
+    Handle hNew = Create(u"left", false, false);
     EXPECT_EQ(GetLastError(), 0u);
     EXPECT_EQ(WaitForSingleObject(hNew, 0), WAIT_TIMEOUT);
-    CloseHandle(hNew);
-    EXPECT_FALSE(Exists(u"left"));
-    CloseHandle(hReady);
+    EXPECT_TRUE(hNew.Close() && !Exists(u"left") && hReady.Close());
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder), {}), 1); // the lock only
 }
 
 TEST_F(Named, OneProcessMayUseManyThreadsOnOneName)
 {
-    HANDLE const hMutex = CreateMutexW(nullptr, FALSE, u"count");
+    Handle const hMutex = CreateMutexW(nullptr, FALSE, u"count");
     int nCount = 0;
-    auto const count = [&]
-    {
-        for (int nRound = 0; nRound < 500; ++nRound)
-        {
-            ASSERT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0);
-            ++nCount;
-            ReleaseMutex(hMutex);
-        }
-    };
-    std::thread first(count), second(count);
-    count();
-    first.join();
-    second.join();
+    RunThreads(3,
+               [&](std::size_t)
+               {
+                   for (int nRound = 0; nRound < 500; ++nRound)
+                   {
+                       ASSERT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0);
+                       ++nCount;
+                       ReleaseMutex(hMutex);
+                   }
+               });
     EXPECT_EQ(nCount, 1'500);
-    CloseHandle(hMutex);
 }
 
 } // namespace

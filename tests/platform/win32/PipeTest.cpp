@@ -1,33 +1,15 @@
 #include "Asleep.h"
-#include "Descriptors.h"
+#include "Handle.h"
+#include "NoLeaks.h"
 #include "TestFolder.h"
-#include "kvx/platform/win32/errors.h"
-#include "kvx/platform/win32/files.h"
-#include "kvx/platform/win32/handles.h"
-#include "kvx/platform/win32/pipes.h"
-#include "kvx/platform/win32/processes.h"
-#include "kvx/platform/win32/sync.h"
-#include "kvx/platform/win32/threads.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Fails.h"
 
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
 #include <functional>
 #include <set>
-#include <string>
 #include <thread>
 #include <vector>
-
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-extern char ** environ;
 
 namespace
 {
@@ -71,7 +53,7 @@ std::string Receive(HANDLE hPipe, DWORD nSize = 100)
 /// Connects as the transport does. 0 or the error.
 DWORD Connect(HANDLE hPipe)
 {
-    HANDLE const hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    Handle const hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     OVERLAPPED overlapped{};
     overlapped.hEvent = hEvent;
     DWORD dwError = ConnectNamedPipe(hPipe, &overlapped) ? 0 : GetLastError();
@@ -82,58 +64,17 @@ DWORD Connect(HANDLE hPipe)
         DWORD n = 0;
         dwError = GetOverlappedResult(hPipe, &overlapped, &n, TRUE) ? 0 : GetLastError();
     }
-    CloseHandle(hEvent);
     return dwError;
 }
 
-/// This program in another role, told by KVX_PIPE_ROLE; its output comes through a pipe.
-class Child
+/// This program in another role, told by KVX_PIPE_ROLE.
+class Child : public ChildProcess
 {
 public:
     explicit Child(std::string const & strRole)
+        : ChildProcess({"/proc/self/exe", "--gtest_filter=PipeRole.*"}, "KVX_PIPE_ROLE", strRole, 9)
     {
-        int out[2];
-        EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
-        ::setenv("KVX_PIPE_ROLE", strRole.c_str(), 1);
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, out[1], 9);
-        char szSelf[] = "/proc/self/exe";
-        char szFilter[] = "--gtest_filter=PipeRole.*";
-        char * arguments[] = {szSelf, szFilter, nullptr};
-        EXPECT_EQ(::posix_spawn(&m_nProcess, szSelf, &actions, nullptr, arguments, environ), 0);
-        ::posix_spawn_file_actions_destroy(&actions);
-        ::unsetenv("KVX_PIPE_ROLE");
-        ::close(out[1]);
-        m_nOut = out[0];
     }
-    ~Child()
-    {
-        Kill();
-        ::close(m_nOut);
-    }
-
-    pid_t GetId() const { return m_nProcess; }
-
-    std::string ReadLine() const
-    {
-        std::string strLine;
-        for (char c = 0; ::read(m_nOut, &c, 1) == 1 && c != '\n';)
-            strLine += c;
-        return strLine;
-    }
-
-    void Kill()
-    {
-        if (m_nProcess <= 0)
-            return;
-        ::kill(m_nProcess, SIGKILL);
-        ::waitpid(std::exchange(m_nProcess, 0), nullptr, 0);
-    }
-
-private:
-    pid_t m_nProcess = 0;
-    int m_nOut = -1;
 };
 
 void Say(std::string const & strLine)
@@ -183,12 +124,7 @@ class Pipe : public TestFolder
 {
 protected:
     Pipe() { ::setenv("KVX_RUNTIME_DIR", m_strHost.c_str(), 1); }
-    ~Pipe() override
-    {
-        EXPECT_EQ(CountDescriptors(), m_nDescriptors) << "descriptors leak";
-        EXPECT_EQ(kvx::win32::GetOpenHandleCount(), m_nHandles) << "handles leak";
-        ::unsetenv("KVX_RUNTIME_DIR");
-    }
+    ~Pipe() override { ::unsetenv("KVX_RUNTIME_DIR"); }
 
     std::set<std::string> Files() const
     {
@@ -198,8 +134,7 @@ protected:
         return files;
     }
 
-    std::size_t const m_nDescriptors = CountDescriptors();
-    std::uint32_t const m_nHandles = kvx::win32::GetOpenHandleCount();
+    NoLeaks const m_noLeaks;
 };
 
 /// Runs `call` in a thread and `breaker` beside it, until the call is over: at once in some rounds, in others when the
@@ -233,15 +168,12 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
     EXPECT_EQ(Receive(hServer), "<536>"); // nobody is there yet
     OVERLAPPED overlapped{};
     DWORD n = 0;
-    EXPECT_FALSE(ConnectNamedPipe(hServer, &overlapped));
-    EXPECT_EQ(GetLastError(), ERROR_IO_PENDING);
-    EXPECT_FALSE(GetOverlappedResult(hServer, &overlapped, &n, FALSE));
-    EXPECT_EQ(GetLastError(), ERROR_IO_INCOMPLETE);
+    EXPECT_TRUE(Fails(ConnectNamedPipe(hServer, &overlapped), ERROR_IO_PENDING));
+    EXPECT_TRUE(Fails(GetOverlappedResult(hServer, &overlapped, &n, FALSE), ERROR_IO_INCOMPLETE));
     HANDLE const hClient = Open(u"ONE"); // case means nothing
     ASSERT_NE(hClient, INVALID_HANDLE_VALUE) << GetLastError();
     EXPECT_TRUE(GetOverlappedResult(hServer, &overlapped, &n, TRUE));
-    EXPECT_FALSE(ConnectNamedPipe(hServer, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_PIPE_CONNECTED);
+    EXPECT_TRUE(Fails(ConnectNamedPipe(hServer, nullptr), ERROR_PIPE_CONNECTED));
     EXPECT_EQ(GetFileType(hClient), FILE_TYPE_PIPE);
 
     // A read gives what is there, and looking takes nothing away.
@@ -270,11 +202,9 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
     EXPECT_FALSE(DisconnectNamedPipe(hClient)); // not the client's to do
     EXPECT_EQ(Receive(hServer), "<233>");
     EXPECT_EQ(Receive(hClient), "last");
-    EXPECT_FALSE(PeekNamedPipe(hClient, nullptr, 0, nullptr, &n, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
+    EXPECT_TRUE(Fails(PeekNamedPipe(hClient, nullptr, 0, nullptr, &n, nullptr), ERROR_BROKEN_PIPE));
     EXPECT_EQ(Receive(hClient), "<109>");
-    EXPECT_FALSE(Send(hClient, "x"));
-    EXPECT_EQ(GetLastError(), ERROR_NO_DATA);
+    EXPECT_TRUE(Fails(Send(hClient, "x"), ERROR_NO_DATA));
 
     // The instance serves again, on a handle of the same value.
     HANDLE const hOther = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -283,8 +213,7 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
     EXPECT_TRUE(GetOverlappedResult(hServer, &overlapped, &n, TRUE));
     EXPECT_TRUE(Send(hSecond, "again"));
     EXPECT_EQ(Receive(hServer), "again");
-    EXPECT_FALSE(PeekNamedPipe(hOther, nullptr, 0, nullptr, nullptr, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_BAD_PIPE);
+    EXPECT_TRUE(Fails(PeekNamedPipe(hOther, nullptr, 0, nullptr, nullptr, nullptr), ERROR_BAD_PIPE));
     for (HANDLE const hPipe : {hServer, hClient, hSecond, hOther})
         EXPECT_TRUE(CloseHandle(hPipe));
     EXPECT_TRUE(Files().empty());
@@ -292,63 +221,39 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
 
 TEST_F(Pipe, ANameIsMissingBusyOrFree)
 {
-    EXPECT_FALSE(WaitNamedPipeW(PathOf(u"x").c_str(), 10000)); // at once
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(Open(u"x"), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_TRUE(Fails(WaitNamedPipeW(PathOf(u"x").c_str(), 10000), ERROR_FILE_NOT_FOUND)); // at once
+    EXPECT_TRUE(Fails(Open(u"x"), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
 
     HANDLE const hFirst = Serve(u"x", PIPE_ACCESS_DUPLEX, 2);
     EXPECT_TRUE(WaitNamedPipeW(PathOf(u"x").c_str(), 0));
     HANDLE const hClient = Open(u"x"); // before the server waits
     ASSERT_NE(hClient, INVALID_HANDLE_VALUE);
-    EXPECT_FALSE(ConnectNamedPipe(hFirst, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_PIPE_CONNECTED);
-    EXPECT_EQ(Open(u"x"), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_PIPE_BUSY);
-    EXPECT_FALSE(WaitNamedPipeW(PathOf(u"x").c_str(), 20));
-    EXPECT_EQ(GetLastError(), ERROR_SEM_TIMEOUT);
+    EXPECT_TRUE(Fails(ConnectNamedPipe(hFirst, nullptr), ERROR_PIPE_CONNECTED));
+    EXPECT_TRUE(Fails(Open(u"x"), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(WaitNamedPipeW(PathOf(u"x").c_str(), 20), ERROR_SEM_TIMEOUT));
 
     // Whoever waits gets the next instance, of which there are two.
     std::thread waiter([] { EXPECT_TRUE(WaitNamedPipeW(PathOf(u"X").c_str(), NMPWAIT_WAIT_FOREVER)); });
-    EXPECT_EQ(Serve(u"x", PIPE_ACCESS_INBOUND, 2), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(Fails(Serve(u"x", PIPE_ACCESS_INBOUND, 2), ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE));
     HANDLE const hSecond = Serve(u"x", PIPE_ACCESS_DUPLEX, 2);
     waiter.join();
-    EXPECT_EQ(Serve(u"x", PIPE_ACCESS_DUPLEX, 2), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_PIPE_BUSY);
+    EXPECT_TRUE(Fails(Serve(u"x", PIPE_ACCESS_DUPLEX, 2), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
     for (HANDLE const hPipe : {hFirst, hSecond, hClient})
         CloseHandle(hPipe);
-    EXPECT_EQ(Open(u"x"), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(Serve(u"x", PIPE_ACCESS_DUPLEX | 0x10), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(CreateNamedPipeW(PathOf(u"x").c_str(), 3, PIPE_TYPE_MESSAGE, 1, 0, 0, 0, nullptr), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    EXPECT_TRUE(Fails(Open(u"x"), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(Serve(u"x", PIPE_ACCESS_DUPLEX | 0x10), ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(CreateNamedPipeW(PathOf(u"x").c_str(), 3, PIPE_TYPE_MESSAGE, 1, 0, 0, 0, nullptr),
+                      ERROR_NOT_SUPPORTED, INVALID_HANDLE_VALUE));
 }
 
 TEST_F(Pipe, NamesStayInTheFolderAndApart)
 {
     std::u16string const strLong(230, u'l');
-    std::vector<std::u16string> const names = {u"plain",
-                                               u"..",
-                                               u"../../escape",
-                                               u"..\\..\\escape2",
-                                               u"/etc/passwd",
-                                               u".hidden",
-                                               u"%41",
-                                               u"A",
-                                               u"new\nline",
-                                               u"x+lock",
-                                               u"x",
-                                               u"x+1",
-                                               u"\xD83D\xDE00",
-                                               u"\xD800",
-                                               u" ",
-                                               u"~",
-                                               std::u16string(u"nul\0/../inside", 15),
-                                               strLong + u"1",
-                                               strLong + u"2",
-                                               u"\u00e4"};
+    std::vector<std::u16string> names = {std::u16string(u"nul\0/../inside", 15), strLong + u"1", strLong + u"2"};
+    for (LPCWSTR const pszName :
+         {u"plain", u"..", u"../../escape", u"..\\..\\escape2", u"/etc/passwd", u".hidden", u"%41", u"A", u"new\nline",
+          u"x+lock", u"x", u"x+1", u"\xD83D\xDE00", u"\xD800", u" ", u"~", u"\u00e4"})
+        names.push_back(pszName);
     std::vector<HANDLE> pipes;
     for (std::u16string const & strName : names)
         pipes.push_back(Serve(strName));
@@ -378,8 +283,7 @@ TEST_F(Pipe, NamesStayInTheFolderAndApart)
                                            {u"pipe", ERROR_INVALID_NAME},
                                            {u"\\\\elsewhere\\pipe\\x", ERROR_BAD_NETPATH}})
     {
-        EXPECT_FALSE(WaitNamedPipeW(strPath.c_str(), 0));
-        EXPECT_EQ(GetLastError(), nError);
+        EXPECT_TRUE(Fails(WaitNamedPipeW(strPath.c_str(), 0), nError));
         EXPECT_EQ(CreateNamedPipeW(strPath.c_str(), 3, 0, 1, 0, 0, 0, nullptr), INVALID_HANDLE_VALUE);
     }
 }
@@ -459,8 +363,7 @@ TEST_F(Pipe, SeveralProcessesServeOneName)
     for (HANDLE const hPipe : {hEarly, hLate, hLast, hOwn})
         EXPECT_TRUE(CloseHandle(hPipe));
     // What the dead left behind is nobody's, and the next one clears it away.
-    EXPECT_EQ(Open(u"shared"), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_TRUE(Fails(Open(u"shared"), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
     EXPECT_EQ(Files().count("pipe.shared"), 1u);
     CloseHandle(Serve(u"shared"));
     EXPECT_EQ(Files().count("pipe.shared"), 0u);
@@ -490,20 +393,16 @@ TEST_F(Pipe, AnotherProcessesEndsCanBeDuplicated)
 
     // What is no such end there, or no process, is nothing here.
     HANDLE hNone = nullptr;
-    EXPECT_FALSE(duplicate(reinterpret_cast<HANDLE>(0x7FFFFFF0), hNone));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(DuplicateHandle(hProcess, hForeignRead, hProcess, &hNone, 0, FALSE, 0));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
-    EXPECT_EQ(OpenProcess(0, FALSE, 0x7FFFFFFE), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(Fails(duplicate(reinterpret_cast<HANDLE>(0x7FFFFFF0), hNone), ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(Fails(DuplicateHandle(hProcess, hForeignRead, hProcess, &hNone, 0, FALSE, 0), ERROR_NOT_SUPPORTED));
+    EXPECT_TRUE(Fails(OpenProcess(0, FALSE, 0x7FFFFFFE), ERROR_INVALID_PARAMETER));
 
     // Its death ends the wait for it, and a writer learns that nobody reads: by a code, not by a signal.
     DWORD dwWaited = WAIT_FAILED;
     BreakUnder(
         0, [&] { dwWaited = WaitForSingleObject(hProcess, INFINITE); }, [&] { child.Kill(); });
     EXPECT_EQ(dwWaited, WAIT_OBJECT_0);
-    EXPECT_FALSE(Send(hWrite, "x"));
-    EXPECT_EQ(GetLastError(), ERROR_NO_DATA);
+    EXPECT_TRUE(Fails(Send(hWrite, "x"), ERROR_NO_DATA));
     EXPECT_FALSE(duplicate(hForeignWrite, hNone));
     EXPECT_TRUE(CloseHandle(hWrite) && CloseHandle(hProcess));
 

@@ -1,12 +1,11 @@
 #include "kvx/platform/win32/profiles.h"
 
 #include "TestFolder.h"
+#include "tests/support/Fails.h"
 
-#include "kvx/platform/win32/errors.h"
+#include "tests/support/RunThreads.h"
 
 #include <array>
-#include <thread>
-#include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -59,8 +58,8 @@ TEST_F(Profile, Reads)
     File(SAMPLE);
     EXPECT_EQ(Read(_T("FIRST"), _T("KEY ONE")), u"some text");
     EXPECT_EQ(Read(_T("First"), _T("quoted")), u" a ");
-    EXPECT_EQ(Read(_T("First"), _T("stray"), _T("not there  ")), u"not there");
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_TRUE(
+        Fails(Read(_T("First"), _T("stray"), _T("not there  ")), ERROR_FILE_NOT_FOUND, std::u16string(u"not there")));
     EXPECT_EQ(Read(_T("first"), _T("late"), _T("d")), u"d"); // the first section of the name counts
     EXPECT_EQ(Read(_T("First"), _T("key one"), nullptr, 5), u"some");
     EXPECT_EQ(GetLastError(), DWORD{ERROR_MORE_DATA});
@@ -142,16 +141,14 @@ TEST_F(Profile, RefusesWhatCouldNotBeRead)
                                              {_T("s"), _T("k"), _T("v\n[evil]")},
                                              {nullptr, _T("k"), _T("v")}})
     {
-        EXPECT_FALSE(Write(pszSection, pszKey, pszValue));
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+        EXPECT_TRUE(Fails(Write(pszSection, pszKey, pszValue), ERROR_INVALID_PARAMETER));
     }
     EXPECT_EQ(File(), SAMPLE);
-    EXPECT_FALSE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(u"none\\a.ini").c_str()));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_TRUE(Fails(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(u"none\\a.ini").c_str()),
+                      ERROR_PATH_NOT_FOUND));
     EXPECT_FALSE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), kvx::win32::FromHost(m_strHost).c_str()));
     std::filesystem::resize_file(Host("a.ini"), (64 << 20) + 1);
-    EXPECT_FALSE(Write(_T("s"), _T("k"), _T("v")));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_TOO_LARGE});
+    EXPECT_TRUE(Fails(Write(_T("s"), _T("k"), _T("v")), ERROR_FILE_TOO_LARGE));
 }
 
 TEST_F(Profile, ReplacesAsAWhole)
@@ -159,22 +156,16 @@ TEST_F(Profile, ReplacesAsAWhole)
     File("[s]\nk=0\n");
     chmod(Host("a.ini").c_str(), 0640);
     std::filesystem::create_symlink(Host("a.ini"), Host("link.ini"));
-    std::vector<std::thread> threads;
-    for (int nThread = 0; nThread < 3; ++nThread)
-        threads.emplace_back(
-            [&, nThread]
-            {
-                std::u16string const strKey(1, static_cast<char16_t>(u'a' + nThread));
-                for (int i = 0; i < 20; ++i)
-                {
-                    WritePrivateProfileStringW(_T("s"),
-                                               (strKey + std::u16string(1, static_cast<char16_t>(u'A' + i))).c_str(),
-                                               _T("1"), Path(nThread == 0 ? u"link.ini" : u"a.ini").c_str());
-                    EXPECT_EQ(Read(_T("s"), _T("k")), u"0");
-                }
-            });
-    for (std::thread & thread : threads)
-        thread.join();
+    RunThreads(3,
+               [&](std::size_t nThread)
+               {
+                   for (std::size_t i = 1; i <= 20; ++i)
+                   {
+                       WritePrivateProfileStringW(_T("s"), std::u16string(3 * i + nThread, u'x').c_str(), _T("1"),
+                                                  Path(nThread == 0 ? u"link.ini" : u"a.ini").c_str());
+                       EXPECT_EQ(Read(_T("s"), _T("k")), u"0");
+                   }
+               });
     EXPECT_EQ(kvx::win32::IniText(File()).GetKeys(u"s").size(), 61u);
     struct stat info;
     stat(Host("a.ini").c_str(), &info);

@@ -1,71 +1,38 @@
 #include "kvx/platform/win32/registry.h"
 
+#include "Handle.h"
 #include "TestFolder.h"
-
-#include "kvx/platform/win32/errors.h"
-#include "kvx/platform/win32/sync.h"
-#include "kvx/platform/win32/threads.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/RegistryStore.h"
+#include "tests/support/RunThreads.h"
 
 #include <atomic>
-#include <cstring>
-#include <thread>
-#include <vector>
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace
 {
 using Texts = std::vector<std::u16string>;
 namespace fs = std::filesystem;
 
-/// One store for this process, in a folder that goes with it.
-class Store : public testing::Environment
-{
-public:
-    static std::string s_strPath;
-
-    void SetUp() override
-    {
-        char szPath[] = "/tmp/kvx-registry-XXXXXX";
-        m_strFolder = mkdtemp(szPath);
-        s_strPath = m_strFolder + "/registry.db";
-        setenv("KVX_REGISTRY", s_strPath.c_str(), 1);
-    }
-    void TearDown() override { fs::remove_all(m_strFolder); }
-
-private:
-    std::string m_strFolder;
-};
-std::string Store::s_strPath;
-[[maybe_unused]] auto * const g_pStore = testing::AddGlobalTestEnvironment(new Store);
-
 /// A key for each test, gone at its end.
 class Registry : public testing::Test
 {
 protected:
-    HKEY m_hKey = nullptr;
+    HKEY m_hKey = Create(HKEY_LOCAL_MACHINE, _T("Software\\Test"));
 
-    void SetUp() override
-    {
-        ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, _T("Software\\Test"), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                                  &m_hKey, nullptr),
-                  0);
-    }
-    void TearDown() override
+    ~Registry() override
     {
         SHDeleteKeyW(HKEY_LOCAL_MACHINE, _T("Software\\Test"));
         RegCloseKey(m_hKey);
     }
 
-    HKEY Make(LPCWSTR pszPath, LONG nExpected = 0) const
+    static HKEY Create(HKEY hParent, LPCWSTR pszPath, LONG nExpected = 0, DWORD * pDisposition = nullptr)
     {
         HKEY hKey = nullptr;
-        EXPECT_EQ(RegCreateKeyExW(m_hKey, pszPath, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &hKey, nullptr), nExpected);
+        EXPECT_EQ(RegCreateKeyExW(hParent, pszPath, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &hKey, pDisposition),
+                  nExpected);
         return hKey;
     }
     LONG Open(LPCWSTR pszPath, HKEY hParent = nullptr) const
@@ -97,24 +64,18 @@ protected:
         EXPECT_EQ(strData.substr(nSize), "####");
         return {dwType, strData.substr(0, nRoom)};
     }
-    Texts SubKeys() const
+    /// What RegEnumKeyExW or RegEnumValueW tells.
+    template <class ENUM>
+    Texts List(ENUM enumerate) const
     {
         Texts names;
         WCHAR szName[256];
         DWORD nName = 256;
-        for (DWORD i = 0; RegEnumKeyExW(m_hKey, i, szName, &nName, nullptr, nullptr, nullptr, nullptr) == 0; ++i)
+        for (DWORD i = 0; enumerate(m_hKey, i, szName, &nName, nullptr, nullptr, nullptr, nullptr) == 0; ++i)
             names.emplace_back(szName, std::exchange(nName, 256));
         return names;
     }
-    Texts Values() const
-    {
-        Texts names;
-        WCHAR szName[256];
-        DWORD nName = 256;
-        for (DWORD i = 0; RegEnumValueW(m_hKey, i, szName, &nName, nullptr, nullptr, nullptr, nullptr) == 0; ++i)
-            names.emplace_back(szName, std::exchange(nName, 256));
-        return names;
-    }
+    Texts SubKeys() const { return List(RegEnumKeyExW); }
 };
 
 std::string Bytes(std::u16string_view text)
@@ -128,8 +89,7 @@ TEST_F(Registry, KeysAreFoundWhateverTheirCase)
     HKEY hKey = nullptr;
     auto const create = [&](LPCWSTR pszPath)
     {
-        EXPECT_EQ(RegCreateKeyExW(m_hKey, pszPath, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &hKey, &dwDisposition), 0);
-        RegCloseKey(hKey);
+        RegCloseKey(Create(m_hKey, pszPath, 0, &dwDisposition));
         return dwDisposition;
     };
     EXPECT_EQ(create(_T("Beta\\\u00C4\u00DF\\c")), REG_CREATED_NEW_KEY);
@@ -157,13 +117,13 @@ TEST_F(Registry, KeysAreFoundWhateverTheirCase)
 TEST_F(Registry, LimitsOfKeys)
 {
     std::u16string const strLongest(255, u'n');
-    RegCloseKey(Make(strLongest.c_str()));
-    Make((strLongest + u"n").c_str(), ERROR_INVALID_PARAMETER);
+    RegCloseKey(Create(m_hKey, strLongest.c_str()));
+    Create(m_hKey, (strLongest + u"n").c_str(), ERROR_INVALID_PARAMETER);
     std::u16string strDeep = u"d"; // Software\Test\d...: 512 in all
     for (int i = 0; i < 509; ++i)
         strDeep += u"\\d";
-    RegCloseKey(Make(strDeep.c_str()));
-    Make((strDeep + u"\\d").c_str(), ERROR_INVALID_PARAMETER);
+    RegCloseKey(Create(m_hKey, strDeep.c_str()));
+    Create(m_hKey, (strDeep + u"\\d").c_str(), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(SHDeleteKeyW(m_hKey, _T("d")), 0);
     EXPECT_EQ(SubKeys(), Texts{strLongest});
 
@@ -180,7 +140,7 @@ TEST_F(Registry, LimitsOfKeys)
 
 TEST_F(Registry, DeletedKeysAreGone)
 {
-    HKEY const hDeep = Make(_T("a\\b\\c"));
+    HKEY const hDeep = Create(m_hKey, _T("a\\b\\c"));
     DWORD nSize = 0;
     EXPECT_EQ(RegSetValueExW(hDeep, _T("v"), 0, REG_SZ, nullptr, 0), 0);
     EXPECT_EQ(RegQueryValueExW(hDeep, _T("v"), nullptr, nullptr, nullptr, &nSize), 0);
@@ -203,7 +163,7 @@ TEST_F(Registry, DeletedKeysAreGone)
     EXPECT_EQ(RegQueryValueExW(hDeep, _T("v"), nullptr, nullptr, nullptr, &nSize), ERROR_INVALID_HANDLE);
     EXPECT_EQ(Open(_T("x"), reinterpret_cast<HKEY>(std::uintptr_t{12345})), ERROR_INVALID_HANDLE);
 
-    HKEY const hSelf = Make(_T("self"));
+    HKEY const hSelf = Create(m_hKey, _T("self"));
     EXPECT_EQ(RegDeleteKeyW(hSelf, _T("")), 0);
     RegCloseKey(hSelf);
     EXPECT_EQ(SHDeleteKeyW(HKEY_LOCAL_MACHINE, nullptr), ERROR_ACCESS_DENIED);
@@ -305,7 +265,7 @@ TEST_F(Registry, EnumeratesInOrder)
         ASSERT_EQ(Set(expected.back().c_str(), REG_DWORD, std::string_view(reinterpret_cast<char *>(&i), 4)), 0);
     }
     EXPECT_EQ(Set(_T("V4990"), REG_BINARY, std::string(5000, 'x')), 0); // keeps its place and its name
-    EXPECT_EQ(Values(), expected);
+    EXPECT_EQ(List(RegEnumValueW), expected);
 
     WCHAR szName[16];
     DWORD nName = 16, dwType = 0, nSize = 4;
@@ -336,35 +296,32 @@ TEST_F(Registry, EnumeratesInOrder)
 TEST_F(Registry, ThreadsShareAHandle)
 {
     std::atomic<int> nWrong{0};
-    std::vector<std::thread> threads;
-    DWORD nValue = 0;
-    ASSERT_EQ(RegSetValueExW(m_hKey, _T("shared"), 0, REG_DWORD, reinterpret_cast<BYTE *>(&nValue), 4), 0);
-    for (int nThread = 0; nThread < 4; ++nThread)
-        threads.emplace_back(
-            [&, nThread]
-            {
-                std::u16string const strOwn = u"own" + std::u16string(1, static_cast<char16_t>(u'0' + nThread));
-                DWORD nLast = 0;
-                for (DWORD i = 1; i <= 150; ++i)
-                {
-                    DWORD nRead = 0, nSize = 4;
-                    nWrong +=
-                        RegSetValueExW(m_hKey, strOwn.c_str(), 0, REG_DWORD, reinterpret_cast<BYTE *>(&i), 4) != 0;
-                    nWrong += RegQueryValueExW(m_hKey, strOwn.c_str(), nullptr, nullptr,
-                                               reinterpret_cast<BYTE *>(&nRead), &nSize) != 0 ||
-                              nRead != i;
-                    if (nThread == 0)
-                        RegSetValueExW(m_hKey, _T("shared"), 0, REG_DWORD, reinterpret_cast<BYTE *>(&i), 4);
-                    RegQueryValueExW(m_hKey, _T("shared"), nullptr, nullptr, reinterpret_cast<BYTE *>(&nRead), &nSize);
-                    nWrong += nRead < nLast;
-                    nLast = nRead;
-                    WCHAR szName[16];
-                    DWORD nName = 16;
-                    nWrong += RegEnumValueW(m_hKey, i % 2, szName, &nName, nullptr, nullptr, nullptr, nullptr) != 0;
-                }
-            });
-    for (std::thread & thread : threads)
-        thread.join();
+    auto const write = [&](LPCWSTR pszName, DWORD nValue)
+    { return RegSetValueExW(m_hKey, pszName, 0, REG_DWORD, reinterpret_cast<BYTE *>(&nValue), 4) == 0; };
+    auto const read = [&](LPCWSTR pszName)
+    {
+        DWORD nRead = 0, nSize = 4;
+        nWrong += RegQueryValueExW(m_hKey, pszName, nullptr, nullptr, reinterpret_cast<BYTE *>(&nRead), &nSize) != 0;
+        return nRead;
+    };
+    ASSERT_TRUE(write(_T("shared"), 0));
+    RunThreads(4,
+               [&](std::size_t nThread)
+               {
+                   std::u16string const strOwn(nThread + 1, u'o');
+                   DWORD nLast = 0;
+                   for (DWORD i = 1; i <= 150; ++i)
+                   {
+                       nWrong += !write(strOwn.c_str(), i) || read(strOwn.c_str()) != i;
+                       nWrong += nThread == 0 && !write(_T("shared"), i);
+                       DWORD const nRead = read(_T("shared"));
+                       nWrong += nRead < nLast;
+                       nLast = nRead;
+                       WCHAR szName[16];
+                       DWORD nName = 16;
+                       nWrong += RegEnumValueW(m_hKey, i % 2, szName, &nName, nullptr, nullptr, nullptr, nullptr) != 0;
+                   }
+               });
     EXPECT_EQ(nWrong, 0);
 }
 
@@ -374,7 +331,7 @@ TEST_F(Registry, ATerminatedWriterLeavesNoLock)
     {
         std::atomic<int> nWrites{0};
         std::pair<HKEY, std::atomic<int> *> work{m_hKey, &nWrites};
-        HANDLE const hThread = CreateThread(
+        Handle const hThread = CreateThread(
             nullptr, 0,
             [](void * p) -> DWORD
             {
@@ -387,78 +344,30 @@ TEST_F(Registry, ATerminatedWriterLeavesNoLock)
             SwitchToThread();
         EXPECT_TRUE(TerminateThread(hThread, 1));
         WaitForSingleObject(hThread, INFINITE);
-        CloseHandle(hThread);
         EXPECT_EQ(Set(_T("t"), REG_SZ, "x"), 0);
         EXPECT_EQ(Get(_T("t")).second, "x");
     }
 }
 
-/// A worker process; its output is read to the end.
-class Worker
+/// The worker program at work on a store.
+class Worker : public ChildProcess
 {
 public:
     Worker(std::string const & strStore, std::vector<std::string> words)
+        : ChildProcess((words.insert(words.begin(), KVX_REGISTRY_WORKER), words), "KVX_REGISTRY", strStore, 1)
     {
-        int pipes[2];
-        if (pipe2(pipes, O_CLOEXEC) != 0)
-            std::abort();
-        words.insert(words.begin(), KVX_REGISTRY_WORKER);
-        std::vector<char *> argv;
-        for (std::string & strWord : words)
-            argv.push_back(strWord.data());
-        argv.push_back(nullptr);
-        m_nPid = fork();
-        if (m_nPid == 0)
-        {
-            dup2(pipes[1], STDOUT_FILENO);
-            setenv("KVX_REGISTRY", strStore.c_str(), 1);
-            execv(KVX_REGISTRY_WORKER, argv.data());
-            _exit(127);
-        }
-        close(pipes[1]);
-        m_pOutput = fdopen(pipes[0], "r");
     }
-    ~Worker()
-    {
-        if (m_nPid > 0)
-            Wait();
-        fclose(m_pOutput);
-    }
-    std::string ReadLine() const
-    {
-        char line[256];
-        return fgets(line, sizeof line, m_pOutput) ? std::string(line, std::strcspn(line, "\n")) : "";
-    }
-    void Kill() const { kill(m_nPid, SIGKILL); }
-    int Wait()
-    {
-        int nStatus = 0;
-        waitpid(std::exchange(m_nPid, -1), &nStatus, 0);
-        return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
-    }
-
-private:
-    pid_t m_nPid;
-    FILE * m_pOutput;
 };
 
 class RegistryProcesses : public Registry
 {
 protected:
-    HKEY m_hWork = nullptr;
+    HKEY m_hWork = Create(HKEY_CURRENT_USER, _T("Work"));
 
-    void SetUp() override
-    {
-        Registry::SetUp();
-        ASSERT_EQ(
-            RegCreateKeyExW(HKEY_CURRENT_USER, _T("Work"), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_hWork, nullptr),
-            0);
-    }
-    void TearDown() override
+    ~RegistryProcesses() override
     {
         EXPECT_EQ(SHDeleteKeyW(m_hWork, nullptr), 0);
         RegCloseKey(m_hWork);
-        Registry::TearDown();
     }
 };
 
@@ -478,16 +387,15 @@ TEST_F(RegistryProcesses, WritersOfManyProcessesTakeTurns)
     { return RegSetValueExW(HKEY_CURRENT_USER, _T("Number"), 0, REG_DWORD, reinterpret_cast<BYTE *>(&n), 4); };
     EXPECT_EQ(put(), 0);
     // One of them comes by another name of the file.
-    std::string const strLink = Store::s_strPath + "-link";
-    fs::create_symlink(fs::path(Store::s_strPath).filename(), strLink);
+    std::string const strLink = RegistryStore::GetPath() + "-link";
+    fs::create_symlink(fs::path(RegistryStore::GetPath()).filename(), strLink);
     Worker watcher(strLink, {"watch", "300"});
     Worker a(strLink, {"fill", "a", "300", "4"});
-    Worker b(Store::s_strPath, {"fill", "b", "300", "4"});
+    Worker b(RegistryStore::GetPath(), {"fill", "b", "300", "4"});
     for (n = 2; n <= 300; ++n)
         ASSERT_EQ(put(), 0);
-    EXPECT_EQ(watcher.Wait(), 0);
-    EXPECT_EQ(a.Wait(), 0);
-    EXPECT_EQ(b.Wait(), 0);
+    for (Worker * const pWorker : {&watcher, &a, &b})
+        EXPECT_EQ(pWorker->Wait(), 0);
     EXPECT_EQ(count(), 600u);
 }
 
@@ -495,14 +403,14 @@ TEST_F(RegistryProcesses, AKilledWriterLosesNothingItReported)
 {
     for (int i = 0; i < 8; ++i)
     {
-        Worker writer(Store::s_strPath, {"fill", "k" + std::to_string(i) + "-", "1000000", i % 2 == 0 ? "4" : "20000"});
+        Worker writer(RegistryStore::GetPath(),
+                      {"fill", "k" + std::to_string(i) + "-", "1000000", i % 2 == 0 ? "4" : "20000"});
         std::string strLast;
         for (int n = 0; n <= 7 * i; ++n)
             strLast = writer.ReadLine();
-        writer.Kill();
+        EXPECT_EQ(writer.Kill(), -SIGKILL);
         for (std::string strLine; !(strLine = writer.ReadLine()).empty();)
             strLast = strLine;
-        EXPECT_EQ(writer.Wait(), -SIGKILL);
 
         std::u16string const strName = kvx::win32::FromUtf8("k" + std::to_string(i) + "-" + strLast);
         DWORD nSize = 0;

@@ -1,43 +1,24 @@
 #include "kvx/platform/win32/sync.h"
 
 #include "Asleep.h"
-#include "kvx/platform/win32/errors.h"
-#include "kvx/platform/win32/handles.h"
-#include "kvx/platform/win32/threads.h"
-
-#include <gtest/gtest.h>
+#include "Handle.h"
+#include "tests/support/Fails.h"
+#include "tests/support/RunThreads.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <functional>
-#include <thread>
-#include <vector>
 
 namespace
 {
 
-/// A handle that closes itself.
-struct Handle
-{
-    explicit Handle(HANDLE hValue) : m_hValue(hValue) {}
-    Handle(Handle && other) noexcept : m_hValue(std::exchange(other.m_hValue, nullptr)) {}
-    ~Handle()
-    {
-        if (m_hValue)
-            CloseHandle(m_hValue);
-    }
-    operator HANDLE() const { return m_hValue; }
-    HANDLE m_hValue;
-};
-
 Handle MakeEvent(bool bManual, bool bSignalled = false)
 {
-    return Handle(CreateEventW(nullptr, bManual, bSignalled, nullptr));
+    return CreateEventW(nullptr, bManual, bSignalled, nullptr);
 }
 Handle MakeMutex(bool bOwned = false)
 {
-    return Handle(CreateMutexW(nullptr, bOwned, nullptr));
+    return CreateMutexW(nullptr, bOwned, nullptr);
 }
 
 /// Threads that each run a wait, and sleep in it when the constructor returns.
@@ -52,8 +33,7 @@ public:
                 [this, &id, wait]
                 {
                     id = GetCurrentThreadId();
-                    DWORD const dwResult = wait();
-                    m_nFreed += dwResult == WAIT_OBJECT_0;
+                    m_nFreed += wait() == WAIT_OBJECT_0;
                     ++m_nEnded;
                 });
         for (auto & id : ids)
@@ -62,13 +42,14 @@ public:
         WaitUntilAsleep({ids.begin(), ids.end()});
     }
     ~Waiters() { Join(); }
-    void Join()
+    /// How many waits have given their first object.
+    int Join()
     {
         for (std::thread & thread : m_threads)
             thread.join();
         m_threads.clear();
+        return m_nFreed;
     }
-    int GetFreed() const { return m_nFreed; }
     int GetEnded() const { return m_nEnded; }
 
 private:
@@ -83,20 +64,16 @@ TEST(Waits, BadArgumentsAreRefused)
     Handle const hMutex = MakeMutex();
     HANDLE const pair[] = {hEvent, hEvent};
     std::vector<HANDLE> const many(65, hEvent);
-    auto const fails = [](DWORD dwResult, LONG nError)
-    { return dwResult == WAIT_FAILED && GetLastError() == DWORD(nError); };
-    EXPECT_TRUE(fails(WaitForMultipleObjects(0, pair, FALSE, 0), ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(fails(WaitForMultipleObjects(65, many.data(), FALSE, 0), ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(fails(WaitForMultipleObjects(2, pair, TRUE, 0), ERROR_INVALID_PARAMETER));
+    EXPECT_TRUE(Fails(WaitForMultipleObjects(0, pair, FALSE, 0), ERROR_INVALID_PARAMETER, WAIT_FAILED));
+    EXPECT_TRUE(Fails(WaitForMultipleObjects(65, many.data(), FALSE, 0), ERROR_INVALID_PARAMETER, WAIT_FAILED));
+    EXPECT_TRUE(Fails(WaitForMultipleObjects(2, pair, TRUE, 0), ERROR_INVALID_PARAMETER, WAIT_FAILED));
     EXPECT_EQ(WaitForMultipleObjects(2, pair, FALSE, 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForMultipleObjects(64, many.data(), FALSE, 0), WAIT_OBJECT_0);
     HANDLE const withStale[] = {hEvent, nullptr};
-    EXPECT_TRUE(fails(WaitForMultipleObjects(2, withStale, FALSE, INFINITE), ERROR_INVALID_HANDLE));
-    EXPECT_TRUE(fails(WaitForSingleObject(INVALID_HANDLE_VALUE, INFINITE), ERROR_INVALID_HANDLE));
-    EXPECT_FALSE(SetEvent(hMutex));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
-    EXPECT_FALSE(ReleaseMutex(hEvent));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(Fails(WaitForMultipleObjects(2, withStale, FALSE, INFINITE), ERROR_INVALID_HANDLE, WAIT_FAILED));
+    EXPECT_TRUE(Fails(WaitForSingleObject(INVALID_HANDLE_VALUE, INFINITE), ERROR_INVALID_HANDLE, WAIT_FAILED));
+    EXPECT_TRUE(Fails(SetEvent(hMutex), ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(Fails(ReleaseMutex(hEvent), ERROR_INVALID_HANDLE));
     EXPECT_FALSE(ResetEvent(nullptr));
 }
 
@@ -111,8 +88,7 @@ TEST(Waits, AnyTakesTheLowestIndexAndNothingElse)
     Waiters waiters(3, [&] { return WaitForMultipleObjects(4, twice, FALSE, INFINITE) - 1; });
     for (int nSet = 0; nSet < 3; ++nSet)
         SetEvent(hSecond);
-    waiters.Join();
-    EXPECT_EQ(waiters.GetFreed(), 3);
+    EXPECT_EQ(waiters.Join(), 3);
     EXPECT_EQ(WaitForMultipleObjects(3, handles, FALSE, 0), WAIT_TIMEOUT);
 }
 
@@ -129,8 +105,7 @@ TEST(Waits, AllTakesNothingBeforeItCanTakeAll)
     SetEvent(hSecond);
     EXPECT_EQ(waiters.GetEnded(), 0);
     SetEvent(hFirst);
-    waiters.Join();
-    EXPECT_EQ(waiters.GetFreed(), 1);
+    EXPECT_EQ(waiters.Join(), 1);
     EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 0), WAIT_TIMEOUT);
     EXPECT_EQ(WaitForSingleObject(hMutex, 0), WAIT_ABANDONED_0); // the waiter ended as its owner
     EXPECT_TRUE(ReleaseMutex(hMutex));
@@ -145,41 +120,39 @@ TEST(Waits, SetsFreeThoseWhoWaitWhateverFollows)
         Waiters waiters(5, [&] { return WaitForSingleObject(hAuto, INFINITE); });
         for (int nSet = 0; nSet < 5; ++nSet)
             SetEvent(hAuto); // one for each
-        waiters.Join();
-        ASSERT_EQ(waiters.GetFreed(), 5);
+        ASSERT_EQ(waiters.Join(), 5);
         ASSERT_EQ(WaitForSingleObject(hAuto, 0), WAIT_TIMEOUT);
 
         Waiters single(3, [&] { return WaitForSingleObject(hManual, INFINITE); });
         Waiters multiple(3, [&] { return WaitForMultipleObjects(2, handles, FALSE, INFINITE) - 1; });
         SetEvent(hManual);
         ResetEvent(hManual);
-        single.Join();
-        multiple.Join();
-        ASSERT_EQ(single.GetFreed() + multiple.GetFreed(), 6);
+        ASSERT_EQ(single.Join() + multiple.Join(), 6);
         ASSERT_EQ(WaitForSingleObject(hManual, 0), WAIT_TIMEOUT);
     }
 }
 
 TEST(Waits, AClosedHandleLeavesItsWaitersToOtherHandles)
 {
-    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    Handle hEvent = MakeEvent(false);
+    HANDLE const hClosed = hEvent;
     HANDLE hOther = nullptr;
     ASSERT_TRUE(DuplicateHandle(GetCurrentProcess(), hEvent, GetCurrentProcess(), &hOther, 0, FALSE, 0));
-    Waiters waiters(1, [&] { return WaitForSingleObject(hEvent, INFINITE); });
-    CloseHandle(hEvent);
-    EXPECT_FALSE(SetEvent(hEvent));
+    Waiters waiters(1, [&] { return WaitForSingleObject(hClosed, INFINITE); });
+    hEvent.Close();
+    EXPECT_FALSE(SetEvent(hClosed));
     SetEvent(hOther);
-    waiters.Join();
-    EXPECT_EQ(waiters.GetFreed(), 1);
+    EXPECT_EQ(waiters.Join(), 1);
     CloseHandle(hOther);
 }
 
 TEST(WaitStress, ProducersAndConsumersCountTheSame)
 {
-    constexpr int EVENTS = 62, PRODUCERS = 3, CONSUMERS = 3, ROUNDS = 40;
+    constexpr std::size_t EVENTS = 62, PRODUCERS = 3, CONSUMERS = 3;
+    constexpr int ROUNDS = 40;
     std::vector<Handle> owners;
     std::vector<HANDLE> handles, acks;
-    for (int nIndex = 0; nIndex < EVENTS; ++nIndex)
+    for (std::size_t nIndex = 0; nIndex < EVENTS; ++nIndex)
     {
         owners.push_back(MakeEvent(false));
         handles.push_back(owners.back());
@@ -190,38 +163,30 @@ TEST(WaitStress, ProducersAndConsumersCountTheSame)
     handles.push_back(hMutex); // never free
     handles.push_back(hStop);
     std::array<std::atomic<int>, EVENTS> received{};
-    std::vector<std::thread> consumers, producers;
-    for (int nThread = 0; nThread < CONSUMERS; ++nThread)
-        consumers.emplace_back(
-            [&]
-            {
-                for (;;)
-                {
-                    DWORD const dwIndex = WaitForMultipleObjects(64, handles.data(), FALSE, INFINITE);
-                    if (dwIndex >= EVENTS)
-                        return;
-                    ++received[dwIndex];
-                    SetEvent(acks[dwIndex]);
-                }
-            });
-    for (int nThread = 0; nThread < PRODUCERS; ++nThread)
-        producers.emplace_back(
-            [&, nThread]
-            {
-                for (int nRound = 0; nRound < ROUNDS; ++nRound)
-                {
-                    for (int nIndex = nThread; nIndex < EVENTS; nIndex += PRODUCERS)
-                        SetEvent(handles[static_cast<std::size_t>(nIndex)]);
-                    for (int nIndex = nThread; nIndex < EVENTS; nIndex += PRODUCERS)
-                        WaitForSingleObject(acks[static_cast<std::size_t>(nIndex)], INFINITE);
-                }
-            });
-    for (std::thread & thread : producers)
-        thread.join();
+    std::thread consumers(RunThreads, CONSUMERS,
+                          [&](std::size_t)
+                          {
+                              for (DWORD dwIndex;
+                                   (dwIndex = WaitForMultipleObjects(64, handles.data(), FALSE, INFINITE)) < EVENTS;)
+                              {
+                                  ++received[dwIndex];
+                                  SetEvent(acks[dwIndex]);
+                              }
+                          });
+    RunThreads(PRODUCERS,
+               [&](std::size_t nThread)
+               {
+                   for (int nRound = 0; nRound < ROUNDS; ++nRound)
+                   {
+                       for (std::size_t nIndex = nThread; nIndex < EVENTS; nIndex += PRODUCERS)
+                           SetEvent(handles[nIndex]);
+                       for (std::size_t nIndex = nThread; nIndex < EVENTS; nIndex += PRODUCERS)
+                           WaitForSingleObject(acks[nIndex], INFINITE);
+                   }
+               });
     EXPECT_EQ(WaitForMultipleObjects(EVENTS, handles.data(), FALSE, 0), WAIT_TIMEOUT);
     SetEvent(hStop);
-    for (std::thread & thread : consumers)
-        thread.join();
+    consumers.join();
     EXPECT_TRUE(std::ranges::all_of(received, [](auto const & nCount) { return nCount == ROUNDS; }));
     EXPECT_TRUE(ReleaseMutex(hMutex));
 }
@@ -260,24 +225,20 @@ TEST(WaitStress, WaitsForAllOnCrossedMutexesExclude)
     std::array<int, THREADS> counts{}; // each guarded by its mutex only
     for (int nIndex = 0; nIndex < THREADS; ++nIndex)
         mutexes.push_back(MakeMutex());
-    std::vector<std::thread> threads;
-    for (std::size_t nThread = 0; nThread < THREADS; ++nThread)
-        threads.emplace_back(
-            [&, nThread]
-            {
-                std::size_t const nNext = (nThread + 1) % THREADS;
-                HANDLE const pair[] = {mutexes[nThread], mutexes[nNext]};
-                for (int nRound = 0; nRound < ROUNDS; ++nRound)
-                {
-                    ASSERT_EQ(WaitForMultipleObjects(2, pair, TRUE, INFINITE), WAIT_OBJECT_0);
-                    ++counts[nThread];
-                    ++counts[nNext];
-                    ReleaseMutex(pair[1]);
-                    ReleaseMutex(pair[0]);
-                }
-            });
-    for (std::thread & thread : threads)
-        thread.join();
+    RunThreads(THREADS,
+               [&](std::size_t nThread)
+               {
+                   std::size_t const nNext = (nThread + 1) % THREADS;
+                   HANDLE const pair[] = {mutexes[nThread], mutexes[nNext]};
+                   for (int nRound = 0; nRound < ROUNDS; ++nRound)
+                   {
+                       ASSERT_EQ(WaitForMultipleObjects(2, pair, TRUE, INFINITE), WAIT_OBJECT_0);
+                       ++counts[nThread];
+                       ++counts[nNext];
+                       ReleaseMutex(pair[1]);
+                       ReleaseMutex(pair[0]);
+                   }
+               });
     EXPECT_TRUE(std::ranges::all_of(counts, [](int nCount) { return nCount == 2 * ROUNDS; }));
 }
 
@@ -289,8 +250,7 @@ TEST(Mutexes, BelongToTheThreadAsOftenAsItWaited)
         [&]
         {
             EXPECT_EQ(WaitForSingleObject(hMutex, 1), WAIT_TIMEOUT);
-            EXPECT_FALSE(ReleaseMutex(hMutex));
-            EXPECT_EQ(GetLastError(), DWORD(ERROR_NOT_OWNER));
+            EXPECT_TRUE(Fails(ReleaseMutex(hMutex), ERROR_NOT_OWNER));
         })
         .join();
     EXPECT_TRUE(ReleaseMutex(hMutex));
@@ -302,19 +262,13 @@ TEST(Mutexes, BelongToTheThreadAsOftenAsItWaited)
                         return dwResult;
                     });
     EXPECT_TRUE(ReleaseMutex(hMutex));
-    waiters.Join();
-    EXPECT_EQ(waiters.GetFreed(), 2);
+    EXPECT_EQ(waiters.Join(), 2);
     EXPECT_FALSE(ReleaseMutex(hMutex));
 }
 
 TEST(Mutexes, OfEndedThreadsAreAbandonedOnce)
 {
     Handle const hMutex = MakeMutex();
-    std::thread([&] { WaitForSingleObject(hMutex, INFINITE); }).join();
-    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_ABANDONED_0);
-    ReleaseMutex(hMutex);
-    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0);
-    ReleaseMutex(hMutex);
 
     Handle const hGo = MakeEvent(false), hEvent = MakeEvent(true);
     std::atomic<bool> bOwned{false};
@@ -331,8 +285,11 @@ TEST(Mutexes, OfEndedThreadsAreAbandonedOnce)
     Waiters waiters(1, [&] { return WaitForMultipleObjects(2, handles, FALSE, INFINITE) - WAIT_ABANDONED_0 - 1; });
     SetEvent(hGo);
     owner.join();
-    waiters.Join();
-    EXPECT_EQ(waiters.GetFreed(), 1);
+    EXPECT_EQ(waiters.Join(), 1);
+    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_ABANDONED_0); // the waiter has ended as its owner
+    ReleaseMutex(hMutex);
+    EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_OBJECT_0); // once
+    ReleaseMutex(hMutex);
 
     std::thread([] { CloseHandle(CreateMutexW(nullptr, TRUE, nullptr)); }).join(); // closed while owned
 }
@@ -341,22 +298,18 @@ TEST(CriticalSections, ExcludeAndNest)
 {
     static constinit CRITICAL_SECTION section;
     int nCount = 0;
-    std::vector<std::thread> threads;
-    for (int nThread = 0; nThread < 4; ++nThread)
-        threads.emplace_back(
-            [&]
-            {
-                for (int nRound = 0; nRound < 5'000; ++nRound)
-                {
-                    EnterCriticalSection(&section);
-                    ASSERT_TRUE(TryEnterCriticalSection(&section));
-                    ++nCount;
-                    LeaveCriticalSection(&section);
-                    LeaveCriticalSection(&section);
-                }
-            });
-    for (std::thread & thread : threads)
-        thread.join();
+    RunThreads(4,
+               [&](std::size_t)
+               {
+                   for (int nRound = 0; nRound < 5'000; ++nRound)
+                   {
+                       EnterCriticalSection(&section);
+                       ASSERT_TRUE(TryEnterCriticalSection(&section));
+                       ++nCount;
+                       LeaveCriticalSection(&section);
+                       LeaveCriticalSection(&section);
+                   }
+               });
     EXPECT_EQ(nCount, 20'000);
     EnterCriticalSection(&section);
     std::thread(

@@ -1,11 +1,10 @@
 #include "kvx/platform/win32/threads.h"
 
 #include "Asleep.h"
-#include "kvx/platform/win32/errors.h"
+#include "Handle.h"
 #include "kvx/platform/win32/handles.h"
-#include "kvx/platform/win32/sync.h"
 
-#include <gtest/gtest.h>
+#include "tests/support/Fails.h"
 
 #include <atomic>
 #include <thread>
@@ -15,7 +14,7 @@ namespace
 {
 
 template <class Function>
-HANDLE Start(Function & function, DWORD * pThreadId = nullptr)
+Handle Start(Function & function, DWORD * pThreadId = nullptr)
 {
     return CreateThread(
         nullptr, 0, [](LPVOID pFunction) -> DWORD { return (*static_cast<Function *>(pFunction))(); }, &function, 0,
@@ -31,7 +30,7 @@ DWORD GetExitCode(HANDLE hThread)
 
 TEST(Threads, RunEndAndGiveTheirExitCode)
 {
-    HANDLE const hGo = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    Handle const hGo = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     DWORD dwSeen = 0, dwId = 0;
     auto job = [&]() -> DWORD
     {
@@ -39,41 +38,40 @@ TEST(Threads, RunEndAndGiveTheirExitCode)
         WaitForSingleObject(hGo, INFINITE);
         return 77;
     };
-    HANDLE const hThread = Start(job, &dwId);
+    Handle const hThread = Start(job, &dwId);
     ASSERT_TRUE(hThread);
     EXPECT_EQ(GetExitCode(hThread), STILL_ACTIVE);
     EXPECT_EQ(WaitForSingleObject(hThread, 0), WAIT_TIMEOUT);
+    // Priorities are remembered even if they may not be set.
+    EXPECT_EQ(GetThreadPriority(hThread), THREAD_PRIORITY_NORMAL);
+    for (int const nPriority : {THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_IDLE, THREAD_PRIORITY_BELOW_NORMAL})
+        EXPECT_TRUE(SetThreadPriority(hThread, nPriority) && GetThreadPriority(hThread) == nPriority);
+    EXPECT_TRUE(Fails(SetThreadPriority(hThread, 7), ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(GetThreadPriority(hThread), THREAD_PRIORITY_BELOW_NORMAL);
     SetEvent(hGo);
     EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(hThread, 0), WAIT_OBJECT_0);
     EXPECT_EQ(dwSeen, dwId);
     EXPECT_NE(dwSeen, GetCurrentThreadId());
     EXPECT_EQ(GetExitCode(hThread), 77u);
-    EXPECT_FALSE(TerminateThread(hThread, 1));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
-    CloseHandle(hThread);
-    CloseHandle(hGo);
+    EXPECT_TRUE(Fails(TerminateThread(hThread, 1), ERROR_ACCESS_DENIED));
 }
 
 TEST(Threads, BadCallsAreRefused)
 {
     auto const job = [](LPVOID) -> DWORD { return 0; };
-    EXPECT_FALSE(CreateThread(nullptr, 0, job, nullptr, CREATE_SUSPENDED, nullptr));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_NOT_SUPPORTED));
-    EXPECT_FALSE(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
-    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    EXPECT_TRUE(Fails(CreateThread(nullptr, 0, job, nullptr, CREATE_SUSPENDED, nullptr), ERROR_NOT_SUPPORTED));
+    EXPECT_TRUE(Fails(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), ERROR_INVALID_PARAMETER));
+    Handle const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     DWORD dwCode = 0;
-    for (HANDLE const hBad : {hEvent, HANDLE(nullptr), INVALID_HANDLE_VALUE})
+    for (HANDLE const hBad : {HANDLE(hEvent), HANDLE(nullptr), INVALID_HANDLE_VALUE})
     {
         SetLastError(0);
-        EXPECT_FALSE(TerminateThread(hBad, 0));
-        EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+        EXPECT_TRUE(Fails(TerminateThread(hBad, 0), ERROR_INVALID_HANDLE));
         EXPECT_FALSE(GetExitCodeThread(hBad, &dwCode));
         EXPECT_FALSE(SetThreadPriority(hBad, THREAD_PRIORITY_NORMAL));
         EXPECT_EQ(GetThreadPriority(hBad), THREAD_PRIORITY_ERROR_RETURN);
     }
-    CloseHandle(hEvent);
 }
 
 TEST(Threads, HandlesMayCloseBeforeTheEnd)
@@ -82,34 +80,10 @@ TEST(Threads, HandlesMayCloseBeforeTheEnd)
     std::atomic<int> nRun{0};
     auto job = [&]() -> DWORD { return static_cast<DWORD>(++nRun); };
     for (int nThread = 0; nThread < 100; ++nThread)
-    {
-        HANDLE const hThread = Start(job);
-        ASSERT_TRUE(hThread);
-        CloseHandle(hThread);
-    }
+        ASSERT_TRUE(Start(job).Close());
     while (nRun < 100)
         Sleep(1);
     EXPECT_EQ(kvx::win32::GetOpenHandleCount(), nHandles);
-}
-
-TEST(Threads, PrioritiesAreRememberedEvenIfTheyMayNotBeSet)
-{
-    HANDLE const hGo = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    auto job = [&]() -> DWORD { return WaitForSingleObject(hGo, INFINITE); };
-    HANDLE const hThread = Start(job);
-    EXPECT_EQ(GetThreadPriority(hThread), THREAD_PRIORITY_NORMAL);
-    for (int const nPriority : {THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_IDLE, THREAD_PRIORITY_BELOW_NORMAL})
-    {
-        EXPECT_TRUE(SetThreadPriority(hThread, nPriority));
-        EXPECT_EQ(GetThreadPriority(hThread), nPriority);
-    }
-    EXPECT_FALSE(SetThreadPriority(hThread, 7));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(GetThreadPriority(hThread), THREAD_PRIORITY_BELOW_NORMAL);
-    SetEvent(hGo);
-    WaitForSingleObject(hThread, INFINITE);
-    CloseHandle(hThread);
-    CloseHandle(hGo);
 }
 
 TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
@@ -132,8 +106,7 @@ TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
     while (nStep != 1)
         std::this_thread::yield();
     SetLastError(5);
-    EXPECT_EQ(TlsGetValue(dwSlot), &nValue);
-    EXPECT_EQ(GetLastError(), 0u);
+    EXPECT_TRUE(TlsGetValue(dwSlot) == &nValue && GetLastError() == 0);
     EXPECT_TRUE(TlsFree(dwSlot));
     EXPECT_FALSE(TlsFree(dwSlot));
     EXPECT_FALSE(TlsSetValue(dwSlot, &nValue));
@@ -142,8 +115,7 @@ TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
     other.join();
     EXPECT_EQ(TlsGetValue(dwSlot), nullptr);
     TlsFree(dwSlot);
-    EXPECT_EQ(TlsGetValue(1088), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+    EXPECT_TRUE(Fails(TlsGetValue(1088), ERROR_INVALID_PARAMETER));
 }
 
 struct Witness
@@ -155,9 +127,9 @@ struct Witness
 TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
 {
     std::atomic<bool> bUnwound{false}, bStarted{false};
-    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    HANDLE const hOther = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    HANDLE const hMutex = CreateMutexW(nullptr, FALSE, nullptr);
+    Handle const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    Handle const hOther = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    Handle const hMutex = CreateMutexW(nullptr, FALSE, nullptr);
     HANDLE const handles[] = {hEvent, hOther, hEvent};
     for (int nMode = 0; nMode < 4; ++nMode)
     {
@@ -178,7 +150,7 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
                 Sleep(0);
             return 1;
         };
-        HANDLE const hThread = Start(job, &dwId);
+        Handle const hThread = Start(job, &dwId);
         while (!bStarted)
             Sleep(0);
         if (nMode < 2)
@@ -192,16 +164,13 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
         // What is signalled now isn't lost to the dead.
         SetEvent(hEvent);
         EXPECT_EQ(WaitForSingleObject(hEvent, 0), WAIT_OBJECT_0);
-        CloseHandle(hThread);
     }
     EXPECT_FALSE(bUnwound);
-    for (HANDLE const hObject : {hEvent, hOther, hMutex})
-        CloseHandle(hObject);
 }
 
 TEST(TerminateThread, LeavesNoLockOfTheSystemTaken)
 {
-    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr), hMutex = CreateMutexW(nullptr, FALSE, nullptr);
+    Handle const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr), hMutex = CreateMutexW(nullptr, FALSE, nullptr);
     HANDLE const handles[] = {hMutex, hEvent};
     for (int nRound = 0; nRound < 100; ++nRound)
     {
@@ -216,12 +185,11 @@ TEST(TerminateThread, LeavesNoLockOfTheSystemTaken)
                 ReleaseMutex(hMutex);
             }
         };
-        HANDLE const hThread = Start(job);
+        Handle const hThread = Start(job);
         while (nSteps <= nRound)
             Sleep(0);
         EXPECT_TRUE(TerminateThread(hThread, 3));
         ASSERT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
-        CloseHandle(hThread);
         DWORD const dwResult = WaitForSingleObject(hMutex, INFINITE);
         ASSERT_TRUE(dwResult == WAIT_OBJECT_0 || dwResult == WAIT_ABANDONED_0);
         ASSERT_TRUE(ReleaseMutex(hMutex));
@@ -229,14 +197,11 @@ TEST(TerminateThread, LeavesNoLockOfTheSystemTaken)
         SetEvent(hEvent);
         ASSERT_EQ(WaitForSingleObject(hEvent, 0), WAIT_OBJECT_0);
     }
-    CloseHandle(hEvent);
-    CloseHandle(hMutex);
 }
 
 TEST(TerminateThread, RacesWithTheThreadsOwnEnd)
 {
-    HANDLE const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    int nTerminated = 0, nEnded = 0;
+    Handle const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     for (int nRound = 0; nRound < 200; ++nRound)
     {
         auto job = [&]() -> DWORD
@@ -245,18 +210,14 @@ TEST(TerminateThread, RacesWithTheThreadsOwnEnd)
             SetEvent(hEvent);
             return 1;
         };
-        HANDLE const hThread = Start(job);
+        Handle const hThread = Start(job);
         if (nRound % 2 == 0)
             WaitForSingleObject(hEvent, INFINITE);
         bool const bTerminated = TerminateThread(hThread, 2) != FALSE;
         ASSERT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
         ASSERT_EQ(GetExitCode(hThread), bTerminated ? 2u : 1u);
-        ++(bTerminated ? nTerminated : nEnded);
         ResetEvent(hEvent);
-        CloseHandle(hThread);
     }
-    EXPECT_EQ(nTerminated + nEnded, 200);
-    CloseHandle(hEvent);
 }
 
 } // namespace

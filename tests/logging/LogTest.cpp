@@ -207,7 +207,7 @@ TEST(LogDeathTest, TerminateSilencesTheLogAndExitWritesWhatIsQueued)
             std::vector<std::string> lines;
             CLogManager::GetInstance()->RegisterSink(new CKeepingSink(lines, LOG_ALL, false), 1);
             LogInfo(_T("before"));
-            bool const bBefore = WaitForLines(lines, 1).size() == 1;
+            bool const bBefore = Flushed(lines).size() == 1;
             CLogManager::Terminate();
             LogInfo(_T("after"));
             CLogManager::Terminate();

@@ -115,9 +115,13 @@ public:
         pthread_attr_setstacksize(&absurd, std::size_t{1} << 46);
         pthread_setattr_default_np(&absurd);
         auto const wait = [](void * go) -> unsigned int { return static_cast<CEvent *>(go)->Lock(PATIENCE) != 0; };
-        while (CThreadPool::BeginThread(wait, &m_go, 0))
+        do
         {
-        }
+            while (CThreadPool::BeginThread(wait, &m_go, 0))
+            {
+            }
+            Sleep(20); // one that has just done its job may still be on its way to park
+        } while (CThreadPool::BeginThread(wait, &m_go, 0));
     }
     NoThreads(NoThreads const &) = delete;
     NoThreads & operator=(NoThreads const &) = delete;

@@ -1,7 +1,6 @@
 #include "kvx/threads/ThreadContext.h"
 
 #include "kvx/foundation/AppException.h"
-#include "kvx/foundation/AutoHandle.h"
 #include "kvx/logging/LogManager.h"
 #include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ThreadPool.h"
@@ -15,9 +14,9 @@ CThreadContext::CThreadContext() : m_startEvent(FALSE, FALSE), m_exitEvent(TRUE,
 
 CThreadContext::~CThreadContext()
 {
-    if (HANDLE const handle = m_hThread.load())
+    if (m_hOwn)
     {
-        CloseHandle(handle);
+        CloseHandle(m_hOwn);
     }
 }
 
@@ -31,6 +30,7 @@ int CThreadContext::Create()
         return 0;
     }
     m_nThreadId = id;
+    m_hOwn = handle;
     m_hThread = handle;
     return 1;
 }
@@ -66,29 +66,11 @@ void CThreadContext::CallHook(HookProc hook, CThreadContext * context)
     }
 }
 
-/// The thread is about to end: nobody may name it any more. Whoever waits for it has a handle of its own.
+/// The thread is about to end: nobody may name it any more.
 void CThreadContext::Forget()
 {
-    CSingleLock guard(&m_handleLock, TRUE);
     m_nThreadId = 0;
-    if (HANDLE const handle = m_hThread.exchange(nullptr))
-    {
-        CloseHandle(handle);
-    }
-}
-
-/// Another handle of the thread, to be closed; null if it has ended.
-HANDLE CThreadContext::ShareHandle()
-{
-    CSingleLock guard(&m_handleLock, TRUE);
-    HANDLE const handle = m_hThread.load();
-    HANDLE shared = nullptr;
-    HANDLE const process = GetCurrentProcess();
-    if (!handle || !DuplicateHandle(process, handle, process, &shared, 0, FALSE, DUPLICATE_SAME_ACCESS))
-    {
-        return nullptr;
-    }
-    return shared;
+    m_hThread = nullptr;
 }
 
 void CThreadContext::Run()
@@ -178,12 +160,15 @@ void CThreadContext::AskToEnd()
 
 int CThreadContext::Terminate(DWORD timeout, int force)
 {
-    HANDLE const shared = ShareHandle();
-    if (!shared)
+    HANDLE const handle = m_hOwn;
+    if (!m_hThread.load())
     {
+        if (handle && CThreadPool::GetCurrentThreadContext() != this)
+        {
+            WaitForSingleObject(handle, timeout); // it may still be on its way out
+        }
         return 1;
     }
-    CAutoHandle handle(shared);
     DWORD const id = m_nThreadId.load();
     CString const description = GetDescription(id);
     AskToEnd();

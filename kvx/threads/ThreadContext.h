@@ -62,12 +62,12 @@ private:
     static HookProc g_pEndThreadProc;
 
     std::atomic<DWORD> m_nThreadId{0};
-    std::atomic<HANDLE> m_hThread{nullptr};
+    std::atomic<HANDLE> m_hThread{nullptr}; // what is shown: null when the thread is about to end
+    HANDLE m_hOwn = nullptr;                // what is waited for, as long as the context lives
     std::atomic<ThreadProc> m_pProc{nullptr};
     void * m_pParam = nullptr;
     std::atomic<int> m_bTerminating{0};
     std::atomic<int> m_nExitCode{0};
-    CCriticalSection m_handleLock; // for whoever takes the handle, or takes it away
     CEvent m_startEvent;
     CEvent m_exitEvent;
     void * m_pData = nullptr;
@@ -77,7 +77,6 @@ private:
     void Run();
     void RunJob(ThreadProc proc);
     void Forget();
-    HANDLE ShareHandle();
     static void CallHook(HookProc hook, CThreadContext * context);
     CString GetDescription(DWORD id) const;
 };

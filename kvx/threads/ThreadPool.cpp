@@ -220,8 +220,8 @@ void CThreadPool::TerminateAllThreads(DWORD timeout)
     std::optional<CShutdownHook::Ending> ending;
     if (CKVXBaseApp::IsShuttingDown() && !sm_bTerminated)
     {
-        ending
-            .emplace(); // those that wait for a peer come back; a second time one that was killed may hold their locks
+        // Those that wait for a peer come back. A second time, one that was killed might hold their locks.
+        ending.emplace();
     }
     // Waits without the cache's lock, for a thread that has just done its job needs it to park. Contexts are never
     // deleted before the pool.

@@ -1,4 +1,5 @@
 #include "tests/support/Patience.h"
+#include "tests/threads/Parked.h"
 
 #include "kvx/foundation/AppException.h"
 #include "kvx/logging/LogManager.h"
@@ -84,9 +85,16 @@ CString Unnamed(CThreadContext::ThreadProc proc)
     text.Format(_T("Unnamed Thread (ThreadProc: %08X)"), proc);
     return text;
 }
+
+/// What other tests have left is parked: the thread that parks next is the next one to be had.
+class Pool : public testing::Test
+{
+protected:
+    Pool() { WaitUntilAllHaveParked(); }
+};
 } // namespace
 
-TEST(Pool, UsesAParkedThreadAgain)
+TEST_F(Pool, UsesAParkedThreadAgain)
 {
     CEvent go(TRUE, TRUE);
     CThreadContext * const context = RunJob(&WaitJob, &go);
@@ -114,7 +122,7 @@ TEST(Pool, UsesAParkedThreadAgain)
     EXPECT_EQ(CThreadPool::GetContextFromThreadId(static_cast<DWORD>(-1)), nullptr);
 }
 
-TEST(Pool, JobsLeaveTheirThreadsUsable)
+TEST_F(Pool, JobsLeaveTheirThreadsUsable)
 {
     CEvent go(TRUE, TRUE);
     CThreadContext * const context = RunJob(&WaitJob, &go);
@@ -135,7 +143,7 @@ TEST(Pool, JobsLeaveTheirThreadsUsable)
     }
 }
 
-TEST(Pool, EndedThreadsAreNotUsedAgain)
+TEST_F(Pool, EndedThreadsAreNotUsedAgain)
 {
     CEvent go(TRUE, TRUE);
     CThreadContext * const parked = RunJob(&WaitJob, &go);
@@ -163,7 +171,7 @@ TEST(Pool, EndedThreadsAreNotUsedAgain)
     EXPECT_EQ(fresh->GetThreadHandle(), nullptr);
 }
 
-TEST(Pool, JobsLeaveNothingToTheNextOne)
+TEST_F(Pool, JobsLeaveNothingToTheNextOne)
 {
     auto const job = [](void *) -> unsigned int
     {
@@ -187,7 +195,7 @@ TEST(Pool, JobsLeaveNothingToTheNextOne)
     EXPECT_EQ(context->GetThreadId(), 0u);
 }
 
-TEST(Pool, AJobMayEndAllThreadsButItsOwn)
+TEST_F(Pool, AJobMayEndAllThreadsButItsOwn)
 {
     CEvent never(FALSE, TRUE);
     CEvent entered;
@@ -206,7 +214,7 @@ TEST(Pool, AJobMayEndAllThreadsButItsOwn)
     EXPECT_NE(RunJob(&WaitJob, &(never.SetEvent(), never)), context); // it has ended behind its job
 }
 
-TEST(Pool, ServesManyAtOnce)
+TEST_F(Pool, ServesManyAtOnce)
 {
     EXPECT_TRUE(CThreadPool::PreAllocate(0, 0) && CThreadPool::PreAllocate(3, 0));
     static std::atomic<int> s_nRuns{0};

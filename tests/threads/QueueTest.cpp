@@ -1,4 +1,5 @@
 #include "tests/support/Patience.h"
+#include "tests/threads/Parked.h"
 
 #include "kvx/foundation/AppException.h"
 #include "kvx/threads/ThreadPool.h"
@@ -110,29 +111,27 @@ class NoThreads
 public:
     NoThreads()
     {
+        WaitUntilAllHaveParked();
+        s_go.ResetEvent();
         pthread_getattr_default_np(&m_attributes);
         pthread_attr_t absurd = m_attributes;
         pthread_attr_setstacksize(&absurd, std::size_t{1} << 46);
         pthread_setattr_default_np(&absurd);
         auto const wait = [](void * go) -> unsigned int { return static_cast<CEvent *>(go)->Lock(PATIENCE) != 0; };
-        do
+        while (CThreadPool::BeginThread(wait, &s_go, 0))
         {
-            while (CThreadPool::BeginThread(wait, &m_go, 0))
-            {
-            }
-            Sleep(20); // one that has just done its job may still be on its way to park
-        } while (CThreadPool::BeginThread(wait, &m_go, 0));
+        }
     }
     NoThreads(NoThreads const &) = delete;
     NoThreads & operator=(NoThreads const &) = delete;
-    ~NoThreads() { m_go.SetEvent(); }
+    ~NoThreads() { s_go.SetEvent(); }
 
     /// The system gives threads again; the pool's are still busy.
     void Allow() { pthread_setattr_default_np(&m_attributes); }
 
 private:
     pthread_attr_t m_attributes{};
-    CEvent m_go{FALSE, TRUE};
+    static inline CEvent s_go{FALSE, TRUE}; // a job may look at it when all is over
 };
 } // namespace
 

@@ -132,8 +132,14 @@ TEST(TimerQueue, FunctionsMayUseTheirQueueAndTheThreadGoes)
     EXPECT_EQ(record.WaitFor(3).size(), 3u);
 
     auto own = std::make_unique<CTimerQueue>();
-    own->CreateTimer(0, &Record::Fire, record.Param(3, [&] { own.reset(); }));
-    EXPECT_EQ(record.WaitFor(4).size(), 4u);
+    CEvent gone;
+    auto const destroy = [&]
+    {
+        own.reset();
+        gone.SetEvent();
+    };
+    own->CreateTimer(0, &Record::Fire, record.Param(3, destroy));
+    EXPECT_TRUE(gone.Lock(PATIENCE));
 }
 
 TEST(TimerQueue, NoticesChangesOfTheClock)

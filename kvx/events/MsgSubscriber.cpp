@@ -142,13 +142,12 @@ void CMsgSubscriber::Disconnect()
         BreakConnection();
         return;
     }
-    // Again and again: the thread may just be connecting. One that the library's shutdown has killed never says that it
-    // is gone.
+    // Again and again: the thread may just be connecting.
     constexpr DWORD LOOK = 20; // milliseconds
     do
     {
         BreakConnection();
-    } while (!m_endedEvent.Lock(LOOK) && !CThreadPool::IsTerminated());
+    } while (!m_endedEvent.Lock(LOOK) && CThreadPool::IsWorthWaiting());
     ResetConnection();
 }
 

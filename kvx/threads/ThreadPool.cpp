@@ -112,10 +112,16 @@ void CThreadPool::WatchExit()
     (void)s_nResult;
 }
 
+bool CThreadPool::IsWorthWaiting()
+{
+    constexpr ULONGLONG PATIENCE = 5000; // milliseconds
+    ULONGLONG const exiting = sm_nExitTick;
+    return !IsTerminated() && (exiting == 0 || GetTickCount64() - exiting <= PATIENCE);
+}
+
 int CThreadPool::WaitForThread(CEvent & event, DWORD timeout)
 {
     constexpr DWORD LOOK = 50; // milliseconds
-    constexpr ULONGLONG PATIENCE = 5000;
     ULONGLONG const start = GetTickCount64();
     for (;;)
     {
@@ -126,8 +132,7 @@ int CThreadPool::WaitForThread(CEvent & event, DWORD timeout)
         {
             return 1;
         }
-        ULONGLONG const exiting = sm_nExitTick;
-        if (rest <= LOOK || IsTerminated() || (exiting != 0 && now - exiting > PATIENCE))
+        if (rest <= LOOK || !IsWorthWaiting())
         {
             return 0;
         }

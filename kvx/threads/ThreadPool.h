@@ -48,8 +48,10 @@ public:
     static void TerminateAllThreads(DWORD timeout);
     /// Whether the library shuts down and all threads have been ended or killed: there is nobody left to wait for.
     static bool IsTerminated() { return sm_bTerminated.load(); }
-    /// Waits for an event that a thread of the pool sets. Gives up when there is no such thread any more, and while
-    /// the process exits also after 5 seconds: a job that hangs doesn't hold up the end of a program.
+    /// Whether there is any use in waiting for a thread of the pool: not when there is none any more, nor when the
+    /// process began to exit 5 seconds ago. A job that hangs doesn't hold up the end of a program.
+    static bool IsWorthWaiting();
+    /// Waits for an event that a thread of the pool sets, for as long as that is worth it.
     static int WaitForThread(CEvent & event, DWORD timeout);
     /// Gives a job to the next thread that has done its own, for a caller whom BeginThread couldn't give one. It may
     /// never run.

@@ -221,12 +221,9 @@ void CMsgListener::EndListener()
     }
     for (RunPtr const & run : alive)
     {
-        // Threads that the library's shutdown has killed never say that they have ended.
-        while (!CThreadPool::IsTerminated() && !run->m_endedEvent.Lock(LOOK))
-        {
-        }
+        CThreadPool::WaitForThread(run->m_endedEvent, INFINITE);
     }
-    m_notifyQueue.Stop(!CThreadPool::IsTerminated(), 1);
+    m_notifyQueue.Stop(CThreadPool::IsWorthWaiting(), 1);
     CSingleLock guard(&m_runLock, TRUE); // the last thread has let go of it
 }
 

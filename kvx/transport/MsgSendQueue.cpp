@@ -9,7 +9,6 @@
 namespace
 {
 constexpr DWORD PIECE = 32768; // bytes: between two of them the reader is seen to make progress
-constexpr DWORD LOOK = 1000;   // milliseconds, between two looks at what no event tells of
 
 /// Writes one message to memory, in the form that a connection uses.
 class CMessageBytes : public CMsgStream
@@ -213,9 +212,6 @@ void CMsgSendQueue::Close()
         }
         m_roomEvent.SetEvent();
     }
-    // A thread that the library's shutdown has killed never leaves.
-    while (!m_quietEvent.Lock(LOOK) && !CThreadPool::IsTerminated())
-    {
-    }
+    CThreadPool::WaitForThread(m_quietEvent, INFINITE);
     CSingleLock guard(&m_lock, TRUE); // the thread has let go of it
 }

@@ -62,7 +62,7 @@ CMsgSendQueue::CMsgSendQueue(CMsgConnection * connection, Limits const & limits)
 {
 }
 
-int CMsgSendQueue::PostMessage(Writer writer, void * message)
+int CMsgSendQueue::Enqueue(Writer writer, void * message)
 {
     Bytes bytes;
     {

@@ -34,8 +34,8 @@ public:
     template <class T>
     int Post(T & message)
     {
-        return PostMessage([](CMsgStream & stream, void * written) { return static_cast<T *>(written)->Write(stream); },
-                           &message);
+        return Enqueue([](CMsgStream & stream, void * written) { return static_cast<T *>(written)->Write(stream); },
+                       &message);
     }
     /// Drops what waits, frees those who wait to post, and waits until the thread has left.
     void Close();
@@ -55,7 +55,7 @@ private:
     CEvent m_roomEvent;            // manual: somebody who waits may look again
     CEvent m_quietEvent;           // manual: no thread
 
-    int PostMessage(Writer writer, void * message);
+    int Enqueue(Writer writer, void * message);
     bool HasRoom(std::size_t bytes) const;
     bool AwaitRoom(CSingleLock & guard, std::size_t bytes);
     static unsigned int SendProc(void * queue);

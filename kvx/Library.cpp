@@ -35,6 +35,7 @@ public:
     ~CLibraryEntry()
     {
         constexpr DWORD PATIENCE = 1000; // milliseconds for each thread
+        CThreadPool::BeginEnd();
         if (!CKVXBaseApp::IsShuttingDown())
         {
             CKVXBaseApp::InitShutdown();

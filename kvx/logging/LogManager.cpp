@@ -57,7 +57,8 @@ CLogManager::~CLogManager()
     m_queueEvent.SetEvent();
     if (HANDLE const thread = m_hThread.exchange(nullptr))
     {
-        if (!IsLogThread() && WaitForSingleObject(thread, PATIENCE) == WAIT_TIMEOUT)
+        if (m_nProcessId == GetCurrentProcessId() && !IsLogThread() &&
+            WaitForSingleObject(thread, PATIENCE) == WAIT_TIMEOUT)
         {
             m_state = State::Ended;
             TerminateThread(thread, 0);

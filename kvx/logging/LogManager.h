@@ -80,8 +80,9 @@ private:
     bool m_bFlushing = false;           // somebody waits until that is 0
     CEvent m_flushedEvent{FALSE, TRUE}; // manual
     DWORD m_nSessionSlot;
-    std::atomic<DWORD> m_nThreadId{0}; // of the log's thread while it runs
-    bool m_bEndsItself = false;        // that thread has called Terminate
+    DWORD m_nProcessId = GetCurrentProcessId(); // a forked one doesn't have the log's thread
+    std::atomic<DWORD> m_nThreadId{0};          // of the log's thread while it runs
+    bool m_bEndsItself = false;                 // that thread has called Terminate
     std::atomic<HANDLE> m_hThread{nullptr};
 
     CLogManager();

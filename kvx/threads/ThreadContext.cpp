@@ -40,9 +40,11 @@ DWORD WINAPI CThreadContext::ContextProc(void * param)
     auto * const context = static_cast<CThreadContext *>(param);
     context->m_nThreadId = GetCurrentThreadId(); // whoever creates the thread may still be busy noting it
     TlsSetValue(CThreadPool::GetThreadCtxTLS(), context);
+    CThreadPool::GuardExit(false);
     CallHook(g_pStartThreadProc, context);
     context->Run();
     CallHook(g_pEndThreadProc, context);
+    CThreadPool::GuardExit(true);
     return static_cast<DWORD>(context->GetExitCode());
 }
 

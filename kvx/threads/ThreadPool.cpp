@@ -12,17 +12,21 @@
 
 constinit std::atomic<bool> CThreadPool::sm_bTerminated{false};
 constinit std::atomic<bool> CThreadPool::sm_bLeftThreads{false};
+constinit std::atomic<DWORD> CThreadPool::sm_nEndingThread{0};
+constinit DWORD CThreadPool::sm_nProcessId = 0;
 constinit std::atomic<ULONGLONG> CThreadPool::sm_nExitTick{0};
 
 CThreadPool::CThreadPool()
 {
     sm_dwThreadCtxTLS = TlsAlloc();
+    sm_nProcessId = GetCurrentProcessId();
 }
 
 CThreadPool::~CThreadPool()
 {
+    StandAside();
     TerminateAllThreads(10000);
-    if (GetCurrentThreadContext())
+    if (GetCurrentThreadContext() || IsForked())
     {
         m_cache.RemoveAll(0); // a job has called exit: other threads live, and may be looking at a context
     }
@@ -38,6 +42,16 @@ CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void 
 
 CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void * param, int priority,
                                           CString const & description)
+{
+    CThreadContext * const context = TakeThread({proc, param, priority, description});
+    if (!context && CKVXBaseApp::IsShuttingDown() && !GetCurrentThreadContext())
+    {
+        StandAside();
+    }
+    return context;
+}
+
+CThreadContext * CThreadPool::TakeThread(StJob const & job)
 {
     if (CKVXBaseApp::IsShuttingDown())
     {
@@ -59,8 +73,13 @@ CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void 
         }
         context = fresh.release();
         sm_instance.m_cache.Insert(context, 1);
+        if (CKVXBaseApp::IsShuttingDown())
+        {
+            context->AskToEnd(); // whoever ends all threads may have looked before this one was among them
+            return nullptr;
+        }
     }
-    if (!Start(context, {proc, param, priority, description}))
+    if (!Start(context, job))
     {
         sm_instance.m_cache.Return(context);
         return nullptr;
@@ -105,11 +124,56 @@ void CThreadPool::Park(CThreadContext * context)
     self.m_cache.Return(context);
 }
 
+void CThreadPool::BeginEnd()
+{
+    DWORD nobody = 0;
+    sm_nEndingThread.compare_exchange_strong(nobody, GetCurrentThreadId());
+}
+
+/// Does nothing on the thread that ends the process, nor while none does.
+void CThreadPool::StandAside()
+{
+    DWORD const ending = sm_nEndingThread;
+    if (ending != 0 && ending != GetCurrentThreadId() && !IsForked())
+    {
+        Sleep(INFINITE);
+    }
+}
+
+/// The calling thread has nothing to do with the end of the process unless it calls exit, or is the main one.
+void CThreadPool::GuardExit(bool bLeaves)
+{
+    // What a thread has for itself goes first of all in exit, before the C library's handlers: these must not be walked
+    // by two threads, which its older versions don't see to.
+    struct Guard
+    {
+        bool bLeaves = false;
+        ~Guard()
+        {
+            if (!bLeaves)
+            {
+                StandAside();
+            }
+        }
+    };
+    thread_local Guard t_guard;
+    t_guard.bLeaves = bLeaves;
+}
+
 /// Notes when the process begins to exit, before statics that were made up to now go.
 void CThreadPool::WatchExit()
 {
-    static int const s_nResult = std::atexit([] { sm_nExitTick = std::max(GetTickCount64(), ULONGLONG{1}); });
+    static int const s_nResult = std::atexit(
+        []
+        {
+            BeginEnd();
+            sm_nExitTick = std::max(GetTickCount64(), ULONGLONG{1});
+        });
     (void)s_nResult;
+    if (GetCurrentThreadId() == GetCurrentProcessId()) // the main thread, on hosts where this can be
+    {
+        GuardExit(false);
+    }
 }
 
 bool CThreadPool::IsWorthWaiting()
@@ -221,6 +285,11 @@ CThreadContext * CThreadPool::GetCurrentThreadContext()
 
 void CThreadPool::TerminateAllThreads(DWORD timeout)
 {
+    if (IsForked())
+    {
+        sm_bLeftThreads = true; // what they held is held for good
+        return;
+    }
     CSingleLock alone(&sm_instance.m_terminateLock, TRUE); // two threads of the pool would end each other
     std::optional<CShutdownHook::Ending> ending;
     if (CKVXBaseApp::IsShuttingDown() && !sm_bTerminated)

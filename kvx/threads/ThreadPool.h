@@ -46,8 +46,13 @@ public:
     /// Ends every thread but the calling one, and kills those that don't: all are told at once, and each has `timeout`
     /// milliseconds from then. A thread of the pool that calls this ends behind its job.
     static void TerminateAllThreads(DWORD timeout);
-    /// Whether the library shuts down and all threads have been ended or killed: there is nobody left to wait for.
-    static bool IsTerminated() { return sm_bTerminated.load(); }
+    /// Whether the library shuts down and all threads have been ended or killed, or this process is a forked one, which
+    /// has none of its parent's threads: there is nobody left to wait for.
+    static bool IsTerminated() { return sm_bTerminated.load() || IsForked(); }
+    /// Said when the process, or the library alone, begins to end on the calling thread. Others stand aside for good:
+    /// the main thread or one of the pool when it comes to the end of the process as well, and one of the application's
+    /// that asks for a thread.
+    static void BeginEnd();
     /// Whether there is any use in waiting for a thread of the pool: not when there is none any more, nor when the
     /// process began to exit 5 seconds ago. A job that hangs doesn't hold up the end of a program.
     static bool IsWorthWaiting();
@@ -69,6 +74,8 @@ private:
     static DWORD sm_dwThreadCtxTLS;
     static std::atomic<bool> sm_bTerminated;
     static std::atomic<bool> sm_bLeftThreads;
+    static std::atomic<DWORD> sm_nEndingThread; // that has called BeginEnd
+    static DWORD sm_nProcessId;                 // that the library was loaded in
     static std::atomic<ULONGLONG> sm_nExitTick; // when the process began to exit, if it has
     static CThreadPool sm_instance;
 
@@ -85,6 +92,10 @@ private:
     std::deque<StJob> m_deferred; // wait for a thread
     std::atomic<bool> m_bDeferred{false};
 
+    static bool IsForked() { return GetCurrentProcessId() != sm_nProcessId; }
+    static CThreadContext * TakeThread(StJob const & job);
+    static void StandAside();
+    static void GuardExit(bool bLeaves);
     static void WatchExit();
     static bool Start(CThreadContext * context, StJob const & job);
     static void Park(CThreadContext * context);

@@ -46,8 +46,9 @@ public:
 ///
 /// One-way requests that come faster than they are served wait in a backlog of limited size. While it is full a session
 /// keeps the one-way request that it has read in hand and reads no further, so that its client is slowed by the
-/// transport's own flow control: nothing is lost, the order is kept, and other clients' two-way requests are served. A
-/// handler of one-way requests must therefore not send more of them to its own listener than the backlog holds.
+/// transport's own flow control: nothing is lost, the order is kept, and other clients' two-way requests are served
+/// (one behind a one-way request that is held back, on the same connection, waits with it). A handler of one-way
+/// requests must therefore not send more of them to its own listener than the backlog holds.
 ///
 /// Threads: StartListener and StopListener are the owner's. Whoever started a listener stops it before the tree is torn
 /// down. A handler may stop its listener, which then doesn't wait for it, but mustn't delete it.

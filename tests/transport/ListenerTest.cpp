@@ -1,11 +1,7 @@
 #include "TcpService.h"
 
-#include "kvx/threads/ThreadPool.h"
-
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <thread>
 
 namespace
@@ -170,42 +166,5 @@ TEST_F(Stop, AHandlerMayStopItsListener)
         }
         Start();
         EXPECT_TRUE(Call(request, _T("svc.echo")));
-    }
-}
-
-/// A program that returns from main in the middle of everything.
-TEST(Exit, WhateverIsStillAtWork)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (bool const pool : {false, true})
-    {
-        EXPECT_EXIT(
-            {
-                CMsgDispatcher & dispatcher = *CMsgDispatcher::GetInstance();
-                dispatcher.RegisterProvider(
-                    _T("svc.echo"), [](CMsgRequest &, void *) {}, nullptr);
-                dispatcher.RegisterProvider(
-                    _T("svc.slow"), [](CMsgRequest &, void *) { Sleep(INFINITE); }, nullptr);
-                auto * const listener =
-                    static_cast<CMsgTCPListener *>(dispatcher.RegisterListener(_T(""), _T("tcp:127.0.0.1:0"), 1));
-                listener->WaitUntilListening(PATIENCE);
-                CString config;
-                config.Format(_T("forward:relay:tcp:127.0.0.1:%u"), listener->GetListeningPort());
-                dispatcher.RegisterProvider(_T("far"), config, 1);
-                CMsgRequest request;
-                int const served = request.Execute(_T("far.svc.echo")).Succeeded();
-                request.Send(_T("far.svc.slow"));
-                request.Notify(_T("svc.slow"));
-                std::fputs(served ? "the output" : "no answer", stderr);
-                auto const leave = [](void *) -> unsigned int { std::exit(7); };
-                if (pool)
-                {
-                    CThreadPool::BeginThread(leave, nullptr, 0);
-                    request.Execute(_T("far.svc.slow"));
-                    Sleep(INFINITE);
-                }
-                leave(nullptr);
-            },
-            testing::ExitedWithCode(7), "the output");
     }
 }

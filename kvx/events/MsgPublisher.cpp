@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <utility>
+#include <vector>
 
 namespace
 {
@@ -133,22 +134,15 @@ void CMsgPublisher::BreakConnections(void * publisher)
     }
 }
 
-std::vector<CMsgPublisher::SubscriptionPtr> CMsgPublisher::TakeSubscriptions()
-{
-    std::vector<SubscriptionPtr> taken;
-    CSingleLock guard(&m_subscriptionsLock, TRUE);
-    for (auto & [key, subscription] : m_subscriptions)
-    {
-        taken.push_back(std::move(subscription));
-    }
-    m_subscriptions.clear();
-    return taken;
-}
-
 void CMsgPublisher::DropSubscriptions()
 {
     BreakConnections(this); // all at once, for whoever waits for one of them holds up the next
-    for (SubscriptionPtr const & subscription : TakeSubscriptions())
+    std::map<INT_PTR, SubscriptionPtr> dropped;
+    {
+        CSingleLock guard(&m_subscriptionsLock, TRUE);
+        dropped.swap(m_subscriptions);
+    }
+    for (auto const & [key, subscription] : dropped)
     {
         subscription->End();
     }

@@ -10,7 +10,6 @@
 #include "kvx/transport/MsgSendQueue.h"
 
 #include <map>
-#include <vector>
 
 class CMsgConnection;
 class CMsgPublication;
@@ -79,6 +78,5 @@ private:
     static void BreakConnections(void * publisher);
     SubscriptionPtr LookupSubscription(CMsgConnection * connection, bool bCreate);
     SubscriptionPtr TakeSubscription(INT_PTR key);
-    std::vector<SubscriptionPtr> TakeSubscriptions();
     void UnregisterKey(INT_PTR key);
 };

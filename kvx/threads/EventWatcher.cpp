@@ -1,5 +1,6 @@
 #include "kvx/threads/EventWatcher.h"
 
+#include "kvx/foundation/Timeout.h"
 #include "kvx/threads/EventWatcherSet.h"
 #include "kvx/threads/KVXBaseApp.h"
 
@@ -142,7 +143,7 @@ void CEventWatcher::Service(void * handle, void * param)
 
 void CEventWatcher::ShutDown()
 {
-    constexpr ULONGLONG PATIENCE = 5000; // milliseconds
+    constexpr DWORD PATIENCE = 5000; // milliseconds
     std::vector<std::shared_ptr<CEventWatcherSet>> sets;
     {
         CSingleLock guard(*this, TRUE);
@@ -162,13 +163,12 @@ void CEventWatcher::ShutDown()
             set->SetShutsDown();
         }
     }
-    ULONGLONG const start = GetTickCount64();
+    kvx::Timeout const patience(PATIENCE);
     for (auto const & set : sets)
     {
         if (!set->IsOwnThread() && !CKVXBaseApp::IsShuttingDown())
         {
-            ULONGLONG const passed = std::min(GetTickCount64() - start, PATIENCE);
-            set->WaitForEnd(static_cast<DWORD>(PATIENCE - passed), bOnWaitThread);
+            set->WaitForEnd(patience.GetRest(), bOnWaitThread);
         }
     }
 }

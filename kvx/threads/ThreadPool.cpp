@@ -1,5 +1,6 @@
 #include "kvx/threads/ThreadPool.h"
 
+#include "kvx/foundation/Timeout.h"
 #include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ShutdownHook.h"
 
@@ -186,12 +187,10 @@ bool CThreadPool::IsWorthWaiting()
 int CThreadPool::WaitForThread(CEvent & event, DWORD timeout)
 {
     constexpr DWORD LOOK = 50; // milliseconds
-    ULONGLONG const start = GetTickCount64();
+    kvx::Timeout const runningDown(timeout);
     for (;;)
     {
-        ULONGLONG const now = GetTickCount64();
-        DWORD const rest =
-            timeout == INFINITE ? INFINITE : static_cast<DWORD>(timeout - std::min<ULONGLONG>(timeout, now - start));
+        DWORD const rest = runningDown.GetRest();
         if (event.Lock(std::min(rest, LOOK)))
         {
             return 1;
@@ -308,17 +307,14 @@ void CThreadPool::TerminateAllThreads(DWORD timeout)
             contexts.push_back(static_cast<CThreadContext *>(cache.GetNext(pos)));
         }
     }
-    ULONGLONG const start = GetTickCount64();
+    kvx::Timeout const patience(timeout);
     for (CThreadContext * const context : contexts)
     {
         context->AskToEnd();
     }
     for (CThreadContext * const context : contexts)
     {
-        ULONGLONG const passed = GetTickCount64() - start;
-        DWORD const rest =
-            timeout == INFINITE ? INFINITE : static_cast<DWORD>(timeout - std::min<ULONGLONG>(timeout, passed));
-        if (!context->Terminate(rest, 1))
+        if (!context->Terminate(patience.GetRest(), 1))
         {
             sm_bLeftThreads = true;
         }

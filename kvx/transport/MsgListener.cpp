@@ -1,5 +1,6 @@
 #include "kvx/transport/MsgListener.h"
 
+#include "kvx/foundation/Timeout.h"
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgTarget.h"
 #include "kvx/threads/KVXBaseApp.h"
@@ -155,10 +156,10 @@ int CMsgListener::StopListener()
     {
         return 1;
     }
-    DWORD const start = GetTickCount();
-    if (run->m_endedEvent.Lock(m_nStopTimeout))
+    kvx::Timeout const patience(m_nStopTimeout);
+    if (run->m_endedEvent.Lock(patience.GetRest()))
     {
-        m_notifyQueue.WaitForIdle(GetRest(m_nStopTimeout, start));
+        m_notifyQueue.WaitForIdle(patience.GetRest());
     }
     return 1;
 }
@@ -202,11 +203,6 @@ bool CMsgListener::IsOwnThread() const
     }
     CSingleLock guard(&m_runLock, TRUE);
     return t_pRun && std::ranges::find(m_alive, *t_pRun) != m_alive.end();
-}
-
-DWORD CMsgListener::GetRest(DWORD timeout, DWORD start)
-{
-    return timeout == INFINITE ? INFINITE : timeout - std::min(timeout, GetTickCount() - start);
 }
 
 void CMsgListener::EndListener()

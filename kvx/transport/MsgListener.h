@@ -125,9 +125,6 @@ protected:
     /// waits for its threads without limit, other than those that the library's shutdown has ended.
     void EndListener();
 
-    /// What is left of a time-out that began at that GetTickCount.
-    static DWORD GetRest(DWORD timeout, DWORD start);
-
     /// Said on the listener's thread where listening turns out to fail later than in Listen: see WaitUntilListening.
     void ReportListenError(DWORD error);
 

@@ -1,5 +1,6 @@
 #include "kvx/transport/MsgPipeFactory.h"
 
+#include "kvx/foundation/Timeout.h"
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/transport/Msg9XPipeConnection.h"
 #include "kvx/transport/MsgNTPipeConnection.h"
@@ -64,12 +65,12 @@ void CMsgPipeListener::ReportPublished(DWORD error)
 int CMsgPipeListener::WaitUntilListening(DWORD timeout)
 {
     // A pipe's Listen says nothing: what clients find comes behind it, or has failed.
-    DWORD const start = GetTickCount();
+    kvx::Timeout const patience(timeout);
     if (!CMsgListener::WaitUntilListening(timeout))
     {
         return 0;
     }
-    if (!m_findableEvent.Lock(GetRest(timeout, start)))
+    if (!m_findableEvent.Lock(patience.GetRest()))
     {
         SetLastError(ERROR_TIMEOUT);
         return 0;

@@ -20,6 +20,9 @@
 #include "kvx/foundation/Utilities.h"
 #include "kvx/foundation/ValueAccessor.h"
 
+#include "kvx/files/PagedMemFile.h"
+
+#include "kvx/text/StringFile.h"
 #include "kvx/text/StringPattern.h"
 #include "kvx/text/StringTokenizer.h"
 

@@ -20,8 +20,10 @@
 #include "kvx/foundation/Utilities.h"
 #include "kvx/foundation/ValueAccessor.h"
 
+#include "kvx/files/ArchiveStreamer.h"
 #include "kvx/files/PagedMemFile.h"
 
+#include "kvx/text/RegExp.h"
 #include "kvx/text/StringFile.h"
 #include "kvx/text/StringPattern.h"
 #include "kvx/text/StringTokenizer.h"

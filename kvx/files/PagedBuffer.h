@@ -7,9 +7,9 @@
 #include <memory>
 #include <vector>
 
-/// Bytes in pages of equal size, with a position. A page stays until `Reset`, and its bytes are 0 until they are written.
-/// Some operations give less than their names say, on which callers rely; each of them tells, and the useful way stands
-/// beside it.
+/// Bytes in pages of equal size, with a position. A page stays until `Reset`, and its bytes are 0 until they are
+/// written. Some operations give less than their names say, on which callers rely; each of them tells, and the useful
+/// way stands beside it.
 ///
 /// Lengths and positions are in bytes, and below 4 GiB: what goes beyond, or before the begin, raises
 /// CInvalidArgException. An allocation that fails raises CMemoryException, and the buffer stays as it was.
@@ -27,7 +27,8 @@ public:
     CPagedBuffer(CPagedBuffer const &) = delete;
     CPagedBuffer & operator=(CPagedBuffer const &) = delete;
 
-    /// Holds a copy of the data, in one page of its size; the position is 0. In spite of the name the block is not kept.
+    /// Holds a copy of the data, in one page of its size; the position is 0. In spite of the name the block is not
+    /// kept.
     void Attach(void * data, unsigned int size);
     /// Frees all pages. A page size other than 0 replaces the present one.
     void Reset(unsigned int pageSize);
@@ -36,8 +37,8 @@ public:
     unsigned int GetPosition() const { return m_nPosition; }
     /// False, and nothing changes, beyond the length.
     bool SetPosition(unsigned int position);
-    /// Makes the pages up to the one of the byte at that offset, so that a multiple of the page size has a page more than
-    /// it fills. Frees none. A position beyond the new length becomes the length.
+    /// Makes the pages up to the one of the byte at that offset, so that a multiple of the page size has a page more
+    /// than it fills. Frees none. A position beyond the new length becomes the length.
     void SetLength(unsigned int length);
 
     /// The number of bytes read, or -1 at or beyond the end. A negative count only moves the position.

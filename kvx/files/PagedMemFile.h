@@ -20,8 +20,8 @@ public:
     UINT Read(void * lpBuf, UINT nCount) override;
     void Write(void const * lpBuf, UINT nCount) override;
     void Flush() override {}
-    /// By contract not what a CFile's gives: 1 if the position was set, 0 where it would lie beyond the length. From the
-    /// end, a positive offset goes back.
+    /// By contract not what a CFile's gives: 1 if the position was set, 0 where it would lie beyond the length. From
+    /// the end, a positive offset goes back.
     ULONGLONG Seek(LONGLONG lOff, UINT nFrom) override;
     ULONGLONG GetPosition() const override { return m_buffer.GetPosition(); }
     ULONGLONG GetLength() const override { return m_buffer.GetLength(); }

@@ -1,47 +1,9 @@
 #include "kvx/foundation/Dictionary.h"
 
+#include "kvx/files/ArchiveStreamer.h"
 #include "kvx/foundation/Utilities.h"
 
-#include <algorithm>
-
 IMPLEMENT_SERIAL(CDictionary, CObject, 1)
-
-namespace
-{
-void WriteText(CArchive & archive, CString const & text)
-{
-    CStringA const narrow(text);
-    archive << static_cast<DWORD>(narrow.GetLength());
-    archive.Write(narrow.GetString(), static_cast<UINT>(narrow.GetLength()));
-}
-
-/// Reads in pieces, so that a false length costs no more memory than bytes arrive.
-CString ReadText(CArchive & archive)
-{
-    constexpr DWORD PIECE = 65536;
-    DWORD length = 0;
-    archive >> length;
-    CStringA narrow;
-    while (length > 0)
-    {
-        DWORD const step = std::min(length, PIECE);
-        int const before = narrow.GetLength();
-        if (before > 0x7FFFFFFF - static_cast<int>(PIECE))
-        {
-            AfxThrowArchiveException(CArchiveException::endOfFile);
-        }
-        char * const buffer = narrow.GetBuffer(before + static_cast<int>(step)) + before;
-        UINT const got = archive.Read(buffer, step);
-        narrow.ReleaseBuffer(before + static_cast<int>(got));
-        if (got < step)
-        {
-            AfxThrowArchiveException(CArchiveException::endOfFile);
-        }
-        length -= step;
-    }
-    return CString(narrow);
-}
-} // namespace
 
 CStringValue * CDictionary::FindValue(CString const & name) const
 {
@@ -107,24 +69,26 @@ void CDictionary::GetNextValue(POSITION & pos, CString & name, CString & value) 
 
 void CDictionary::Serialize(CArchive & archive)
 {
+    CArchiveStreamer streamer(archive, 1);
     CString name;
     CString value;
     if (archive.IsStoring())
     {
-        archive << static_cast<DWORD>(GetCount());
+        streamer.Write(static_cast<DWORD>(GetCount()));
         for (POSITION pos = GetStartValuePosition(); pos;)
         {
             GetNextValue(pos, name, value);
-            WriteText(archive, name);
-            WriteText(archive, value);
+            streamer.Write(name);
+            streamer.Write(value);
         }
         return;
     }
-    DWORD count = 0;
-    for (archive >> count; count > 0; --count)
+    unsigned long count = 0;
+    for (streamer.Read(count); count > 0; --count)
     {
-        name = ReadText(archive);
-        InsertValue(name, ReadText(archive));
+        streamer.Read(name);
+        streamer.Read(value);
+        InsertValue(name, value);
     }
 }
 

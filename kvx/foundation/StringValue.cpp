@@ -1,11 +1,15 @@
 #include "kvx/foundation/StringValue.h"
 
+#include "kvx/foundation/Utilities.h"
+#include "kvx/text/StringFile.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <functional>
 #include <limits>
 #include <string_view>
+#include <vector>
 
 namespace
 {
@@ -71,7 +75,57 @@ bool IsTooLarge(View number)
     int const exponent = end < number.size() ? ParseInteger<int>(number.substr(end + 1)) : 0;
     return (first < point ? point - first : point - first + 1) + exponent > 0;
 }
+
+// An archive asks for bytes, and a wide file counts and moves characters: twice as many bytes as there is room for.
+// This one gives as many of them as were asked for; the rest of each piece is lost.
+class CharactersAsBytes : public CStringFile
+{
+public:
+    using CStringFile::CStringFile;
+
+    UINT Read(void * lpBuf, UINT nCount) override
+    {
+        ULONGLONG const left = GetPosition() < GetLength() ? GetLength() - GetPosition() : 0;
+        std::vector<WCHAR> characters(static_cast<std::size_t>(std::min<ULONGLONG>(nCount, left)));
+        UINT const count = CStringFile::Read(characters.data(), static_cast<UINT>(characters.size()));
+        std::copy_n(reinterpret_cast<BYTE const *>(characters.data()), count, static_cast<BYTE *>(lpBuf));
+        return count;
+    }
+};
+
+constexpr int OBJECT_BUFFER = 4096;
+
+void ReadObject(CObject & object, CFile & file)
+{
+    CArchive archive(&file, CArchive::load, OBJECT_BUFFER);
+    object.Serialize(archive);
+    archive.Close();
+}
 } // namespace
+
+void CStringValue::FromObject(CObject & object)
+{
+    CStringA bytes;
+    CStringFileA file(bytes);
+    CArchive archive(&file, CArchive::store, OBJECT_BUFFER);
+    object.Serialize(archive);
+    archive.Close();
+    *this = CUtilities::AnsiToString(bytes);
+}
+
+void CStringValue::ToObject(CObject & object) const
+{
+    CString characters = *this;
+    CharactersAsBytes file(characters);
+    ReadObject(object, file);
+}
+
+void CStringValue::RestoreObject(CObject & object) const
+{
+    CStringA bytes = CUtilities::StringToAnsi(*this);
+    CStringFileA file(bytes);
+    ReadObject(object, file);
+}
 
 void CStringValue::FromInteger(int value)
 {

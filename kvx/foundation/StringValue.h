@@ -113,6 +113,15 @@ public:
     /// Takes the bytes as raw UTF-16 units; an odd last byte is lost. They may be a part of this value.
     void FromBuffer(void const * data, DWORD bytes);
 
+    /// The object's archive, each byte as a character of the ANSI code page. The object's exceptions pass through.
+    void FromObject(CObject & object);
+    /// By contract not the inverse of `FromObject`, as it reads the characters through a wide file (CStringFile): what
+    /// the object gets, for each piece of up to 4096 characters, is the first half of their bytes in UTF-16. See
+    /// `RestoreObject`.
+    void ToObject(CObject & object) const;
+    /// Fills the object from what `FromObject` gave. The object's exceptions pass through.
+    void RestoreObject(CObject & object) const;
+
     int ToInteger() const;
     LONGLONG ToInteger64() const;
     double ToDouble() const;

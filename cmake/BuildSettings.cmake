@@ -26,7 +26,7 @@ target_link_libraries(kvx_build_settings INTERFACE tinyxml2::tinyxml2)
 if(WIN32)
     target_compile_definitions(kvx_build_settings INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
                                                             _WIN32_WINNT=0x0601)
-    target_link_libraries(kvx_build_settings INTERFACE ws2_32 shell32 shlwapi advapi32)
+    target_link_libraries(kvx_build_settings INTERFACE ws2_32 shell32 shlwapi advapi32 rpcrt4 ole32 wininet)
 else()
     find_package(Threads REQUIRED)
     find_package(SQLite3 REQUIRED) # the registry

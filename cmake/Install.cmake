@@ -22,7 +22,7 @@ install(FILES ${PROJECT_BINARY_DIR}/KVXBase5Config.cmake ${PROJECT_BINARY_DIR}/K
 file(RELATIVE_PATH kvx_pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" kvx_pc_to_prefix "${kvx_pc_to_prefix}")
 if(WIN32)
-    set(kvx_pc_private "-ltinyxml2 -lws2_32 -lshell32 -lshlwapi -ladvapi32")
+    set(kvx_pc_private "-ltinyxml2 -lws2_32 -lshell32 -lshlwapi -ladvapi32 -lrpcrt4 -lole32 -lwininet")
 else()
     set(kvx_pc_private "-ltinyxml2 -lsqlite3 -ldl")
 endif()

@@ -23,6 +23,17 @@
 #include "kvx/files/ArchiveStreamer.h"
 #include "kvx/files/PagedMemFile.h"
 
+#include "kvx/hash/Base64.h"
+#include "kvx/hash/Blowfish.h"
+#include "kvx/hash/Crc32.h"
+#include "kvx/hash/HttpFormatter.h"
+#include "kvx/hash/MD5Checksum.h"
+#include "kvx/hash/Md5Digest.h"
+#include "kvx/hash/SHA1.h"
+#include "kvx/hash/SHA256.h"
+#include "kvx/hash/Sha1Digest.h"
+#include "kvx/hash/Sha256Digest.h"
+
 #include "kvx/text/RegExp.h"
 #include "kvx/text/StringFile.h"
 #include "kvx/text/StringPattern.h"
@@ -75,7 +86,10 @@
 
 #include "kvx/registry/Registry.h"
 
+#include "kvx/system/InternetUrl.h"
 #include "kvx/system/ObFactory.h"
+#include "kvx/system/UniqueID.h"
+#include "kvx/system/VersionNumber.h"
 #include "kvx/system/WinModule.h"
 #include "kvx/system/WinProfile.h"
 #include "kvx/system/WinSecurity.h"

@@ -1,8 +1,8 @@
 #pragma once
 
 /// CUtilities: static helpers that many folders share. It is declared here, and each folder defines the members
-/// of its own topic: text/ the splitting of texts, hash/ the conversions between encodings, system/ the questions about
-/// the system.
+/// of its own topic: text/ the splitting of texts, hash/ conversions between encodings, Base64, escapes, the cipher and
+/// checksums, files/ paths, system/ the questions about the system.
 
 #include "kvx/platform/mfc/Afx.h"
 
@@ -67,6 +67,87 @@ public:
     static CStringA MB2MB(CStringA const & text, UINT from, UINT to);
     static CString MB2T(CStringA const & text, UINT codePage) { return MB2W(text, codePage); }
     static CStringA T2MB(CString const & text, UINT codePage) { return W2MB(text, codePage); }
+
+    // Base64 (kvx/hash/UtilitiesBase64.cpp), the standard alphabet. Flags: 1 leaves out the "=" at the end, 2 the line
+    // ends, which else (CR LF) stand between lines of 76 characters; none stands at the end of the text.
+
+    /// The characters that the encoders want room for: never less than they write, mostly some more, no NUL among them.
+    /// 0 for a negative size or one whose text would pass 2 GiB, which the encoders refuse too.
+    static int Base64EncodeGetRequiredLength(int size, ULONG flags);
+    /// `*outSize` becomes the number of characters written, no NUL among them. Whatever it was before isn't looked at:
+    /// `out` has the required length. 0 for null pointers and what is told above.
+    static int Base64Encode(unsigned char const * data, int size, LPTSTR out, int * outSize, ULONG flags);
+    /// The same to bytes; but here `*outSize` is the room, and one below the required length is refused, even if the
+    /// text would fit.
+    static int Base64Encode(unsigned char const * data, int size, char * out, int * outSize, ULONG flags);
+    /// Decodes up to a NUL or `length`. Passes over whatever is no digit, "=" and line ends among them, and takes up to
+    /// four digits for their whole bytes. `*outSize` is the room, and becomes the size of all the data; 0 if that is
+    /// more than the room (what fitted has been written), or `out` is null, which is a way to ask for the size.
+    static int Base64Decode(char const * text, int length, unsigned char * out, int * outSize);
+
+    /// The same as a text of its own.
+    static CString ToBase64(void const * data, std::size_t size, ULONG flags = 0);
+    /// Takes what the encoders write, in lines of any length, and nothing else: -1, or the index of the first character
+    /// that doesn't belong there (the length, if the text breaks off). `bytes` is what came before.
+    static int FromBase64(CString const & text, CByteArray & bytes);
+
+    // Escapes (kvx/hash/UtilitiesEscapes.cpp)
+
+    /// Each blank becomes the character `blank`; what is in `escapeSet`, or isn't printable ASCII, becomes a percent
+    /// sign and four digits, as "%00E9". By contract DecodeString doesn't undo it; CHttpFormatter::EncodeUtf8 has an
+    /// inverse.
+    static CString EncodeString(CString const & text, CString const & escapeSet, WCHAR blank);
+    /// The character `blank` becomes a blank. By contract, of the two digits that a percent sign takes the first stands
+    /// for both: "%41" is the character 0x44. A percent sign at the very end stays.
+    static CString DecodeString(CString const & text, WCHAR blank);
+    /// A percent sign becomes two, a character above 0xFF a percent sign and four digits, any other a byte of its
+    /// value.
+    static CStringA EscapeUnicode(LPCTSTR text);
+    /// The inverse. By contract any character is taken for a digit, by its distance from the digits; a percent sign
+    /// with fewer than four behind it stays.
+    static CString UnescapeUnicode(char const * text);
+    /// A percent sign and four upper-case digits.
+    static CString FormatEscape(WCHAR c);
+    /// The value of a hexadecimal digit; 0 for any other character.
+    static int UnformatEscape(WCHAR c);
+    /// Of hexadecimal digits, the last eight of which count; other characters are digits 0. 0 for null.
+    static int HexStr2Int(LPCTSTR text);
+
+    // The cipher, checksums, sizes (kvx/hash/UtilitiesCrypto.cpp)
+
+    /// Blowfish in ECB mode, with the key as it is. By contract only whole blocks of 8 bytes are written: up to 7 bytes
+    /// at the end are left out, so fill the data up. `output` may be `input`. Each call makes its tables from the key,
+    /// which costs as much as some KiB of data. CInvalidArgException for an empty key or a null pointer.
+    static void BlowfishEncrypt(unsigned char * key, LONG keySize, unsigned char * output, unsigned char * input,
+                                LONG size);
+    static void BlowfishDecrypt(unsigned char * key, LONG keySize, unsigned char * output, unsigned char * input,
+                                LONG size);
+    /// Null if the cipher gives what its author published, else which of four steps didn't.
+    static char const * BlowfishSelfTest();
+    /// CRC-32 (IEEE 802.3) of at least one byte; of none it is 0. kvx::hash::Crc32 goes on from another's.
+    static ULONG ComputeCRC32(char * data, ULONG size);
+    /// The size of a hash table for so many entries: the first above a fifth of them in a fixed list, which has 1024
+    /// among its primes and ends with 800011.
+    static LONG GetHashSize(LONG entries);
+
+    // Texts and numbers in archives and files (kvx/hash/UtilitiesTransfer.cpp): a text is the number of its characters
+    // in 32 bits, and its UTF-16 units; a number 4 bytes. Exceptions of the archive or file go on to the caller.
+
+    /// 0, with the value as it was, if the data end before; a false length costs no memory.
+    static int Read(CArchive & archive, CString & text);
+    static int Read(CArchive & archive, ULONG & value);
+    static int Read(CFile & file, CString & text);
+    static int Read(CFile & file, ULONG & value);
+    /// 1.
+    static int Write(CArchive & archive, CString const & text);
+    static int Write(CArchive & archive, ULONG value);
+    static int Write(CFile & file, CString const & text);
+    static int Write(CFile & file, ULONG value);
+
+    // Paths (kvx/files/UtilitiesFiles.cpp)
+
+    /// Puts "\\?\" in front of a path of 260 or more characters that doesn't begin with it; whether it did.
+    static int CheckFixLongFilePathPrefix(CString & path);
 
     // The system (kvx/system/UtilitiesSystem.cpp)
 

@@ -16,8 +16,11 @@
 
 #include <windows.h>
 
+#include <objbase.h>
+#include <rpc.h>
 #include <sddl.h>
 #include <shlwapi.h>
+#include <wininet.h>
 
 // <windows.h> spells these as macros; the library has members of those names.
 #undef GetCurrentTime

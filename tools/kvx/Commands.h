@@ -17,3 +17,4 @@ void AddCallCommand(CLI::App & app, Run & run);
 void AddWatchCommand(CLI::App & app, Run & run);
 void AddBenchCommand(CLI::App & app, Run & run);
 void AddRegCommand(CLI::App & app, Run & run);
+void AddHashCommand(CLI::App & app, Run & run);

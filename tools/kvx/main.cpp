@@ -53,7 +53,7 @@ int main(int argc, char ** argv)
     }
 
     Run run;
-    CLI::App app("Serves, calls, watches and measures KVXBase5 services, and edits the registry.", "kvx");
+    CLI::App app("Serves, calls, watches and measures KVXBase5 services, edits the registry, and hashes files.", "kvx");
     app.set_version_flag("--version", "kvx " KVX_PROGRAM_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1);
@@ -72,6 +72,7 @@ int main(int argc, char ** argv)
     AddWatchCommand(app, run);
     AddBenchCommand(app, run);
     AddRegCommand(app, run);
+    AddHashCommand(app, run);
     try
     {
         app.parse(std::vector(words.rbegin(), words.rend())); // as the parser takes them

@@ -175,6 +175,8 @@ constexpr std::array TEXT_TABLE{
     TextRow{WSATRY_AGAIN, "Host not found for now"},
     TextRow{WSANO_RECOVERY, "Name service failed"},
     TextRow{WSANO_DATA, "Host has no address"},
+    TextRow{ERROR_INTERNET_INVALID_URL, "Invalid URL"},
+    TextRow{ERROR_INTERNET_UNRECOGNIZED_SCHEME, "The URL has no scheme"},
 };
 
 std::string_view FindText(DWORD dwError) noexcept

@@ -6,6 +6,7 @@
 #include "kvx/platform/win32/console.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/files.h"
+#include "kvx/platform/win32/identifiers.h"
 #include "kvx/platform/win32/interlocked.h"
 #include "kvx/platform/win32/modules.h"
 #include "kvx/platform/win32/pipes.h"
@@ -19,4 +20,5 @@
 #include "kvx/platform/win32/threads.h"
 #include "kvx/platform/win32/time.h"
 #include "kvx/platform/win32/types.h"
+#include "kvx/platform/win32/urls.h"
 #include "kvx/platform/win32/windows.h"

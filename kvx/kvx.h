@@ -84,6 +84,8 @@
 #include "kvx/events/MsgPublisher.h"
 #include "kvx/events/MsgSubscriber.h"
 
+#include "kvx/sql/SqlCommand.h"
+
 #include "kvx/registry/Registry.h"
 
 #include "kvx/system/InternetUrl.h"

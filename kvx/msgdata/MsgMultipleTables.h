@@ -11,4 +11,8 @@ public:
     operator CMsgMultipleTables const *() const { return this; }
 
     int GetTableCount() const { return GetCount(); }
+
+    /// A ROWSET below the element for each; FromXml appends one for each child element, whatever its name, and gives 1.
+    void ToXml(tinyxml2::XMLElement * parent) const;
+    int FromXml(tinyxml2::XMLElement const * parent);
 };

@@ -10,6 +10,11 @@
 
 class CMsgStream;
 
+namespace tinyxml2
+{
+class XMLElement;
+}
+
 /// A row POSITION is the row's number, from 1; null is none. Column names are case-sensitive; a column's ordinal counts
 /// from 0, and reading a name that doesn't exist through GetData, SetData or SetRow adds the column.
 ///
@@ -65,6 +70,13 @@ public:
     /// The wire form: docs/wire-protocol.md.
     int Read(CMsgStream & stream);
     int Write(CMsgStream & stream) const;
+
+    /// XML of the one shape <ROWSET name=""><ROW column="value"/></ROWSET>: ToXml adds a ROWSET to the element, FromXml
+    /// takes the element for one whatever its name, adds its rows, and gives 1. Cells that don't exist become empty,
+    /// columns without rows are lost, and column names must be names in XML for the text to be readable again. A value
+    /// ends at its first 0, and what UTF-8 can't hold, a lone surrogate, becomes U+FFFD.
+    void ToXml(tinyxml2::XMLElement * parent) const;
+    int FromXml(tinyxml2::XMLElement const * rowSet);
 
 protected:
     /// The column of that name, created if it is missing.

@@ -1,8 +1,7 @@
 #include "Commands.h"
 #include "Endpoint.h"
 #include "Output.h"
-
-#include "kvx/threads/ThreadPool.h"
+#include "PendingCall.h"
 
 #include <CLI/App.hpp>
 
@@ -19,56 +18,27 @@ struct CallOptions
     DWORD nTimeout = 0; // milliseconds, 0 for none
 };
 
-/// A call on a thread of its own.
-struct TimedCall
+int RunTimedCall(CallOptions const & options, Endpoint & endpoint)
 {
-    CMsgRequest request;
-    CEvent done{FALSE, TRUE};
-
-    static unsigned int Proc(void * param)
+    auto const call = PendingCall::Start(endpoint, endpoint.NewConnection(),
+                                         [&](CMsgRequest & request)
+                                         {
+                                             options.words.Fill(request);
+                                             request.DiscardResults(options.bOneWay);
+                                         });
+    if (!call)
     {
-        auto * const call = static_cast<TimedCall *>(param);
-        call->request.Execute();
-        call->done.SetEvent();
-        return 0;
-    }
-};
-
-/// Waits for the call, and breaks it off when its time is over. False if it could not be broken off (a look-up of a
-/// host name can't): then its thread still uses it.
-bool WaitForCall(TimedCall & call, DWORD timeout, Endpoint & endpoint, bool & bInTime)
-{
-    constexpr DWORD STEP = 20; // milliseconds
-    constexpr int STEPS = 50;
-    bInTime = call.done.Lock(timeout) != 0;
-    for (int step = 0; !bInTime && step < STEPS && endpoint.Break(call.request.GetConnection()); ++step)
-    {
-        if (call.done.Lock(STEP))
-        {
-            return true;
-        }
-    }
-    return bInTime;
-}
-
-int RunTimedCall(CallOptions const & options, Endpoint & endpoint, std::unique_ptr<TimedCall> call)
-{
-    call->request.SetConnection(endpoint.NewConnection());
-    if (!CThreadPool::BeginThread(&TimedCall::Proc, call.get(), 0))
-    {
-        ReportError(GetLastError(), CWinError::GetLastErrorText());
         return 1;
     }
-    bool bInTime = false;
-    bool const bEnded = WaitForCall(*call, options.nTimeout, endpoint, bInTime);
-    if (bInTime)
+    auto const end = call->Wait(options.nTimeout);
+    if (end == PendingCall::End::Answered)
     {
-        return PrintResponse(call->request.GetResponse(), options.format);
+        return PrintResponse(call->GetResponse(), options.format);
     }
     CMsgResponse late;
     late.SetError(ERROR_TIMEOUT, _T("No answer within %u ms"), options.nTimeout);
     int const status = PrintResponse(late, options.format);
-    if (!bEnded)
+    if (end == PendingCall::End::Stuck)
     {
         std::_Exit(status);
     }
@@ -82,14 +52,14 @@ int RunCall(CallOptions const & options)
     {
         return 1;
     }
-    auto call = std::make_unique<TimedCall>();
-    options.words.Fill(call->request);
-    call->request.DiscardResults(options.bOneWay);
     if (options.nTimeout > 0)
     {
-        return RunTimedCall(options, endpoint, std::move(call));
+        return RunTimedCall(options, endpoint);
     }
-    return PrintResponse(call->request.Execute(), options.format);
+    CMsgRequest request;
+    options.words.Fill(request);
+    request.DiscardResults(options.bOneWay);
+    return PrintResponse(request.Execute(), options.format);
 }
 } // namespace
 

@@ -18,3 +18,4 @@ void AddWatchCommand(CLI::App & app, Run & run);
 void AddBenchCommand(CLI::App & app, Run & run);
 void AddRegCommand(CLI::App & app, Run & run);
 void AddHashCommand(CLI::App & app, Run & run);
+void AddSqlCommand(CLI::App & app, Run & run);

@@ -11,25 +11,35 @@
 
 #include <algorithm>
 
+std::string CheckConnectionWord(std::string const & word)
+{
+    return word == "inproc" ? std::string() : kvx::ToUtf8(CheckConnection(kvx::FromUtf8(word)));
+}
+
+std::string CheckParamWord(std::string const & word)
+{
+    auto const equals = word.find('=');
+    bool const bGood = equals != std::string::npos && equals > 0;
+    return bGood ? std::string() : "'" + word + "' is no NAME=VALUE";
+}
+
+void FillParam(CMsgRequest & request, std::string_view word)
+{
+    auto const equals = word.find('=');
+    request.SetValue(kvx::FromUtf8(word.substr(0, equals)), CStringValue(kvx::FromUtf8(word.substr(equals + 1))));
+}
+
 void CallWords::AddTo(CLI::App & command)
 {
     command
         .add_option("CONNECTION", strConnection, "tcp:HOST:PORT, nt_pipe:NAME, ..., or inproc for this process itself")
         ->required()
-        ->check([](std::string const & word)
-                { return word == "inproc" ? std::string() : kvx::ToUtf8(CheckConnection(kvx::FromUtf8(word))); });
+        ->check(&CheckConnectionWord);
     command.add_option("COMMAND", strCommand, "Dotted path of the command, such as host.info.get")
         ->required()
         ->check([](std::string const & word)
                 { return word.empty() ? std::string("a command is a dotted path") : std::string(); });
-    command.add_option("NAME=VALUE", params, "Parameters of the request")
-        ->check(
-            [](std::string const & word)
-            {
-                auto const equals = word.find('=');
-                bool const bGood = equals != std::string::npos && equals > 0;
-                return bGood ? std::string() : "'" + word + "' is no NAME=VALUE";
-            });
+    command.add_option("NAME=VALUE", params, "Parameters of the request")->check(&CheckParamWord);
 }
 
 void CallWords::Fill(CMsgRequest & request) const
@@ -37,8 +47,7 @@ void CallWords::Fill(CMsgRequest & request) const
     request.SetCommand(kvx::FromUtf8(strCommand));
     for (std::string_view const word : params)
     {
-        auto const equals = word.find('=');
-        request.SetValue(kvx::FromUtf8(word.substr(0, equals)), CStringValue(kvx::FromUtf8(word.substr(equals + 1))));
+        FillParam(request, word);
     }
 }
 

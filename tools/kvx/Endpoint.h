@@ -29,6 +29,12 @@ struct CallWords
     void Fill(CMsgRequest & request) const;
 };
 
+/// What is wrong with a word that should be a connection or NAME=VALUE, as command lines' checks give it.
+std::string CheckConnectionWord(std::string const & word);
+std::string CheckParamWord(std::string const & word);
+/// Sets the parameter that a word NAME=VALUE names.
+void FillParam(CMsgRequest & request, std::string_view word);
+
 /// What CONNECTION may be, for help texts.
 inline constexpr char CONNECTION_HELP[] =
     "Connections:\n"

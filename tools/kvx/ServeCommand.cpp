@@ -3,6 +3,7 @@
 #include "DisplayText.h"
 #include "Endpoint.h"
 #include "Output.h"
+#include "SqlProvider.h"
 
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgDispatcher.h"
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -29,6 +31,8 @@ struct ServeOptions
 {
     std::vector<std::string> listeners;
     std::vector<std::string> providers; // PATH=CONFIG
+    std::vector<std::string> databases; // PATH=FILE
+    SqlLimits sqlLimits;                // of each database
     std::string strLog;
     bool bVerbose = false;
     CMsgListener::Limits limits; // of each listener
@@ -140,6 +144,10 @@ public:
     ~Service()
     {
         m_host.Stop();
+        for (CSqlProvider * const database : m_databases)
+        {
+            database->StopProvider();
+        }
         for (CMsgProvider * const provider : m_mounted)
         {
             if (auto * const connector = dynamic_cast<CMsgConnectionProvider *>(BehindForwarders(provider)))
@@ -160,6 +168,7 @@ public:
     }
 
     bool Mount(std::string_view pathAndConfig);
+    bool MountDatabase(std::string_view pathAndFile, SqlLimits const & limits);
     bool Listen(CString const & config, CMsgListener::Limits const & limits);
     /// Returns when the service is to end, with the exit status.
     int Run();
@@ -177,7 +186,8 @@ private:
 
     HostProviders m_host;
     std::vector<Listener> m_listeners;
-    std::vector<CMsgProvider *> m_mounted; // the tree's
+    std::vector<CMsgProvider *> m_mounted;   // the tree's
+    std::vector<CSqlProvider *> m_databases; // the tree's
 
     bool Start();
     bool AwaitReady(DWORD timeout, bool & bAllReady);
@@ -194,6 +204,24 @@ bool Service::Mount(std::string_view pathAndConfig)
         m_mounted.push_back(provider);
     }
     return provider != nullptr;
+}
+
+bool Service::MountDatabase(std::string_view pathAndFile, SqlLimits const & limits)
+{
+    auto const equals = pathAndFile.find('=');
+    std::string const file(pathAndFile.substr(equals + 1));
+    // Whole, so that no name has a meaning of its own to the engine.
+    std::error_code ignored;
+    auto provider = std::make_unique<CSqlProvider>(std::filesystem::absolute(file, ignored).string(), limits);
+    auto failure = provider->Open();
+    if (failure)
+    {
+        Fail(failure->nCode, _T("cannot open the database '") + kvx::FromUtf8(file) + _T("': ") + failure->strText);
+        return false;
+    }
+    m_databases.push_back(provider.release());
+    CString const path = kvx::FromUtf8(pathAndFile.substr(0, equals));
+    return CMsgDispatcher::GetInstance()->RegisterProvider(path, m_databases.back(), 1) != 0;
 }
 
 bool Service::Listen(CString const & config, CMsgListener::Limits const & limits)
@@ -344,19 +372,30 @@ int RunServe(ServeOptions options)
     }
     Service service;
     bool const bGood = std::ranges::all_of(options.providers, [&](auto const & text) { return service.Mount(text); }) &&
+                       std::ranges::all_of(options.databases, [&](auto const & text)
+                                           { return service.MountDatabase(text, options.sqlLimits); }) &&
                        std::ranges::all_of(options.listeners, [&](auto const & text)
                                            { return service.Listen(kvx::FromUtf8(text), options.limits); });
     return bGood ? service.Run() : 1;
 }
 
-std::string CheckMount(std::string const & word)
+bool BeginsWithPath(std::string const & word)
 {
     auto const equals = word.find('=');
     std::string const path = word.substr(0, equals);
     bool const bPath = !path.empty() && path.front() != '.' && path.back() != '.' && path.find("..") == path.npos;
-    return bPath && equals != word.npos && equals + 1 < word.size()
-               ? kvx::ToUtf8(CheckConnection(kvx::FromUtf8(word.substr(equals + 1))))
-               : "'" + word + "' is no PATH=CONNECTION";
+    return bPath && equals != word.npos && equals + 1 < word.size();
+}
+
+std::string CheckMount(std::string const & word)
+{
+    return BeginsWithPath(word) ? kvx::ToUtf8(CheckConnection(kvx::FromUtf8(word.substr(word.find('=') + 1))))
+                                : "'" + word + "' is no PATH=CONNECTION";
+}
+
+std::string CheckDatabase(std::string const & word)
+{
+    return BeginsWithPath(word) ? std::string() : "'" + word + "' is no PATH=FILE";
 }
 } // namespace
 
@@ -373,6 +412,14 @@ void AddServeCommand(CLI::App & app, Run & run)
         ->type_name("PATH=CONNECTION")
         ->allow_extra_args(false)
         ->check(&CheckMount);
+    command
+        ->add_option(
+            "--sql", options->databases,
+            "Run the SQL of PATH.exec_sql on this SQLite file, which is made if it is missing; may be given again")
+        ->type_name("PATH=FILE")
+        ->allow_extra_args(false)
+        ->check(&CheckDatabase);
+    command->add_flag("--sql-readonly", options->sqlLimits.bReadOnly, "Have nothing changed in these files");
     AddSize(*command, "--max-message", options->limits.nMaxMessageBytes,
             "End the session of a client that sends a longer message; 0 for no limit");
     auto const addCount = [&](char const * name, DWORD & target, char const * help)
@@ -386,6 +433,12 @@ void AddServeCommand(CLI::App & app, Run & run)
              "Disconnect those that come while a listener has so many; 0 for no limit");
     addCount("--max-backlog", options->limits.nMaxBacklog,
              "Read no further while so many one-way requests wait, or 8M of them; 0 for no limit");
+    addCount("--sql-timeout", options->sqlLimits.nTimeout,
+             "End statements that take so many milliseconds; 0 for no limit");
+    addCount("--sql-max-rows", options->sqlLimits.nMaxRows, "Refuse results that have more rows; 0 for no limit");
+    AddSize(*command, "--sql-max-bytes", options->sqlLimits.nMaxBytes,
+            "Refuse results that have more bytes; 0 for no limit");
+    AddSize(*command, "--sql-max-value", options->sqlLimits.nMaxValueBytes, "Refuse longer values; 0 for no limit");
     command->add_option("--log", options->strLog, "Append the log to this file");
     command->add_flag("--verbose", options->bVerbose, "Log each request, and show the log on stderr");
     command->footer("Prints 'READY LISTENER' for each listener once it accepts clients.\n"
@@ -408,8 +461,12 @@ void AddServeCommand(CLI::App & app, Run & run)
                     "  host.subscribe           events= host.tick each second, host.log for each line of the log: see "
                     "kvx watch\n"
                     "\n"
+                    "  PATH.exec_sql            runs one statement: sql= [:name= p1=] [nulls=] [blobs=] [script=1] "
+                    "[null=]: see kvx sql\n"
+                    "\n"
                     "Examples:\n"
                     "  kvx serve tcp:127.0.0.1:4100 nt_pipe:kvx\n"
+                    "  kvx serve nt_pipe:data --sql people=people.sqlite\n"
                     "  kvx serve tcp:0.0.0.0:0 --log kvx.log --verbose\n"
                     "  kvx serve nt_pipe:hop --provider far=forward:relay:tcp:127.0.0.1:4100\n"
                     "  kvx call nt_pipe:hop far.host.info.get\n"

@@ -73,6 +73,7 @@ int main(int argc, char ** argv)
     AddBenchCommand(app, run);
     AddRegCommand(app, run);
     AddHashCommand(app, run);
+    AddSqlCommand(app, run);
     try
     {
         app.parse(std::vector(words.rbegin(), words.rend())); // as the parser takes them

@@ -9,6 +9,7 @@
 #include "kvx/platform/mfc/List.h"
 #include "kvx/platform/mfc/Map.h"
 #include "kvx/platform/mfc/Object.h"
+#include "kvx/platform/mfc/OleDateTime.h"
 #include "kvx/platform/mfc/Sync.h"
 #include "kvx/platform/mfc/Text.h"
 #include "kvx/platform/mfc/Time.h"

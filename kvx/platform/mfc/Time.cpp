@@ -321,14 +321,19 @@ bool CTime::GetAsSystemTime(SYSTEMTIME & st) const
     return true;
 }
 
+CString kvx::FormatTime(std::tm const & fields, LPCTSTR pszFormat)
+{
+    return CTimeFormatter(fields).Format(pszFormat);
+}
+
 CString CTime::Format(LPCTSTR pszFormat) const
 {
     std::tm fields;
-    return GetLocalTm(&fields) ? CTimeFormatter(fields).Format(pszFormat) : CString();
+    return GetLocalTm(&fields) ? kvx::FormatTime(fields, pszFormat) : CString();
 }
 
 CString CTime::FormatGmt(LPCTSTR pszFormat) const
 {
     std::tm fields;
-    return GetGmtTm(&fields) ? CTimeFormatter(fields).Format(pszFormat) : CString();
+    return GetGmtTm(&fields) ? kvx::FormatTime(fields, pszFormat) : CString();
 }

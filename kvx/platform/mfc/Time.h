@@ -89,3 +89,9 @@ public:
 private:
     LONGLONG m_nTime = 0;
 };
+
+namespace kvx
+{
+/// Fields that are right, weekday and day of the year too, as CTime::Format writes them.
+KVX_API CString FormatTime(std::tm const & fields, LPCTSTR pszFormat);
+} // namespace kvx

@@ -96,3 +96,8 @@
 #include "kvx/system/WinProfile.h"
 #include "kvx/system/WinSecurity.h"
 #include "kvx/system/WinVersion.h"
+
+#include "kvx/xml/XmlDocument.h"
+#include "kvx/xml/XmlElement.h"
+#include "kvx/xml/XmlPreprocessor.h"
+#include "kvx/xml/XmlReader.h"

@@ -4,6 +4,7 @@
 /// CPropertyOwner. Names are case-sensitive.
 
 #include "kvx/foundation/ValueAccessor.h"
+#include "kvx/foundation/ValueTable.h"
 
 class KVX_API CDictionary : public CObject, public CValueAccessor
 {
@@ -13,7 +14,6 @@ public:
     CDictionary() = default;
     CDictionary(CDictionary const & other) : CDictionary(static_cast<CValueAccessor const &>(other)) {}
     CDictionary(CValueAccessor const & source) { CDictionary::Merge(source); }
-    ~CDictionary() override { DeleteValues(); }
 
     CDictionary & operator=(CDictionary const & other)
     {
@@ -32,16 +32,20 @@ public:
     int GetValueCount() const override { return GetCount(); }
     CStringValue & CreateValue(CString const & name) override;
     int RemoveValue(CString const & name) override;
-    void RemoveAllValues() override { DeleteValues(); }
-    POSITION GetStartValuePosition() const override { return m_values.GetStartPosition(); }
+    void RemoveAllValues() override { m_values.RemoveAll(); }
+    POSITION GetStartValuePosition() const override { return ToPosition(m_values.GetFirst()); }
     void GetNextValue(POSITION & pos, CString & name, CString & value) const override;
 
-    int GetCount() const { return static_cast<int>(m_values.GetCount()); }
-    int IsEmpty() const { return m_values.IsEmpty(); }
+    int GetCount() const { return m_values.GetCount(); }
+    int IsEmpty() const { return GetCount() == 0; }
     POSITION GetStartPosition() const { return GetStartValuePosition(); }
     void RemoveAll() { RemoveAllValues(); }
     void Copy(CDictionary const & other) { CopyValues(other); }
     void Merge(CValueAccessor const & source) { MergeValues(source); }
+    /// SetValue without a copy of the text.
+    void TakeValue(CString const & name, CString && value) { m_values.FindOrAdd(name).value = std::move(value); }
+    /// Room for that many values, to be asked for while there are none; in a pool, if one is given.
+    void Reserve(int count, kvx::ObjectPieces * pool = nullptr) { m_values.Reserve(count, pool); }
 
     /// A count, then each name and value as a byte length and bytes of the ANSI code page. Loading adds to what is
     /// there. Errors: the archive's exceptions.
@@ -51,12 +55,19 @@ protected:
     /// Assigns to the name, which is created if it is missing; the stored value, owned by the dictionary.
     virtual CStringValue * InsertValue(CString const & name, CStringValue const & value);
 
-    CStringValue * FindValue(CString const & name) const;
+    CStringValue * FindValue(CString const & name) const
+    {
+        auto * const entry = m_values.Find(name);
+        return entry ? &entry->value : nullptr;
+    }
 
 private:
-    CMapStringToPtr m_values{10};
+    friend class CAttributeSet;
 
-    void DeleteValues();
+    kvx::ValueTable m_values;
+
+    static POSITION ToPosition(kvx::ValueTable::Entry * entry) { return reinterpret_cast<POSITION>(entry); }
+    static kvx::ValueTable::Entry * ToEntry(POSITION pos);
 };
 
 /// A dictionary that walks in the order of first insertion. RemoveAllValues empties the values alone: the names stay
@@ -65,7 +76,14 @@ class KVX_API CAttributeSet : public CDictionary
 {
 public:
     CAttributeSet() = default;
-    CAttributeSet(CAttributeSet const & other) : CDictionary() { MergeValues(other); }
+    CAttributeSet(CAttributeSet const & other) : CDictionary()
+    {
+        if (other.GetCount() > 0)
+        {
+            Reserve(other.GetCount());
+        }
+        MergeValues(other);
+    }
 
     CAttributeSet & operator=(CAttributeSet const & other)
     {
@@ -78,24 +96,17 @@ public:
         return *this;
     }
 
-    int RemoveValue(CString const & name) override;
+    void RemoveAllValues() override { m_values.RemoveValues(); }
     int RenameValue(CString const & oldName, CString const & newName) override;
-    POSITION GetStartValuePosition() const override { return m_order.GetHeadPosition(); }
-    void GetNextValue(POSITION & pos, CString & name, CString & value) const override;
+    using CDictionary::GetNextValue;
 
-    virtual void RemoveAll();
+    virtual void RemoveAll() { m_values.RemoveAll(); }
     virtual void GetNextValue(POSITION & pos, CString & name, CStringValue & value) const;
 
     /// Backwards from the last name.
-    POSITION GetEndValuePosition() const { return m_order.GetTailPosition(); }
+    POSITION GetEndValuePosition() const { return ToPosition(m_values.GetLast()); }
     void GetPrevValue(POSITION & pos, CString & name, CString & value) const;
     void GetPrevValue(POSITION & pos, CString & name, CStringValue & value) const;
-
-protected:
-    CStringValue * InsertValue(CString const & name, CStringValue const & value) override;
-
-private:
-    CStringList m_order{10};
 };
 
 /// Gives a class a dictionary of named properties.

@@ -15,4 +15,6 @@ public:
     /// A ROWSET below the element for each; FromXml appends one for each child element, whatever its name, and gives 1.
     void ToXml(tinyxml2::XMLElement * parent) const;
     int FromXml(tinyxml2::XMLElement const * parent);
+    void ToXml(CXmlElement * parent) const;
+    int FromXml(CXmlElement const * parent);
 };

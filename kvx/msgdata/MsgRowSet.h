@@ -9,6 +9,7 @@
 #include "kvx/msgdata/MsgDataSet.h"
 
 class CMsgStream;
+class CXmlElement;
 
 namespace tinyxml2
 {
@@ -73,8 +74,10 @@ public:
 
     /// XML of the one shape <ROWSET name=""><ROW column="value"/></ROWSET>: ToXml adds a ROWSET to the element, FromXml
     /// takes the element for one whatever its name, adds its rows, and gives 1. Cells that don't exist become empty,
-    /// columns without rows are lost, and column names must be names in XML for the text to be readable again. A value
-    /// ends at its first 0, and what UTF-8 can't hold, a lone surrogate, becomes U+FFFD.
+    /// columns without rows are lost, and column names must be names in XML for the text to be readable again. On
+    /// tinyxml2's elements a value ends at its first 0, and what UTF-8 can't hold, a lone surrogate, becomes U+FFFD.
+    void ToXml(CXmlElement * parent) const;
+    int FromXml(CXmlElement const * rowSet);
     void ToXml(tinyxml2::XMLElement * parent) const;
     int FromXml(tinyxml2::XMLElement const * rowSet);
 

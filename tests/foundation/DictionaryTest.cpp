@@ -57,6 +57,40 @@ TEST(AttributeSet, WalksInOrderOfInsertion)
     EXPECT_EQ(Walked(values), _T("m=a y=1 "));
 }
 
+TEST(AttributeSet, KeepsManyValuesInOrderAndInPlace)
+{
+    constexpr int COUNT = 1000;
+    CAttributeSet values;
+    auto const name = [](int i) { return CString(CStringValue(i)); };
+    for (int i = 0; i < COUNT; ++i)
+    {
+        values[name(i)] = i;
+    }
+    CStringValue & kept = values[_T("7")];
+    CString expected;
+    for (int i = 0; i < COUNT; ++i)
+    {
+        if (i % 3 == 0)
+        {
+            EXPECT_EQ(values.RemoveValue(name(i)), 1);
+        }
+        else
+        {
+            expected += name(i) + _T("=") + name(i) + _T(" ");
+        }
+    }
+    for (int i = 0; i < 3 * COUNT; ++i) // comes and goes in the same places
+    {
+        values[_T("x") + name(i)] = i;
+        EXPECT_EQ(values.RemoveValue(_T("x") + name(i)), 1);
+    }
+    kept = 7;
+    EXPECT_EQ(values.GetCount(), COUNT - (COUNT + 2) / 3);
+    EXPECT_EQ(Walked(values), expected);
+    EXPECT_EQ(values.GetValue(_T("998")), _T("998"));
+    EXPECT_EQ(values.HasValue(_T("999")), 0);
+}
+
 TEST(Dictionary, GoesThroughAnArchive)
 {
     CDictionary values;

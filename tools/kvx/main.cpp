@@ -74,6 +74,7 @@ int main(int argc, char ** argv)
     AddRegCommand(app, run);
     AddHashCommand(app, run);
     AddSqlCommand(app, run);
+    AddXmlCommand(app, run);
     try
     {
         app.parse(std::vector(words.rbegin(), words.rend())); // as the parser takes them

@@ -206,6 +206,27 @@ UINT CArchive::Read(void * lpBuf, UINT nMax)
     return static_cast<UINT>(nMax - nLeft);
 }
 
+void CArchive::SkipUnread(std::size_t nCount)
+{
+    if (IsStoring())
+        ThrowDirection();
+    m_pCursor += std::min(nCount, static_cast<std::size_t>(m_pEnd - m_pCursor));
+}
+
+BOOL CArchive::Refill()
+{
+    if (IsStoring())
+        ThrowDirection();
+    if (!m_pFile)
+        ThrowClosed();
+    if (m_pCursor == m_pEnd)
+    {
+        m_pCursor = m_pEnd = m_pStart;
+        m_pEnd += m_pFile->Read(m_pStart, static_cast<UINT>(m_nBufSize));
+    }
+    return m_pCursor != m_pEnd;
+}
+
 void CArchive::EnsureRead(void * lpBuf, UINT nCount)
 {
     if (Read(lpBuf, nCount) != nCount)

@@ -6,6 +6,7 @@
 #include <concepts>
 #include <cstring>
 #include <memory>
+#include <span>
 
 class CFile;
 
@@ -62,6 +63,14 @@ public:
     /// Raises `endOfFile` unless all bytes are there.
     void EnsureRead(void * lpBuf, UINT nCount);
     void Write(void const * lpBuf, UINT nMax);
+
+    /// Loading, for who scans the bytes where they lie: those in the buffer that aren't read yet. They are good until
+    /// the next operation.
+    std::span<BYTE const> GetUnread() const { return {m_pCursor, m_pEnd}; }
+    /// Counts so many of them as read.
+    void SkipUnread(std::size_t nCount);
+    /// Fills the buffer if nothing in it is unread. FALSE at the end of the file.
+    BOOL Refill();
 
     /// Storing: hands the buffer to the file. Loading: puts the file back to the first byte not yet read.
     void Flush();

@@ -70,7 +70,26 @@ TextHead * AllocateText(std::size_t capacity, std::size_t charSize)
 
 void FreeText(TextHead * head) noexcept
 {
-    std::free(head);
+    if (!SmallPieces::Free(head))
+    {
+        std::free(head);
+    }
+}
+
+TextHead * TextPool::Allocate(std::size_t capacity)
+{
+    static_assert(alignof(TextHead) <= 4 &&
+                  sizeof(TextHead) + (LONGEST + 1) * sizeof(WCHAR) <= SmallPieces::LARGEST_PIECE);
+    if (capacity > LONGEST)
+    {
+        return AllocateText(capacity, sizeof(WCHAR));
+    }
+    void * const memory = m_pieces.Allocate(sizeof(TextHead) + (capacity + 1) * sizeof(WCHAR));
+    if (!memory)
+    {
+        ThrowTextLength();
+    }
+    return new (memory) TextHead{1, 0, static_cast<std::int32_t>(capacity)};
 }
 
 void ThrowTextIndex()

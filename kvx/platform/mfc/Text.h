@@ -13,6 +13,7 @@
 /// CMemoryException *.
 
 #include "kvx/platform/host.h"
+#include "kvx/platform/mfc/BlockPool.h"
 #include "kvx/platform/mfc/CharTypes.h"
 #include "kvx/platform/mfc/Format.h"
 
@@ -473,6 +474,20 @@ namespace kvx
 /// Reads UTF-8; bytes that are none become U+FFFD.
 KVX_API CString FromUtf8(std::string_view text);
 
+/// Memory for many short wide texts: see BlockPool.
+class KVX_API TextPool
+{
+public:
+    /// Characters; longer ones have memory of their own.
+    static constexpr std::size_t LONGEST = 256;
+
+    /// As AllocateText.
+    TextHead * Allocate(std::size_t capacity);
+
+private:
+    SmallPieces m_pieces;
+};
+
 /// References to shared characters, many at a time: a change of a count that other threads may change too is dear, and
 /// tables repeat few texts in many cells.
 class TextReferences
@@ -493,6 +508,15 @@ public:
     static void Fill(CString & text, void const * characters, std::size_t length)
     {
         std::memcpy(text.InitLength(length), characters, length * sizeof(WCHAR));
+    }
+    /// Gives an empty string characters from a pool, for the caller to write at once.
+    static WCHAR * Fill(CString & text, std::size_t length, TextPool & pool)
+    {
+        TextHead * const head = pool.Allocate(length);
+        head->nLength = static_cast<std::int32_t>(length);
+        text.m_pText = CString::Characters(head);
+        text.m_pText[length] = 0;
+        return text.m_pText;
     }
     static void Fill(CString & first, CString & second, void const * characters, std::size_t length)
     {

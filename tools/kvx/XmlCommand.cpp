@@ -1,0 +1,319 @@
+#include "CommandLine.h"
+#include "Commands.h"
+#include "DisplayText.h"
+#include "Output.h"
+
+#include "kvx/foundation/AppException.h"
+#include "kvx/xml/XmlDocument.h"
+
+#include <CLI/App.hpp>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace
+{
+struct XmlOptions
+{
+    std::string strFile;
+    std::vector<std::string> files;
+    std::string strOutput;
+    std::string strPath;
+    std::string strName;
+    int nIndent = 2;
+    bool bTab = false;
+    bool bAnsi = false;
+    bool bOwnGrammar = false;
+};
+
+int Fail(DWORD code, CString const & subject)
+{
+    ReportError(code, subject + _T(": ") + CWinError::GetText(code));
+    return 1;
+}
+
+CStringA ReadAll(CFile & file)
+{
+    constexpr int PIECE = 65536;
+    CStringA text;
+    for (UINT got = 1; got > 0;)
+    {
+        int const before = text.GetLength();
+        got = file.Read(text.GetBuffer(before + PIECE) + before, PIECE);
+        text.ReleaseBuffer(before + static_cast<int>(got));
+    }
+    return text;
+}
+
+CStringA ReadAll(std::string const & name)
+{
+    if (name == "-")
+    {
+        CFile file(GetStdHandle(STD_INPUT_HANDLE));
+        return ReadAll(file);
+    }
+    CFile file(kvx::FromUtf8(name), CFile::modeRead | CFile::shareDenyNone);
+    return ReadAll(file);
+}
+
+bool IsUtf8(CStringA const & text)
+{
+    return text.IsEmpty() || MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, text.GetLength(), nullptr, 0) > 0;
+}
+
+/// Reads a document, or says why not.
+bool Load(CXmlDocument & document, std::string const & name, XmlOptions const & options)
+{
+    CString const shown = name == "-" ? CString(_T("stdin")) : kvx::FromUtf8(name);
+    try
+    {
+        CStringA const text = ReadAll(name);
+        if (!options.bAnsi && !IsUtf8(text))
+        {
+            ReportError(ERROR_NO_UNICODE_TRANSLATION, shown + _T(": the text is not UTF-8; --ansi reads other bytes"));
+            return false;
+        }
+        document.ProcessUtf8(!options.bAnsi);
+        document.ProcessStandardTags(!options.bOwnGrammar);
+        if (text.IsEmpty())
+        {
+            ReportError(ERROR_BAD_FORMAT, shown + _T(":1:1: the text is empty"));
+            return false;
+        }
+        document.FromString(text);
+        return true;
+    }
+    catch (CArchiveException * failure)
+    {
+        failure->Delete();
+        CXmlParseError const & error = document.GetParseError();
+        CString place;
+        place.Format(_T("%s:%d:%d: "), shown, error.nLine, error.nColumn);
+        ReportError(ERROR_BAD_FORMAT, place + error.strText);
+    }
+    catch (CFileException * failure)
+    {
+        auto const code = static_cast<DWORD>(failure->m_lOsError);
+        failure->Delete();
+        Fail(code, shown);
+    }
+    return false;
+}
+
+void SetIndent(CXmlDocument & document, XmlOptions const & options)
+{
+    document.SetOutputIndent(options.bTab ? 1 : options.nIndent, options.bTab ? '\t' : ' ');
+}
+
+int PrintDocument(CXmlDocument const & document)
+{
+    StandardOutput out;
+    out << document.ToString().AsView();
+    return ReportWritten(out.Finish());
+}
+
+bool IsPlainFile(CString const & path)
+{
+    HANDLE const file = CreateFileW(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    bool const bPlain = file != INVALID_HANDLE_VALUE && GetFileType(file) == FILE_TYPE_DISK;
+    if (file != INVALID_HANDLE_VALUE)
+    {
+        CloseHandle(file);
+    }
+    return bPlain;
+}
+
+void Write(CXmlDocument const & document, CString const & path)
+{
+    CFile file(path, CFile::modeCreate | CFile::modeWrite | CFile::shareDenyRead);
+    document.ToFile(file);
+    FlushFileBuffers(file);
+}
+
+/// What a link leads to, for it is the file that is to be replaced.
+CString Resolve(std::string const & name)
+{
+    std::u8string const path(name.begin(), name.end());
+    std::error_code error;
+    if (!std::filesystem::is_symlink(path, error))
+    {
+        return kvx::FromUtf8(name);
+    }
+    auto const resolved = std::filesystem::weakly_canonical(path, error).u8string();
+    return error ? kvx::FromUtf8(name) : kvx::FromUtf8(std::string(resolved.begin(), resolved.end()));
+}
+
+/// The file is replaced when the new text is on the disk, and stays as it is if that fails.
+int Replace(CXmlDocument const & document, CString const & path)
+{
+    try
+    {
+        DWORD const attributes = GetFileAttributesW(path);
+        bool const bThere = attributes != INVALID_FILE_ATTRIBUTES;
+        if (bThere && (attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY)))
+        {
+            return Fail(ERROR_ACCESS_DENIED, path);
+        }
+        if (bThere && ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) || !IsPlainFile(path)))
+        {
+            Write(document, path); // a pipe, a device or a link that can't be followed
+            return 0;
+        }
+        CString fresh;
+        fresh.Format(_T("%s.%u.new"), path, GetCurrentProcessId());
+        // A copy brings the permissions along.
+        if (bThere && !CopyFileW(path, fresh, TRUE))
+        {
+            return Fail(GetLastError(), fresh);
+        }
+        try
+        {
+            Write(document, fresh);
+            if (!MoveFileExW(fresh, path, MOVEFILE_REPLACE_EXISTING))
+            {
+                CFileException::ThrowOsError(static_cast<LONG>(GetLastError()), path);
+            }
+        }
+        catch (...)
+        {
+            DeleteFileW(fresh);
+            throw;
+        }
+        return 0;
+    }
+    catch (CFileException * failure)
+    {
+        auto const code = static_cast<DWORD>(failure->m_lOsError);
+        failure->Delete();
+        return Fail(code, path);
+    }
+}
+
+int RunPrint(XmlOptions const & options)
+{
+    int status = 0;
+    for (std::string const & name : options.files)
+    {
+        CXmlDocument document;
+        SetIndent(document, options);
+        status = std::max(status, Load(document, name, options) ? PrintDocument(document) : 1);
+    }
+    return status;
+}
+
+int RunCheck(XmlOptions const & options)
+{
+    int status = 0;
+    for (std::string const & name : options.files)
+    {
+        CXmlDocument document;
+        status = Load(document, name, options) ? status : 1;
+    }
+    return status;
+}
+
+int RunGet(XmlOptions const & options)
+{
+    CXmlDocument document;
+    if (!Load(document, options.strFile, options))
+    {
+        return 1;
+    }
+    CString const path = kvx::FromUtf8(options.strPath);
+    CXmlElement const * const element = document.FindElement(path);
+    if (!element)
+    {
+        return Fail(ERROR_NOT_FOUND, path);
+    }
+    CString const name = kvx::FromUtf8(options.strName);
+    if (!name.IsEmpty() && !element->HasAttribute(name))
+    {
+        return Fail(ERROR_NOT_FOUND, path + _T(" ") + name);
+    }
+    StandardOutput out;
+    out << ToStdout(name.IsEmpty() ? element->GetData() : element->GetAttribute(name)).strText << "\n";
+    return ReportWritten(out.Finish());
+}
+
+int RunMerge(XmlOptions const & options)
+{
+    CXmlDocument document;
+    SetIndent(document, options);
+    bool bFirst = true;
+    for (std::string const & name : options.files)
+    {
+        CXmlDocument other;
+        if (!Load(bFirst ? document : other, name, options))
+        {
+            return 1;
+        }
+        if (!std::exchange(bFirst, false) && !document.Merge(other))
+        {
+            ReportError(ERROR_INVALID_DATA,
+                        kvx::FromUtf8(name) + _T(": its root is another one than the first file's"));
+            return 1;
+        }
+    }
+    return options.strOutput.empty() ? PrintDocument(document) : Replace(document, Resolve(options.strOutput));
+}
+
+CLI::App * AddAction(CLI::App & xml, XmlOptions & options, char const * name, char const * help)
+{
+    CLI::App * const action = xml.add_subcommand(name, help);
+    action->add_flag("--ansi", options.bAnsi, "Documents are in the ANSI code page instead of UTF-8");
+    action->add_flag("--own-grammar", options.bOwnGrammar,
+                     "Read as the library does by default: tags end at the first >, line ends are parts of names");
+    return action;
+}
+
+CLI::Option * AddFiles(CLI::App & action, XmlOptions & options)
+{
+    return action.add_option("FILE", options.files, "Documents; - is stdin")->required();
+}
+
+void AddIndent(CLI::App & action, XmlOptions & options)
+{
+    constexpr int WIDEST = 64;
+    CLI::Option * const indent = action.add_option("--indent", options.nIndent, "Blanks a level; 0 writes one line")
+                                     ->check(CLI::Range(0, WIDEST));
+    action.add_flag("--tab", options.bTab, "A TAB a level")->excludes(indent);
+}
+} // namespace
+
+void AddXmlCommand(CLI::App & app, Run & run)
+{
+    auto const options = std::make_shared<XmlOptions>();
+    CLI::App * const xml = app.add_subcommand("xml", "Print, look into, merge and check XML documents");
+    xml->require_subcommand(1);
+    xml->footer("Examples:\n"
+                "  kvx xml print config.xml --tab\n"
+                "  kvx xml get config.xml config.server port\n"
+                "  kvx xml merge base.xml site.xml -o config.xml\n"
+                "  kvx xml check *.xml\n"
+                "\n"
+                "An element has a text or children, not both. Lines are written with CR LF.");
+
+    CLI::App * const print = AddAction(*xml, *options, "print", "Write documents with an indent");
+    AddFiles(*print, *options);
+    AddIndent(*print, *options);
+    print->callback([&run, options] { run = [options] { return RunPrint(*options); }; });
+
+    CLI::App * const get = AddAction(*xml, *options, "get", "Write an element's text or an attribute");
+    get->add_option("FILE", options->strFile, "A document; - is stdin")->required();
+    get->add_option("PATH", options->strPath, "Tags from the root on, with points between them")->required();
+    get->add_option("NAME", options->strName, "An attribute; without one the text");
+    get->callback([&run, options] { run = [options] { return RunGet(*options); }; });
+
+    CLI::App * const merge = AddAction(*xml, *options, "merge", "Merge documents into the first");
+    AddFiles(*merge, *options)->expected(2, 1000000);
+    merge->add_option("-o,--output", options->strOutput, "The file to write, which may be one of them; else stdout");
+    AddIndent(*merge, *options);
+    merge->callback([&run, options] { run = [options] { return RunMerge(*options); }; });
+
+    CLI::App * const check = AddAction(*xml, *options, "check", "Tell the line and column where a document is none");
+    AddFiles(*check, *options);
+    check->callback([&run, options] { run = [options] { return RunCheck(*options); }; });
+}

@@ -16,7 +16,8 @@ using namespace bench;
 
 std::string Sample(std::size_t size)
 {
-    char const * const words[] = {"alpha", "connection", "listener", "request 4711", "error_text", "timeout", "x", "queue"};
+    char const * const words[] = {"alpha",      "connection", "listener", "request 4711",
+                                  "error_text", "timeout",    "x",        "queue"};
     std::string text;
     for (unsigned int seed = 1; text.size() < size;)
     {

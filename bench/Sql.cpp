@@ -31,7 +31,8 @@ public:
     std::string GetFile() const { return m_path / "bench.sqlite"; }
 
 private:
-    std::filesystem::path m_path = std::filesystem::temp_directory_path() / ("kvx-bench-sql-" + std::to_string(getpid()));
+    std::filesystem::path m_path =
+        std::filesystem::temp_directory_path() / ("kvx-bench-sql-" + std::to_string(getpid()));
 };
 
 int RunService(Options const & options)
@@ -104,7 +105,9 @@ public:
         {
             for (int i = 0; i < columns; ++i)
             {
-                bytes += sqlite3_column_text(statement, i) ? static_cast<std::size_t>(sqlite3_column_bytes(statement, i)) : 0;
+                bytes += sqlite3_column_text(statement, i)
+                             ? static_cast<std::size_t>(sqlite3_column_bytes(statement, i))
+                             : 0;
             }
         }
         if (sqlite3_finalize(statement) != SQLITE_OK || (columns > 0 && bytes == 0))
@@ -200,19 +203,21 @@ int main(int argc, char ** argv)
                 &TimeSelect, [&] { return TimeTable(_T("host.table.get")) + engine.Time("select * from t"); });
         Compare({"10,000 x 4 cells: CSqlCommand / a kept table and the engine", 0, 0, Target::AtMost, 0}, rounds,
                 &TimeSelect, [&] { return TimeTable(_T("host.table.kept")) + engine.Time("select * from t"); });
-        Compare({"an insert: CSqlCommand / a small call and the engine", 0, 0, Target::AtMost, 0}, rounds / 2,
-                [&] { return TimeInserts(1, calls); },
-                [&]
+        Compare(
+            {"an insert: CSqlCommand / a small call and the engine", 0, 0, Target::AtMost, 0}, rounds / 2,
+            [&] { return TimeInserts(1, calls); },
+            [&]
+            {
+                double own = 0;
+                for (int n = 0; n < calls; ++n)
                 {
-                    double own = 0;
-                    for (int n = 0; n < calls; ++n)
-                    {
-                        own += engine.Time("insert into w values('some words')");
-                    }
-                    return TimeCounts(calls) + own / calls;
-                });
-        Compare({"inserts of 4 clients at once / those of one", 0, 0, Target::AtMost, 0}, rounds / 2,
-                [&] { return TimeInserts(WRITERS, calls / WRITERS); }, [&] { return TimeInserts(1, calls); });
+                    own += engine.Time("insert into w values('some words')");
+                }
+                return TimeCounts(calls) + own / calls;
+            });
+        Compare(
+            {"inserts of 4 clients at once / those of one", 0, 0, Target::AtMost, 0}, rounds / 2,
+            [&] { return TimeInserts(WRITERS, calls / WRITERS); }, [&] { return TimeInserts(1, calls); });
         LeaveServices();
     }
     EndLibrary();

@@ -87,6 +87,7 @@
 #include "kvx/sql/SqlCommand.h"
 
 #include "kvx/registry/Registry.h"
+#include "kvx/registry/RegistryBackup.h"
 
 #include "kvx/system/InternetUrl.h"
 #include "kvx/system/ObFactory.h"

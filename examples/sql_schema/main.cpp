@@ -68,8 +68,7 @@ public:
     int CreateView(XMLElement * element, CString const &) override
     {
         CString const name = Attribute(element, "name");
-        return Has(name) ||
-               Run(_T("create view ") + name + _T(" as ") + CUtilities::MB2T(element->GetText(), CP_UTF8));
+        return Has(name) || Run(_T("create view ") + name + _T(" as ") + CUtilities::MB2T(element->GetText(), CP_UTF8));
     }
 
 private:

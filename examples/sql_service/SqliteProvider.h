@@ -1,7 +1,7 @@
 #pragma once
 
-// A provider that runs SQL on a SQLite database: the least that serves CSqlCommand. `kvx serve --sql` is one for clients
-// that aren't trusted; this one does whatever it is told.
+// A provider that runs SQL on a SQLite database: the least that serves CSqlCommand. `kvx serve --sql` is one for
+// clients that aren't trusted; this one does whatever it is told.
 
 #include "kvx/messaging/MsgMap.h"
 #include "kvx/msgdata/MsgCursor.h"

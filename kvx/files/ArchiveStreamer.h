@@ -41,9 +41,9 @@ public:
     CMapStringToPtr m_indexes{10};
 };
 
-/// Lives as long as one `Serialize`. All streamers of a thread between the first and the last share one context, whatever
-/// archive they name: so the numbers of texts hold through nested objects, and a nested `Serialize` to another archive
-/// joins in too.
+/// Lives as long as one `Serialize`. All streamers of a thread between the first and the last share one context,
+/// whatever archive they name: so the numbers of texts hold through nested objects, and a nested `Serialize` to another
+/// archive joins in too.
 ///
 ///     void CThing::Serialize(CArchive & archive)
 ///     {
@@ -58,7 +58,8 @@ public:
 /// first has the number 1; the reader of packed strings takes wide text alone, so the two flags don't go together.
 ///
 /// Errors: the archive's exceptions. Missing data raises CArchiveException `endOfFile`, the number of a text that never
-/// came `badIndex`. Memory grows with what arrives, not with a length that was read. Threads: a streamer is its thread's.
+/// came `badIndex`. Memory grows with what arrives, not with a length that was read. Threads: a streamer is its
+/// thread's.
 class KVX_API CArchiveStreamer
 {
 public:

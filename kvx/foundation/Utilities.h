@@ -65,9 +65,6 @@ public:
     static CString MB2W(CStringA const & text, UINT codePage);
     static CStringA W2MB(CString const & text, UINT codePage);
     static CStringA MB2MB(CStringA const & text, UINT from, UINT to);
-    /// `blank` becomes a space; `%` and the next character, as one hexadecimal digit for both halves of a byte, become
-    /// a character, and the character behind it is skipped. By contract `%41` is 0x44, not 0x41.
-    static CString DecodeString(CString const & text, WCHAR blank);
     static CString MB2T(CStringA const & text, UINT codePage) { return MB2W(text, codePage); }
     static CStringA T2MB(CString const & text, UINT codePage) { return W2MB(text, codePage); }
 

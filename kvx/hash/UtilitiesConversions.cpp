@@ -60,29 +60,3 @@ CStringA CUtilities::MB2MB(CStringA const & text, UINT from, UINT to)
 {
     return W2MB(MB2W(text, from), to);
 }
-
-CString CUtilities::DecodeString(CString const & text, WCHAR blank)
-{
-    constexpr int NO_DIGIT = 0;
-    auto const digit = [](WCHAR c)
-    {
-        int const lower = c | 0x20;
-        return c >= '0' && c <= '9' ? c - '0' : lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : NO_DIGIT;
-    };
-    CString out;
-    auto const units = text.AsView();
-    for (std::size_t i = 0; i < units.size(); ++i)
-    {
-        if (units[i] == '%')
-        {
-            int const half = i + 1 < units.size() ? digit(units[i + 1]) : NO_DIGIT;
-            out.AppendChar(static_cast<WCHAR>(half * 16 | half));
-            i += 2;
-        }
-        else
-        {
-            out.AppendChar(units[i] == blank ? WCHAR{' '} : units[i]);
-        }
-    }
-    return out;
-}

@@ -705,3 +705,13 @@ DWORD CRegistry::GetRegistryTypeFromName(CString const & name)
         std::ranges::find_if(TYPE_NAMES, [&](TypeName const & row) { return name.CompareNoCase(row.pszName) == 0; });
     return found != TYPE_NAMES.end() ? found->nType : REG_SZ;
 }
+
+int CRegistry::RestorePlainValue(CRegistry & key, CString const & name, DWORD type, CString const & text)
+{
+    void * data = nullptr;
+    DWORD size = 0;
+    ConvertFromString(text, type, &data, &size);
+    LONG const code = key.SetValue(name, type, data, size);
+    std::free(data);
+    return code == 0;
+}

@@ -9,6 +9,15 @@
 
 #include "kvx/foundation/ValueAccessor.h"
 
+class CXmlDocument;
+class CXmlElement;
+
+namespace tinyxml2
+{
+class XMLDocument;
+class XMLElement;
+} // namespace tinyxml2
+
 /// Finds the predefined key of a text: the long names ("HKEY_LOCAL_MACHINE") and the short ones ("HKLM", "HKCU",
 /// "HKCR", "HKCC", "HKUS", "HKPD", "HKDD"), in any case.
 class KVX_API CRegistryRootKeyLookup : public CMapStringToPtr
@@ -112,7 +121,50 @@ public:
     /// Count, longest data (bytes), longest name (characters); 1 on success.
     int GetLengths(DWORD & valueCount, DWORD & longestData, DWORD & longestName);
 
+    // Backup as XML. The element REGISTRY holds a KEY with the attributes `name`, the whole path, and `WOW64` where the
+    // access flags hold KEY_WOW64_64KEY. A KEY holds its VALUE elements, in the order of the enumeration, and then the
+    // KEY elements of its subkeys, with their names alone. A VALUE has the attributes `name`, `type` (a type's name,
+    // which some types share), `original-size` (of the data, in bytes) and `encoded-size` (of the text), and the data
+    // in Base64, in lines of 76 characters. Text is UTF-8.
+    //
+    // What fails below the top key is only logged. For whole trees, with nothing left out unsaid, see CRegistryBackup.
+    //
+    // A document belongs to the caller, as does its safety among threads.
+
+    /// Replaces the document by a backup of the key: of the one value with `oneValue`, else of all its values and, with
+    /// `recursive`, of all below it. Values of more than `maxValueSize` bytes keep their sizes but not their data, as
+    /// do those that can't be read; a subkey that can't be opened stays empty. By contract subkeys are opened without
+    /// the flags.
+    /// @return 1 if the key could be opened, else 0 with an empty KEY in the document.
+    static int SaveKeyToXML(tinyxml2::XMLDocument & document, CString const & keyPath, int oneValue,
+                            CString const & valueName, int recursive, DWORD maxValueSize, DWORD accessFlags);
+    /// The same on a document of the library's own, by contract with no value at all; the KEY comes behind what its
+    /// root holds, and the root becomes REGISTRY.
+    static int SaveKeyToXML(CXmlDocument & document, CString const & keyPath, int oneValue, CString const & valueName,
+                            int recursive, DWORD maxValueSize, DWORD accessFlags);
+    /// Makes the keys and sets the values of a backup; other values stay. By contract values without data, also empty
+    /// ones, aren't written. A VALUE without `original-size` has a plain text (ConvertFromString).
+    /// @return 1 if all succeeded, also where there is nothing; else 0, with all the rest restored.
+    static int RestoreFromXML(tinyxml2::XMLDocument const & document, DWORD accessFlags);
+    /// The same of the first child of the root, whatever the two are called. By contract every VALUE is taken for plain
+    /// text, also Base64.
+    static int RestoreFromXML(CXmlDocument const & document, DWORD accessFlags);
+
 protected:
+    static constexpr DWORD RESTORE_ACCESS = 0xF001F; ///< all rights on the keys
+
+    static void SaveValuesToXML(tinyxml2::XMLElement * element, CRegistry & key, CStringList const & names,
+                                DWORD maxValueSize);
+    static void SaveSubKeysToXML(tinyxml2::XMLElement * element, CRegistry & key, DWORD maxValueSize,
+                                 DWORD accessFlags);
+    static int RestoreSubkeyFromXML(tinyxml2::XMLElement const * element, CRegistry & key, DWORD accessFlags);
+    static int RestoreValueFromXML(tinyxml2::XMLElement const * element, CRegistry & key);
+    static void SaveValuesToXML(CXmlElement * element, CRegistry & key, CStringList const & names, DWORD maxValueSize);
+    static void SaveSubKeysToXML(CXmlElement * element, CRegistry & key, DWORD maxValueSize, DWORD accessFlags);
+    static int RestoreSubkeyFromXML(CXmlElement const * element, CRegistry & key, DWORD accessFlags);
+    static int RestoreValueFromXML(CXmlElement const * element, CRegistry & key);
+    static int RestorePlainValue(CRegistry & key, CString const & name, DWORD type, CString const & text);
+
     static constexpr LPCTSTR WOW64 = _T("WOW64");
     static constexpr LPCTSTR WOW64_64 = _T("WOW64_64");
     static constexpr DWORD NO_LENGTH = 0xFFFFFFFF;
@@ -132,6 +184,8 @@ protected:
     static DWORD GetRegistryTypeFromName(CString const & name);
 
 private:
+    friend class CRegistryBackup;
+
     HKEY m_hKey = nullptr;
 
     static TranslationProc sm_pTranslationProc;

@@ -8,9 +8,8 @@
 
 class CMsgProvider;
 
-/// The root's child elements are TABLE, INDEX and VIEW, in any case, or others that a derived class knows. An element with
-/// the attribute "application_specific" is for the applications that it names.
-/// Threads: one at a time.
+/// The root's child elements are TABLE, INDEX and VIEW, in any case, or others that a derived class knows. An element
+/// with the attribute "application_specific" is for the applications that it names. Threads: one at a time.
 class KVX_API CSQLMetaData
 {
 public:

@@ -2,13 +2,14 @@
 
 /// Regular expressions.
 ///
-/// The notation: `|` between alternatives; `*`, `+` and `?` behind what is repeated; `(` `)` for groups; `^` and `$` for the
-/// start and the end of the subject; `.` for any character; `[a-z]` and `[^a-z]`, in which `]` and `-` are themselves where
-/// they stand first, and `-` where it stands last; `\<` and `\>` for the start and the end of a word; and, behind a
-/// backslash, a class: `m` letters and digits, `a` letters, `b` blank and tab, `c` controls, `d` digits, `g` visible, `l` lower
-/// case, `p` visible or blank, `n` punctuation, `s` white space, `u` upper case, `x` hexadecimal digits, `w` words (`m` and `_`).
-/// By contract a class in upper case is no complement but the class in front of it in this list: `\D` is `\c`, and `\M`
-/// fits nothing. Any other character behind a backslash is itself. Classes are those of ASCII.
+/// The notation: `|` between alternatives; `*`, `+` and `?` behind what is repeated; `(` `)` for groups; `^` and `$`
+/// for the start and the end of the subject; `.` for any character; `[a-z]` and `[^a-z]`, in which `]` and `-` are
+/// themselves where they stand first, and `-` where it stands last; `\<` and `\>` for the start and the end of a word;
+/// and, behind a backslash, a class: `m` letters and digits, `a` letters, `b` blank and tab, `c` controls, `d` digits,
+/// `g` visible, `l` lower case, `p` visible or blank, `n` punctuation, `s` white space, `u` upper case, `x` hexadecimal
+/// digits, `w` words (`m` and `_`). By contract a class in upper case is no complement but the class in front of it in
+/// this list: `\D` is `\c`, and `\M` fits nothing. Any other character behind a backslash is itself. Classes are those
+/// of ASCII.
 
 #include "kvx/platform/mfc/Text.h"
 
@@ -61,8 +62,8 @@ class RegExp
 {
 public:
     /// A search takes steps, about one for each operation or for 16 characters of a simple repeat; patterns such as
-    /// `(a|aa)*b` may need more than there is time for. Beyond the limit, or when it has too many places to come back to, a search
-    /// ends with the error `steps`. At the default that takes about a second, and never more than 100 MB.
+    /// `(a|aa)*b` may need more than there is time for. Beyond the limit, or when it has too many places to come back
+    /// to, a search ends with the error `steps`. At the default that takes about a second, and never more than 100 MB.
     static constexpr ULONGLONG DEFAULT_STEP_LIMIT = 100'000'000;
 
     RegExp(RegExp const &) = delete;
@@ -98,9 +99,9 @@ extern template class KVX_API RegExp<CStringW>;
 extern template class KVX_API RegExp<CStringA>;
 } // namespace kvx
 
-/// By contract the matcher reads the bytes of the wide texts up to the first byte that is 0: of a pattern or a subject in
-/// ASCII that is the first character alone, and offsets count bytes. For whole texts take CRegExpA.
-/// Threads: an object is for one at a time.
+/// By contract the matcher reads the bytes of the wide texts up to the first byte that is 0: of a pattern or a subject
+/// in ASCII that is the first character alone, and offsets count bytes. For whole texts take CRegExpA. Threads: an
+/// object is for one at a time.
 class KVX_API CRegExp : public kvx::RegExp<CStringW>
 {
 public:
@@ -108,9 +109,9 @@ public:
     explicit CRegExp(LPCWSTR pattern) : RegExp(pattern) {}
 };
 
-/// Over narrow text, all of which the matcher sees; the pattern ends at a NUL, the subject may contain some. With UTF-8 a
-/// character of several bytes is that many characters to `.`, to sets and to repeats.
-/// Threads: an object is for one at a time.
+/// Over narrow text, all of which the matcher sees; the pattern ends at a NUL, the subject may contain some. With UTF-8
+/// a character of several bytes is that many characters to `.`, to sets and to repeats. Threads: an object is for one
+/// at a time.
 class KVX_API CRegExpA : public kvx::RegExp<CStringA>
 {
 public:

@@ -20,8 +20,8 @@ enum Operation : unsigned char
     Back = 7,
     Exactly = 8, // characters, ended by NUL
     Nothing = 9,
-    Star = 10, // a single-character operation
-    Plus = 11, // the same
+    Star = 10,  // a single-character operation
+    Plus = 11,  // the same
     Class = 12, // the number of a class
     WordStart = 13,
     WordEnd = 14,
@@ -138,10 +138,10 @@ private:
     };
     struct Group
     {
-        int nNumber;                     // 0 is the whole pattern
-        std::size_t start = NONE;        // its first operation
-        std::size_t piece = NONE;        // the last piece of the present alternative
-        bool bHasWidth = true;           // all alternatives so far
+        int nNumber;              // 0 is the whole pattern
+        std::size_t start = NONE; // its first operation
+        std::size_t piece = NONE; // the last piece of the present alternative
+        bool bHasWidth = true;    // all alternatives so far
         bool bAlternativeHasWidth = false;
     };
 
@@ -604,11 +604,10 @@ void RegExpProgram::CollectSets()
             for (std::size_t c = 0; c < set.size(); ++c)
             {
                 auto const member = static_cast<char>(c);
-                bool const bListed =
-                    operand > 1 && c != 0 && TextAt(m_code, at).find(member) != std::string_view::npos;
-                set[c] = operation == Any      ? true
-                         : operation == Class  ? IsInClass(static_cast<signed char>(m_code[at + HEAD]),
-                                                           static_cast<unsigned char>(c))
+                bool const bListed = operand > 1 && c != 0 && TextAt(m_code, at).find(member) != std::string_view::npos;
+                set[c] = operation == Any ? true
+                         : operation == Class
+                             ? IsInClass(static_cast<signed char>(m_code[at + HEAD]), static_cast<unsigned char>(c))
                          : operation == AnyBut ? !bListed
                                                : bListed;
             }
@@ -619,8 +618,8 @@ void RegExpProgram::CollectSets()
     }
 }
 
-/// One search. What could still be tried stands on a stack of its own, and what groups have been passed on a trail that is
-/// cut when the search goes back.
+/// One search. What could still be tried stands on a stack of its own, and what groups have been passed on a trail that
+/// is cut when the search goes back.
 class RegExpMatch
 {
 public:
@@ -633,8 +632,8 @@ public:
     void Report(std::vector<RegExpRange> & ranges) const;
 
 private:
-    // To go on at an operation from a place in the subject; for a repeat, with the counts from the smallest to the largest
-    // one that are still to be tried, from the place where it begins.
+    // To go on at an operation from a place in the subject; for a repeat, with the counts from the smallest to the
+    // largest one that are still to be tried, from the place where it begins.
     struct Choice
     {
         unsigned int operation;
@@ -657,8 +656,8 @@ private:
     std::vector<Choice> m_choices;
     std::vector<Passed> m_trail;
     std::size_t m_start = 0;
-    std::size_t m_at = 0;        // in the code
-    std::size_t m_place = 0;     // in the subject
+    std::size_t m_at = 0;    // in the code
+    std::size_t m_place = 0; // in the subject
 
     void Spend(ULONGLONG steps)
     {
@@ -794,8 +793,12 @@ bool RegExpMatch::Step()
         }
         auto const count = static_cast<unsigned int>(end - m_place);
         Spend(count / 16);
-        Choice const repeat{static_cast<unsigned int>(m_at), static_cast<unsigned int>(m_place),
-                            static_cast<unsigned int>(m_trail.size()), count, true, operation == Plus};
+        Choice const repeat{static_cast<unsigned int>(m_at),
+                            static_cast<unsigned int>(m_place),
+                            static_cast<unsigned int>(m_trail.size()),
+                            count,
+                            true,
+                            operation == Plus};
         return (count > 0 || operation == Star) && TakeRepeat(repeat);
     }
     case Nothing:

@@ -2,9 +2,10 @@
 
 /// The compiler and the matcher behind the regular expressions: over bytes, and without a class of texts.
 ///
-/// The notation, the program and the search are those of the small regular expression library that Henry Spencer published
-/// in 1986, with classes of characters and borders of words added. It backtracks: groups report what they matched, and
-/// the first alternative that leads to a match wins, not the longest. Neither compiler nor matcher recurses.
+/// The notation, the program and the search are those of the small regular expression library that Henry Spencer
+/// published in 1986, with classes of characters and borders of words added. It backtracks: groups report what they
+/// matched, and the first alternative that leads to a match wins, not the longest. Neither compiler nor matcher
+/// recurses.
 
 #include "kvx/platform/mfc/Afx.h"
 
@@ -38,8 +39,8 @@ public:
 
     /// The number of groups, with the whole match as the first.
     int GetGroups() const { return m_nGroups; }
-    /// Looks for the first match from the left. `ranges` has a place for each group, all of them unset. Throws RegExpFault if
-    /// more than `limit` steps would be needed, or more than CHOICES_MAX places to come back to.
+    /// Looks for the first match from the left. `ranges` has a place for each group, all of them unset. Throws
+    /// RegExpFault if more than `limit` steps would be needed, or more than CHOICES_MAX places to come back to.
     bool Search(std::string_view subject, std::vector<RegExpRange> & ranges, ULONGLONG limit) const;
 
     /// A program has less bytes than this.
@@ -55,11 +56,11 @@ private:
     static constexpr unsigned char MAGIC = 156;
 
     int m_nGroups = 1;
-    bool m_bAnchored = false;   // matches start at the start of the subject
-    std::string_view m_prefix;  // every match starts with this; points into m_code
+    bool m_bAnchored = false;  // matches start at the start of the subject
+    std::string_view m_prefix; // every match starts with this; points into m_code
     bool m_bHasFirst = false;  // or with one of m_first
     CharSet m_first;
-    std::string_view m_must;    // every match contains this; points into m_code
+    std::string_view m_must; // every match contains this; points into m_code
     std::vector<unsigned char> m_code;
     std::vector<CharSet> m_sets;         // of the operations that test one character,
     std::vector<unsigned short> m_setOf; // by their place in the code

@@ -10,9 +10,9 @@ class CValueAccessor;
 
 namespace tinyxml2
 {
-/// A pointer to an element, which the document owns; it may be null, and all operations but `->` and `*` then do nothing
-/// and give 0, false or null. Narrow text is UTF-8, and wide text is converted to it: what UTF-8 can't hold, a lone
-/// surrogate, becomes U+FFFD, and a text ends at its first 0.
+/// A pointer to an element, which the document owns; it may be null, and all operations but `->` and `*` then do
+/// nothing and give 0, false or null. Narrow text is UTF-8, and wide text is converted to it: what UTF-8 can't hold, a
+/// lone surrogate, becomes U+FFFD, and a text ends at its first 0.
 ///
 /// `->` and `*` of a null proxy are an error of the caller: it is logged, the log gets a second to write it, and the
 /// null pointer is used all the same, which ends the process. Ask IsNULL first.
@@ -79,8 +79,8 @@ public:
     /// neither, and refuses otherwise. False for that, and for null on either side.
     bool Merge(XMLElement const * other);
     /// Each child element of the other is merged into the first equal child element that was here before and that none
-    /// has been merged into yet. What has no equal becomes a new last child: with its child elements, or with its text if
-    /// it has none. Comments and the text beside child elements are left behind.
+    /// has been merged into yet. What has no equal becomes a new last child: with its child elements, or with its text
+    /// if it has none. Comments and the text beside child elements are left behind.
     bool MergeChildren(XMLElement const * other);
 
 protected:

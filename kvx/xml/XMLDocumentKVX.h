@@ -39,14 +39,15 @@ public:
     bool ToFile(CMemFile & file);
 
     /// The element that a path leads to, with what is missing on the way. The first step is the root's name, without
-    /// regard to case; any other name becomes a new last child of the root, even if it has one of that name. Further steps
-    /// have the exact name; an empty one, between two delimiters, makes an element without a name. Null for an empty path.
+    /// regard to case; any other name becomes a new last child of the root, even if it has one of that name. Further
+    /// steps have the exact name; an empty one, between two delimiters, makes an element without a name. Null for an
+    /// empty path.
     XMLElement * CreateElement(LPCTSTR path, LPCTSTR delimiters);
     /// Null if there is none. The first step must be the root's name, without regard to case; the others are exact.
     XMLElement * FindElement(LPCTSTR path, LPCTSTR delimiters);
 
-    /// Merges the other's root into this one's (ElementProxy::Merge). A document without a root becomes a copy, by way of
-    /// the text; it refuses what can't be read back then.
+    /// Merges the other's root into this one's (ElementProxy::Merge). A document without a root becomes a copy, by way
+    /// of the text; it refuses what can't be read back then.
     bool Merge(XMLDocument const & other);
     bool Merge(XMLElement const * element);
 

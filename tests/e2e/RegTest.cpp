@@ -108,4 +108,36 @@ TEST_F(Reg, TellsWhatIsWrong)
     std::ifstream file(m_folder / "bad");
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), garbage);
 }
+
+TEST_F(Reg, ATreeGoesThroughAFile)
+{
+    std::string const key = "HKCU\\Software\\Acme";
+    Set({key, "C:\\a\\", "<\u20AC & 'x'>"});
+    Set({key + "\\S\u00FCb", "\"q\"\n", std::string(1000, 'z')});
+    Set({key, "", "--type", "binary"});
+    std::string const file = (m_folder / "a.xml").string();
+    std::string const printed = (m_folder / "printed.xml").string();
+    EXPECT_EQ(Run({"export", key, file}).nStatus, 0);
+    Result const print = RunKvx({"xml", "print", file});
+    EXPECT_EQ(print.nStatus, 0) << print.strErr;
+    std::ofstream(printed) << print.strOut;
+    EXPECT_EQ(Run({"import", printed, "HKCU\\Software\\Copy"}).nStatus, 0);
+    Result const same = Run({"diff", "HKCU\\Software\\Copy", file});
+    EXPECT_EQ(same.nStatus, 0) << same.strErr << same.strOut;
+    EXPECT_EQ(same.strOut, "");
+    EXPECT_EQ(Run({"export", key, "-"}).strOut.substr(0, 10), "<REGISTRY>");
+
+    Set({"HKCU\\Software\\Copy", "new", "1"});
+    Result const differs = Run({"diff", "HKCU\\Software\\Copy", file, "--format", "json"});
+    EXPECT_EQ(differs.nStatus, 1);
+    EXPECT_EQ(Response(differs.strOut).rowSets.at(0).rows,
+              (Rows{{"only in registry", "HKCU\\Software\\Copy", "new", "REG_SZ 1", ""}}));
+
+    // What fails leaves an older file, and the registry, as they are.
+    EXPECT_THAT(Run({"export", key + "\\none", file}).strErr, StartsWith("error 2: "));
+    EXPECT_EQ(Run({"diff", key, file}).nStatus, 0);
+    std::ofstream(m_folder / "bad.xml") << "<REGISTRY><KEY name='HKCU\\Software\\Bad'>\n<VALUE/></KEY></REGISTRY>";
+    EXPECT_THAT(Run({"import", (m_folder / "bad.xml").string()}).strErr, HasSubstr("line 2"));
+    EXPECT_THAT(Run({"list", "HKCU\\Software\\Bad"}).strErr, StartsWith("error 2: "));
+}
 } // namespace

@@ -70,10 +70,11 @@ public:
         CString text;
         for (unsigned i = Below(6); i > 0; --i)
         {
-            static constexpr std::array PIECES{_T("'"),  _T("''"),   _T("\""),         _T("\\"),     _T("--"),   _T(";"),
-                                               _T("0"),  _T("7"),    _T("NULL"),       _T("null"),   _T("\"NULL\""), _T("\r\n"),
-                                               _T("\t"), _T("\x1B"), _T("\U0001F600"), _T("\uFFFF"), _T("/*"),   _T("%s"),
-                                               _T(" "),  _T("?1"),   _T(":a"),         _T("x'"),     _T("-1"),   _T("99999999999999999999")};
+            static constexpr std::array PIECES{
+                _T("'"),  _T("''"),   _T("\""),         _T("\\"),     _T("--"),       _T(";"),
+                _T("0"),  _T("7"),    _T("NULL"),       _T("null"),   _T("\"NULL\""), _T("\r\n"),
+                _T("\t"), _T("\x1B"), _T("\U0001F600"), _T("\uFFFF"), _T("/*"),       _T("%s"),
+                _T(" "),  _T("?1"),   _T(":a"),         _T("x'"),     _T("-1"),       _T("99999999999999999999")};
             unsigned const which = Below(PIECES.size() + 2);
             text += which < PIECES.size()    ? CString(PIECES[which])
                     : which == PIECES.size() ? CString(WCHAR{0}, 1)

@@ -57,7 +57,8 @@ protected:
 
 TEST_F(ArchiveStreamer, TextsInEveryForm)
 {
-    CString const texts[] = {_T(""), _T("twice \u00e9"), _T(""), _T("other"), _T("twice \u00e9"), CString(_T('x'), 70000)};
+    CString const texts[] = {_T(""),      _T("twice \u00e9"), _T(""),
+                             _T("other"), _T("twice \u00e9"), CString(_T('x'), 70000)};
     for (int const form : {0, 1, 2}) // wide, narrow, packed
     {
         Store(form == 1,

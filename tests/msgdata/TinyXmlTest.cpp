@@ -32,7 +32,8 @@ TYPED_TEST(RowsAsXml, GoThereAndBack)
     rows.SetData(row, _T("a"), _T("<\"&'>"));
     row = rows.AppendRow();
     rows.SetData(row, _T("ü"), _T("2\n3"));
-    std::string const text = "<r><ROWSET name=\"näme\"><ROW a=\"&lt;&quot;&amp;&apos;&gt;\" ü=\"\"/><ROW a=\"\" ü=\"2\n3\"/></ROWSET></r>";
+    std::string const text =
+        "<r><ROWSET name=\"näme\"><ROW a=\"&lt;&quot;&amp;&apos;&gt;\" ü=\"\"/><ROW a=\"\" ü=\"2\n3\"/></ROWSET></r>";
     EXPECT_EQ(Written(rows), text);
 
     KeptLog log;

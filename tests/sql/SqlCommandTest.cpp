@@ -1,7 +1,7 @@
+#include "kvx/sql/SqlCommand.h"
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/platform/mfc/OleDateTime.h"
 #include "kvx/platform/mfc/Time.h"
-#include "kvx/sql/SqlCommand.h"
 
 #include "tests/platform/mfc/Raised.h"
 
@@ -15,10 +15,7 @@ class SqlCommand : public testing::Test
 protected:
     CSqlCommand m_command{_T("echo"), 0};
 
-    static void SetUpTestSuite()
-    {
-        CMsgDispatcher::GetInstance()->RegisterProvider(_T("echo"), &Echo, nullptr);
-    }
+    static void SetUpTestSuite() { CMsgDispatcher::GetInstance()->RegisterProvider(_T("echo"), &Echo, nullptr); }
     static void Echo(CMsgRequest & request, void *)
     {
         request.SetHandled(1);
@@ -37,7 +34,8 @@ TEST_F(SqlCommand, BuildsStatements)
     m_command[_T("age")] = 42;
     m_command[_T("size")] = _T("4.2");
     m_command[_T("none")] = _T("");
-    EXPECT_EQ(Sql(m_command.Select(_T("t"), _T("a,b"))), "select a,b from t where name='O''Hara' and age=42 and size='4.2'");
+    EXPECT_EQ(Sql(m_command.Select(_T("t"), _T("a,b"))),
+              "select a,b from t where name='O''Hara' and age=42 and size='4.2'");
     EXPECT_EQ(Sql(m_command.Select(_T("t"), _T("*"), _T("x like '%d'"), _T("a"))),
               "select * from t where x like '%d' order by a");
     EXPECT_EQ(Sql(m_command.Insert(_T("t"))), "insert into t (name,age,size) values ('O''Hara',42,'4.2')");
@@ -60,7 +58,8 @@ TEST_F(SqlCommand, QuotesValuesByItsRule)
     for (auto const & [value, text] :
          {std::pair(_T(""), _T("''")), std::pair(_T("null"), _T("null")), std::pair(_T("\"Null\""), _T("\"Null\"")),
           std::pair(_T("007"), _T("007")), std::pair(_T("1.0"), _T("'1.0'")), std::pair(_T("1e5"), _T("'1e5'")),
-          std::pair(_T("'"), _T("''''")), std::pair(_T("\uFF11"), _T("'\uFF11'")), std::pair(_T("NULLS"), _T("'NULLS'"))})
+          std::pair(_T("'"), _T("''''")), std::pair(_T("\uFF11"), _T("'\uFF11'")),
+          std::pair(_T("NULLS"), _T("'NULLS'"))})
     {
         EXPECT_EQ(CSqlCommand::FormatValue(value), text);
     }

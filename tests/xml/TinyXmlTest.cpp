@@ -70,11 +70,12 @@ TEST(XmlDocumentKvx, FilesComeBackAndFailuresAreLogged)
     EXPECT_FALSE(written.FromFile(path));
     EXPECT_EQ(ErrorName(written.ErrorID()), _T("XML_ERROR_MISMATCHED_ELEMENT"));
     EXPECT_FALSE(written.FromResource(_T("none"), nullptr));
-    EXPECT_THAT(log.Take(), ElementsAre("E XMLDocumentKVX::FromFile(" + name + ".none) file error 2",
-                                        "E XMLDocumentKVX::ToFile(" + name + "/none) file error 3",
-                                        "E XMLDocumentKVX::FromFile(" + name + ") parsing error XML_ERROR_PARSING_UNKNOWN",
-                                        testing::HasSubstr("Error loading resource of type XML: none"),
-                                        testing::HasSubstr("XMLDocumentKVX::FromResource(none) resource error ")));
+    EXPECT_THAT(log.Take(),
+                ElementsAre("E XMLDocumentKVX::FromFile(" + name + ".none) file error 2",
+                            "E XMLDocumentKVX::ToFile(" + name + "/none) file error 3",
+                            "E XMLDocumentKVX::FromFile(" + name + ") parsing error XML_ERROR_PARSING_UNKNOWN",
+                            testing::HasSubstr("Error loading resource of type XML: none"),
+                            testing::HasSubstr("XMLDocumentKVX::FromResource(none) resource error ")));
     EXPECT_EQ(ErrorText(static_cast<XMLError>(20)), _T("<<unknown:20>>"));
     std::filesystem::remove_all(folder);
 }
@@ -120,10 +121,11 @@ TEST(XmlElementProxy, SpeaksTextsAndValueSets)
 
 TEST(XmlElementProxy, MergingMatchesEachElementOnce)
 {
-    EXPECT_EQ(Merged("<r><a x='1' y='2'><p/></a><a x='1' y='2'/></r>",
-                     "<R><A y='2' x='1'><p/><q>t</q></A><a x='1' y='2'><s/></a><a x='1' y='2'>u</a><a x='1'>v<w/></a></R>"),
-              "<r><a x=\"1\" y=\"2\"><p/><q>t</q></a><a x=\"1\" y=\"2\"><s/></a><a x=\"1\" y=\"2\">u</a>"
-              "<a x=\"1\"><w/></a></r>");
+    EXPECT_EQ(
+        Merged("<r><a x='1' y='2'><p/></a><a x='1' y='2'/></r>",
+               "<R><A y='2' x='1'><p/><q>t</q></A><a x='1' y='2'><s/></a><a x='1' y='2'>u</a><a x='1'>v<w/></a></R>"),
+        "<r><a x=\"1\" y=\"2\"><p/><q>t</q></a><a x=\"1\" y=\"2\"><s/></a><a x=\"1\" y=\"2\">u</a>"
+        "<a x=\"1\"><w/></a></r>");
     XMLDocument document;
     document.Parse("<r><a><a/></a></r>");
     XMLElement * const root = document.RootElement();
@@ -173,7 +175,8 @@ TEST(XmlElementVisitor, CallsForTheNameAndStopsWhereItIsTold)
     XMLDocument document;
     document.Parse("<r><a i='1'><b/><a i='2'/></a><A/><a i='3'/></r>");
     std::string seen;
-    auto const callback = [](XMLElement const & element, void * context) {
+    auto const callback = [](XMLElement const & element, void * context)
+    {
         static_cast<std::string *>(context)->append(element.Attribute("i"));
         return !element.Attribute("i", "1");
     };

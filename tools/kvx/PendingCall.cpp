@@ -40,9 +40,9 @@ PendingCall::End PendingCall::Wait(DWORD timeout, std::function<bool()> const & 
     for (bool bWanted = true; bWanted && !bInTime;)
     {
         auto const passed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
-        DWORD const left = timeout == INFINITE       ? INFINITE
+        DWORD const left = timeout == INFINITE           ? INFINITE
                            : passed >= LONGLONG{timeout} ? 0
-                                                     : timeout - static_cast<DWORD>(passed);
+                                                         : timeout - static_cast<DWORD>(passed);
         bInTime = m_done.Lock(isUnwanted ? std::min(left, LOOK) : left) != 0;
         bWanted = left != 0 && !(isUnwanted && isUnwanted());
     }

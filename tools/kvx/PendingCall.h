@@ -22,8 +22,8 @@ public:
     /// Null, with an error line, if there is no thread for it. `fill` makes the request.
     static std::unique_ptr<PendingCall> Start(Endpoint & endpoint, CMsgConnection * connection,
                                               std::function<void(CMsgRequest &)> const & fill);
-    /// Waits until it is answered, the time is over or `isUnwanted`, which is asked from time to time, says so. An object
-    /// that is stuck must not be deleted: end the process by std::_Exit.
+    /// Waits until it is answered, the time is over or `isUnwanted`, which is asked from time to time, says so. An
+    /// object that is stuck must not be deleted: end the process by std::_Exit.
     End Wait(DWORD timeout, std::function<bool()> const & isUnwanted = {});
 
     CMsgResponse & GetResponse() { return m_request.GetResponse(); }

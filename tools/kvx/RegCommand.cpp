@@ -2,11 +2,13 @@
 #include "Commands.h"
 #include "DisplayText.h"
 #include "Output.h"
+#include "OutputFile.h"
 
 #include "kvx/foundation/AppException.h"
 #include "kvx/msgdata/MsgCursor.h"
 #include "kvx/platform/Terminal.h"
 #include "kvx/registry/Registry.h"
+#include "kvx/registry/RegistryBackup.h"
 
 #include <CLI/App.hpp>
 
@@ -25,6 +27,7 @@ struct RegOptions
     std::string strPath;
     std::string strName;
     std::string strType = "REG_SZ";
+    std::string strFile;
     std::vector<std::string> words;
     Format format = Format::Table;
     bool bRecursive = false;
@@ -415,6 +418,109 @@ Value ToValue(RegOptions const & options)
     return value;
 }
 
+int FailBackup(LONG code, CRegistryBackup const & backup, std::string const & file, char const * done)
+{
+    CString reached;
+    if (done)
+    {
+        reached.Format(_T(" (%I64u keys and %I64u values %S)"), backup.GetKeyCount(), backup.GetValueCount(), done);
+    }
+    ReportError(static_cast<DWORD>(code), CString(kvx::FromUtf8(file)) + _T(": ") + backup.GetErrorText() + reached);
+    return 1;
+}
+
+/// The backup to read, stdin for "-"; null with an error line.
+std::unique_ptr<CFile> OpenBackup(std::string const & name)
+{
+    if (name == "-")
+    {
+        return std::make_unique<CFile>(GetStdHandle(STD_INPUT_HANDLE));
+    }
+    auto file = std::make_unique<CFile>();
+    CFileException failure;
+    if (!file->Open(CString(kvx::FromUtf8(name)), CFile::modeRead | CFile::shareDenyWrite, &failure))
+    {
+        Fail(failure.m_lOsError, CString(kvx::FromUtf8(name)));
+        return nullptr;
+    }
+    return file;
+}
+
+int RunExport(RegOptions const & options)
+{
+    CString const path = kvx::FromUtf8(options.strPath);
+    if (!HasRoot(path))
+    {
+        return Fail(ERROR_BAD_PATHNAME, path);
+    }
+    OutputFile out(options.strFile);
+    if (!out.Open())
+    {
+        return 1;
+    }
+    CRegistryBackup backup;
+    LONG const code = backup.Export(path, out.Get());
+    return code == 0 ? out.Finish() : FailBackup(code, backup, options.strFile, nullptr);
+}
+
+int RunImport(RegOptions const & options)
+{
+    std::unique_ptr<CFile> const file = OpenBackup(options.strFile);
+    CString const path = kvx::FromUtf8(options.strPath);
+    if (!path.IsEmpty() && !HasRoot(path))
+    {
+        return Fail(ERROR_BAD_PATHNAME, path);
+    }
+    CRegistryBackup backup;
+    LONG const code = file ? backup.Import(*file, path) : 0;
+    if (!file || code != 0)
+    {
+        return file ? FailBackup(code, backup, options.strFile, "restored") : 1;
+    }
+    if (backup.GetValuesWithoutData() > 0)
+    {
+        std::fprintf(stderr, "%llu values were left as they are: the file has no data for them\n",
+                     static_cast<unsigned long long>(backup.GetValuesWithoutData()));
+    }
+    return 0;
+}
+
+/// The exit status is 1 where there is a difference.
+int RunDiff(RegOptions const & options)
+{
+    std::unique_ptr<CFile> const file = OpenBackup(options.strFile);
+    CString const path = kvx::FromUtf8(options.strPath);
+    if (!file || !HasRoot(path))
+    {
+        return file ? Fail(ERROR_BAD_PATHNAME, path) : 1;
+    }
+    CMsgResponse response;
+    CMsgCursor rows(response);
+    rows.SetRowSetName(_T("differences"));
+    AddColumns(rows, {_T("change"), _T("key"), _T("value"), _T("registry"), _T("file")});
+    bool bSame = true;
+    auto const tell = [&](CRegistryBackup::Difference const & difference)
+    {
+        constexpr LPCTSTR CHANGES[] = {_T("only in registry"), _T("only in file"), _T("differs")};
+        bSame = false;
+        rows.AppendRow();
+        rows[_T("change")] = CHANGES[difference.kind];
+        rows[_T("key")] = difference.strKey;
+        bool const bDefault = difference.bValue && difference.strValue.IsEmpty();
+        rows[_T("value")] = bDefault ? CString(_T("(default)")) : difference.strValue;
+        rows[_T("registry")] = difference.strInRegistry;
+        rows[_T("file")] = difference.strInFile;
+    };
+    CRegistryBackup backup;
+    if (LONG const code = backup.Compare(*file, path, tell); code != 0)
+    {
+        return FailBackup(code, backup, options.strFile, nullptr);
+    }
+    bool const bQuiet = bSame && options.format == Format::Table;
+    int const printed = bQuiet ? 0 : PrintResponse(response, options.format);
+    return printed != 0 || !bSame ? 1 : 0;
+}
+
 CLI::App * AddAction(CLI::App & reg, RegOptions & options, char const * name, char const * help)
 {
     CLI::App * const action = reg.add_subcommand(name, help);
@@ -435,6 +541,9 @@ void AddRegCommand(CLI::App & app, Run & run)
                 "  kvx reg get 'HKCU\\Software\\Acme' Level\n"
                 "  kvx reg tree 'HKCU\\Software' --values\n"
                 "  kvx reg delete 'HKCU\\Software\\Acme' --recursive\n"
+                "  kvx reg export 'HKCU\\Software\\Acme' acme.xml\n"
+                "  kvx reg diff 'HKCU\\Software\\Acme' acme.xml\n"
+                "  kvx reg import acme.xml 'HKCU\\Software\\Copy'\n"
                 "\n"
                 "An empty NAME is the key's default value. Words behind -- are no options.");
 
@@ -471,4 +580,20 @@ void AddRegCommand(CLI::App & app, Run & run)
     tree->add_flag("--values", options->bValues, "With their values");
     AddFormatOption(*tree, options->format);
     tree->callback([&run, options] { run = [options] { return RunTree(*options); }; });
+
+    CLI::App * const save = AddAction(*reg, *options, "export", "Write a key and all below it to an XML file");
+    save->add_option("FILE", options->strFile, "The file, which is replaced when all is written; - is stdout")
+        ->required();
+    save->callback([&run, options] { run = [options] { return RunExport(*options); }; });
+
+    CLI::App * const restore = reg->add_subcommand("import", "Make the keys and values of such a file; others stay");
+    restore->add_option("FILE", options->strFile, "The file, all of which is checked first; - is stdin")->required();
+    restore->add_option("PATH", options->strPath, "Where the tree goes; without it to where it was");
+    restore->callback([&run, options] { run = [options] { return RunImport(*options); }; });
+
+    CLI::App * const diff =
+        AddAction(*reg, *options, "diff", "Show where a key and such a file differ: exit status 1 if they do");
+    diff->add_option("FILE", options->strFile, "The file; - is stdin")->required();
+    AddFormatOption(*diff, options->format);
+    diff->callback([&run, options] { run = [options] { return RunDiff(*options); }; });
 }

@@ -17,13 +17,13 @@ constexpr int PROGRESS_STEPS = 1000; // of the engine's machine between two look
 
 /// What a client may ask of the settings: nothing that changes any, or reaches a file.
 constexpr std::array<std::string_view, 14> READING_PRAGMAS{
-    "collation_list",   "compile_options", "foreign_key_check", "foreign_key_list",
-    "function_list",    "index_info",      "index_list",    "index_xinfo",       "integrity_check",
-    "pragma_list",      "quick_check",     "table_info",    "table_list",        "table_xinfo"};
+    "collation_list", "compile_options", "foreign_key_check", "foreign_key_list", "function_list",
+    "index_info",     "index_list",      "index_xinfo",       "integrity_check",  "pragma_list",
+    "quick_check",    "table_info",      "table_list",        "table_xinfo"};
 
 /// The same, while they are given no value. The modules below ask for some.
-constexpr std::array<std::string_view, 7> READ_SETTINGS{"application_id", "data_version", "encoding", "page_count",
-                                                       "page_size", "schema_version", "user_version"};
+constexpr std::array<std::string_view, 7> READ_SETTINGS{"application_id", "data_version",   "encoding",    "page_count",
+                                                        "page_size",      "schema_version", "user_version"};
 
 constexpr std::array<std::string_view, 3> MODULES{"fts5", "rtree", "rtree_i32"};
 
@@ -83,7 +83,10 @@ std::optional<std::vector<BYTE>> FromHexLiteral(CString::View text)
     }
     auto const digit = [](WCHAR c)
     {
-        return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+        return c >= '0' && c <= '9'   ? c - '0'
+               : c >= 'A' && c <= 'F' ? c - 'A' + 10
+               : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                                      : -1;
     };
     std::vector<BYTE> bytes(text.size() / 2);
     for (std::size_t i = 0; i < bytes.size(); ++i)
@@ -184,8 +187,7 @@ void CSqlDatabase::StatementEnd::operator()(sqlite3_stmt * statement) const
     sqlite3_finalize(statement);
 }
 
-CSqlDatabase::CSqlDatabase(SqlLimits const & limits, std::atomic<bool> const & bStop)
-    : m_limits(limits), m_bStop(bStop)
+CSqlDatabase::CSqlDatabase(SqlLimits const & limits, std::atomic<bool> const & bStop) : m_limits(limits), m_bStop(bStop)
 {
 }
 
@@ -226,8 +228,8 @@ std::optional<SqlFailure> CSqlDatabase::RunOwn(char const * sql)
 
 std::optional<SqlFailure> CSqlDatabase::Open(std::string const & path)
 {
-    int const flags = (m_limits.bReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
-                      SQLITE_OPEN_NOMUTEX;
+    int const flags =
+        (m_limits.bReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) | SQLITE_OPEN_NOMUTEX;
     int const result = sqlite3_open_v2(path.c_str(), &m_pDatabase, flags, nullptr);
     if (result != SQLITE_OK)
     {
@@ -356,8 +358,8 @@ std::optional<SqlFailure> CSqlDatabase::Bind(sqlite3_stmt * statement, CValueAcc
         CString value;
         if (!params.GetValue(kvx::FromUtf8(name), value))
         {
-            return Failure(ERROR_INVALID_PARAMETER,
-                           _T("The request has no parameter '") + kvx::FromUtf8(name) + _T("', which the statement takes"));
+            return Failure(ERROR_INVALID_PARAMETER, _T("The request has no parameter '") + kvx::FromUtf8(name) +
+                                                        _T("', which the statement takes"));
         }
         int result = SQLITE_OK;
         if (blobs.contains(name))
@@ -396,8 +398,9 @@ std::optional<SqlFailure> CSqlDatabase::AddRow(sqlite3_stmt * statement, CString
     POSITION row = nullptr;
     if (++m_nRows > m_limits.nMaxRows && m_limits.nMaxRows > 0)
     {
-        text.Format(_T("The result has more than %u rows, which is what the service allows: give the statement a limit"),
-                    m_limits.nMaxRows);
+        text.Format(
+            _T("The result has more than %u rows, which is what the service allows: give the statement a limit"),
+            m_limits.nMaxRows);
         return Failure(ERROR_MORE_DATA, text);
     }
     row = rows.AppendRow();
@@ -433,9 +436,9 @@ std::optional<SqlFailure> CSqlDatabase::AddRow(sqlite3_stmt * statement, CString
         m_nBytes += static_cast<ULONGLONG>(bytes) + CELL_COST;
         if (m_nBytes > m_limits.nMaxBytes && m_limits.nMaxBytes > 0)
         {
-            text.Format(
-                _T("The result has more than %I64u bytes, which is what the service allows: give the statement a limit"),
-                m_limits.nMaxBytes);
+            text.Format(_T("The result has more than %I64u bytes, which is what the service allows: give the ")
+                        _T("statement a limit"),
+                        m_limits.nMaxBytes);
             return Failure(ERROR_MORE_DATA, text);
         }
     }
@@ -520,9 +523,10 @@ std::optional<SqlFailure> CSqlDatabase::RunAll(std::string const & sql, bool bSc
             at = behind;
             if (!bAlone)
             {
-                return Failure(ERROR_INVALID_PARAMETER,
-                               _T("The text has more than one statement: only a request with script=1 may, and they are one ")
-                               _T("transaction"));
+                return Failure(
+                    ERROR_INVALID_PARAMETER,
+                    _T("The text has more than one statement: only a request with script=1 may, and they are one ")
+                    _T("transaction"));
             }
             // What changes rows and gives them back has changed all of them before the first one comes: a result that
             // is too large then has to take that back.

@@ -22,13 +22,13 @@ struct sqlite3_stmt;
 struct SqlLimits
 {
     bool bReadOnly = false;
-    DWORD nTimeout = 30'000;                        // milliseconds for all that one request asks for
-    DWORD nMaxRows = 100'000;                       // of one request's results
-    ULONGLONG nMaxBytes = ULONGLONG{64} << 20;      // of one request's results, in UTF-8
-    ULONGLONG nMaxValueBytes = ULONGLONG{1} << 20;  // of one value, on disk or made by a function
-    static constexpr int STATEMENT_MAX = 16 << 20;  // bytes in UTF-8
-    static constexpr DWORD BUSY_TIMEOUT = 5'000;    // milliseconds to wait for somebody else's lock
-    static constexpr std::size_t CONNECTIONS = 8;   // at work at once on one file
+    DWORD nTimeout = 30'000;                       // milliseconds for all that one request asks for
+    DWORD nMaxRows = 100'000;                      // of one request's results
+    ULONGLONG nMaxBytes = ULONGLONG{64} << 20;     // of one request's results, in UTF-8
+    ULONGLONG nMaxValueBytes = ULONGLONG{1} << 20; // of one value, on disk or made by a function
+    static constexpr int STATEMENT_MAX = 16 << 20; // bytes in UTF-8
+    static constexpr DWORD BUSY_TIMEOUT = 5'000;   // milliseconds to wait for somebody else's lock
+    static constexpr std::size_t CONNECTIONS = 8;  // at work at once on one file
 };
 
 /// A failure, with a code of Win32 and the text for the client.

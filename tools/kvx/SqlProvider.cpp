@@ -115,8 +115,8 @@ std::optional<SqlFailure> CSqlProvider::Execute(CMsgRequest & request, CMsgMulti
             return failure;
         }
     }
-    auto failure = database->Run(sql, script == _T("1"), params, results,
-                                 [&request] { return HasGone(request.GetConnection()); });
+    auto failure =
+        database->Run(sql, script == _T("1"), params, results, [&request] { return HasGone(request.GetConnection()); });
     // An exception ends the connection, in whatever state it is.
     if (database->IsIdle())
     {

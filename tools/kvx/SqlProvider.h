@@ -10,15 +10,16 @@
 /// `PATH.exec_sql`: runs SQL on a SQLite file. Parameters of the request:
 ///
 /// - sql: the statement.
-/// - :name, @name, $name, p1: the values of its placeholders :name, @name, $name, and ?1 or the first ?. They are texts,
+/// - :name, @name, $name, p1: the values of its placeholders :name, @name, $name, and ?1 or the first ?. They are
+/// texts,
 ///   which a column turns into what it holds; each placeholder needs one.
 /// - nulls, blobs: names of such values, separated by commas, that are NULL, or bytes written as X'00FF'.
 /// - script=1: the text may have several statements, which are one transaction.
 /// - null: what is shown for NULL in results, nothing unless it is given.
 ///
-/// The answer has a row set for each statement: what was selected, or a row with `changes`, the number of rows that were
-/// changed, and `last_insert_rowid`. Blobs are shown as X'00FF'. Of columns with the same name the second is NAME_2.
-/// Failures have the engine's text; on failure nothing has been changed, unless the statement itself wants that
+/// The answer has a row set for each statement: what was selected, or a row with `changes`, the number of rows that
+/// were changed, and `last_insert_rowid`. Blobs are shown as X'00FF'. Of columns with the same name the second is
+/// NAME_2. Failures have the engine's text; on failure nothing has been changed, unless the statement itself wants that
 /// (`or fail`).
 ///
 /// Threads: any number; requests beyond the connections that work at once wait, and writers for each other.

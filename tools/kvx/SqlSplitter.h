@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-/// Takes text apart into statements, which end at a ";" that stands in no text, name, comment or trigger. Work is linear
-/// in the text, but for long triggers.
+/// Takes text apart into statements, which end at a ";" that stands in no text, name, comment or trigger. Work is
+/// linear in the text, but for long triggers.
 class SqlSplitter
 {
 public:

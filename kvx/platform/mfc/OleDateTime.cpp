@@ -1,6 +1,5 @@
 #include "kvx/platform/mfc/OleDateTime.h"
 
-
 #include <chrono>
 #include <cmath>
 #include <optional>
@@ -34,8 +33,8 @@ std::optional<Moment> ToMoment(SYSTEMTIME const & time)
     {
         return std::nullopt;
     }
-    return Moment{date, hours(time.wHour) + minutes(time.wMinute) + seconds(time.wSecond) +
-                            milliseconds(time.wMilliseconds)};
+    return Moment{date,
+                  hours(time.wHour) + minutes(time.wMinute) + seconds(time.wSecond) + milliseconds(time.wMilliseconds)};
 }
 
 std::optional<Moment> ToMoment(DATE date)

@@ -64,6 +64,7 @@ constexpr std::array<char const *, static_cast<std::size_t>(Sql::COUNT)> SQL_TEX
     "SELECT id, name, type, length(data), CASE WHEN length(data)<=?4 THEN data END FROM vals INDEXED BY vals_key"
     " WHERE key=?1 ORDER BY id LIMIT ?2 OFFSET ?3",
     "SELECT count(*), max(length(folded)), max(length(data)) FROM vals WHERE key=?1",
+    "SELECT id, name, type, data FROM vals INDEXED BY vals_key WHERE key=?1 AND id>?2 ORDER BY id LIMIT ?3",
 };
 
 std::string Ascii(std::string_view text, bool bFolded)

@@ -128,6 +128,7 @@ enum class Sql : unsigned
     DeleteValues,
     ListValues,
     CountValues,
+    NextValues,
     COUNT
 };
 

@@ -1,0 +1,88 @@
+#include "OutputFile.h"
+
+#include "Output.h"
+
+#include "kvx/foundation/AppException.h"
+
+#include <filesystem>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+class OutputFile::ToStdout : public CFile
+{
+public:
+    void Write(void const * lpBuf, UINT nCount) override { m_out << std::string_view(static_cast<char const *>(lpBuf), nCount); }
+    int Finish() { return ReportWritten(m_out.Finish()); }
+
+private:
+    StandardOutput m_out;
+};
+
+OutputFile::OutputFile(std::string name) : m_strName(std::move(name)) {}
+
+OutputFile::~OutputFile()
+{
+    m_file.reset();
+    std::error_code ignored;
+    if (!m_strTemporary.empty())
+    {
+        fs::remove(m_strTemporary, ignored);
+    }
+}
+
+bool OutputFile::Open()
+{
+    if (m_strName == "-")
+    {
+        m_file = std::make_unique<ToStdout>();
+        return true;
+    }
+    std::error_code ignored;
+    fs::file_status const status = fs::status(m_strName, ignored);
+    bool const bInPlace = fs::exists(status) && !fs::is_regular_file(status);
+    // Where the name is a link, the file that it leads to is the one that is replaced.
+    fs::path target = fs::weakly_canonical(m_strName, ignored);
+    target = ignored ? fs::path(m_strName) : target;
+    std::string const written = bInPlace ? m_strName : target.string() + ".new-" + std::to_string(GetCurrentProcessId());
+    auto file = std::make_unique<CFile>();
+    CFileException failure;
+    if (!file->Open(CString(kvx::FromUtf8(written)), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite, &failure))
+    {
+        ReportError(static_cast<DWORD>(failure.m_lOsError),
+                    CString(kvx::FromUtf8(m_strName)) + _T(": ") + CWinError::GetText(static_cast<DWORD>(failure.m_lOsError)));
+        return false;
+    }
+    if (!bInPlace)
+    {
+        m_strTemporary = written;
+        if (fs::exists(status))
+        {
+            fs::permissions(written, status.permissions(), ignored);
+        }
+    }
+    m_file = std::move(file);
+    return true;
+}
+
+int OutputFile::Finish()
+{
+    if (auto * const out = dynamic_cast<ToStdout *>(m_file.get()))
+    {
+        return out->Finish();
+    }
+    m_file->Close();
+    if (!m_strTemporary.empty())
+    {
+        std::error_code failed;
+        fs::path target = fs::weakly_canonical(m_strName, failed);
+        fs::rename(m_strTemporary, failed ? fs::path(m_strName) : target, failed);
+        if (failed)
+        {
+            ReportError(ERROR_WRITE_FAULT, CString(kvx::FromUtf8(m_strName + ": " + failed.message())));
+            return 1;
+        }
+        m_strTemporary.clear();
+    }
+    return 0;
+}

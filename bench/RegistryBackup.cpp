@@ -1,5 +1,5 @@
-/// A backup of 100,000 registry values, written and read back, against what the database below takes for the same reads and
-/// writes alone, in one transaction.
+/// A backup of 100,000 registry values, written and read back, against what the database below takes for the same reads
+/// and writes alone, in one transaction.
 
 #include "Harness.h"
 
@@ -74,7 +74,8 @@ public:
         Run("DELETE FROM vals");
         auto const start = Clock::now();
         Run("BEGIN");
-        sqlite3_stmt * const insert = Prepare("INSERT INTO vals(key, folded, name, type, data) VALUES(?1, ?2, ?2, 3, ?3)");
+        sqlite3_stmt * const insert =
+            Prepare("INSERT INTO vals(key, folded, name, type, data) VALUES(?1, ?2, ?2, 3, ?3)");
         for (int key = 0; key < keys; ++key)
         {
             for (int i = 0; i < PER_KEY; ++i)
@@ -161,8 +162,9 @@ int main(int argc, char ** argv)
         int const rounds = options.IsBrief() ? 1 : 5;
         Compare({"export, a value", 0, 0, Target::AtMost, MOST}, rounds, save, [&] { return plain.Read(keys); });
         Compare({"import, a value", 0, 0, Target::AtMost, MOST}, rounds, restore, [&] { return plain.Write(keys); });
-        Compare({"export and import, a value", 0, 0, Target::AtMost, MOST}, rounds, [&] { return save() + restore(); },
-                [&] { return plain.Read(keys) + plain.Write(keys); });
+        Compare(
+            {"export and import, a value", 0, 0, Target::AtMost, MOST}, rounds, [&] { return save() + restore(); },
+            [&] { return plain.Read(keys) + plain.Write(keys); });
     }
     std::filesystem::remove_all(folder);
     return 0;

@@ -78,12 +78,12 @@ void CArchiveStreamer::Write(CTime const & time)
     Write(static_cast<DWORD>(time.GetTime()));
 }
 
-template <class TEXT>
-void CArchiveStreamer::ReadCharacters(TEXT & text, DWORD length)
+template <class STRING>
+void CArchiveStreamer::ReadCharacters(STRING & text, DWORD length)
 {
     constexpr DWORD PIECE = 65536;
     constexpr auto SIZE = static_cast<DWORD>(sizeof(*text.GetString()));
-    TEXT read;
+    STRING read;
     while (length > 0)
     {
         int const before = read.GetLength();

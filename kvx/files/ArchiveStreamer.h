@@ -114,8 +114,8 @@ private:
     int m_bNarrow;
     bool m_bHoldsContext = true;
 
-    template <class TEXT>
-    void ReadCharacters(TEXT & text, DWORD length);
+    template <class STRING>
+    void ReadCharacters(STRING & text, DWORD length);
     template <class CONTAINER, class KEY>
     void ReadObjects(CONTAINER & container, KEY key, FilterProc filter, void * context);
     template <class CONTAINER>

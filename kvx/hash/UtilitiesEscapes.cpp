@@ -4,13 +4,13 @@ namespace
 {
 constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
 
-template <class TEXT>
-void AppendEscape(TEXT & text, WCHAR c)
+template <class STRING>
+void AppendEscape(STRING & text, WCHAR c)
 {
-    using Unit = typename TEXT::View::value_type;
+    using Unit = typename STRING::View::value_type;
     Unit const escape[] = {'%', static_cast<Unit>(HEX_DIGITS[c >> 12 & 15]), static_cast<Unit>(HEX_DIGITS[c >> 8 & 15]),
                            static_cast<Unit>(HEX_DIGITS[c >> 4 & 15]), static_cast<Unit>(HEX_DIGITS[c & 15])};
-    text.Append(typename TEXT::View(escape, std::size(escape)));
+    text.Append(typename STRING::View(escape, std::size(escape)));
 }
 } // namespace
 

@@ -13,7 +13,6 @@
 #include <memory>
 
 using tinyxml2::ElementProxy;
-using tinyxml2::XMLDocument;
 using tinyxml2::XMLElement;
 
 namespace
@@ -46,8 +45,8 @@ CString ErrorText(DWORD code)
 }
 } // namespace
 
-int CRegistry::SaveKeyToXML(XMLDocument & document, CString const & keyPath, int oneValue, CString const & valueName,
-                            int recursive, DWORD maxValueSize, DWORD accessFlags)
+int CRegistry::SaveKeyToXML(tinyxml2::XMLDocument & document, CString const & keyPath, int oneValue,
+                            CString const & valueName, int recursive, DWORD maxValueSize, DWORD accessFlags)
 {
     document.Clear();
     XMLElement * const registry = document.NewElement("REGISTRY");
@@ -133,7 +132,7 @@ void CRegistry::SaveValuesToXML(XMLElement * element, CRegistry & key, CStringLi
     }
 }
 
-int CRegistry::RestoreFromXML(XMLDocument const & document, DWORD accessFlags)
+int CRegistry::RestoreFromXML(tinyxml2::XMLDocument const & document, DWORD accessFlags)
 {
     XMLElement const * const registry = document.FirstChildElement("REGISTRY");
     XMLElement const * const key = registry ? registry->FirstChildElement("KEY") : nullptr;

@@ -78,57 +78,57 @@ CString CRegExpException::GetErrorString() const
 
 namespace kvx
 {
-template <class TEXT>
-RegExp<TEXT>::RegExp(typename TEXT::PCXSTR pattern)
+template <class STRING>
+RegExp<STRING>::RegExp(typename STRING::PCXSTR pattern)
 {
     if (!pattern)
     {
         throw CRegExpException(CRegExpException::invalidArgument, "Invalid expression");
     }
-    m_program = Guarded([&] { return std::make_unique<RegExpProgram const>(BytesOf(TEXT(pattern))); });
+    m_program = Guarded([&] { return std::make_unique<RegExpProgram const>(BytesOf(STRING(pattern))); });
     m_ranges.resize(static_cast<std::size_t>(m_program->GetGroups()));
 }
 
-template <class TEXT>
-RegExp<TEXT>::~RegExp() = default;
+template <class STRING>
+RegExp<STRING>::~RegExp() = default;
 
-template <class TEXT>
-int RegExp<TEXT>::Exec(TEXT const & subject)
+template <class STRING>
+int RegExp<STRING>::Exec(STRING const & subject)
 {
     m_strSubject = subject;
     std::ranges::fill(m_ranges, RegExpRange());
     return Guarded([this] { return m_program->Search(BytesOf(m_strSubject), m_ranges, m_nStepLimit); });
 }
 
-template <class TEXT>
-int RegExp<TEXT>::GetNumberOfMatches() const
+template <class STRING>
+int RegExp<STRING>::GetNumberOfMatches() const
 {
     return static_cast<int>(m_ranges.size());
 }
 
-template <class TEXT>
-int RegExp<TEXT>::IsMatched(int group) const
+template <class STRING>
+int RegExp<STRING>::IsMatched(int group) const
 {
     return GetMatchStart(group) != -1 && GetMatchEnd(group) != -1;
 }
 
-template <class TEXT>
-int RegExp<TEXT>::GetMatchStart(int group) const
+template <class STRING>
+int RegExp<STRING>::GetMatchStart(int group) const
 {
     return group >= 0 && group < GetNumberOfMatches() ? m_ranges[static_cast<std::size_t>(group)].nStart : -1;
 }
 
-template <class TEXT>
-int RegExp<TEXT>::GetMatchEnd(int group) const
+template <class STRING>
+int RegExp<STRING>::GetMatchEnd(int group) const
 {
     return group >= 0 && group < GetNumberOfMatches() ? m_ranges[static_cast<std::size_t>(group)].nEnd : -1;
 }
 
-template <class TEXT>
-TEXT RegExp<TEXT>::GetMatch(int group) const
+template <class STRING>
+STRING RegExp<STRING>::GetMatch(int group) const
 {
     int const start = GetMatchStart(group);
-    return IsMatched(group) ? m_strSubject.Mid(start, GetMatchEnd(group) - start) : TEXT();
+    return IsMatched(group) ? m_strSubject.Mid(start, GetMatchEnd(group) - start) : STRING();
 }
 
 template class RegExp<CStringW>;

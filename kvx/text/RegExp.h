@@ -57,7 +57,7 @@ private:
 namespace kvx
 {
 /// What both kinds have in common: an expression, and the last match.
-template <class TEXT>
+template <class STRING>
 class RegExp
 {
 public:
@@ -71,7 +71,7 @@ public:
     ~RegExp();
 
     /// Looks for the first match from the left: 1 or 0. Throws CRegExpException.
-    int Exec(TEXT const & subject);
+    int Exec(STRING const & subject);
     void SetStepLimit(ULONGLONG steps) { m_nStepLimit = steps; }
 
     // Of the last search. Group 0 is the whole match, groups count by their opening brackets.
@@ -83,14 +83,14 @@ public:
     int GetMatchStart(int group) const;
     int GetMatchEnd(int group) const;
     /// Empty where not matched.
-    TEXT GetMatch(int group) const;
+    STRING GetMatch(int group) const;
 
 protected:
-    explicit RegExp(typename TEXT::PCXSTR pattern);
+    explicit RegExp(typename STRING::PCXSTR pattern);
 
 private:
     std::unique_ptr<RegExpProgram const> m_program;
-    TEXT m_strSubject;
+    STRING m_strSubject;
     std::vector<RegExpRange> m_ranges;
     ULONGLONG m_nStepLimit = DEFAULT_STEP_LIMIT;
 };

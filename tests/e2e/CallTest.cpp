@@ -164,7 +164,8 @@ TEST(Usage, IsExplained)
         EXPECT_THAT(result.strErr, testing::MatchesRegex("kvx[ a-z]*: .*\nRun 'kvx[ a-z]* --help' for more.\n"));
     }
     for (auto const & [words, told] : std::initializer_list<std::pair<Strings, std::string>>{
-             {{"dance", "--help"}, "kvx: 'dance' is no command: use serve, call, watch, bench, reg, hash, sql or xml\n"},
+             {{"dance", "--help"},
+              "kvx: 'dance' is no command: use serve, call, watch, bench, reg, hash, sql or xml\n"},
              {{"sevre", "tcp:127.0.0.1:0"}, "kvx: 'sevre' is no command: did you mean 'serve'?\n"},
              {Join(echo, {"--frmat", "csv"}), "kvx call: '--frmat' is no option: did you mean '--format'?\n"},
              {{"reg", "lisst"}, "kvx reg: 'lisst' is no command: did you mean 'list'?\n"},

@@ -64,8 +64,8 @@ protected:
 
 TEST_F(Backup, WholeTreesComeBack)
 {
-    std::vector<CString> const names = {_T(""), _T("a\"b"), _T("<&>'"), _T("C:\\dir\\"), _T("line\r\n\tend\x01"),
-                                        _T(" \u00e9\u20ac\U0001F600 ")};
+    std::vector<CString> const names = {
+        _T(""), _T("a\"b"), _T("<&>'"), _T("C:\\dir\\"), _T("line\r\n\tend\x01"), _T(" \u00e9\u20ac\U0001F600 ")};
     BYTE const bytes[] = {0, 1, 0xFF, '\r', '\n', '<'};
     for (CString const & name : names)
     {

@@ -12,7 +12,10 @@ namespace fs = std::filesystem;
 class OutputFile::ToStdout : public CFile
 {
 public:
-    void Write(void const * lpBuf, UINT nCount) override { m_out << std::string_view(static_cast<char const *>(lpBuf), nCount); }
+    void Write(void const * lpBuf, UINT nCount) override
+    {
+        m_out << std::string_view(static_cast<char const *>(lpBuf), nCount);
+    }
     int Finish() { return ReportWritten(m_out.Finish()); }
 
 private:
@@ -44,13 +47,16 @@ bool OutputFile::Open()
     // Where the name is a link, the file that it leads to is the one that is replaced.
     fs::path target = fs::weakly_canonical(m_strName, ignored);
     target = ignored ? fs::path(m_strName) : target;
-    std::string const written = bInPlace ? m_strName : target.string() + ".new-" + std::to_string(GetCurrentProcessId());
+    std::string const written =
+        bInPlace ? m_strName : target.string() + ".new-" + std::to_string(GetCurrentProcessId());
     auto file = std::make_unique<CFile>();
     CFileException failure;
-    if (!file->Open(CString(kvx::FromUtf8(written)), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite, &failure))
+    if (!file->Open(CString(kvx::FromUtf8(written)), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite,
+                    &failure))
     {
         ReportError(static_cast<DWORD>(failure.m_lOsError),
-                    CString(kvx::FromUtf8(m_strName)) + _T(": ") + CWinError::GetText(static_cast<DWORD>(failure.m_lOsError)));
+                    CString(kvx::FromUtf8(m_strName)) + _T(": ") +
+                        CWinError::GetText(static_cast<DWORD>(failure.m_lOsError)));
         return false;
     }
     if (!bInPlace)

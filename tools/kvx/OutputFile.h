@@ -9,8 +9,9 @@
 #include <memory>
 #include <string>
 
-/// The file, or stdout for "-". A regular file takes the place of an old one only when it is complete: until `Finish` it
-/// grows beside it, and goes if that isn't called. Anything else that exists, a pipe or a device, is written to as it is.
+/// The file, or stdout for "-". A regular file takes the place of an old one only when it is complete: until `Finish`
+/// it grows beside it, and goes if that isn't called. Anything else that exists, a pipe or a device, is written to as
+/// it is.
 class OutputFile
 {
 public:

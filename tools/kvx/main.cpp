@@ -53,7 +53,8 @@ int main(int argc, char ** argv)
     }
 
     Run run;
-    CLI::App app("Serves, calls, watches and measures KVXBase5 services; edits the registry; SQL, XML and digests.", "kvx");
+    CLI::App app("Serves, calls, watches and measures KVXBase5 services; edits the registry; SQL, XML and digests.",
+                 "kvx");
     app.set_version_flag("--version", "kvx " KVX_PROGRAM_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1);

@@ -88,7 +88,8 @@ public:
     void Write(CString const & text);
 
     /// A count and as many objects, each stored under the key that the function gives it; what was stored there is let
-    /// go of. A null object has no key and is dropped. What has been read when an exception comes stays stored.
+    /// go of. A null object has no key and is dropped. What has been read when an exception comes stays stored; an
+    /// object whose key or filter function throws stays allocated.
     void Read(CMapStringToOb & map, StringKeyProc key, FilterProc filter, void * context);
     void Read(CObStringLookup & lookup, StringKeyProc key, FilterProc filter, void * context);
     void Read(CObIntegerLookup & lookup, IntegerKeyProc key, FilterProc filter, void * context);

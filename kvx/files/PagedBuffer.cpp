@@ -37,12 +37,22 @@ void CPagedBuffer::Attach(void * data, unsigned int size)
     {
         AfxThrowInvalidArgException();
     }
-    Reset(size);
-    if (size > 0)
+    std::vector<std::unique_ptr<CPage>> pages;
+    try
     {
-        std::memcpy(CreatePage(0)->GetData(), data, size);
-        m_nLength = size;
+        if (size > 0)
+        {
+            pages.push_back(std::make_unique<CPage>(size));
+            std::memcpy(pages.front()->GetData(), data, size);
+        }
     }
+    catch (std::bad_alloc const &)
+    {
+        AfxThrowMemoryException();
+    }
+    Reset(size);
+    m_pages.swap(pages);
+    m_nLength = size;
 }
 
 void CPagedBuffer::Reset(unsigned int pageSize)
@@ -162,7 +172,7 @@ int CPagedBuffer::Write(void const * source, int count)
         ForEachPiece(m_nPosition, static_cast<unsigned int>(count),
                      [&](BYTE * data, unsigned int piece)
                      {
-                         std::memcpy(data, in, piece);
+                         std::memmove(data, in, piece); // it may be a page of this buffer
                          in += piece;
                      });
     }
@@ -281,13 +291,16 @@ void CPagedBuffer::SetText(CString const & text)
 
 void CPagedBuffer::ToFile(CFile & file)
 {
+    file.RequireBytes();
     ForEachPiece(0, m_nLength, [&](BYTE const * data, unsigned int piece) { file.Write(data, piece); });
 }
 
 void CPagedBuffer::FromFile(CFile & file)
 {
+    file.RequireBytes();
     unsigned int const length = CheckedLength(file.GetLength());
-    BYTE * const first = CreatePage(0)->GetData();
+    CreatePage(length / m_nPageSize); // what may fail comes first
+    BYTE * const first = GetPage(0)->GetData();
     for (unsigned int rest = length; rest > 0;)
     {
         unsigned int const got = file.Read(first, std::min(rest, m_nPageSize));
@@ -302,17 +315,21 @@ void CPagedBuffer::FromFile(CFile & file)
 
 void CPagedBuffer::LoadFile(CFile & file)
 {
-    m_nLength = m_nPosition = 0;
+    file.RequireBytes();
+    CPagedBuffer loaded(m_nPageSize); // this one stays as it is until all is there, and may be what is read
     for (;;)
     {
         unsigned int index = 0;
         unsigned int offset = 0;
-        CalcPageInfo(m_nLength, index, offset);
-        unsigned int const got = file.Read(CreatePage(index)->GetData() + offset, m_nPageSize - offset);
+        loaded.CalcPageInfo(loaded.m_nLength, index, offset);
+        unsigned int const got = file.Read(loaded.CreatePage(index)->GetData() + offset, m_nPageSize - offset);
         if (got == 0)
         {
-            return;
+            break;
         }
-        m_nLength = CheckedLength(ULONGLONG{m_nLength} + got);
+        loaded.m_nLength = CheckedLength(ULONGLONG{loaded.m_nLength} + got);
     }
+    m_pages.swap(loaded.m_pages);
+    m_nLength = loaded.m_nLength;
+    m_nPosition = 0;
 }

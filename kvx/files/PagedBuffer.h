@@ -12,8 +12,8 @@
 /// way stands beside it.
 ///
 /// Lengths and positions are in bytes, and below 4 GiB: what goes beyond, or before the begin, raises
-/// CInvalidArgException. An allocation that fails raises CMemoryException, and the buffer stays as it was.
-/// Threads: one at a time.
+/// CInvalidArgException, as do files that count in characters. An allocation that fails raises CMemoryException, and
+/// the buffer stays as it was. Threads: one at a time.
 class KVX_API CPagedBuffer
 {
 public:

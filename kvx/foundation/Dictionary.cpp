@@ -51,9 +51,30 @@ void CDictionary::GetNextValue(POSITION & pos, CString & name, CString & value) 
     value = entry->value;
 }
 
+namespace
+{
+/// Switches packed strings off where an outer object has them on: they don't go with narrow text.
+class PlainStrings
+{
+public:
+    explicit PlainStrings(CArchiveStreamer & streamer) : m_streamer(streamer), m_bPacked(streamer.EnablePackedStrings())
+    {
+        m_streamer.EnablePackedStrings(0);
+    }
+    PlainStrings(PlainStrings const &) = delete;
+    PlainStrings & operator=(PlainStrings const &) = delete;
+    ~PlainStrings() { m_streamer.EnablePackedStrings(m_bPacked); }
+
+private:
+    CArchiveStreamer & m_streamer;
+    int m_bPacked;
+};
+} // namespace
+
 void CDictionary::Serialize(CArchive & archive)
 {
     CArchiveStreamer streamer(archive, 1);
+    PlainStrings const plain(streamer);
     CString name;
     CString value;
     if (archive.IsStoring())

@@ -83,6 +83,7 @@ class CharactersAsBytes : public CStringFile
 public:
     using CStringFile::CStringFile;
 
+    UINT GetUnitSize() const override { return 1; }
     UINT Read(void * lpBuf, UINT nCount) override
     {
         ULONGLONG const left = GetPosition() < GetLength() ? GetLength() - GetPosition() : 0;

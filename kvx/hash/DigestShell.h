@@ -48,8 +48,8 @@ CString DigestOfFile(CFile & file, LPCTSTR failure)
     auto const read = [&]
     {
         constexpr UINT PIECE = 65536;
-        // Files over wide text count characters: what they read takes twice the room.
-        auto const buffer = std::make_unique<BYTE[]>(2 * PIECE);
+        file.RequireBytes();
+        auto const buffer = std::make_unique<BYTE[]>(PIECE);
         DIGEST digest;
         file.SeekToBegin();
         while (UINT const count = file.Read(buffer.get(), PIECE))
@@ -83,6 +83,11 @@ CString DigestOfFile(CFile & file, LPCTSTR failure)
 template <class DIGEST>
 CString DigestOfPath(CString path, LPCTSTR failure)
 {
+    if (path.Find(WCHAR(0)) >= 0)
+    {
+        SetLastError(ERROR_INVALID_NAME); // the system would take the part in front
+        return CString();
+    }
     CUtilities::CheckFixLongFilePathPrefix(path);
     HANDLE const handle = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     if (handle == INVALID_HANDLE_VALUE)

@@ -2,38 +2,34 @@
 
 #include "kvx/foundation/Utilities.h"
 
-#include <algorithm>
-#include <limits>
-#include <string>
+#include <string_view>
 
 namespace
 {
 constexpr WCHAR BLANK = '+';
 
 /// From or to UTF-8 with nothing lost; false with the last error.
-bool ToBytes(CString const & text, std::string & bytes)
+bool ToBytes(CString const & text, CStringA & bytes)
 {
     int const length = text.GetLength();
-    // A unit takes three bytes at most.
-    bytes.resize(3 * static_cast<std::size_t>(length));
-    int const size = length == 0
-                         ? 0
-                         : WideCharToMultiByte(
-                               CP_UTF8, WC_ERR_INVALID_CHARS, text, length, bytes.data(),
-                               static_cast<int>(std::min<std::size_t>(bytes.size(), std::numeric_limits<int>::max())),
-                               nullptr, nullptr);
-    bytes.resize(static_cast<std::size_t>(size));
+    auto const convert = [&](char * room, int size)
+    { return WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text, length, room, size, nullptr, nullptr); };
+    int const size = length == 0 ? 0 : convert(nullptr, 0);
+    if (size > 0)
+    {
+        convert(bytes.GetBufferSetLength(size), size);
+    }
     return size > 0 || length == 0;
 }
 
-bool ToText(std::string const & bytes, CString & text)
+bool ToText(CStringA const & bytes, CString & text)
 {
-    int const size = static_cast<int>(bytes.size());
+    int const size = bytes.GetLength();
     CString read;
     if (size > 0)
     {
         WCHAR * const room = read.GetBuffer(size);
-        read.ReleaseBuffer(MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, bytes.data(), size, room, size));
+        read.ReleaseBuffer(MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, bytes, size, room, size));
         if (read.IsEmpty())
         {
             return false;
@@ -69,13 +65,13 @@ CStringA CHttpFormatter::Decode(CStringA const & text)
 
 int CHttpFormatter::EncodeUtf8(CString const & text, CStringA & encoded)
 {
-    std::string bytes;
+    CStringA bytes;
     if (!ToBytes(text, bytes))
     {
         return 0;
     }
     CStringA out;
-    for (char const c : bytes)
+    for (char const c : bytes.AsView())
     {
         if (IsUnreserved(c))
         {
@@ -96,13 +92,13 @@ int CHttpFormatter::EncodeUtf8(CString const & text, CStringA & encoded)
 int CHttpFormatter::DecodeUtf8(CStringA const & encoded, CString & text)
 {
     std::string_view const view = encoded.AsView();
-    std::string bytes;
-    bytes.reserve(view.size());
+    CStringA bytes;
+    bytes.Preallocate(encoded.GetLength());
     for (std::size_t i = 0; i < view.size(); ++i)
     {
         if (view[i] != '%')
         {
-            bytes += view[i];
+            bytes.AppendChar(view[i]);
             continue;
         }
         if (view.size() - i < 3 || !IsHexDigit(view[i + 1]) || !IsHexDigit(view[i + 2]))
@@ -112,7 +108,7 @@ int CHttpFormatter::DecodeUtf8(CStringA const & encoded, CString & text)
         }
         auto const value = [&](std::size_t at)
         { return CUtilities::UnformatEscape(static_cast<unsigned char>(view[at])); };
-        bytes += static_cast<char>(value(i + 1) * 16 + value(i + 2));
+        bytes.AppendChar(static_cast<char>(value(i + 1) * 16 + value(i + 2)));
         i += 2;
     }
     return ToText(bytes, text);

@@ -2,7 +2,6 @@
 #include "kvx/hash/Base64.h"
 
 #include <limits>
-#include <string>
 
 using namespace kvx::hash;
 
@@ -84,15 +83,15 @@ CString CUtilities::ToBase64(void const * data, std::size_t size, ULONG flags)
 int CUtilities::FromBase64(CString const & text, CByteArray & bytes)
 {
     // What isn't ASCII is no digit either as 0xFF.
-    std::string narrow;
-    narrow.reserve(static_cast<std::size_t>(text.GetLength()));
+    CStringA narrow;
+    char * out = narrow.GetBufferSetLength(text.GetLength());
     for (WCHAR const c : text.AsView())
     {
-        narrow += static_cast<char>(c < 0x80 ? c : 0xFF);
+        *out++ = static_cast<char>(c < 0x80 ? c : 0xFF);
     }
-    std::size_t size = narrow.size() / 4 * 3 + 3;
+    std::size_t size = static_cast<std::size_t>(text.GetLength()) / 4 * 3 + 3;
     bytes.SetSize(static_cast<INT_PTR>(size));
-    std::size_t const fault = DecodeBase64Strictly(narrow, bytes.GetData(), size);
+    std::size_t const fault = DecodeBase64Strictly(narrow.AsView(), bytes.GetData(), size);
     bytes.SetSize(static_cast<INT_PTR>(size));
     return fault == NO_FAULT ? -1 : static_cast<int>(fault);
 }

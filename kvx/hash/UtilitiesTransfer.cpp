@@ -5,10 +5,35 @@
 
 namespace
 {
-template <class SOURCE>
-bool ReadWhole(SOURCE & source, void * out, UINT size)
+bool ReadWhole(CArchive & archive, void * out, UINT size)
 {
-    return source.Read(out, size) == size;
+    return archive.Read(out, size) == size;
+}
+
+// A pipe may deliver less than was asked for, and the rest later.
+bool ReadWhole(CFile & file, void * out, UINT size)
+{
+    file.RequireBytes();
+    auto * bytes = static_cast<BYTE *>(out);
+    UINT got = 1;
+    while (size > 0 && got > 0)
+    {
+        got = file.Read(bytes, size);
+        bytes += got;
+        size -= got;
+    }
+    return size == 0;
+}
+
+void WriteWhole(CArchive & archive, void const * data, UINT size)
+{
+    archive.Write(data, size);
+}
+
+void WriteWhole(CFile & file, void const * data, UINT size)
+{
+    file.RequireBytes();
+    file.Write(data, size);
 }
 
 template <class SOURCE>
@@ -58,10 +83,10 @@ template <class TARGET>
 int WriteText(TARGET & target, CString const & text)
 {
     ULONG const length = static_cast<ULONG>(text.GetLength());
-    target.Write(&length, sizeof length);
+    WriteWhole(target, &length, sizeof length);
     if (length > 0)
     {
-        target.Write(text.GetString(), static_cast<UINT>(length * sizeof(WCHAR)));
+        WriteWhole(target, text.GetString(), static_cast<UINT>(length * sizeof(WCHAR)));
     }
     return 1;
 }
@@ -94,7 +119,7 @@ int CUtilities::Write(CArchive & archive, CString const & text)
 
 int CUtilities::Write(CArchive & archive, ULONG value)
 {
-    archive.Write(&value, sizeof value);
+    WriteWhole(archive, &value, sizeof value);
     return 1;
 }
 
@@ -105,6 +130,6 @@ int CUtilities::Write(CFile & file, CString const & text)
 
 int CUtilities::Write(CFile & file, ULONG value)
 {
-    file.Write(&value, sizeof value);
+    WriteWhole(file, &value, sizeof value);
     return 1;
 }

@@ -85,6 +85,7 @@ bool IsWellFormed(View name)
 std::string ReadAll(CFile & file)
 {
     constexpr UINT PIECE = 1 << 20;
+    file.RequireBytes();
     std::string all;
     for (UINT got = PIECE; got > 0;)
     {
@@ -394,6 +395,7 @@ LONG CRegistryBackup::Writer::WriteKey(CRegistry & key, CString const & path, CS
 LONG CRegistryBackup::Export(CString const & keyPath, CFile & file, DWORD accessFlags)
 {
     Start();
+    file.RequireBytes();
     LONG const code = Guarded(
         [&]
         {

@@ -28,7 +28,7 @@ public:
     /// an empty one. No other check is made.
     int Decode(CString const & url, unsigned int parts);
     /// The URL of the parts, escaped; empty with the last error: 122 for one of 12,000 characters or more, 87 without a
-    /// scheme or with a port that is none.
+    /// scheme, with a port that is none, or with a password but no user. A port of 0 is the scheme's own.
     CString Encode() const;
 
     CString const & GetScheme() const { return m_strScheme; }

@@ -32,7 +32,7 @@ public:
     /// "6ba7b810-9dad-11d1-80b4-00c04fd430c8", if wanted in capitals and in braces.
     CString ToString(int upperCase, int braces) const;
     CString ToString() const override { return ToString(0, 0); }
-    /// Reads that form, in any case, with braces or without; any other text leaves the object invalid.
+    /// Reads that form, in any case; braces on either side don't count. Any other text leaves the object invalid.
     void FromString(CString const & text) override;
 
     /// The 32 digits of the 16 bytes as they lie in memory, the lower half of each byte first.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <deque>
 
 namespace kvx
 {
@@ -618,13 +619,57 @@ void RegExpProgram::CollectSets()
     }
 }
 
+/// The steps that a search has left.
+class RegExpBudget
+{
+public:
+    explicit RegExpBudget(ULONGLONG steps) : m_nLeft(steps) {}
+
+    void Spend(ULONGLONG steps)
+    {
+        if (steps > m_nLeft)
+        {
+            Fail(ERROR_STEPS, "too many steps");
+        }
+        m_nLeft -= steps;
+    }
+
+private:
+    ULONGLONG m_nLeft;
+};
+
+namespace
+{
+// Where the text is, from `start` on, or npos. A text that nearly fits everywhere costs its length each time, and so is
+// paid for.
+std::size_t FindText(std::string_view subject, std::string_view text, std::size_t start, RegExpBudget & budget)
+{
+    while (text.size() <= subject.size() && start <= subject.size() - text.size())
+    {
+        std::size_t const found = subject.find(text.front(), start);
+        if (found == subject.npos || found > subject.size() - text.size())
+        {
+            return subject.npos;
+        }
+        auto const end = std::mismatch(text.begin(), text.end(), subject.begin() + static_cast<std::ptrdiff_t>(found));
+        if (end.first == text.end())
+        {
+            return found;
+        }
+        budget.Spend((found - start + static_cast<std::size_t>(end.first - text.begin())) / 16);
+        start = found + 1;
+    }
+    return subject.npos;
+}
+} // namespace
+
 /// One search. What could still be tried stands on a stack of its own, and what groups have been passed on a trail that
 /// is cut when the search goes back.
 class RegExpMatch
 {
 public:
-    RegExpMatch(RegExpProgram const & program, std::string_view subject, ULONGLONG limit)
-        : m_program(program), m_code(program.m_code), m_subject(subject), m_nLeft(limit)
+    RegExpMatch(RegExpProgram const & program, std::string_view subject, RegExpBudget & budget)
+        : m_program(program), m_code(program.m_code), m_subject(subject), m_budget(budget)
     {
     }
 
@@ -636,12 +681,12 @@ private:
     // largest one that are still to be tried, from the place where it begins.
     struct Choice
     {
-        unsigned int operation;
+        unsigned int operation : 30;
+        unsigned int bRepeat : 1;
+        unsigned int bAtLeastOne : 1;
         unsigned int place;
         unsigned int trail;
         unsigned int largest;
-        bool bRepeat;
-        bool bAtLeastOne;
     };
     struct Passed
     {
@@ -652,32 +697,35 @@ private:
     RegExpProgram const & m_program;
     std::vector<unsigned char> const & m_code;
     std::string_view m_subject;
-    ULONGLONG m_nLeft;
-    std::vector<Choice> m_choices;
-    std::vector<Passed> m_trail;
+    RegExpBudget & m_budget;
+    // In blocks: what a vector needs to grow would count twice.
+    std::deque<Choice> m_choices;
+    std::deque<Passed> m_trail;
     std::size_t m_start = 0;
     std::size_t m_at = 0;    // in the code
     std::size_t m_place = 0; // in the subject
 
-    void Spend(ULONGLONG steps)
+    void CheckMemory() const
     {
-        if (steps > m_nLeft)
-        {
-            Fail(ERROR_STEPS, "too many steps");
-        }
-        m_nLeft -= steps;
-    }
-    void Push(Choice const & choice)
-    {
-        if (m_choices.size() >= RegExpProgram::CHOICES_MAX)
+        if (m_choices.size() * sizeof(Choice) + m_trail.size() * sizeof(Passed) >= RegExpProgram::MEMORY_MAX)
         {
             Fail(ERROR_STEPS, "too many places to come back to");
         }
+    }
+    void Push(Choice const & choice)
+    {
+        CheckMemory();
         m_choices.push_back(choice);
     }
     bool IsMember(std::size_t operation, std::size_t place) const
     {
         return m_program.m_sets[m_program.m_setOf[operation]][static_cast<unsigned char>(m_subject[place])];
+    }
+    Choice MakeChoice(std::size_t operation, bool isRepeat, bool atLeastOne, unsigned int largest) const
+    {
+        return {
+            static_cast<unsigned int>(operation) & 0x3FFFFFFF, isRepeat, atLeastOne, static_cast<unsigned int>(m_place),
+            static_cast<unsigned int>(m_trail.size()),         largest};
     }
     bool Step();
     bool GoBack();
@@ -710,7 +758,7 @@ bool RegExpMatch::TakeRepeat(Choice const & repeat)
         {
             --count;
         }
-        Spend((repeat.largest - count) / 16);
+        m_budget.Spend((repeat.largest - count) / 16);
         if (!fits(count))
         {
             return false;
@@ -758,6 +806,7 @@ bool RegExpMatch::Step()
     case Exactly:
     {
         std::string_view const text = TextAt(m_code, m_at);
+        m_budget.Spend(text.size() / 16);
         if (m_subject.compare(m_place, text.size(), text) != 0)
         {
             return false;
@@ -777,8 +826,7 @@ bool RegExpMatch::Step()
         std::size_t const other = NextOf(m_code, m_at);
         if (m_code[other] == Branch)
         {
-            Push({static_cast<unsigned int>(other), static_cast<unsigned int>(m_place),
-                  static_cast<unsigned int>(m_trail.size()), 0, false, false});
+            Push(MakeChoice(other, false, false, 0));
         }
         m_at += HEAD;
         return true;
@@ -792,13 +840,8 @@ bool RegExpMatch::Step()
             ++end;
         }
         auto const count = static_cast<unsigned int>(end - m_place);
-        Spend(count / 16);
-        Choice const repeat{static_cast<unsigned int>(m_at),
-                            static_cast<unsigned int>(m_place),
-                            static_cast<unsigned int>(m_trail.size()),
-                            count,
-                            true,
-                            operation == Plus};
+        m_budget.Spend(count / 16);
+        Choice const repeat = MakeChoice(m_at, true, operation == Plus, count);
         return (count > 0 || operation == Star) && TakeRepeat(repeat);
     }
     case Nothing:
@@ -809,6 +852,7 @@ bool RegExpMatch::Step()
         bool const bClose = operation >= Close;
         int const base = bClose ? Close : Open;
         int const group = operation == base ? m_code[m_at + HEAD] << 8 | m_code[m_at + HEAD + 1] : operation - base;
+        CheckMemory();
         m_trail.push_back({bClose ? -group : group, static_cast<unsigned int>(m_place)});
         break;
     }
@@ -824,7 +868,7 @@ bool RegExpMatch::GoBack()
     {
         Choice const choice = m_choices.back();
         m_choices.pop_back();
-        Spend(1);
+        m_budget.Spend(1);
         m_trail.resize(choice.trail);
         if (!choice.bRepeat)
         {
@@ -848,7 +892,7 @@ bool RegExpMatch::TryAt(std::size_t start)
     m_at = 1;
     while (m_code[m_at] != End)
     {
-        Spend(1);
+        m_budget.Spend(1);
         if (!Step() && !GoBack())
         {
             return false;
@@ -874,12 +918,14 @@ bool RegExpProgram::Search(std::string_view subject, std::vector<RegExpRange> & 
     {
         Fail(-1, "corrupted regexp");
     }
-    if (m_must.data() != m_prefix.data() && subject.find(m_must) == subject.npos)
+    RegExpBudget budget(limit);
+    bool const bMust = !m_must.empty() && m_must.data() != m_prefix.data();
+    if (bMust && FindText(subject, m_must, 0, budget) == subject.npos)
     {
         return false;
     }
-    RegExpMatch match(*this, subject, limit);
-    for (std::size_t start = 0; SkipToStart(subject, start); ++start)
+    RegExpMatch match(*this, subject, budget);
+    for (std::size_t start = 0; SkipToStart(subject, start, budget); ++start)
     {
         if (match.TryAt(start))
         {
@@ -891,7 +937,7 @@ bool RegExpProgram::Search(std::string_view subject, std::vector<RegExpRange> & 
 }
 
 // Moves on to the next place where a match may start. False if there is none.
-bool RegExpProgram::SkipToStart(std::string_view subject, std::size_t & start) const
+bool RegExpProgram::SkipToStart(std::string_view subject, std::size_t & start, RegExpBudget & budget) const
 {
     if (start > subject.size() || (m_bAnchored && start > 0))
     {
@@ -899,7 +945,7 @@ bool RegExpProgram::SkipToStart(std::string_view subject, std::size_t & start) c
     }
     if (!m_prefix.empty())
     {
-        start = subject.find(m_prefix, start);
+        start = FindText(subject, m_prefix, start, budget);
         return start != subject.npos;
     }
     if (m_bHasFirst)

@@ -29,6 +29,8 @@ struct RegExpRange
     int nEnd = -1;
 };
 
+class RegExpBudget;
+
 class RegExpProgram
 {
 public:
@@ -40,13 +42,13 @@ public:
     /// The number of groups, with the whole match as the first.
     int GetGroups() const { return m_nGroups; }
     /// Looks for the first match from the left. `ranges` has a place for each group, all of them unset. Throws
-    /// RegExpFault if more than `limit` steps would be needed, or more than CHOICES_MAX places to come back to.
+    /// RegExpFault if more than `limit` steps would be needed, or more than MEMORY_MAX bytes.
     bool Search(std::string_view subject, std::vector<RegExpRange> & ranges, ULONGLONG limit) const;
 
     /// A program has less bytes than this.
     static constexpr std::size_t SIZE_MAX_BYTES = 32767;
     static constexpr int GROUPS_MAX = 32767;
-    static constexpr std::size_t CHOICES_MAX = std::size_t{4} << 20;
+    static constexpr std::size_t MEMORY_MAX = std::size_t{64} << 20;
 
 private:
     using CharSet = std::bitset<256>;
@@ -68,6 +70,6 @@ private:
     void Optimise(bool hasWidth);
     bool AddFirst(std::size_t at, CharSet & set, int depth) const;
     void CollectSets();
-    bool SkipToStart(std::string_view subject, std::size_t & start) const;
+    bool SkipToStart(std::string_view subject, std::size_t & start, RegExpBudget & budget) const;
 };
 } // namespace kvx

@@ -8,7 +8,7 @@
 namespace kvx
 {
 /// The text is not owned, and must outlive the file. Lengths, positions and counts are in characters of the text: a
-/// count of n moves 2n bytes in a wide one. An archive counts bytes, and so goes with the narrow form.
+/// count of n moves 2n bytes in a wide one. An archive, and all else that works in bytes, takes the narrow form alone.
 ///
 /// Errors: reading behind the end raises CFileException `endOfFile`; a text of more than 2^31 characters
 /// CMemoryException. Threads: one at a time.
@@ -32,6 +32,7 @@ public:
     /// The new position; it may lie behind the end. By contract an offset from the end goes back where it is positive,
     /// the opposite of what it is for other files.
     ULONGLONG Seek(LONGLONG lOff, UINT nFrom) override;
+    UINT GetUnitSize() const override { return sizeof(XCHAR); }
     ULONGLONG GetPosition() const override { return m_nPosition; }
     ULONGLONG GetLength() const override { return static_cast<ULONGLONG>(m_text.GetLength()); }
     /// The position stays.

@@ -201,7 +201,13 @@ private:
 class KVX_API CMsgFileStream : public CMsgStream
 {
 public:
-    CMsgFileStream(CFile * file, int unicode) : CMsgStream(unicode), m_pFile(file) {}
+    CMsgFileStream(CFile * file, int unicode) : CMsgStream(unicode), m_pFile(file)
+    {
+        if (file)
+        {
+            file->RequireBytes();
+        }
+    }
     ~CMsgFileStream() override { DeleteCompact(); }
 
     int ReadData(void * buffer, DWORD count) override;

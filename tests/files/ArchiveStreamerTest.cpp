@@ -141,6 +141,25 @@ TEST_F(ArchiveStreamer, ObjectsComeBackUnderTheirKeys)
     EXPECT_EQ(whole.GetCount(), 3);
 }
 
+TEST_F(ArchiveStreamer, DictionariesGoBesidePackedStrings)
+{
+    CDictionary values;
+    values[_T("name")] = _T("twice");
+    auto const go = [&](CArchiveStreamer & streamer, CArchive & archive)
+    {
+        streamer.EnablePackedStrings(1);
+        CString text = _T("twice");
+        streamer.Serialize(text);
+        values.Serialize(archive);
+        streamer.Serialize(text);
+        EXPECT_EQ(text, _T("twice"));
+    };
+    Store(0, go);
+    values.RemoveAllValues();
+    Load(0, go);
+    EXPECT_EQ(CString(values[_T("name")]), _T("twice"));
+}
+
 TEST(StringValue, CarriesAnObject)
 {
     CDictionary values;

@@ -114,6 +114,9 @@ TEST(PagedMemFile, CarriesFilesAndArchives)
     EXPECT_EQ(file.Seek(LLONG_MIN, CFile::end), 0U);
     EXPECT_EQ(file.GetPosition(), 2491U);
 
+    file.LoadFile(file); // from its own position on
+    EXPECT_EQ(file.GetLength(), 9U);
+
     file.Close();
     CString const sent(_T('\u20ac'), 3000);
     {

@@ -155,6 +155,8 @@ TEST(InternetUrl, Encoding)
     EXPECT_EQ(url.Encode(), text);
     url.SetPort(80);
     url.SetUser(_T(""));
+    EXPECT_TRUE(Fails(url.Encode().GetLength(), ERROR_INVALID_PARAMETER)); // the password would be lost
+    url.SetPassword(_T(""));
     url.SetPath(_T("p"));
     url.SetExtraInfo(_T(""));
     EXPECT_EQ(url.Encode(), _T("http://host/p"));

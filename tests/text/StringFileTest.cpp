@@ -30,6 +30,7 @@ TEST(StringFile, ReadsAndWritesInCharacters)
     file.SetLength(3);
     EXPECT_EQ(text, _T("aab"));
     EXPECT_THROW(file.SetLength(ULONGLONG{1} << 31), CMemoryException *);
+    EXPECT_THROW(CArchive(&file, CArchive::load), CInvalidArgException *); // it works in bytes
 }
 
 TEST(StringFile, ASharedTextIsNotWrittenTo)

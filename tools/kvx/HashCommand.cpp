@@ -14,7 +14,9 @@
 #include <CLI/App.hpp>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <span>
@@ -172,7 +174,18 @@ private:
     ULONGLONG m_nShown = 0; // when; 0: not yet
 };
 
-/// A file of the command line; `-` is stdin.
+[[noreturn]] void ThrowFileFailure(int error)
+{
+    DWORD const code = error == ENOENT || error == ENOTDIR  ? ERROR_FILE_NOT_FOUND
+                       : error == EACCES || error == EISDIR ? ERROR_ACCESS_DENIED
+                       : error == EMFILE                    ? ERROR_TOO_MANY_OPEN_FILES
+                       : error == EBADF                     ? ERROR_INVALID_HANDLE
+                                                            : ERROR_READ_FAULT;
+    CFileException::ThrowOsError(static_cast<LONG>(code));
+}
+
+/// A file of the command line; `-` is stdin. The name is taken by its very bytes, for lists have such: elsewhere a
+/// backslash parts folders, and upper and lower case are the same.
 class HashInput
 {
 public:
@@ -180,22 +193,42 @@ public:
     {
         if (name == "-")
         {
-            m_file.m_hFile = GetStdHandle(STD_INPUT_HANDLE);
+            m_file.reset(stdin);
             return;
         }
-        auto failure = std::make_unique<CFileException>();
-        if (!m_file.Open(ToFileName(name), CFile::modeRead | CFile::shareDenyNone, failure.get()))
+        m_file.reset(std::fopen(name.c_str(), "rb"));
+        if (!m_file)
         {
-            throw failure.release();
+            ThrowFileFailure(errno);
         }
-        m_nSize = m_file.GetLength();
+        std::error_code ignored;
+        std::uintmax_t const size = std::filesystem::file_size(name, ignored);
+        m_nSize = ignored ? 0 : size;
     }
 
     ULONGLONG GetSize() const { return m_nSize; }
-    UINT Read(std::span<BYTE> room) { return m_file.Read(room.data(), static_cast<UINT>(room.size())); }
+    std::size_t Read(std::span<BYTE> room)
+    {
+        std::size_t const size = std::fread(room.data(), 1, room.size(), m_file.get());
+        if (size == 0 && std::ferror(m_file.get()))
+        {
+            ThrowFileFailure(errno);
+        }
+        return size;
+    }
 
 private:
-    CFile m_file;
+    struct Closer
+    {
+        void operator()(std::FILE * file) const
+        {
+            if (file != stdin)
+            {
+                std::fclose(file);
+            }
+        }
+    };
+    std::unique_ptr<std::FILE, Closer> m_file;
     ULONGLONG m_nSize = 0;
 };
 
@@ -230,7 +263,7 @@ std::optional<std::string> HashFile(std::string const & algorithm, std::string c
                          HashInput input(name);
                          HashProgress progress(input.GetSize());
                          Digest digest = MakeDigest(algorithm);
-                         while (UINT const size = input.Read(s_room))
+                         while (std::size_t const size = input.Read(s_room))
                          {
                              std::visit([&](auto & d) { d.Update(HashBytes(s_room).first(size)); }, digest);
                              progress.Add(size);

@@ -44,6 +44,12 @@ bool OutputFile::Open()
     std::error_code ignored;
     fs::file_status const status = fs::status(m_strName, ignored);
     bool const bInPlace = fs::exists(status) && !fs::is_regular_file(status);
+    if (fs::is_regular_file(status) && (status.permissions() & fs::perms::owner_write) == fs::perms::none)
+    {
+        ReportError(ERROR_ACCESS_DENIED,
+                    CString(kvx::FromUtf8(m_strName)) + _T(": ") + CWinError::GetText(ERROR_ACCESS_DENIED));
+        return false;
+    }
     // Where the name is a link, the file that it leads to is the one that is replaced.
     fs::path target = fs::weakly_canonical(m_strName, ignored);
     target = ignored ? fs::path(m_strName) : target;
@@ -76,6 +82,10 @@ int OutputFile::Finish()
     if (auto * const out = dynamic_cast<ToStdout *>(m_file.get()))
     {
         return out->Finish();
+    }
+    if (!m_strTemporary.empty())
+    {
+        FlushFileBuffers(*m_file); // the name must not change before the content is there
     }
     m_file->Close();
     if (!m_strTemporary.empty())

@@ -2,6 +2,7 @@
 #include "Commands.h"
 #include "DisplayText.h"
 #include "Output.h"
+#include "OutputFile.h"
 
 #include "kvx/foundation/AppException.h"
 #include "kvx/xml/XmlDocument.h"
@@ -9,7 +10,6 @@
 #include <CLI/App.hpp>
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,7 +29,7 @@ struct XmlOptions
     bool bOwnGrammar = false;
 };
 
-int Fail(DWORD code, CString const & subject)
+int FailXml(DWORD code, CString const & subject)
 {
     ReportError(code, subject + _T(": ") + CWinError::GetText(code));
     return 1;
@@ -98,7 +98,7 @@ bool Load(CXmlDocument & document, std::string const & name, XmlOptions const & 
     {
         auto const code = static_cast<DWORD>(failure->m_lOsError);
         failure->Delete();
-        Fail(code, shown);
+        FailXml(code, shown);
     }
     return false;
 }
@@ -115,81 +115,24 @@ int PrintDocument(CXmlDocument const & document)
     return ReportWritten(out.Finish());
 }
 
-bool IsPlainFile(CString const & path)
+int WriteDocument(CXmlDocument const & document, std::string const & name)
 {
-    HANDLE const file = CreateFileW(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-    bool const bPlain = file != INVALID_HANDLE_VALUE && GetFileType(file) == FILE_TYPE_DISK;
-    if (file != INVALID_HANDLE_VALUE)
+    OutputFile out(name);
+    if (!out.Open())
     {
-        CloseHandle(file);
+        return 1;
     }
-    return bPlain;
-}
-
-void Write(CXmlDocument const & document, CString const & path)
-{
-    CFile file(path, CFile::modeCreate | CFile::modeWrite | CFile::shareDenyRead);
-    document.ToFile(file);
-    FlushFileBuffers(file);
-}
-
-/// What a link leads to, for it is the file that is to be replaced.
-CString Resolve(std::string const & name)
-{
-    std::u8string const path(name.begin(), name.end());
-    std::error_code error;
-    if (!std::filesystem::is_symlink(path, error))
-    {
-        return kvx::FromUtf8(name);
-    }
-    auto const resolved = std::filesystem::weakly_canonical(path, error).u8string();
-    return error ? kvx::FromUtf8(name) : kvx::FromUtf8(std::string(resolved.begin(), resolved.end()));
-}
-
-/// The file is replaced when the new text is on the disk, and stays as it is if that fails.
-int Replace(CXmlDocument const & document, CString const & path)
-{
     try
     {
-        DWORD const attributes = GetFileAttributesW(path);
-        bool const bThere = attributes != INVALID_FILE_ATTRIBUTES;
-        if (bThere && (attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY)))
-        {
-            return Fail(ERROR_ACCESS_DENIED, path);
-        }
-        if (bThere && ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) || !IsPlainFile(path)))
-        {
-            Write(document, path); // a pipe, a device or a link that can't be followed
-            return 0;
-        }
-        CString fresh;
-        fresh.Format(_T("%s.%u.new"), path, GetCurrentProcessId());
-        // A copy brings the permissions along.
-        if (bThere && !CopyFileW(path, fresh, TRUE))
-        {
-            return Fail(GetLastError(), fresh);
-        }
-        try
-        {
-            Write(document, fresh);
-            if (!MoveFileExW(fresh, path, MOVEFILE_REPLACE_EXISTING))
-            {
-                CFileException::ThrowOsError(static_cast<LONG>(GetLastError()), path);
-            }
-        }
-        catch (...)
-        {
-            DeleteFileW(fresh);
-            throw;
-        }
-        return 0;
+        document.ToFile(out.Get());
     }
     catch (CFileException * failure)
     {
         auto const code = static_cast<DWORD>(failure->m_lOsError);
         failure->Delete();
-        return Fail(code, path);
+        return FailXml(code, kvx::FromUtf8(name));
     }
+    return out.Finish();
 }
 
 int RunPrint(XmlOptions const & options)
@@ -226,12 +169,12 @@ int RunGet(XmlOptions const & options)
     CXmlElement const * const element = document.FindElement(path);
     if (!element)
     {
-        return Fail(ERROR_NOT_FOUND, path);
+        return FailXml(ERROR_NOT_FOUND, path);
     }
     CString const name = kvx::FromUtf8(options.strName);
     if (!name.IsEmpty() && !element->HasAttribute(name))
     {
-        return Fail(ERROR_NOT_FOUND, path + _T(" ") + name);
+        return FailXml(ERROR_NOT_FOUND, path + _T(" ") + name);
     }
     StandardOutput out;
     out << ToStdout(name.IsEmpty() ? element->GetData() : element->GetAttribute(name)).strText << "\n";
@@ -257,7 +200,7 @@ int RunMerge(XmlOptions const & options)
             return 1;
         }
     }
-    return options.strOutput.empty() ? PrintDocument(document) : Replace(document, Resolve(options.strOutput));
+    return options.strOutput.empty() ? PrintDocument(document) : WriteDocument(document, options.strOutput);
 }
 
 CLI::App * AddAction(CLI::App & xml, XmlOptions & options, char const * name, char const * help)

@@ -94,6 +94,7 @@ CArchive::CArchive(CFile * pFile, UINT nMode, int nBufSize, void * lpBuf)
 {
     if (!pFile)
         AfxThrowInvalidArgException();
+    pFile->RequireBytes();
     if (!lpBuf || nBufSize < MIN_BUFFER)
     {
         m_pOwnBuffer = std::make_unique_for_overwrite<BYTE[]>(m_nBufSize);

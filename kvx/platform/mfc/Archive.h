@@ -42,7 +42,7 @@ public:
     };
 
     /// `nBufSize` is in bytes, at least 128. A buffer of the caller's own is used instead if given, and must
-    /// be of that size and outlive the archive.
+    /// be of that size and outlive the archive. A file that counts in characters raises CInvalidArgException.
     CArchive(CFile * pFile, UINT nMode, int nBufSize = 4096, void * lpBuf = nullptr);
     /// Does what `Close` does, but can't tell of a failure: a writer that cares calls `Close`.
     ~CArchive();

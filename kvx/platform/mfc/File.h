@@ -91,6 +91,17 @@ public:
     virtual void LockRange(ULONGLONG dwPos, ULONGLONG dwCount);
     virtual void UnlockRange(ULONGLONG dwPos, ULONGLONG dwCount);
 
+    /// How many bytes `Read` and `Write` move for a count of one: 1, but for files that count characters. What works in
+    /// bytes refuses those with CInvalidArgException (RequireBytes).
+    virtual UINT GetUnitSize() const { return 1; }
+    void RequireBytes() const
+    {
+        if (GetUnitSize() != 1)
+        {
+            AfxThrowInvalidArgException();
+        }
+    }
+
     /// Direct access to the memory behind a file. 0: there is none, as here.
     virtual UINT GetBufferPtr(UINT nCommand, UINT nCount = 0, void ** ppBufStart = nullptr, void ** ppBufMax = nullptr);
 

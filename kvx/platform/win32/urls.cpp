@@ -171,6 +171,7 @@ std::u16string Decode(View text)
 /// What may not stand in any part; in front of a host there are characters that would part it from them.
 constexpr View UNSAFE = u" \"%<>[\\]^`{|}";
 constexpr View UNSAFE_USER = u" \"%<>[\\]^`{|}:/?#@";
+constexpr View UNSAFE_PATH = u" \"%<>[\\]^`{|}?#";
 
 void AppendEscaped(std::u16string & url, View text, View unsafe)
 {
@@ -290,6 +291,9 @@ BOOL InternetCreateUrlW(URL_COMPONENTSW * pParts, DWORD dwFlags, LPWSTR pszUrl, 
     View const host = ToView(pParts->lpszHostName, pParts->dwHostNameLength);
     View const user = ToView(pParts->lpszUserName, pParts->dwUserNameLength);
     View const path = ToView(pParts->lpszUrlPath, pParts->dwUrlPathLength);
+    View const password = ToView(pParts->lpszPassword, pParts->dwPasswordLength);
+    if (user.empty() && !password.empty())
+        return Refuse(ERROR_INVALID_PARAMETER); // it would be lost
     std::u16string url(scheme);
     url += u':';
     auto const append = [&](View text, View unsafe)
@@ -309,7 +313,7 @@ BOOL InternetCreateUrlW(URL_COMPONENTSW * pParts, DWORD dwFlags, LPWSTR pszUrl, 
             if (pParts->lpszPassword)
             {
                 url += u':';
-                append(ToView(pParts->lpszPassword, pParts->dwPasswordLength), UNSAFE_USER);
+                append(password, UNSAFE_USER);
             }
             url += u'@';
         }
@@ -323,7 +327,7 @@ BOOL InternetCreateUrlW(URL_COMPONENTSW * pParts, DWORD dwFlags, LPWSTR pszUrl, 
         if (!path.empty() && path[0] != '/')
             url += u'/';
     }
-    append(path, UNSAFE);
+    append(path, UNSAFE_PATH);
     append(ToView(pParts->lpszExtraInfo, pParts->dwExtraInfoLength), UNSAFE);
     if (!pszUrl || *pnLength <= url.size())
     {

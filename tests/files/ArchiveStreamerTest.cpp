@@ -2,6 +2,8 @@
 #include "kvx/foundation/Dictionary.h"
 #include "kvx/foundation/StringValue.h"
 
+#include "tests/support/Raised.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -175,7 +177,7 @@ TEST(StringValue, CarriesAnObject)
     EXPECT_EQ(CString(restored[_T("233")]), CString(_T('\u00e9'), 20));
     // Bytes with zeros between them: a count that has no data behind it, or none.
     CDictionary odd;
-    EXPECT_THROW(CStringValue(CString(_T('x'), 10000)).ToObject(odd), CArchiveException *);
-    EXPECT_THROW(CStringValue().ToObject(odd), CArchiveException *);
+    EXPECT_TRUE(Raises<CArchiveException>([&] { CStringValue(CString(_T('x'), 10000)).ToObject(odd); }));
+    EXPECT_TRUE(Raises<CArchiveException>([&] { CStringValue().ToObject(odd); }));
 }
 } // namespace

@@ -1,5 +1,7 @@
 #include "kvx/files/PagedMemFile.h"
 
+#include "tests/support/Raised.h"
+
 #include <gtest/gtest.h>
 
 #include <numeric>
@@ -48,12 +50,12 @@ TEST(PagedBuffer, CountsBelowZeroAndBeyondTheEndAreRefused)
     ASSERT_TRUE(buffer.SetPosition(4));
     EXPECT_EQ(buffer.Read(out, -3), -3);
     EXPECT_EQ(buffer.GetPosition(), 1U);
-    EXPECT_THROW(buffer.Read(out, -2), CInvalidArgException *);
-    EXPECT_THROW(buffer.Write(out, -2), CInvalidArgException *);
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { buffer.Read(out, -2); }));
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { buffer.Write(out, -2); }));
     EXPECT_EQ(buffer.GetPosition(), 1U);
     EXPECT_EQ(buffer.GetLength(), 6U);
     CPagedMemFile file;
-    EXPECT_THROW(file.SetLength(ULONGLONG{1} << 32), CInvalidArgException *);
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { file.SetLength(ULONGLONG{1} << 32); }));
 }
 
 TEST(PagedBuffer, TextFormsGiveWhatTheyAreKnownFor)

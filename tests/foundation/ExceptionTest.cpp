@@ -1,4 +1,4 @@
-#include "tests/platform/mfc/Raised.h"
+#include "tests/support/Raised.h"
 
 #include "kvx/foundation/AppException.h"
 

@@ -1,5 +1,5 @@
-#include "tests/platform/mfc/Raised.h"
 #include "tests/support/Patience.h"
+#include "tests/support/Raised.h"
 
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgRequest.h"

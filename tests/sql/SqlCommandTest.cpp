@@ -3,7 +3,7 @@
 #include "kvx/platform/mfc/OleDateTime.h"
 #include "kvx/platform/mfc/Time.h"
 
-#include "tests/platform/mfc/Raised.h"
+#include "tests/support/Raised.h"
 
 #include <gtest/gtest.h>
 

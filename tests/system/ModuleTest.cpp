@@ -4,8 +4,8 @@
 #include "kvx/foundation/Utilities.h"
 #include "kvx/logging/LogManager.h"
 
-#include "tests/platform/mfc/Raised.h"
 #include "tests/support/Fails.h"
+#include "tests/support/Raised.h"
 
 #include <filesystem>
 #include <fstream>

@@ -1,5 +1,7 @@
 #include "kvx/text/StringFile.h"
 
+#include "tests/support/Raised.h"
+
 #include <gtest/gtest.h>
 
 namespace
@@ -20,7 +22,7 @@ TEST(StringFile, ReadsAndWritesInCharacters)
     EXPECT_EQ(CString(out), text);
 
     file.Seek(2, CFile::current);
-    EXPECT_THROW(file.Read(out, 1), CFileException *);
+    EXPECT_TRUE(Raises<CFileException>([&] { file.Read(out, 1); }));
     file.Write(_T("!"), 1);
     EXPECT_EQ(text, CString(CString::View(_T("ab234567xyz\0\0!"), 14)));
     file.Seek(1, CFile::begin);
@@ -29,8 +31,8 @@ TEST(StringFile, ReadsAndWritesInCharacters)
     EXPECT_EQ(text.GetLength(), 15);
     file.SetLength(3);
     EXPECT_EQ(text, _T("aab"));
-    EXPECT_THROW(file.SetLength(ULONGLONG{1} << 31), CMemoryException *);
-    EXPECT_THROW(CArchive(&file, CArchive::load), CInvalidArgException *); // it works in bytes
+    EXPECT_TRUE(Raises<CMemoryException>([&] { file.SetLength(ULONGLONG{1} << 31); }));
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { CArchive(&file, CArchive::load); })); // it works in bytes
 }
 
 TEST(StringFile, ASharedTextIsNotWrittenTo)

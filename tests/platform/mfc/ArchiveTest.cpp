@@ -1,4 +1,4 @@
-#include "Raised.h"
+#include "tests/support/Raised.h"
 
 #include "kvx/platform/mfc/Afx.h"
 

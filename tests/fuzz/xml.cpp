@@ -6,6 +6,7 @@
 #include "kvx/xml/XmlDocument.h"
 #include "kvx/xml/XmlPreprocessor.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace
@@ -16,8 +17,9 @@ class Preprocessor : public CXmlPreprocessor
 protected:
     CString EvaluateExpression(CString const & expression) override
     {
-        WCHAR const last = expression[expression.GetLength() - 1];
-        CString const shorter = expression.Left(expression.GetLength() - 1);
+        // What stood in it may have become nothing.
+        WCHAR const last = expression.IsEmpty() ? WCHAR() : expression[expression.GetLength() - 1];
+        CString const shorter = expression.Left(std::max(expression.GetLength() - 1, 0));
         return last == '0' ? _T("$(0)") : last > '0' && last <= '9' ? _T("$(x)") + shorter + _T("$") : shorter;
     }
     void ProcessInstruction(CString const & target, CValueAccessor & attributes, CXmlElement * element, CXmlDocument *,

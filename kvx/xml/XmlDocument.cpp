@@ -59,6 +59,14 @@ CXmlElement * CXmlDocument::AttachRoot(CXmlElement * root, int deleteOld)
     {
         return nullptr;
     }
+    if (root && root->IsChild())
+    {
+        root->m_pParent->DetachChild(root);
+    }
+    else if (root && root->m_pDocument && root->m_pDocument != this && root->m_pDocument->m_pRoot == root)
+    {
+        AfxThrowInvalidArgException(); // both would delete it
+    }
     CXmlElement * const old = std::exchange(m_pRoot, root);
     if (root)
     {
@@ -201,13 +209,14 @@ int Walk(CXmlElement * element, VISIT const & visit)
 
 int CXmlDocument::ForEachElement(ElementProc callback, void * context, CXmlElement * start)
 {
-    return Walk(start ? start : m_pRoot, [&](CXmlElement * element) { return callback(element, context); });
+    return callback ? Walk(start ? start : m_pRoot, [&](CXmlElement * element) { return callback(element, context); })
+                    : 0;
 }
 
 int CXmlDocument::ForEachElement(CString const & tag, ElementProc callback, void * context, CXmlElement * start)
 {
-    return Walk(start ? start : m_pRoot,
-                [&](CXmlElement * element) { return element->GetTag() == tag ? callback(element, context) : 1; });
+    return Walk(start ? start : m_pRoot, [&](CXmlElement * element)
+                { return element->GetTag() == tag && callback ? callback(element, context) : callback != nullptr; });
 }
 
 void CXmlDocument::SetOutputIndent(int width, char ch)
@@ -343,6 +352,11 @@ void CXmlDocument::Load(CArchive & archive)
     DeleteMeta();
     delete std::exchange(m_pRoot, nullptr);
     m_error = {};
+    kvx::MemoryGuarded([&] { LoadAll(archive); });
+}
+
+void CXmlDocument::LoadAll(CArchive & archive)
+{
     kvx::XmlParser parser(archive, this);
     parser.SkipByteOrderMark();
     for (;;)

@@ -62,13 +62,15 @@ public:
     CXmlElement * SetRoot(LPCTSTR tag);
     /// Deletes the present root and takes the element, which may be null.
     void SetRoot(CXmlElement * root) { AttachRoot(root, 1); }
-    /// The old root, for the caller, or null if it was deleted.
+    /// The old root, for the caller, or null if it was deleted. A new one that is a child somewhere is detached there,
+    /// and the root of another document raises CInvalidArgException.
     CXmlElement * AttachRoot(CXmlElement * root, int deleteOld);
     /// Leaves an element with an empty tag.
     CXmlElement * DetachRoot(int deleteOld = 0);
     /// The head of the chain, which may be an element with an empty tag; null if there is none.
     CXmlElement * GetMetaTags() const { return m_pMeta; }
-    /// `?target text?`, or `!` and the text of a comment; ignored if it begins otherwise.
+    /// `?target text?`, or `!` and the text of a comment; ignored if it begins otherwise. A `-->` or `?>` in it ends it
+    /// for readers, unless ProcessStandardTags is on, which parts these with a blank.
     void AddMetaTag(CString const & text);
 
     /// Down a path whose first tag is the root's. Null if a step is missing.
@@ -84,7 +86,8 @@ public:
     int RemoveElement(CString const & path, int deleteIt = 1, LPCTSTR delimiters = _T("."));
 
     /// Calls for an element, for all below it and then for its following siblings; 0 if a call gave 0. Null is the
-    /// root.
+    /// root. The function may change what is below its element, but not take the element itself, or what is above it,
+    /// away.
     int ForEachElement(ElementProc callback, void * context, CXmlElement * start = nullptr);
     /// Only for those with this very tag.
     int ForEachElement(CString const & tag, ElementProc callback, void * context, CXmlElement * start = nullptr);
@@ -104,7 +107,8 @@ public:
     int ProcessUtf8() const { return m_bUtf8; }
     /// Reads tags as other programs do: a `>` in quotes, a comment or an instruction ends none, all white space
     /// divides, a first child is read like others, a DOCTYPE is skipped, a CDATA section may be empty, and text beside
-    /// elements is a failure instead of a loss.
+    /// elements is a failure instead of a loss. Writes control characters, and blanks at the ends of texts, as
+    /// references, so that they come back.
     void ProcessStandardTags(int process) { m_bStandardTags = process != 0; }
     int ProcessStandardTags() const { return m_bStandardTags; }
 
@@ -165,6 +169,7 @@ private:
     void AppendMeta(CXmlElement * element);
     void DeleteMeta();
     void Load(CArchive & archive);
+    void LoadAll(CArchive & archive);
 };
 
 /// Walks an element's children that are not special: those of a document's root, or of an element's parent, so that

@@ -3,6 +3,7 @@
 #include "kvx/foundation/Utilities.h"
 #include "kvx/text/StringFile.h"
 #include "kvx/text/StringTokenizer.h"
+#include "kvx/xml/XmlDocument.h"
 #include "kvx/xml/XmlParser.h"
 #include "kvx/xml/XmlWriter.h"
 
@@ -192,15 +193,50 @@ void CXmlElement::Append(CXmlElement * child)
     m_pLastChild = child;
 }
 
+/// Raises CInvalidArgException for what can't become a child here: it, or one of the chain that it leads, would be
+/// above itself, or belong to a document too.
+void CXmlElement::CheckChild(CXmlElement const & child) const
+{
+    if (child.m_pDocument && !child.IsChild() && child.m_pDocument->GetRoot() == &child)
+    {
+        AfxThrowInvalidArgException();
+    }
+    bool bAnyAbove = &child == this;
+    for (CXmlElement const * first = &child; first && !bAnyAbove; first = child.IsChild() ? nullptr : first->m_pNext)
+    {
+        // What has no children is above nothing, and needs no walk.
+        CXmlElement const * above = first->m_pFirstChild ? this : nullptr;
+        while (above && above != first)
+        {
+            above = above->IsChild() ? above->m_pParent : nullptr;
+        }
+        bAnyAbove = above != nullptr;
+    }
+    if (bAnyAbove)
+    {
+        AfxThrowInvalidArgException();
+    }
+}
+
 void CXmlElement::AddChild(CXmlElement * child, int atFront)
 {
     if (!child)
     {
         return;
     }
+    CheckChild(*child);
+    if (child->IsChild())
+    {
+        child->m_pParent->Unlink(child);
+    }
+    AddChain(child, atFront != 0);
+}
+
+void CXmlElement::AddChain(CXmlElement * first, bool atFront)
+{
     m_strData.Empty();
-    CXmlElement * last = child;
-    for (CXmlElement * element = child; element; element = element->m_pNext)
+    CXmlElement * last = first;
+    for (CXmlElement * element = first; element; element = element->m_pNext)
     {
         element->m_pParent = this;
         element->m_pDocument = nullptr; // the document of a copy may be another one
@@ -210,10 +246,10 @@ void CXmlElement::AddChild(CXmlElement * child, int atFront)
     if (atFront && m_pFirstChild)
     {
         last->m_pNext = m_pFirstChild;
-        m_pFirstChild = child;
+        m_pFirstChild = first;
         return;
     }
-    (m_pLastChild ? m_pLastChild->m_pNext : m_pFirstChild) = child;
+    (m_pLastChild ? m_pLastChild->m_pNext : m_pFirstChild) = first;
     m_pLastChild = last;
 }
 
@@ -234,19 +270,27 @@ CXmlElement * CXmlElement::CreateChild(LPCTSTR tag, int atFront, CXmlElement * s
 
 void CXmlElement::AcquireChildren(CXmlElement * from)
 {
-    if (!from || from == this)
+    if (!from || from == this || !from->m_pFirstChild)
     {
         return;
+    }
+    if (IsChild())
+    {
+        CheckChild(*from); // whose children this element may be among
     }
     CXmlElement * const first = std::exchange(from->m_pFirstChild, nullptr);
     from->m_pLastChild = nullptr;
     from->m_nChildren = 0;
     from->m_nSpecialChildren = 0;
-    AddChild(first);
+    AddChain(first, false);
 }
 
 void CXmlElement::InsertChild(CXmlElement * child, CXmlElement * before)
 {
+    if (child)
+    {
+        CheckChild(*child); // before anything is done
+    }
     CXmlElement * const moved = before ? before : m_pFirstChild;
     if (moved && !Unlink(moved))
     {
@@ -258,28 +302,28 @@ void CXmlElement::InsertChild(CXmlElement * child, CXmlElement * before)
 
 int CXmlElement::InsertChildBefore(CXmlElement * child, CXmlElement * before)
 {
-    if (!child || child == before || (before && before->m_pParent != this))
+    if (!child || child == before || (before && (before->m_pParent != this || !before->IsChild())))
     {
         return 0;
+    }
+    CheckChild(*child);
+    if (child->IsChild())
+    {
+        child->m_pParent->Unlink(child);
     }
     CXmlElement * previous = nullptr;
-    CXmlElement * at = m_pFirstChild;
-    while (at && at != before)
+    for (CXmlElement * at = m_pFirstChild; at != before; at = at->m_pNext)
     {
-        previous = std::exchange(at, at->m_pNext);
-    }
-    if (at != before)
-    {
-        return 0;
+        previous = at;
     }
     if (!previous || !before)
     {
-        AddChild(child, before != nullptr);
+        AddChain(child, before != nullptr);
         return 1;
     }
     // As if the children ended before the place.
     CXmlElement * const last = std::exchange(m_pLastChild, previous);
-    AddChild(child);
+    AddChain(child, false);
     std::exchange(m_pLastChild, last)->m_pNext = before;
     return 1;
 }
@@ -287,7 +331,7 @@ int CXmlElement::InsertChildBefore(CXmlElement * child, CXmlElement * before)
 /// Takes a child off the chain; null if it is none.
 CXmlElement * CXmlElement::Unlink(CXmlElement * child)
 {
-    if (!child || child->m_pParent != this || child->m_counted == COUNTED_NOWHERE)
+    if (!child || child->m_pParent != this || !child->IsChild())
     {
         return nullptr;
     }
@@ -483,6 +527,11 @@ void CXmlElement::MergeChildren(CXmlElement const * other)
     {
         return;
     }
+    kvx::MemoryGuarded([&] { MergeEachChild(other); });
+}
+
+void CXmlElement::MergeEachChild(CXmlElement const * other)
+{
     // A part of this very tree would grow while it is walked.
     std::unique_ptr<CXmlElement> const copy(&GetTop() == &other->GetTop() ? other->Clone() : nullptr);
     std::vector<std::pair<CXmlElement *, CXmlElement const *>> pairs{{this, copy ? copy.get() : other}};
@@ -514,7 +563,7 @@ void CXmlElement::MergeChildren(CXmlElement const * other)
 
 void CXmlElement::Load(CArchive & archive)
 {
-    kvx::XmlParser(archive, GetDocument()).Load(*this);
+    kvx::MemoryGuarded([&] { kvx::XmlParser(archive, GetDocument()).Load(*this); });
 }
 
 void CXmlElement::Store(CArchive & archive) const

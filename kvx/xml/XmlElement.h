@@ -114,7 +114,9 @@ public:
     int IsEmpty() const { return m_strData.IsEmpty() && !HasChildren(0); }
     int IsSpecialElement() const { return IsSpecialTag(m_strTag); }
 
-    /// Takes the element and, as a chain, the siblings behind it, in front of the children or behind them.
+    /// Takes the element and, as a chain, the siblings behind it, in front of the children or behind them. One that is
+    /// a child somewhere is moved, alone. The functions that add a child raise CInvalidArgException for one that this
+    /// element is below of, or is itself, and for the root of a document.
     void AddChild(CXmlElement * child, int atFront = 0);
     /// With `source` its attributes are copied; with `acquire` its children are taken over too.
     CXmlElement * CreateChild(LPCTSTR tag, int atFront = 0, CXmlElement * source = nullptr, int acquire = 0);
@@ -202,6 +204,11 @@ private:
         return element;
     }
     static CXmlElement * Find(CXmlElement * element, LPCTSTR tag);
+
+    bool IsChild() const { return m_counted != COUNTED_NOWHERE; }
+    void CheckChild(CXmlElement const & child) const;
+    void AddChain(CXmlElement * first, bool atFront);
+    void MergeEachChild(CXmlElement const * other);
 
     void CopyContent(CXmlElement const & other);
     CXmlElement * AppendCopy(CXmlElement const & other);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 namespace kvx
 {
@@ -13,15 +14,22 @@ namespace
 constexpr std::size_t BUFFER = 65536;
 constexpr int WIDEST_INDENT = 1024;
 
-bool IsEscaped(unsigned c)
+bool IsControl(unsigned c)
 {
-    return c == '&' || c == '<' || c == '>' || c == '"';
+    return c < 0x20 || c == 0x7F;
 }
 } // namespace
 
 XmlWriter::XmlWriter(CArchive & archive, CXmlDocument const * document, bool bUtf8)
-    : m_archive(archive), m_pDocument(document), m_bUtf8(bUtf8), m_pBuffer(new char[BUFFER])
+    : m_archive(archive), m_pDocument(document), m_bUtf8(bUtf8),
+      m_bStandard(document && document->ProcessStandardTags()), m_pBuffer(new char[BUFFER])
 {
+}
+
+/// Whether it is written as an entity or reference. A reader that isn't told what controls are drops them.
+bool XmlWriter::IsEscaped(unsigned c) const
+{
+    return c == '&' || c == '<' || c == '>' || c == '"' || (m_bStandard && IsControl(c));
 }
 
 void XmlWriter::Flush()
@@ -63,7 +71,14 @@ void XmlWriter::PutEscaped(std::string_view bytes)
         if (end < bytes.size())
         {
             char const c = bytes[end];
-            Put(c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : "&quot;");
+            if (IsControl(static_cast<unsigned char>(c)))
+            {
+                Put("&#" + std::to_string(static_cast<int>(c)) + ";");
+            }
+            else
+            {
+                Put(c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : "&quot;");
+            }
         }
         start = end + 1;
     }
@@ -101,6 +116,28 @@ void XmlWriter::PutText(CString const & text)
     {
         Put(bytes.AsView());
     }
+}
+
+/// A text, whose blanks at the ends readers drop.
+void XmlWriter::PutData(CString const & text)
+{
+    int const last = text.GetLength() - 1;
+    int const first = m_bStandard && text[0] == ' ' ? 1 : 0;
+    int const behind = m_bStandard && last > 0 && text[last] == ' ' ? 1 : 0;
+    Put(first > 0 ? "&#32;" : "");
+    PutText<true>(first + behind > 0 ? text.Mid(first, last + 1 - first - behind) : text);
+    Put(behind > 0 ? "&#32;" : "");
+}
+
+/// A comment or an instruction, which this would end.
+void XmlWriter::PutSpecial(CString text, LPCTSTR end)
+{
+    CString parted = end;
+    parted.Insert(1, ' ');
+    while (m_bStandard && text.Replace(end, parted) > 0)
+    {
+    }
+    PutText<false>(text);
 }
 
 /// Whether there are lines.
@@ -147,7 +184,7 @@ bool XmlWriter::WriteOpening(CXmlElement const & element, int depth)
     {
         bool const bInstruction = element.m_strTag[0] == '?';
         Put(bInstruction ? "" : "--");
-        PutText<false>(element.m_strData);
+        PutSpecial(element.m_strData, bInstruction ? _T("?>") : _T("--"));
         Put(bInstruction ? "?>" : "-->");
         PutLineEnd(depth);
         return false;
@@ -172,7 +209,7 @@ bool XmlWriter::WriteOpening(CXmlElement const & element, int depth)
     }
     else
     {
-        PutText<true>(element.m_strData);
+        PutData(element.m_strData);
     }
     WriteClosing(element, depth, false);
     return false;

@@ -27,15 +27,19 @@ private:
     CArchive & m_archive;
     CXmlDocument const * m_pDocument;
     bool m_bUtf8;
+    bool m_bStandard; // what is written comes back through ProcessStandardTags
     std::unique_ptr<char[]> m_pBuffer;
     std::size_t m_nUsed = 0;
 
+    bool IsEscaped(unsigned c) const;
     void Flush();
     char * Reserve(std::size_t count);
     void Put(std::string_view bytes);
     template <bool ESCAPE>
     void PutText(CString const & text);
     void PutEscaped(std::string_view bytes);
+    void PutData(CString const & text);
+    void PutSpecial(CString text, LPCTSTR end);
     bool PutIndent(int depth);
     void PutLineEnd(int depth);
     bool WriteOpening(CXmlElement const & element, int depth);

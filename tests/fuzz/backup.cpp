@@ -1,5 +1,5 @@
-// Restores arbitrary bytes as a backup of the registry, in all three ways. What an import takes can be exported, and holds
-// no difference then.
+// Restores arbitrary bytes as a backup of the registry, in all three ways. What an import takes can be exported, and
+// holds no difference then.
 
 #include "Require.h"
 

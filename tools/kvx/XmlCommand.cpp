@@ -22,6 +22,7 @@ struct XmlOptions
     std::vector<std::string> files;
     std::string strOutput;
     std::string strPath;
+    std::string strDelimiter = ".";
     std::string strName;
     int nIndent = 2;
     bool bTab = false;
@@ -166,7 +167,7 @@ int RunGet(XmlOptions const & options)
         return 1;
     }
     CString const path = kvx::FromUtf8(options.strPath);
-    CXmlElement const * const element = document.FindElement(path);
+    CXmlElement const * const element = document.FindElement(path, CString(kvx::FromUtf8(options.strDelimiter)));
     if (!element)
     {
         return FailXml(ERROR_NOT_FOUND, path);
@@ -247,6 +248,7 @@ void AddXmlCommand(CLI::App & app, Run & run)
     CLI::App * const get = AddAction(*xml, *options, "get", "Write an element's text or an attribute");
     get->add_option("FILE", options->strFile, "A document; - is stdin")->required();
     get->add_option("PATH", options->strPath, "Tags from the root on, with points between them")->required();
+    get->add_option("--delimiter", options->strDelimiter, "What parts the tags of PATH instead of a point");
     get->add_option("NAME", options->strName, "An attribute; without one the text");
     get->callback([&run, options] { run = [options] { return RunGet(*options); }; });
 

@@ -3,6 +3,8 @@
 #include "kvx/platform/mfc/Object.h"
 #include "kvx/platform/mfc/Text.h"
 
+#include <new>
+
 #include <string_view>
 
 /// Base of what is thrown: always a pointer to an object that ends with `Delete`, which frees it if it was
@@ -159,6 +161,22 @@ public:
 };
 
 [[noreturn]] KVX_API void AfxThrowMemoryException();
+namespace kvx
+{
+/// The result of the work, in which std::bad_alloc becomes CMemoryException, as callers expect it.
+template <class WORK>
+auto MemoryGuarded(WORK const & work)
+{
+    try
+    {
+        return work();
+    }
+    catch (std::bad_alloc const &)
+    {
+        AfxThrowMemoryException();
+    }
+}
+} // namespace kvx
 [[noreturn]] KVX_API void AfxThrowNotSupportedException();
 [[noreturn]] KVX_API void AfxThrowInvalidArgException();
 [[noreturn]] KVX_API void AfxThrowResourceException();

@@ -165,7 +165,10 @@ int Converse(Session & session)
         text.AddLine(line);
         for (std::string statement; text.Take(statement);)
         {
-            session.Run(statement, true);
+            if (session.Run(statement, true) != 0)
+            {
+                text.TakeRest(); // what stands behind was meant to follow it
+            }
             std::fflush(stdout);
         }
     }
@@ -184,7 +187,7 @@ int RunSql(SqlOptions const & options)
         return session.Run(*options.sql, false);
     }
     DWORD mode = 0;
-    if (GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode))
+    if (!options.bScript && GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode))
     {
         return Converse(session);
     }
@@ -206,7 +209,8 @@ void AddSqlCommand(CLI::App & app, Run & run)
     command->add_option("STATEMENT", options->sql, "What it runs; without one stdin is read");
     command->add_option("NAME=VALUE", options->params, "Values of the statement's placeholders, see below")
         ->check(&CheckParamWord);
-    command->add_flag("--script", options->bScript, "Run several statements at once, as one transaction");
+    command->add_flag("--script", options->bScript,
+                      "Run several statements at once, as one transaction; those of stdin up to its end");
     command->add_option("--null", options->strNull, "What to show for NULL")->type_name("TEXT");
     AddFormatOption(*command, options->format);
     command->add_option("--timeout", options->nTimeout, "Give up with error 1460 after that many milliseconds")

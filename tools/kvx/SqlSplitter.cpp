@@ -13,6 +13,19 @@ void SqlSplitter::AddLine(std::string_view line)
     m_strText += '\n';
 }
 
+/// Whether END, or a comment that may stand behind it, is right before the last ";".
+bool SqlSplitter::MayEndTrigger() const
+{
+    std::size_t const last = m_strText.find_last_not_of(" \t\r\n\f\v", m_nScanned - 2);
+    if (last == m_strText.npos || last < m_nBegin + 2)
+    {
+        return false;
+    }
+    auto const is = [&](std::size_t at, char letter) { return (m_strText[at] | 0x20) == letter; };
+    return m_strText[last] == '/' || m_strText.find('\n', last) < m_nScanned - 1 ||
+           (is(last, 'd') && is(last - 1, 'n') && is(last - 2, 'e'));
+}
+
 bool SqlSplitter::Take(std::string & statement)
 {
     while (m_nScanned < m_strText.size())
@@ -42,12 +55,18 @@ bool SqlSplitter::Take(std::string & statement)
         }
         else if (c == ';')
         {
-            // A trigger has statements of its own, which the engine knows the end of.
-            std::string piece = m_strText.substr(m_nBegin, m_nScanned - m_nBegin);
-            if (m_bAny && !sqlite3_complete(piece.c_str()))
+            // A trigger has statements of its own, and the engine knows its end. It is asked only where that may be.
+            if (m_bTrigger && !MayEndTrigger())
             {
                 continue;
             }
+            std::string piece = m_strText.substr(m_nBegin, m_nScanned - m_nBegin);
+            if (m_bAny && !sqlite3_complete(piece.c_str()))
+            {
+                m_bTrigger = true;
+                continue;
+            }
+            m_bTrigger = false;
             m_nBegin = m_nScanned;
             if (std::exchange(m_bAny, false))
             {

@@ -4,7 +4,7 @@
 #include <string_view>
 
 /// Takes text apart into statements, which end at a ";" that stands in no text, name, comment or trigger. Work is
-/// linear in the text, but for long triggers.
+/// linear in the text.
 class SqlSplitter
 {
 public:
@@ -23,4 +23,7 @@ private:
     std::size_t m_nScanned = 0; // so far
     char m_cWithin = 0;         // the quote to come, '-' in a comment of a line, '*' in one between marks
     bool m_bAny = false;        // there is something to run
+    bool m_bTrigger = false;    // which ends at a "; END;"
+
+    bool MayEndTrigger() const;
 };

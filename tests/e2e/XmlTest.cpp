@@ -49,6 +49,9 @@ TEST_F(Xml, ChecksAndMerges)
     EXPECT_THAT(bad.strErr, HasSubstr("c.xml:2:5: "));
     EXPECT_THAT(bad.strErr, HasSubstr("error 2: "));
     EXPECT_EQ(Run({"check", first, second}).nStatus, 0);
+    EXPECT_THAT(Run({"check", Write("e.xml", "<r/> <!-- > -->\n <junk")}).strErr, HasSubstr("e.xml:2:2: "));
+    std::string const blanks = Write("f.xml", "<r a=\"x&#10;y\">&#32;a&#10;b&#9;</r>");
+    EXPECT_EQ(Run({"print", "--indent", "0", blanks}).strOut, Read(blanks));
 
     fs::create_symlink("a.xml", m_folder / "link.xml");
     fs::permissions(first, fs::perms::owner_read | fs::perms::owner_write);

@@ -1,5 +1,6 @@
 #include "kvx/text/StringFile.h"
 #include "kvx/xml/XmlDocument.h"
+#include "tests/support/Raised.h"
 
 #include <gtest/gtest.h>
 
@@ -27,6 +28,37 @@ CXmlElement * Read(CXmlElement & element, LPCTSTR text)
 {
     element.FromString(text);
     return &element;
+}
+TEST(XmlElement, HasOnePlaceAtMost)
+{
+    CXmlDocument document(_T("r"));
+    CXmlElement * const root = document.GetRoot();
+    CXmlElement * const a = root->CreateChild(_T("a"));
+    CXmlElement * const b = root->CreateChild(_T("b"));
+    CXmlElement * const c = b->CreateChild(_T("c"));
+    root->AddChild(a); // moves it to the end
+    EXPECT_STREQ(document.ToString(), "<r><b><c/></b><a/></r>");
+    EXPECT_EQ(root->InsertChildBefore(a, b), 1);
+    EXPECT_EQ(root->InsertChildBefore(c, nullptr), 1);
+    EXPECT_STREQ(document.ToString(), "<r><a/><b/><c/></r>");
+    root->InsertChild(b, a);
+    EXPECT_STREQ(document.ToString(), "<r><c/><b/><a/></r>");
+    EXPECT_EQ(root->GetChildCount(), 3);
+    c->AddChild(b);
+    CXmlDocument other(_T("o"));
+    other.GetRoot()->AddChild(a, 1);
+    EXPECT_STREQ(document.ToString(), "<r><c><b/></c></r>");
+    EXPECT_STREQ(other.ToString(), "<o><a/></o>");
+
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { b->AddChild(c); }));
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { b->AddChild(b); }));
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { b->InsertChild(root, nullptr); }));
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { b->AcquireChildren(c); }));
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { root->AddChild(other.GetRoot()); }));
+    EXPECT_TRUE(Raises<CInvalidArgException>([&] { document.SetRoot(other.GetRoot()); }));
+    EXPECT_STREQ(document.ToString(), "<r><c><b/></c></r>");
+    document.SetRoot(c); // a part of the tree that goes
+    EXPECT_STREQ(document.ToString(), "<c><b/></c>");
 }
 } // namespace
 

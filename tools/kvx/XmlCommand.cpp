@@ -5,6 +5,7 @@
 #include "OutputFile.h"
 
 #include "kvx/foundation/AppException.h"
+#include "kvx/text/StringFile.h"
 #include "kvx/xml/XmlDocument.h"
 
 #include <CLI/App.hpp>
@@ -65,13 +66,31 @@ bool IsUtf8(CStringA const & text)
     return text.IsEmpty() || MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, text.GetLength(), nullptr, 0) > 0;
 }
 
-/// Reads a document, or says why not.
-bool Load(CXmlDocument & document, std::string const & name, XmlOptions const & options)
+/// Where something stands behind the root that isn't white space, a comment or an instruction; the size of the text if
+/// there is nothing.
+std::size_t FindBehind(std::string_view text, std::size_t at)
+{
+    for (;;)
+    {
+        at = std::min(text.find_first_not_of(" \t\r\n", at), text.size());
+        std::string_view const rest = text.substr(at);
+        std::string_view const end = rest.starts_with("<!--") ? "-->" : rest.starts_with("<?") ? "?>" : "";
+        std::size_t const found = end.empty() ? text.npos : rest.find(end);
+        if (found == text.npos)
+        {
+            return at;
+        }
+        at += found + end.size();
+    }
+}
+
+/// Reads a document, or says why not. Nothing that counts may stand behind a `whole` one.
+bool Load(CXmlDocument & document, std::string const & name, XmlOptions const & options, bool whole = false)
 {
     CString const shown = name == "-" ? CString(_T("stdin")) : kvx::FromUtf8(name);
     try
     {
-        CStringA const text = ReadAll(name);
+        CStringA text = ReadAll(name);
         if (!options.bAnsi && !IsUtf8(text))
         {
             ReportError(ERROR_NO_UNICODE_TRANSLATION, shown + _T(": the text is not UTF-8; --ansi reads other bytes"));
@@ -84,8 +103,19 @@ bool Load(CXmlDocument & document, std::string const & name, XmlOptions const & 
             ReportError(ERROR_BAD_FORMAT, shown + _T(":1:1: the text is empty"));
             return false;
         }
-        document.FromString(text);
-        return true;
+        CStringFileA file(text);
+        document.FromFile(file);
+        std::string_view const all = text.AsView();
+        std::size_t const at = whole ? FindBehind(all, static_cast<std::size_t>(file.GetPosition())) : all.size();
+        if (at < all.size())
+        {
+            std::string_view const before = all.substr(0, at);
+            CString place;
+            place.Format(_T("%s:%d:%d: "), shown, static_cast<int>(std::ranges::count(before, '\n')) + 1,
+                         static_cast<int>(at - (before.rfind('\n') + 1)) + 1);
+            ReportError(ERROR_BAD_FORMAT, place + _T("there is something behind the root"));
+        }
+        return at == all.size();
     }
     catch (CArchiveException * failure)
     {
@@ -154,7 +184,7 @@ int RunCheck(XmlOptions const & options)
     for (std::string const & name : options.files)
     {
         CXmlDocument document;
-        status = Load(document, name, options) ? status : 1;
+        status = Load(document, name, options, true) ? status : 1;
     }
     return status;
 }

@@ -75,7 +75,9 @@ public:
     /// XML of the one shape <ROWSET name=""><ROW column="value"/></ROWSET>: ToXml adds a ROWSET to the element, FromXml
     /// takes the element for one whatever its name, adds its rows, and gives 1. Cells that don't exist become empty,
     /// columns without rows are lost, and column names must be names in XML for the text to be readable again. On
-    /// tinyxml2's elements a value ends at its first 0, and what UTF-8 can't hold, a lone surrogate, becomes U+FFFD.
+    /// tinyxml2's elements a value ends at its first 0, and what UTF-8 can't hold, a lone surrogate, becomes U+FFFD. A
+    /// CR comes back from what ToStringA or XMLDocumentKVX print, not from tinyxml2's own printing; and the time of a
+    /// row grows with the square of its number of columns.
     void ToXml(CXmlElement * parent) const;
     int FromXml(CXmlElement const * rowSet);
     void ToXml(tinyxml2::XMLElement * parent) const;

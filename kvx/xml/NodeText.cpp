@@ -1,6 +1,7 @@
 #include "kvx/xml/NodeText.h"
 
 #include "kvx/foundation/Utilities.h"
+#include "kvx/xml/NodePrinter.h"
 
 #include <array>
 
@@ -79,7 +80,7 @@ CStringA ToStringA(XMLNode const * node)
     {
         return {};
     }
-    XMLPrinter printer(nullptr, true);
+    NodePrinter printer(nullptr, true);
     Walk(*node, printer);
     return {printer.CStr(), printer.CStrSize() - 1};
 }

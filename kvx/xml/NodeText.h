@@ -8,7 +8,8 @@
 
 namespace tinyxml2
 {
-/// The node and all below it, without white space added; empty for a null node. Nothing recurses on the depth.
+/// The node and all below it, without white space added, as NodePrinter prints it; empty for a null node. Nothing
+/// recurses on the depth.
 KVX_API CStringA ToStringA(XMLNode const * node);
 KVX_API CStringW ToStringW(XMLNode const * node);
 KVX_API CString ToString(XMLNode const * node);

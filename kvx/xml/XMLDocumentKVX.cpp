@@ -205,7 +205,7 @@ bool XMLDocumentKVX::FromResource(LPCTSTR name, HINSTANCE module)
 bool XMLDocumentKVX::ToFile(LPCTSTR path)
 {
     ClearError();
-    XMLPrinter printer;
+    NodePrinter printer;
     Walk(*this, printer);
     LONG const error =
         ErrorOf([&] { return WriteFile(path, printer.CStr(), static_cast<std::size_t>(printer.CStrSize() - 1)); });
@@ -292,6 +292,18 @@ bool XMLDocumentKVX::Merge(XMLElement const * element)
     {
         return ElementProxy(root).Merge(element);
     }
-    return element && ParseBytes(ToNarrow(ToString(element)), static_cast<std::size_t>(-1));
+    if (!element)
+    {
+        return false;
+    }
+    CStringA const text = ToNarrow(ToString(element));
+    // Parsing deletes what is there, also nodes that were made and hang nowhere yet, before it knows that it fails.
+    XMLDocument trial(ProcessEntities(), WhitespaceMode());
+    if (trial.Parse(text) != XML_SUCCESS)
+    {
+        LogError(_T("XMLDocumentKVX::Merge parsing error %s"), ErrorText(trial.ErrorID()));
+        return false;
+    }
+    return ParseBytes(text, static_cast<std::size_t>(-1));
 }
 } // namespace tinyxml2

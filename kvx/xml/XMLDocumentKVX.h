@@ -5,6 +5,7 @@
 
 #include "kvx/xml/ElementProxy.h"
 #include "kvx/xml/ElementVisitor.h"
+#include "kvx/xml/NodePrinter.h"
 #include "kvx/xml/NodeText.h"
 
 class CMemFile;
@@ -13,7 +14,10 @@ namespace tinyxml2
 {
 /// What fails is logged and gives false; reading leaves its error in the document (ErrorID). The texts in the log name
 /// parsing errors by ErrorText. tinyxml2 refuses documents of more than about 100 levels. Trees that are made by hand
-/// may be as deep as memory allows, and go without recursion, unless Clear or Parse of the base class end them.
+/// may be as deep as memory allows, and go without recursion if they hang in the document when it goes. What Clear,
+/// Parse, DeleteChild or DeleteNode of the base class end, and what was made by NewElement and hangs in no document
+/// when its own one goes, is deleted by tinyxml2, which recurses on the depth: some ten thousands of levels overflow
+/// the stack. Insert the top of a deep tree into the document (InsertEndChild) before that.
 ///
 /// Threads: a document belongs to one.
 class KVX_API XMLDocumentKVX : public XMLDocument
@@ -33,7 +37,8 @@ public:
     bool FromFile(CMemFile & file);
     /// Of the type "XML".
     bool FromResource(LPCTSTR name, HINSTANCE module);
-    /// With white space, over what is there.
+    /// With white space, over what is there. Printed by NodePrinter, as all text of this class: a CR comes back, which
+    /// it doesn't from Print or SaveFile of the base class.
     bool ToFile(LPCTSTR path);
     /// Without white space, and behind what is there: a second call appends the document a second time.
     bool ToFile(CMemFile & file);
@@ -47,7 +52,7 @@ public:
     XMLElement * FindElement(LPCTSTR path, LPCTSTR delimiters);
 
     /// Merges the other's root into this one's (ElementProxy::Merge). A document without a root becomes a copy, by way
-    /// of the text; it refuses what can't be read back then.
+    /// of the text; what can't be read back then is logged and refused. A refusal leaves the document as it is.
     bool Merge(XMLDocument const & other);
     bool Merge(XMLElement const * element);
 

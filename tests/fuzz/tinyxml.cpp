@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
     if (bFirst)
     {
         // The walk without recursion is the library's own.
-        XMLPrinter printer(nullptr, true);
+        NodePrinter printer(nullptr, true);
         first.Print(&printer);
         Require(ToStringA(&first) == printer.CStr());
     }

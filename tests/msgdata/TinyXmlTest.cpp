@@ -31,9 +31,9 @@ TYPED_TEST(RowsAsXml, GoThereAndBack)
     POSITION row = rows.AppendRow();
     rows.SetData(row, _T("a"), _T("<\"&'>"));
     row = rows.AppendRow();
-    rows.SetData(row, _T("ü"), _T("2\n3"));
-    std::string const text =
-        "<r><ROWSET name=\"näme\"><ROW a=\"&lt;&quot;&amp;&apos;&gt;\" ü=\"\"/><ROW a=\"\" ü=\"2\n3\"/></ROWSET></r>";
+    rows.SetData(row, _T("ü"), _T("\r2\n3\r\n"));
+    std::string const text = "<r><ROWSET name=\"näme\"><ROW a=\"&lt;&quot;&amp;&apos;&gt;\" ü=\"\"/><ROW a=\"\" "
+                             "ü=\"&#13;2\n3&#13;\n\"/></ROWSET></r>";
     EXPECT_EQ(Written(rows), text);
 
     KeptLog log;
@@ -49,6 +49,8 @@ TYPED_TEST(RowsAsXml, GoThereAndBack)
     EXPECT_EQ(back.GetData(row, 0), _T("kept"));
     back.GetNextRowPosition(row);
     EXPECT_EQ(back.GetData(row, 1), _T("<\"&'>"));
+    back.GetNextRowPosition(row);
+    EXPECT_EQ(back.GetData(row, 2), _T("\r2\n3\r\n"));
 
     document.Parse("<any><x b='1'/><!-- no row --><y/></any>");
     TypeParam any;

@@ -45,8 +45,8 @@ TEST(XmlDocumentKvx, FilesComeBackAndFailuresAreLogged)
     ASSERT_TRUE(written.ToFile(path));
     XMLDocumentKVX read;
     ASSERT_TRUE(read.FromFile(path));
-    EXPECT_EQ(Text(&read), "<rööt><a><b>x &lt; \"y\"\n</b></a><other><c/></other></rööt>");
-    EXPECT_EQ(read.FindElement(_T("RÖÖT/a/b"), _T("/"))->GetText(), std::string("x < \"y\"\n"));
+    EXPECT_EQ(Text(&read), "<rööt><a><b>x &lt; \"y\"&#13;</b></a><other><c/></other></rööt>");
+    EXPECT_EQ(read.FindElement(_T("RÖÖT/a/b"), _T("/"))->GetText(), std::string("x < \"y\"\r"));
     EXPECT_EQ(read.FindElement(_T("rööt/A"), _T("/")), nullptr); // only the root's case doesn't matter
     EXPECT_EQ(read.CreateElement(_T(""), _T("/")), nullptr);
 
@@ -78,6 +78,26 @@ TEST(XmlDocumentKvx, FilesComeBackAndFailuresAreLogged)
                             testing::HasSubstr("XMLDocumentKVX::FromResource(none) resource error ")));
     EXPECT_EQ(ErrorText(static_cast<XMLError>(20)), _T("<<unknown:20>>"));
     std::filesystem::remove_all(folder);
+}
+
+TEST(XmlNodePrinter, ControlCharactersComeBack)
+{
+    std::string const controls = "\r\n&\t\r<\x01\x1F\r";
+    XMLDocumentKVX document("r");
+    document.RootElement()->SetAttribute("a", controls.c_str());
+    document.RootElement()->InsertNewText(controls.c_str());
+    document.RootElement()->InsertNewText("\r]")->SetCData(true); // references aren't read in there
+    std::string const text = "&#13;\n&amp;\t&#13;&lt;&#1;&#31;&#13;";
+    EXPECT_EQ(Text(&document), "<r a=\"" + text + "\">" + text + "<![CDATA[\r]]]></r>");
+    XMLDocument read;
+    ASSERT_EQ(read.Parse(Text(&document).c_str()), XML_SUCCESS);
+    EXPECT_EQ(read.RootElement()->Attribute("a"), controls);
+    EXPECT_EQ(read.RootElement()->GetText(), controls);
+
+    XMLDocumentKVX bare("r", false); // where nothing would turn a reference back
+    bare.RootElement()->SetText("\r");
+    bare.RootElement()->InsertNewText("\r")->SetCData(true);
+    EXPECT_EQ(Text(&bare), "<r>\r<![CDATA[\r]]></r>");
 }
 
 TEST(XmlElementProxy, SpeaksTextsAndValueSets)
@@ -167,7 +187,24 @@ TEST(XmlElementProxy, ManyAndDeepElementsAreMerged)
     EXPECT_TRUE(other.Merge(deep));
     EXPECT_TRUE(ElementProxy(other.RootElement()->LastChildElement()).Merge(deep.RootElement()));
     EXPECT_EQ(ToStringA(&deep).GetLength(), 300000 * 7 - 3 + 7);
-    EXPECT_FALSE(XMLDocumentKVX().Merge(deep)); // its text is too deep to be read
+    KeptLog log;
+    XMLDocumentKVX kept;
+    kept.Parse("<?xml version='1.0'?><!-- keep -->");
+    std::string const before = Text(&kept);
+    XMLElement * const unlinked = kept.NewElement("later");
+    EXPECT_FALSE(kept.Merge(deep)); // its text is too deep to be read
+    EXPECT_THAT(log.Take(), ElementsAre(testing::StartsWith("E XMLDocumentKVX::Merge parsing error ")));
+    kept.InsertEndChild(unlinked);
+    EXPECT_EQ(Text(&kept), before + "<later/>");
+
+    // What was made apart goes with the document once it hangs in there, behind others too.
+    XMLElement * const top = kept.NewElement("top");
+    at = top;
+    for (int i = 0; i < 300000; ++i)
+    {
+        at = ElementProxy(at).AddChild("a");
+    }
+    kept.InsertEndChild(top);
 }
 
 TEST(XmlElementVisitor, CallsForTheNameAndStopsWhereItIsTold)

@@ -125,7 +125,7 @@ public:
     // access flags hold KEY_WOW64_64KEY. A KEY holds its VALUE elements, in the order of the enumeration, and then the
     // KEY elements of its subkeys, with their names alone. A VALUE has the attributes `name`, `type` (a type's name,
     // which some types share), `original-size` (of the data, in bytes) and `encoded-size` (of the text), and the data
-    // in Base64, in lines of 76 characters that end in CR LF. Text is UTF-8. A CR comes back, in a name too, if a
+    // in Base64, in lines of 76 characters that end in CR LF. Text is UTF-8. A CR in a name comes back if a
     // document of tinyxml2's is printed by XMLDocumentKVX or ToStringA: tinyxml2's own printing loses it.
     //
     // What fails below the top key is only logged. For whole trees, with nothing left out unsaid, see CRegistryBackup.

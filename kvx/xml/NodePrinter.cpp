@@ -1,6 +1,5 @@
 #include "kvx/xml/NodePrinter.h"
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 
@@ -8,9 +7,18 @@ namespace tinyxml2
 {
 namespace
 {
-bool NeedsReference(char c)
+// The first character that needs a reference. The line ends of a text need none.
+char const * FindControl(char const * data, char const * end, bool lineEnds)
 {
-    return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n';
+    for (; data != end; ++data)
+    {
+        bool const bLineEnd = lineEnds && *data == '\r' && end - data > 1 && data[1] == '\n';
+        if (static_cast<unsigned char>(*data) < 0x20 && *data != '\t' && *data != '\n' && !bLineEnd)
+        {
+            break;
+        }
+    }
+    return data;
 }
 } // namespace
 
@@ -31,8 +39,9 @@ bool NodePrinter::VisitEnter(XMLElement const & element, XMLAttribute const * fi
 bool NodePrinter::Visit(XMLText const & text)
 {
     m_bInText = !text.CData();
+    m_bLineEnds = true;
     bool const bGoOn = XMLPrinter::Visit(text);
-    m_bInText = false;
+    m_bInText = m_bLineEnds = false;
     return bGoOn;
 }
 
@@ -45,7 +54,7 @@ void NodePrinter::Write(char const * data, std::size_t size)
     }
     for (char const * const end = data + size; data != end;)
     {
-        char const * const control = std::find_if(data, end, NeedsReference);
+        char const * const control = FindControl(data, end, m_bLineEnds);
         if (control != data)
         {
             XMLPrinter::Write(data, static_cast<std::size_t>(control - data));

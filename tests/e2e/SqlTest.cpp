@@ -205,6 +205,8 @@ TEST_F(Sql, ServesStatementsAndTheirValues)
     EXPECT_EQ(rows.columns, (Strings{"a", "b", "b_2", "c"}));
     EXPECT_EQ(rows.rows, (Rows{{"x' --", "7", "7", "X'00FF'"}, {"-", "-", "-", "X'00FF'"}}));
     EXPECT_EQ(CodeOf("select :c", {":c=0f0", "blobs=:c"}), 87);
+    EXPECT_EQ(Run("select ?5, '?'", {"p5=5"}).rowSets.at(0).rows, (Rows{{"5", "?"}}));
+    EXPECT_EQ(CodeOf("select '?', ?"), 87);
     EXPECT_THAT(Run("select :c", {"c=1"}).strText, HasSubstr("no parameter ':c'"));
     EXPECT_THAT(Run("insert into t values('x'' --', 0)").strText, HasSubstr("UNIQUE constraint failed"));
     EXPECT_THAT(Run("selec 1").strText, HasSubstr("near \"selec\": syntax error"));
@@ -231,7 +233,9 @@ TEST_F(Sql, RefusesWhatReachesFurtherThanTheFile)
     for (std::string const & sql :
          {"attach '" + other + "' as x", "vacuum into '" + other + "'", std::string("pragma journal_mode=delete"),
           std::string("select load_extension('x')"), std::string("begin"), std::string("savepoint a"),
-          std::string("create temp table x(a)"), "create virtual table v using csv(filename='" + other + "')",
+          std::string("create temp table x(a)"), std::string("create table temp.q(a)"),
+          std::string("create view temp.sqlite as select 1"), std::string("create virtual table temp.y using fts5(a)"),
+          std::string("select json_patch('{}', '{}')"), "create virtual table v using csv(filename='" + other + "')",
           "pragma temp_store_directory='" + other + "'", std::string("select * from pragma_database_list")})
     {
         EXPECT_EQ(CodeOf(sql), 5) << sql;
@@ -240,7 +244,12 @@ TEST_F(Sql, RefusesWhatReachesFurtherThanTheFile)
     EXPECT_EQ(CodeOf("insert into sqlite_master values(1,2,3,4,5)"), 87);
     EXPECT_FALSE(fs::exists(other));
     EXPECT_EQ(CodeOf("create table t(a)"), 0);
+    EXPECT_EQ(CodeOf("create trigger temp.tr after insert on main.t begin select 1; end"), 5);
     EXPECT_EQ(CodeOf("pragma table_info(t)"), 0);
+    // These look at what is temporary by themselves.
+    EXPECT_EQ(CodeOf("alter table t rename column a to b; alter table t rename to s; alter table s rename to t",
+                     {"script=1"}),
+              0);
     EXPECT_EQ(CodeOf("create virtual table v using fts5(a)"), 0);
     EXPECT_EQ(CodeOf("insert into v values('some words')"), 0);
     EXPECT_EQ(Run("select a from v('words')").rowSets.at(0).rows, (Rows{{"some words"}}));
@@ -249,6 +258,61 @@ TEST_F(Sql, RefusesWhatReachesFurtherThanTheFile)
     EXPECT_EQ(none.nStatus, 1);
     EXPECT_THAT(none.strErr, HasSubstr("file is not a database"));
     EXPECT_EQ(RunKvx({"serve", "tcp:127.0.0.1:0", "--sql", "x="}).nStatus, 2);
+    EXPECT_EQ(RunKvx({"serve", "tcp:127.0.0.1:0", "--sql", "x=" + other, "--sql", "X=" + other}).nStatus, 2);
+    EXPECT_EQ(RunKvx({"serve", "tcp:127.0.0.1:0", "--sql", "host=" + other}).nStatus, 2);
+    // What one request has counted is nothing for the next one, and a file that has gone isn't served on.
+    EXPECT_EQ(CodeOf("insert into t values(1)"), 0);
+    EXPECT_EQ(Run("select last_insert_rowid(), changes(), total_changes()").rowSets.at(0).rows,
+              (Rows{{"0", "0", "0"}}));
+    fs::rename(m_folder / "a.sqlite", other);
+    EXPECT_THAT(Run("select 1").strText, HasSubstr("has been deleted, moved or replaced"));
+}
+
+TEST_F(Sql, OwnFunctionsGiveWhatTheEnginesDo)
+{
+    Serve();
+    sqlite3 * database = nullptr;
+    ASSERT_EQ(sqlite3_open(":memory:", &database), SQLITE_OK);
+    std::mt19937 random(1);
+    static constexpr std::array PIECES{"a", "B", "ä", "\U0001F600", "%", "_", "*", "?", "[", "]", "^", "-", "!", "ab"};
+    auto const text = [&](unsigned longest)
+    {
+        std::string made;
+        for (auto n = random() % (longest + 1); n > 0; --n)
+        {
+            made += PIECES[random() % PIECES.size()];
+        }
+        return "'" + made + "'";
+    };
+    constexpr int COUNT = 300;
+    constexpr int COLUMNS = 50;
+    for (int i = 0; i < COUNT; ++i)
+    {
+        std::string sql =
+            "select hex(instr(x'01020301', x'0301')), instr('aabaabaaabaabaabb', 'aabaabaabb'), trim(null, 1)";
+        for (int column = 0; column < COLUMNS; ++column)
+        {
+            static constexpr std::array CALLS{"instr(", "replace(", "trim(", "ltrim(",
+                                              "rtrim(", "like(",    "glob(", "like("};
+            auto const which = random() % CALLS.size();
+            sql += std::string(", ") + CALLS[which] + text(which < 5 ? 9 : 6) + ", " + text(which < 5 ? 2 : 9) +
+                   (which == 1   ? ", " + text(3)
+                    : which == 7 ? ", '!'"
+                                 : "") +
+                   ")";
+        }
+        sqlite3_stmt * statement = nullptr;
+        ASSERT_EQ(sqlite3_prepare_v2(database, sql.c_str(), -1, &statement, nullptr), SQLITE_OK) << sql;
+        ASSERT_EQ(sqlite3_step(statement), SQLITE_ROW);
+        Strings const row = Run(sql).rowSets.at(0).rows.at(0);
+        for (std::size_t column = 0; column < row.size(); ++column)
+        {
+            auto const * const given = sqlite3_column_text(statement, static_cast<int>(column));
+            EXPECT_EQ(row[column], given ? reinterpret_cast<char const *>(given) : "") << sql << column;
+        }
+        sqlite3_finalize(statement);
+    }
+    sqlite3_close(database);
 }
 
 TEST_F(Sql, BoundsWhatAStatementCosts)
@@ -259,6 +323,23 @@ TEST_F(Sql, BoundsWhatAStatementCosts)
     EXPECT_THAT(Run(endless + "x from r").strText, HasSubstr("more than 1000 rows"));
     EXPECT_THAT(Run(endless + "hex(zeroblob(20000)) from r").strText, HasSubstr("more than 102400 bytes"));
     EXPECT_THAT(Run("select zeroblob(60000)").strText, HasSubstr("too big"));
+    EXPECT_EQ(Run("select null union all select null", {"null=" + std::string(60'000, 'x')}).nCode, 234);
+    // Those that nobody could end, or that took gigabytes before they began.
+    std::string matches = "with t(a, p) as materialized (select replace(hex(zeroblob(20000)), '0', 'a'), "
+                          "'%' || replace(hex(zeroblob(450)), '0', 'a') || 'b%') select 0";
+    std::string doubled = "with a0 as (select 1 x)";
+    std::string names = "select 1 n";
+    for (int i = 1; i < 300; ++i)
+    {
+        matches += i < 190 ? "+(a like p)" : "";
+        std::string const last = "select * from a" + std::to_string(i - 1);
+        doubled += i < 30 ? ", a" + std::to_string(i) + " as (" + last + " union all " + last + ")" : "";
+        names += ", 1 \"" + std::string(400, 'n') + '"';
+    }
+    EXPECT_EQ(CodeOf(matches + " from t"), 1460);
+    EXPECT_THAT(CodeOf(doubled + " select * from a29"), testing::AnyOf(8, 1460));
+    EXPECT_LT(m_service->GetMemory(), 1500);
+    EXPECT_EQ(CodeOf(names), 234);
     EXPECT_EQ(CodeOf("create table t(a)"), 0);
     EXPECT_EQ(CodeOf("insert into t with recursive r(x) as (select 1 union all select x + 1 from r limit 2000) "
                      "select x from r returning a"),

@@ -15,7 +15,9 @@
 #include <CLI/App.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -148,6 +150,7 @@ public:
         {
             database->StopProvider();
         }
+        AwaitDatabases();
         for (CMsgProvider * const provider : m_mounted)
         {
             if (auto * const connector = dynamic_cast<CMsgConnectionProvider *>(BehindForwarders(provider)))
@@ -189,10 +192,23 @@ private:
     std::vector<CMsgProvider *> m_mounted;   // the tree's
     std::vector<CSqlProvider *> m_databases; // the tree's
 
+    void AwaitDatabases();
     bool Start();
     bool AwaitReady(DWORD timeout, bool & bAllReady);
     bool AreAlive();
 };
+
+/// What the engine does at a stretch can't be ended from outside. Files that it leaves at such a moment come to no
+/// harm.
+void Service::AwaitDatabases()
+{
+    constexpr std::chrono::milliseconds GRACE(3000);
+    if (!std::ranges::all_of(m_databases, [](CSqlProvider * database) { return database->AwaitEnd(GRACE); }))
+    {
+        Fail(ERROR_TIMEOUT, _T("a statement doesn't end: it is left alone"));
+        std::_Exit(1);
+    }
+}
 
 bool Service::Mount(std::string_view pathAndConfig)
 {
@@ -397,6 +413,21 @@ std::string CheckDatabase(std::string const & word)
 {
     return BeginsWithPath(word) ? std::string() : "'" + word + "' is no PATH=FILE";
 }
+
+/// A second one would take the place of the first.
+void CheckPaths(ServeOptions const & options)
+{
+    std::vector<CString> known{_T("host")};
+    for (std::string const & word : options.databases)
+    {
+        CString const path = kvx::FromUtf8(std::string_view(word).substr(0, word.find('=')));
+        if (std::ranges::any_of(known, [&](CString const & other) { return path.CompareNoCase(other) == 0; }))
+        {
+            throw CLI::ValidationError("--sql", "the path '" + kvx::ToUtf8(path) + "' is taken");
+        }
+        known.push_back(path);
+    }
+}
 } // namespace
 
 void AddServeCommand(CLI::App & app, Run & run)
@@ -439,6 +470,8 @@ void AddServeCommand(CLI::App & app, Run & run)
     AddSize(*command, "--sql-max-bytes", options->sqlLimits.nMaxBytes,
             "Refuse results that have more bytes; 0 for no limit");
     AddSize(*command, "--sql-max-value", options->sqlLimits.nMaxValueBytes, "Refuse longer values; 0 for no limit");
+    AddSize(*command, "--sql-max-memory", options->sqlLimits.nMaxMemory,
+            "Refuse what has the engine take more memory, all of it together; 0 for no limit");
     command->add_option("--log", options->strLog, "Append the log to this file");
     command->add_flag("--verbose", options->bVerbose, "Log each request, and show the log on stderr");
     command->footer("Prints 'READY LISTENER' for each listener once it accepts clients.\n"
@@ -474,5 +507,10 @@ void AddServeCommand(CLI::App & app, Run & run)
                     std::string(CONNECTION_HELP) +
                     "\n"
                     "A mounted connection gets commands whole; forward: takes the first word of PATH off.");
-    command->callback([&run, options] { run = [options] { return RunServe(*options); }; });
+    command->callback(
+        [&run, options]
+        {
+            CheckPaths(*options);
+            run = [options] { return RunServe(*options); };
+        });
 }

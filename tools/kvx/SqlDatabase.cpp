@@ -9,11 +9,19 @@
 #include <limits>
 #include <set>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace
 {
 constexpr int PROGRESS_STEPS = 1000; // of the engine's machine between two looks at the clock
+
+/// Bytes that an empty one takes at most, in the memory or in a message.
+constexpr ULONGLONG ROW_SET_COST = 256;
+constexpr ULONGLONG CELL_COST = 4;
+
+/// Functions that could reach further, or that take the square of the time for twice the text.
+constexpr std::array<std::string_view, 3> REFUSED_FUNCTIONS{"fts3_tokenizer", "json_patch", "load_extension"};
 
 /// What a client may ask of the settings: nothing that changes any, or reaches a file.
 constexpr std::array<std::string_view, 14> READING_PRAGMAS{
@@ -142,21 +150,51 @@ DWORD ToWin32(int result)
     }
 }
 
-/// The columns' names, each of them once: two of the same would be one column.
-void AddColumns(sqlite3_stmt * statement, CMsgRowSet & rows)
+/// Whether a statement has a `?` without a number. Its parameter has no name, as little as a number below another one
+/// that it doesn't use.
+bool HasBareMark(std::string_view sql)
 {
-    int const count = sqlite3_column_count(statement);
-    for (int i = 0; i < count; ++i)
+    for (std::size_t i = 0; i < sql.size(); ++i)
     {
-        char const * const given = sqlite3_column_name(statement, i);
-        CString const name = kvx::FromUtf8(given ? given : "");
-        CString unique = name;
-        for (int n = 2; rows.HasData(unique); ++n)
+        char const c = sql[i];
+        char const next = i + 1 < sql.size() ? sql[i + 1] : ' ';
+        std::string_view end;
+        switch (c)
         {
-            unique.Format(_T("%s_%d"), name, n);
+        case '\'':
+        case '"':
+        case '`':
+            end = sql.substr(i, 1);
+            break;
+        case '[':
+            end = "]";
+            break;
+        case '-':
+            end = next == '-' ? "\n" : "";
+            break;
+        case '/':
+            end = next == '*' ? "*/" : "";
+            break;
+        case '?':
+            if (next < '0' || next > '9')
+            {
+                return true;
+            }
+            break;
+        default:
+            break;
         }
-        rows.AddColumn(unique);
+        if (!end.empty())
+        {
+            auto const at = sql.find(end, i + (end.size() == 2 ? 2 : 1));
+            if (at == sql.npos)
+            {
+                return false;
+            }
+            i = at + end.size() - 1;
+        }
     }
+    return false;
 }
 } // namespace
 
@@ -196,18 +234,34 @@ CSqlDatabase::~CSqlDatabase()
     sqlite3_close(m_pDatabase);
 }
 
-SqlFailure CSqlDatabase::LastFailure() const
+SqlFailure CSqlDatabase::EndFailure() const
 {
     if (m_bStop || m_bUnwanted)
     {
         return Failure(ERROR_OPERATION_ABORTED, m_bStop ? _T("The service ends") : _T("The client has gone"));
     }
+    CString text;
+    text.Format(_T("The statement takes longer than %u ms, which is what the service allows"), m_limits.nTimeout);
+    return Failure(ERROR_TIMEOUT, text);
+}
+
+SqlFailure CSqlDatabase::LastFailure()
+{
     int const result = sqlite3_extended_errcode(m_pDatabase);
-    CString text = kvx::FromUtf8(sqlite3_errmsg(m_pDatabase));
-    if ((result & 0xFF) == SQLITE_INTERRUPT)
+    if (m_bStop || m_bUnwanted || m_bLate || (result & 0xFF) == SQLITE_INTERRUPT)
     {
-        text.Format(_T("The statement takes longer than %u ms, which is what the service allows"), m_limits.nTimeout);
-        return Failure(ERROR_TIMEOUT, text);
+        return EndFailure();
+    }
+    CString text = kvx::FromUtf8(sqlite3_errmsg(m_pDatabase));
+    if (m_nFunctions > SqlLimits::FUNCTIONS_MAX)
+    {
+        text.Format(_T("The statement calls more than %d functions, which is what the service allows"),
+                    SqlLimits::FUNCTIONS_MAX);
+    }
+    if ((result & 0xFF) == SQLITE_NOMEM)
+    {
+        m_bOutOfMemory = true;
+        text = _T("The statement is too complex, or takes more memory than the service has");
     }
     // The functions that nobody may call are refused under another code.
     return Failure(m_bDenied ? ERROR_ACCESS_DENIED : ToWin32(result), text);
@@ -218,6 +272,26 @@ bool CSqlDatabase::IsIdle() const
     return sqlite3_get_autocommit(m_pDatabase) != 0;
 }
 
+bool CSqlDatabase::IsClean()
+{
+    if (!IsIdle() || m_bOutOfMemory)
+    {
+        return false;
+    }
+    bool bTemporary = false;
+    auto const onRow = [](void * found, int, char **, char **)
+    {
+        *static_cast<bool *>(found) = true;
+        return 0;
+    };
+    m_bOwnStatement = true;
+    int const result =
+        m_bChanges ? sqlite3_exec(m_pDatabase, "SELECT 1 FROM sqlite_temp_master LIMIT 1", onRow, &bTemporary, nullptr)
+                   : SQLITE_OK;
+    m_bOwnStatement = false;
+    return result == SQLITE_OK && !bTemporary;
+}
+
 std::optional<SqlFailure> CSqlDatabase::RunOwn(char const * sql)
 {
     m_bOwnStatement = true;
@@ -226,10 +300,10 @@ std::optional<SqlFailure> CSqlDatabase::RunOwn(char const * sql)
     return result == SQLITE_OK ? std::nullopt : std::optional(LastFailure());
 }
 
-std::optional<SqlFailure> CSqlDatabase::Open(std::string const & path)
+std::optional<SqlFailure> CSqlDatabase::Open(std::string const & path, bool bCreate)
 {
-    int const flags =
-        (m_limits.bReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) | SQLITE_OPEN_NOMUTEX;
+    int const writing = SQLITE_OPEN_READWRITE | (bCreate ? SQLITE_OPEN_CREATE : 0);
+    int const flags = (m_limits.bReadOnly ? SQLITE_OPEN_READONLY : writing) | SQLITE_OPEN_NOMUTEX;
     int const result = sqlite3_open_v2(path.c_str(), &m_pDatabase, flags, nullptr);
     if (result != SQLITE_OK)
     {
@@ -248,13 +322,26 @@ std::optional<SqlFailure> CSqlDatabase::Open(std::string const & path)
     constexpr auto INT_LIMIT = static_cast<ULONGLONG>(std::numeric_limits<int>::max());
     ULONGLONG const valueBytes = m_limits.nMaxValueBytes == 0 ? INT_LIMIT : m_limits.nMaxValueBytes;
     sqlite3_limit(m_pDatabase, SQLITE_LIMIT_LENGTH, static_cast<int>(std::min(valueBytes, INT_LIMIT)));
-    sqlite3_limit(m_pDatabase, SQLITE_LIMIT_SQL_LENGTH, SqlLimits::STATEMENT_MAX);
-    sqlite3_limit(m_pDatabase, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, 1000); // its time is that of the text times this
-    sqlite3_limit(m_pDatabase, SQLITE_LIMIT_ATTACHED, 0);
-    sqlite3_limit(m_pDatabase, SQLITE_LIMIT_WORKER_THREADS, 0);
+    struct Limit
+    {
+        int category;
+        int value;
+    };
+    // Many of these bound what compiling a statement takes, and running it straight on, when nobody looks at the clock.
+    for (auto const [category, value] :
+         {Limit{SQLITE_LIMIT_SQL_LENGTH, SqlLimits::STATEMENT_MAX}, Limit{SQLITE_LIMIT_LIKE_PATTERN_LENGTH, 1000},
+          Limit{SQLITE_LIMIT_COLUMN, 500}, Limit{SQLITE_LIMIT_EXPR_DEPTH, 200}, Limit{SQLITE_LIMIT_VDBE_OP, 250'000},
+          Limit{SQLITE_LIMIT_COMPOUND_SELECT, 100}, Limit{SQLITE_LIMIT_FUNCTION_ARG, 100},
+          Limit{SQLITE_LIMIT_VARIABLE_NUMBER, 10'000}, Limit{SQLITE_LIMIT_TRIGGER_DEPTH, 100},
+          Limit{SQLITE_LIMIT_ATTACHED, 0}, Limit{SQLITE_LIMIT_WORKER_THREADS, 0}})
+    {
+        sqlite3_limit(m_pDatabase, category, value);
+    }
+    AddOwnFunctions();
     // The schema is read first, so that a file that is no database is told here.
-    auto failure = RunOwn(m_limits.bReadOnly ? "PRAGMA query_only=1; PRAGMA schema_version"
-                                             : "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL");
+    auto failure = RunOwn(m_limits.bReadOnly ? "PRAGMA temp_store=MEMORY; PRAGMA query_only=1; PRAGMA schema_version"
+                                             : "PRAGMA temp_store=MEMORY; PRAGMA journal_mode=WAL; "
+                                               "PRAGMA synchronous=NORMAL");
     sqlite3_set_authorizer(m_pDatabase, &OnAuthorize, this);
     sqlite3_progress_handler(m_pDatabase, PROGRESS_STEPS, &OnProgress, this);
     return failure;
@@ -300,15 +387,39 @@ int CSqlDatabase::OnBusy(void * self, int attempts)
     return 1;
 }
 
-int CSqlDatabase::OnAuthorize(void * self, int action, char const * first, char const * second, char const *,
-                              char const *)
+/// What the engine counts over all requests of a connection begins anew for each of them.
+void CSqlDatabase::AddOwnFunctions()
 {
-    auto & database = *static_cast<CSqlDatabase *>(self);
-    if (database.m_bOwnStatement)
+    AddBoundedFunctions(m_pDatabase, m_work);
+    constexpr int FLAGS = SQLITE_UTF8 | SQLITE_INNOCUOUS;
+    sqlite3_create_function(
+        m_pDatabase, "total_changes", 0, FLAGS, this,
+        [](sqlite3_context * context, int, sqlite3_value **)
+        {
+            auto const & self = *static_cast<CSqlDatabase *>(sqlite3_user_data(context));
+            sqlite3_result_int64(context, sqlite3_total_changes64(self.m_pDatabase) - self.m_nChangesBefore);
+        },
+        nullptr, nullptr);
+    sqlite3_create_function(
+        m_pDatabase, "changes", 0, FLAGS, this,
+        [](sqlite3_context * context, int, sqlite3_value **)
+        {
+            auto const & self = *static_cast<CSqlDatabase *>(sqlite3_user_data(context));
+            bool const bAny = sqlite3_total_changes64(self.m_pDatabase) != self.m_nChangesBefore;
+            sqlite3_result_int64(context, bAny ? sqlite3_changes64(self.m_pDatabase) : 0);
+        },
+        nullptr, nullptr);
+}
+
+bool CSqlDatabase::IsAllowed(int action, char const * first, char const * second, char const * schema)
+{
+    // The engine itself looks there while it renames. Nothing can be there: not all that makes something has an action
+    // of its own, but all of that adds a row.
+    bool const bTemporary = schema && sqlite3_stricmp(schema, "temp") == 0;
+    if (bTemporary && action != SQLITE_READ && action != SQLITE_UPDATE)
     {
-        return SQLITE_OK;
+        return false;
     }
-    bool bAllowed = true;
     switch (action)
     {
     case SQLITE_ATTACH: // VACUUM too, which could write to any file
@@ -319,22 +430,31 @@ int CSqlDatabase::OnAuthorize(void * self, int action, char const * first, char 
     case SQLITE_CREATE_TEMP_TABLE:
     case SQLITE_CREATE_TEMP_TRIGGER:
     case SQLITE_CREATE_TEMP_VIEW:
-        bAllowed = false;
-        break;
+        return false;
     case SQLITE_PRAGMA:
-        bAllowed = Has(READING_PRAGMAS, first) || (!second && Has(READ_SETTINGS, first));
-        break;
+        return Has(READING_PRAGMAS, first) || (!second && Has(READ_SETTINGS, first));
     case SQLITE_FUNCTION:
-        bAllowed = !Has(std::array<std::string_view, 2>{"load_extension", "fts3_tokenizer"}, second);
-        break;
+        return !Has(REFUSED_FUNCTIONS, second) && ++m_nFunctions <= SqlLimits::FUNCTIONS_MAX;
     case SQLITE_CREATE_VTABLE:
-        bAllowed = Has(MODULES, second);
-        break;
+        return Has(MODULES, second);
     default:
-        break;
+        return true;
     }
+}
+
+int CSqlDatabase::OnAuthorize(void * self, int action, char const * first, char const * second, char const * schema,
+                              char const *)
+{
+    constexpr std::size_t COST = 1024; // so that the clock is looked at now and then
+    auto & database = *static_cast<CSqlDatabase *>(self);
+    if (database.m_bOwnStatement)
+    {
+        return SQLITE_OK;
+    }
+    database.m_bLate = database.m_bLate || database.m_work.Spend(COST);
+    bool const bAllowed = database.IsAllowed(action, first, second, schema);
     database.m_bDenied = database.m_bDenied || !bAllowed;
-    return bAllowed ? SQLITE_OK : SQLITE_DENY;
+    return bAllowed && !database.m_bLate ? SQLITE_OK : SQLITE_DENY;
 }
 
 std::optional<SqlFailure> CSqlDatabase::Bind(sqlite3_stmt * statement, CValueAccessor const & params)
@@ -346,6 +466,7 @@ std::optional<SqlFailure> CSqlDatabase::Bind(sqlite3_stmt * statement, CValueAcc
     }
     auto const nulls = ReadList(params, _T("nulls"));
     auto const blobs = ReadList(params, _T("blobs"));
+    std::optional<bool> bBare; // if that is to be known
     for (int i = 1; i <= count; ++i)
     {
         char const * const given = sqlite3_bind_parameter_name(statement, i);
@@ -358,6 +479,14 @@ std::optional<SqlFailure> CSqlDatabase::Bind(sqlite3_stmt * statement, CValueAcc
         CString value;
         if (!params.GetValue(kvx::FromUtf8(name), value))
         {
+            if (!given && !bBare)
+            {
+                bBare = HasBareMark(sqlite3_sql(statement));
+            }
+            if (!given && !*bBare)
+            {
+                continue; // no placeholder has this number
+            }
             return Failure(ERROR_INVALID_PARAMETER, _T("The request has no parameter '") + kvx::FromUtf8(name) +
                                                         _T("', which the statement takes"));
         }
@@ -391,55 +520,99 @@ std::optional<SqlFailure> CSqlDatabase::Bind(sqlite3_stmt * statement, CValueAcc
     return std::nullopt;
 }
 
-std::optional<SqlFailure> CSqlDatabase::AddRow(sqlite3_stmt * statement, CString const & null, CMsgRowSet & rows)
+std::optional<SqlFailure> CSqlDatabase::CountRow()
 {
-    constexpr ULONGLONG CELL_COST = 4; // bytes of an empty one in a message
-    CString text;
-    POSITION row = nullptr;
+    constexpr ULONGLONG LOOK = 256; // rows between two looks at the clock
     if (++m_nRows > m_limits.nMaxRows && m_limits.nMaxRows > 0)
     {
+        CString text;
         text.Format(
             _T("The result has more than %u rows, which is what the service allows: give the statement a limit"),
             m_limits.nMaxRows);
         return Failure(ERROR_MORE_DATA, text);
     }
-    row = rows.AppendRow();
+    return m_nRows % LOOK == 0 && IsToEnd() ? std::optional(EndFailure()) : std::nullopt;
+}
+
+std::optional<SqlFailure> CSqlDatabase::CountBytes(ULONGLONG bytes)
+{
+    m_nBytes += bytes;
+    if (m_nBytes <= m_limits.nMaxBytes || m_limits.nMaxBytes == 0)
+    {
+        return std::nullopt;
+    }
+    CString text;
+    text.Format(_T("The result has more than %I64u bytes, which is what the service allows: give the ")
+                _T("statement a limit"),
+                m_limits.nMaxBytes);
+    return Failure(ERROR_MORE_DATA, text);
+}
+
+/// The columns' names, each of them once: two of the same would be one column.
+std::optional<SqlFailure> CSqlDatabase::AddColumns(sqlite3_stmt * statement, CMsgRowSet & rows)
+{
+    std::unordered_map<std::string_view, int> nextNumbers;
+    int const count = sqlite3_column_count(statement);
+    for (int i = 0; i < count; ++i)
+    {
+        char const * const given = sqlite3_column_name(statement, i);
+        std::string_view const utf8 = given ? given : "";
+        if (auto failure = CountBytes(utf8.size() + CELL_COST))
+        {
+            return failure;
+        }
+        CString const name = kvx::FromUtf8(utf8);
+        CString unique = name;
+        for (int & n = nextNumbers.try_emplace(utf8, 2).first->second; rows.HasData(unique); ++n)
+        {
+            unique.Format(_T("%s_%d"), name, n);
+        }
+        rows.AddColumn(unique);
+    }
+    return std::nullopt;
+}
+
+std::optional<SqlFailure> CSqlDatabase::AddRow(sqlite3_stmt * statement, CString const & null, CMsgRowSet & rows)
+{
+    if (auto failure = CountRow())
+    {
+        return failure;
+    }
+    POSITION row = rows.AppendRow();
     int const count = sqlite3_column_count(statement);
     for (int i = 0; i < count; ++i)
     {
         CStringValue & cell = rows.GetData(row, i);
         auto const type = sqlite3_column_type(statement, i);
-        int bytes = 0;
+        ULONGLONG shown = 0; // bytes
         if (type == SQLITE_NULL)
         {
             cell = null;
+            shown = m_nNullBytes;
         }
         else if (type == SQLITE_BLOB)
         {
             auto const * const data = static_cast<BYTE const *>(sqlite3_column_blob(statement, i));
-            bytes = sqlite3_column_bytes(statement, i);
+            int const bytes = sqlite3_column_bytes(statement, i);
             cell = ToHexLiteral(data, bytes);
-            bytes *= 2;
+            shown = ULONGLONG{2} * static_cast<ULONGLONG>(bytes) + 3;
         }
         else
         {
             auto const * const data = reinterpret_cast<char const *>(sqlite3_column_text(statement, i));
-            bytes = sqlite3_column_bytes(statement, i);
             if (!data)
             {
+                m_bOutOfMemory = true;
                 return Failure(ERROR_NOT_ENOUGH_MEMORY, _T("Out of memory"));
             }
-            std::string_view const utf8(data, static_cast<std::size_t>(bytes));
+            shown = static_cast<ULONGLONG>(sqlite3_column_bytes(statement, i));
+            std::string_view const utf8(data, static_cast<std::size_t>(shown));
             auto const column = static_cast<std::size_t>(i);
             cell = column < m_texts.size() ? m_texts[column].Get(utf8) : kvx::FromUtf8(utf8);
         }
-        m_nBytes += static_cast<ULONGLONG>(bytes) + CELL_COST;
-        if (m_nBytes > m_limits.nMaxBytes && m_limits.nMaxBytes > 0)
+        if (auto failure = CountBytes(shown + CELL_COST))
         {
-            text.Format(_T("The result has more than %I64u bytes, which is what the service allows: give the ")
-                        _T("statement a limit"),
-                        m_limits.nMaxBytes);
-            return Failure(ERROR_MORE_DATA, text);
+            return failure;
         }
     }
     return std::nullopt;
@@ -455,7 +628,15 @@ std::optional<SqlFailure> CSqlDatabase::RunStatement(sqlite3_stmt * statement, C
     kvx::RefPtr<CMsgRowSet> const rows(new CMsgRowSet);
     results.Append(rows.Get());
     bool const bRows = sqlite3_column_count(statement) > 0;
-    AddColumns(statement, *rows);
+    m_bChanges = m_bChanges || !sqlite3_stmt_readonly(statement);
+    if (auto failure = IsToEnd() ? EndFailure() : CountBytes(ROW_SET_COST))
+    {
+        return failure;
+    }
+    if (auto failure = AddColumns(statement, *rows))
+    {
+        return failure;
+    }
     std::ranges::for_each(m_texts, &CTextCache::Restart);
     CString const null = params.GetValue(_T("null"));
     auto const before = sqlite3_total_changes64(m_pDatabase);
@@ -473,6 +654,10 @@ std::optional<SqlFailure> CSqlDatabase::RunStatement(sqlite3_stmt * statement, C
     }
     if (!bRows)
     {
+        if (auto failure = CountRow())
+        {
+            return failure;
+        }
         // The engine keeps the count of the last statement that changed rows; this one may be another.
         bool const bChanged = sqlite3_total_changes64(m_pDatabase) != before;
         rows->SetName(_T("changes"));
@@ -495,6 +680,7 @@ std::optional<SqlFailure> CSqlDatabase::RunAll(std::string const & sql, bool bSc
         do
         {
             sqlite3_stmt * made = nullptr;
+            m_nFunctions = 0;
             if (sqlite3_prepare_v2(m_pDatabase, at, static_cast<int>(end - at) + 1, &made, &at) != SQLITE_OK)
             {
                 return false;
@@ -552,7 +738,7 @@ std::optional<SqlFailure> CSqlDatabase::Run(CString const & sql, bool bScript, C
                        _T("The statement has a character 0 or half of a surrogate pair: give such a value beside it"));
     }
     std::string const text = kvx::ToUtf8(sql);
-    if (text.size() > SqlLimits::STATEMENT_MAX)
+    if (text.size() > SqlLimits::TEXT_MAX)
     {
         return Failure(ERROR_INVALID_PARAMETER, _T("The statement is too long"));
     }
@@ -562,7 +748,20 @@ std::optional<SqlFailure> CSqlDatabase::Run(CString const & sql, bool bScript, C
     m_bUnwanted = false;
     m_nBytes = 0;
     m_nRows = 0;
+    m_nNullBytes = kvx::ToUtf8(params.GetValue(_T("null"))).size();
     m_bDenied = false;
+    m_bLate = false;
+    m_bChanges = false;
+    m_bOutOfMemory = false;
+    m_nFunctions = 0;
+    int moved = 0;
+    if (sqlite3_file_control(m_pDatabase, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved)
+    {
+        return Failure(ERROR_FILE_NOT_FOUND, _T("The file of the database has been deleted, moved or replaced since ")
+                                             _T("the service began: it has to begin again"));
+    }
+    sqlite3_set_last_insert_rowid(m_pDatabase, 0);
+    m_nChangesBefore = sqlite3_total_changes64(m_pDatabase);
     m_bOwnStatement = false;
     auto failure = bScript ? RunOwn(m_limits.bReadOnly ? "BEGIN" : "BEGIN IMMEDIATE") : std::nullopt;
     if (!failure)
@@ -578,9 +777,11 @@ std::optional<SqlFailure> CSqlDatabase::Run(CString const & sql, bool bScript, C
         m_deadline = Clock::time_point::max();
         m_isUnwanted = nullptr;
         m_bUnwanted = false;
+        m_bLate = false;
         RunOwn("ROLLBACK");
     }
     m_isUnwanted = nullptr;
+    m_deadline = Clock::time_point::max();
     if (failure)
     {
         results.RemoveAll();

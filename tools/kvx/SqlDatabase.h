@@ -2,6 +2,8 @@
 
 /// One connection to a SQLite file, fit for statements from strangers.
 
+#include "SqlFunctions.h"
+
 #include "kvx/foundation/ValueAccessor.h"
 #include "kvx/msgdata/MsgMultipleRowSets.h"
 
@@ -26,7 +28,10 @@ struct SqlLimits
     DWORD nMaxRows = 100'000;                      // of one request's results
     ULONGLONG nMaxBytes = ULONGLONG{64} << 20;     // of one request's results, in UTF-8
     ULONGLONG nMaxValueBytes = ULONGLONG{1} << 20; // of one value, on disk or made by a function
-    static constexpr int STATEMENT_MAX = 16 << 20; // bytes in UTF-8
+    ULONGLONG nMaxMemory = ULONGLONG{512} << 20;   // of the engine, for all files and the registry of this process
+    static constexpr int TEXT_MAX = 16 << 20;      // bytes in UTF-8
+    static constexpr int STATEMENT_MAX = 4 << 20;  // of one in it: bytes of a value have four
+    static constexpr int FUNCTIONS_MAX = 2'000;    // calls that one statement writes down
     static constexpr DWORD BUSY_TIMEOUT = 5'000;   // milliseconds to wait for somebody else's lock
     static constexpr std::size_t CONNECTIONS = 8;  // at work at once on one file
 };
@@ -71,8 +76,8 @@ public:
     CSqlDatabase & operator=(CSqlDatabase const &) = delete;
     ~CSqlDatabase();
 
-    /// Makes the file if it is missing and may be written.
-    std::optional<SqlFailure> Open(std::string const & path);
+    /// With `bCreate` makes the file if it is missing and may be written.
+    std::optional<SqlFailure> Open(std::string const & path, bool bCreate);
 
     /// Runs one statement, or with `bScript` any number of them as one transaction. The placeholders take their values
     /// from the parameters of the request (SqlProvider.h). Each statement gives a row set. `isUnwanted` is asked from
@@ -80,8 +85,9 @@ public:
     std::optional<SqlFailure> Run(CString const & sql, bool bScript, CValueAccessor const & params,
                                   CMsgMultipleRowSets & results, std::function<bool()> const & isUnwanted);
 
-    /// False if a transaction that failed couldn't be taken back: closing the connection does that.
-    bool IsIdle() const;
+    /// False if a request has left something behind that the next one would find: a transaction that couldn't be taken
+    /// back, something temporary, or caches that leave others no memory. Closing the connection ends it.
+    bool IsClean();
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -99,19 +105,30 @@ private:
     bool m_bOwnStatement = true; // no client's: everything is allowed
     bool m_bDenied = false;      // the authorizer has refused something
     bool m_bUnwanted = false;
+    bool m_bLate = false;    // found out while the statement was compiled
+    bool m_bChanges = false; // the request may have changed something, what is temporary included
+    bool m_bOutOfMemory = false;
+    int m_nFunctions = 0;           // that the statement calls
+    long long m_nChangesBefore = 0; // those that others have made by this connection
+    CSqlWork m_work{[this] { return IsToEnd(); }};
     std::function<bool()> m_isUnwanted;
     Clock::time_point m_nextLook{}; // whether it is
     Clock::time_point m_deadline{};
     Clock::time_point m_busySince{};
     ULONGLONG m_nBytes = 0;
     ULONGLONG m_nRows = 0;
+    ULONGLONG m_nNullBytes = 0;         // of the text for NULL
     std::array<CTextCache, 16> m_texts; // of the first columns
 
+    bool IsIdle() const;
     static int OnProgress(void * self);
     bool IsToEnd();
     static int OnBusy(void * self, int attempts);
     static int OnAuthorize(void * self, int action, char const * first, char const * second, char const * third,
                            char const * fourth);
+
+    bool IsAllowed(int action, char const * first, char const * second, char const * schema);
+    void AddOwnFunctions();
 
     std::optional<SqlFailure> RunOwn(char const * sql);
     std::optional<SqlFailure> RunAll(std::string const & sql, bool bScript, CValueAccessor const & params,
@@ -119,6 +136,10 @@ private:
     std::optional<SqlFailure> RunStatement(sqlite3_stmt * statement, CValueAccessor const & params,
                                            CMsgMultipleRowSets & results);
     std::optional<SqlFailure> Bind(sqlite3_stmt * statement, CValueAccessor const & params);
+    std::optional<SqlFailure> AddColumns(sqlite3_stmt * statement, CMsgRowSet & rows);
+    std::optional<SqlFailure> CountRow();
+    std::optional<SqlFailure> CountBytes(ULONGLONG bytes);
     std::optional<SqlFailure> AddRow(sqlite3_stmt * statement, CString const & null, CMsgRowSet & rows);
-    SqlFailure LastFailure() const;
+    SqlFailure EndFailure() const;
+    SqlFailure LastFailure();
 };

@@ -1,9 +1,10 @@
 #include "SqlProvider.h"
 
 #include "kvx/messaging/MsgMap.h"
+#include "kvx/platform/SocketPeer.h"
 #include "kvx/transport/MsgTCPConnection.h"
 
-#include <chrono>
+#include <sqlite3.h>
 
 namespace
 {
@@ -18,14 +19,7 @@ bool HasGone(CMsgConnection * connection)
     {
         return false; // the other kinds have asked the system
     }
-    auto const socket = reinterpret_cast<SOCKET>(connection->GetReadHandle());
-    winsock::FdSet readable;
-    winsock::FdZero(readable);
-    winsock::FdAdd(socket, readable);
-    winsock::TimeVal const atOnce{};
-    char c = 0;
-    return winsock::select(0, &readable, nullptr, nullptr, &atOnce) == 1 &&
-           winsock::recv(socket, &c, 1, winsock::ReceivePeek) <= 0;
+    return kvx::HasPeerEnded(reinterpret_cast<SOCKET>(connection->GetReadHandle()));
 }
 } // namespace
 
@@ -38,7 +32,9 @@ void CSqlProvider::RegisterProviderMap()
 std::optional<SqlFailure> CSqlProvider::Open()
 {
     auto database = std::make_unique<CSqlDatabase>(m_limits, m_bStop);
-    auto failure = database->Open(m_strPath);
+    // Set before anything is opened, it holds for all of it.
+    sqlite3_hard_heap_limit64(static_cast<sqlite3_int64>(m_limits.nMaxMemory));
+    auto failure = database->Open(m_strPath, true);
     if (!failure)
     {
         m_idle.push_back(std::move(database));
@@ -50,6 +46,18 @@ int CSqlProvider::StopProvider()
 {
     m_bStop = true;
     return 1;
+}
+
+bool CSqlProvider::AwaitEnd(std::chrono::milliseconds timeout)
+{
+    auto const deadline = std::chrono::steady_clock::now() + timeout;
+    std::size_t ended = 0;
+    while (ended < SqlLimits::CONNECTIONS && m_free.try_acquire_until(deadline))
+    {
+        ++ended;
+    }
+    m_free.release(static_cast<std::ptrdiff_t>(ended));
+    return ended == SqlLimits::CONNECTIONS;
 }
 
 std::unique_ptr<CSqlDatabase> CSqlProvider::TakeIdle()
@@ -68,13 +76,18 @@ void CSqlProvider::OnExecute(CMsgRequest & request)
 {
     constexpr std::chrono::milliseconds LOOK(50); // at the end of the service
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_limits.nTimeout);
-    while (!m_free.try_acquire_for(LOOK))
+    while (m_bStop || !m_free.try_acquire_for(LOOK))
     {
         bool const bLate = m_limits.nTimeout > 0 && std::chrono::steady_clock::now() >= deadline;
-        if (bLate || m_bStop)
+        if (m_bStop || HasGone(request.GetConnection()))
         {
-            request.SetResponseError(bLate ? ERROR_BUSY : ERROR_OPERATION_ABORTED, _T("%s"),
-                                     bLate ? _T("Too many statements are at work") : _T("The service ends"));
+            request.SetResponseError(ERROR_OPERATION_ABORTED, _T("%s"),
+                                     m_bStop ? _T("The service ends") : _T("The client has gone"));
+            return;
+        }
+        if (bLate)
+        {
+            request.SetResponseError(ERROR_BUSY, _T("%s"), _T("Too many statements are at work"));
             return;
         }
     }
@@ -110,7 +123,7 @@ std::optional<SqlFailure> CSqlProvider::Execute(CMsgRequest & request, CMsgMulti
     if (!database)
     {
         database = std::make_unique<CSqlDatabase>(m_limits, m_bStop);
-        if (auto failure = database->Open(m_strPath))
+        if (auto failure = database->Open(m_strPath, false))
         {
             return failure;
         }
@@ -118,7 +131,7 @@ std::optional<SqlFailure> CSqlProvider::Execute(CMsgRequest & request, CMsgMulti
     auto failure =
         database->Run(sql, script == _T("1"), params, results, [&request] { return HasGone(request.GetConnection()); });
     // An exception ends the connection, in whatever state it is.
-    if (database->IsIdle())
+    if (database->IsClean())
     {
         CSingleLock guard(&m_lock, TRUE);
         m_idle.push_back(std::move(database));

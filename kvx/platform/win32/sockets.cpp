@@ -1,5 +1,6 @@
 #include "kvx/platform/win32/sockets.h"
 
+#include "kvx/platform/SocketPeer.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/handles.h"
 #include "kvx/platform/win32/low_descriptors.h"
@@ -620,3 +621,12 @@ char * inet_ntoa(InAddr address)
 }
 
 } // namespace winsock
+
+bool kvx::HasPeerEnded(SOCKET hSocket)
+{
+    Ref<Socket> const socket = FindSocket(hSocket);
+    if (!socket)
+        return false;
+    pollfd state{socket->Get(), POLLRDHUP, 0};
+    return Retry([&] { return ::poll(&state, 1, 0); }) == 1 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}

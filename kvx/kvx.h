@@ -1,6 +1,7 @@
 #pragma once
 
-/// All that an application needs: the public headers of every folder.
+/// All that an application needs: the public headers of every folder, but for those that need <tinyxml2.h>
+/// (kvx/xml/XMLDocumentKVX.h, kvx/sql/SQLMetaData.h).
 
 #include "kvx/platform/mfc/Afx.h"
 

@@ -41,9 +41,9 @@ public:
 
     /// Writes the key and all that is below it. Nothing is written before all names have been looked at.
     LONG Export(CString const & keyPath, CFile & file, DWORD accessFlags = 0);
-    /// Reads a whole file, and checks all of it before the registry is changed; then makes the keys and sets the
-    /// values, and leaves others as they are. The tree comes to `keyPath`, or, if that is empty, to where it was. After
-    /// a failure the counts and the place tell how far it came.
+    /// Reads a file from where it stands to its end, and checks all of it before the registry is changed; then makes
+    /// the keys and sets the values, and leaves others as they are. The tree comes to `keyPath`, or, if that is empty,
+    /// to where it was. After a failure the counts and the place tell how far it came.
     LONG Import(CFile & file, CString const & keyPath = CString(), DWORD accessFlags = 0);
     /// Tells all that an import would change, and what it would leave alone, in the order of the file and with what it
     /// doesn't have behind it. A value that the file has no data of isn't compared.

@@ -85,7 +85,8 @@ public:
     /// Sends the text as it is, with no value but those in it.
     CMsgResults Execute(CString const & statement);
     /// Sends the text with the parameters beside it, each under its name: a provider that takes values puts them in the
-    /// places of the statement that bear it, ":born", or "p1" for the first "?". There every value is itself.
+    /// places of the statement that bear it, ":born" (which is the whole name: `people[_T(":born")]`), or "p1" for the
+    /// first "?". There every value is itself.
     CMsgResults ExecuteWithValues(CString const & statement);
     /// Any command of the provider, with the parameters as those of the request.
     CMsgResults Call(CString const & procedure);

@@ -34,8 +34,8 @@ struct CXmlParseError
 /// Text is of the ANSI code page on both ways: what it lacks is written as `?`. Two options make more of it, for one's
 /// own files and those of others: `ProcessUtf8` and `ProcessStandardTags`.
 ///
-/// Written documents are on one line unless an indent is set; an element deeper than 1,024 characters of indent is
-/// written with that many.
+/// Written documents are on one line unless an indent is set, and then have lines that end in CR LF; an element deeper
+/// than 1,024 characters of indent is written with that many.
 ///
 /// Errors: CArchiveException * with cause 5 and the archive's name for what doesn't parse, with the place in
 /// `GetParseError`; the document has no root then. CFileException * from files. Threads: one at a time.
@@ -92,7 +92,7 @@ public:
     /// Only for those with this very tag.
     int ForEachElement(CString const & tag, ElementProc callback, void * context, CXmlElement * start = nullptr);
 
-    /// CXmlElement::Merge on the root.
+    /// CXmlElement::Merge on the root: nothing is replaced, what has no equal is added.
     int Merge(CXmlDocument const & other) { return Merge(other.m_pRoot); }
     int Merge(CXmlElement const * other) { return m_pRoot ? m_pRoot->Merge(other) : 0; }
 

@@ -123,8 +123,7 @@ private:
 
 void InStr(sqlite3_context * context, int, sqlite3_value ** values)
 {
-    bool const bBlobs =
-        sqlite3_value_type(values[0]) == SQLITE_BLOB && sqlite3_value_type(values[1]) == SQLITE_BLOB;
+    bool const bBlobs = sqlite3_value_type(values[0]) == SQLITE_BLOB && sqlite3_value_type(values[1]) == SQLITE_BLOB;
     auto const text = bBlobs ? GetBlob(values[0]) : GetText(values[0]);
     auto const sought = bBlobs ? GetBlob(values[1]) : GetText(values[1]);
     Spend(context, text.size() + sought.size());
@@ -145,8 +144,8 @@ void Replace(sqlite3_context * context, int, sqlite3_value ** values)
         sqlite3_result_value(context, values[0]);
         return;
     }
-    auto const limit = static_cast<std::size_t>(
-        sqlite3_limit(sqlite3_context_db_handle(context), SQLITE_LIMIT_LENGTH, -1));
+    auto const limit =
+        static_cast<std::size_t>(sqlite3_limit(sqlite3_context_db_handle(context), SQLITE_LIMIT_LENGTH, -1));
     Spend(context, text.size() + sought.size() + other.size());
     Finder const finder(sought);
     std::string result;
@@ -224,13 +223,15 @@ void Trim(sqlite3_context * context, int, sqlite3_value ** values)
     };
     if (ENDS & LEFT)
     {
-        trim(&LengthOfFirst, [&](std::size_t n) { return text.substr(0, n); },
-             [&](std::size_t n) { text.remove_prefix(n); });
+        trim(
+            &LengthOfFirst, [&](std::size_t n) { return text.substr(0, n); },
+            [&](std::size_t n) { text.remove_prefix(n); });
     }
     if (ENDS & RIGHT)
     {
-        trim(&LengthOfLast, [&](std::size_t n) { return text.substr(text.size() - n); },
-             [&](std::size_t n) { text.remove_suffix(n); });
+        trim(
+            &LengthOfLast, [&](std::size_t n) { return text.substr(text.size() - n); },
+            [&](std::size_t n) { text.remove_suffix(n); });
     }
     sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
 }
@@ -273,8 +274,8 @@ struct Element
     {
         if (kind == OneOf)
         {
-            bool const bIn = std::ranges::any_of(
-                ranges, [given](auto const & range) { return given >= range.first && given <= range.second; });
+            bool const bIn = std::ranges::any_of(ranges, [given](auto const & range)
+                                                 { return given >= range.first && given <= range.second; });
             return bIn != bInverse;
         }
         return kind == AnyCharacter || (kind == Character && (bFold ? Fold(given) == Fold(c) : given == c));

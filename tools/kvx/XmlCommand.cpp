@@ -282,13 +282,15 @@ void AddXmlCommand(CLI::App & app, Run & run)
     get->add_option("NAME", options->strName, "An attribute; without one the text");
     get->callback([&run, options] { run = [options] { return RunGet(*options); }; });
 
-    CLI::App * const merge = AddAction(*xml, *options, "merge", "Merge documents into the first");
+    CLI::App * const merge = AddAction(
+        *xml, *options, "merge", "Merge documents into the first: nothing is replaced, what has no equal is added");
     AddFiles(*merge, *options)->expected(2, 1000000);
     merge->add_option("-o,--output", options->strOutput, "The file to write, which may be one of them; else stdout");
     AddIndent(*merge, *options);
     merge->callback([&run, options] { run = [options] { return RunMerge(*options); }; });
 
-    CLI::App * const check = AddAction(*xml, *options, "check", "Tell the line and column where a document is none");
+    CLI::App * const check =
+        AddAction(*xml, *options, "check", "Tell the line and column where the library can't read a document");
     AddFiles(*check, *options);
     check->callback([&run, options] { run = [options] { return RunCheck(*options); }; });
 }

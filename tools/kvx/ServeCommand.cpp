@@ -202,7 +202,7 @@ private:
 /// harm.
 void Service::AwaitDatabases()
 {
-    constexpr std::chrono::milliseconds GRACE(3000);
+    static constexpr std::chrono::milliseconds GRACE(3000);
     if (!std::ranges::all_of(m_databases, [](CSqlProvider * database) { return database->AwaitEnd(GRACE); }))
     {
         Fail(ERROR_TIMEOUT, _T("a statement doesn't end: it is left alone"));

@@ -338,7 +338,7 @@ TEST_F(Sql, BoundsWhatAStatementCosts)
     }
     EXPECT_EQ(CodeOf(matches + " from t"), 1460);
     EXPECT_THAT(CodeOf(doubled + " select * from a29"), testing::AnyOf(8, 1460));
-    EXPECT_LT(m_service->GetMemory(), 1500);
+    EXPECT_LT(m_service->GetMemory(), 2500);
     EXPECT_EQ(CodeOf(names), 234);
     EXPECT_EQ(CodeOf("create table t(a)"), 0);
     EXPECT_EQ(CodeOf("insert into t with recursive r(x) as (select 1 union all select x + 1 from r limit 2000) "

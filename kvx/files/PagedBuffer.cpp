@@ -38,17 +38,10 @@ void CPagedBuffer::Attach(void * data, unsigned int size)
         AfxThrowInvalidArgException();
     }
     std::vector<std::unique_ptr<CPage>> pages;
-    try
+    if (size > 0)
     {
-        if (size > 0)
-        {
-            pages.push_back(std::make_unique<CPage>(size));
-            std::memcpy(pages.front()->GetData(), data, size);
-        }
-    }
-    catch (std::bad_alloc const &)
-    {
-        AfxThrowMemoryException();
+        kvx::MemoryGuarded([&] { pages.push_back(std::make_unique<CPage>(size)); });
+        std::memcpy(pages.front()->GetData(), data, size);
     }
     Reset(size);
     m_pages.swap(pages);

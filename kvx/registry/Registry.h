@@ -187,6 +187,18 @@ protected:
 private:
     friend class CRegistryBackup;
 
+    // RegistryTree.h
+    template <class ELEMENT>
+    static int SaveOpened(ELEMENT * element, CString const & keyPath, int oneValue, CString const & valueName,
+                          int recursive, DWORD maxValueSize, DWORD accessFlags);
+    template <class ADD>
+    static void SaveEachSubKey(CRegistry & key, DWORD maxValueSize, DWORD accessFlags, ADD const & add);
+    template <class ELEMENT>
+    static int RestoreTop(ELEMENT const * element, CString const & name, CString const & wow64, DWORD accessFlags);
+    template <class ELEMENT, class NAME>
+    static int RestoreChild(ELEMENT const * child, CString const & tag, CRegistry & key, DWORD accessFlags,
+                            NAME const & nameOf);
+
     HKEY m_hKey = nullptr;
 
     static TranslationProc sm_pTranslationProc;

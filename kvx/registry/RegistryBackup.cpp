@@ -56,30 +56,10 @@ LONG ForEachValue(HKEY key, bool namesOnly, WORK work)
     return code;
 }
 
-bool IsSurrogateStart(WCHAR c)
-{
-    return c >= 0xD800 && c < 0xDC00;
-}
-
-bool IsSurrogateEnd(WCHAR c)
-{
-    return c >= 0xDC00 && c < 0xE000;
-}
-
 bool IsWellFormed(View name)
 {
-    for (std::size_t i = 0; i < name.size(); ++i)
-    {
-        if (IsSurrogateStart(name[i]) && i + 1 < name.size() && IsSurrogateEnd(name[i + 1]))
-        {
-            ++i;
-        }
-        else if (IsSurrogateStart(name[i]) || IsSurrogateEnd(name[i]))
-        {
-            return false;
-        }
-    }
-    return true;
+    return name.empty() || WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, name.data(),
+                                               static_cast<int>(name.size()), nullptr, 0, nullptr, nullptr) > 0;
 }
 
 std::string ReadAll(CFile & file)
@@ -264,40 +244,22 @@ LONG CRegistryBackup::Writer::Spill()
 void CRegistryBackup::Writer::AddAttribute(std::string_view name, View value)
 {
     m_text.append(" ").append(name).append("=\"");
-    for (std::size_t i = 0; i < value.size(); ++i)
+    std::string const bytes = kvx::ToUtf8(value);
+    for (std::size_t i = 0; i < bytes.size(); ++i)
     {
-        unsigned int c = value[i];
-        if (IsSurrogateStart(value[i]) && i + 1 < value.size())
-        {
-            c = 0x10000 + ((c - 0xD800) << 10) + (value[++i] - 0xDC00u);
-        }
+        auto const c = static_cast<unsigned char>(bytes[i]);
         // A backslash before the closing quote would quote that for some readers.
-        bool const bReference = c < 0x20 || c == 0x7F || (c == '\\' && i + 1 == value.size());
-        if (bReference)
+        if (c < 0x20 || c == 0x7F || (c == '\\' && i + 1 == bytes.size()))
         {
-            char digits[8];
-            char * const end = std::to_chars(digits, digits + sizeof(digits), c).ptr;
-            m_text.append("&#").append(digits, end).append(";");
+            m_text.append("&#").append(std::to_string(c)).append(";");
+            continue;
         }
-        else if (c < 0x80)
-        {
-            char const * const entity = c == '&'   ? "&amp;"
-                                        : c == '<' ? "&lt;"
-                                        : c == '>' ? "&gt;"
-                                        : c == '"' ? "&quot;"
-                                                   : nullptr;
-            entity ? m_text.append(entity) : m_text.append(1, static_cast<char>(c));
-        }
-        else
-        {
-            int const following = c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
-            constexpr unsigned int LEADS[] = {0, 0xC0, 0xE0, 0xF0};
-            m_text += static_cast<char>(LEADS[following] | c >> (6 * following));
-            for (int shift = 6 * (following - 1); shift >= 0; shift -= 6)
-            {
-                m_text += static_cast<char>(0x80 | ((c >> shift) & 0x3F));
-            }
-        }
+        char const * const entity = c == '&'   ? "&amp;"
+                                    : c == '<' ? "&lt;"
+                                    : c == '>' ? "&gt;"
+                                    : c == '"' ? "&quot;"
+                                               : nullptr;
+        entity ? m_text.append(entity) : m_text.append(1, bytes[i]);
     }
     m_text += '"';
 }
@@ -314,14 +276,15 @@ std::string_view CRegistryBackup::Writer::GetTypeAttributes(DWORD type)
 {
     if (m_strType.empty() || type != m_nType)
     {
-        std::string const before = std::exchange(m_text, {});
+        std::size_t const end = m_text.size();
         CString const name = CRegistry::GetRegistryTypeName(type);
         AddAttribute("type", name.IsEmpty() ? View(_T("REG_BINARY")) : View(name));
         if (name.IsEmpty() || CRegistry::GetRegistryTypeFromName(name) != type)
         {
             AddAttribute("type-number", type);
         }
-        m_strType = std::exchange(m_text, before);
+        m_strType = m_text.substr(end);
+        m_text.resize(end);
         m_nType = type;
     }
     return m_strType;

@@ -3,7 +3,7 @@
 #include "kvx/foundation/AppException.h"
 #include "kvx/foundation/Utilities.h"
 #include "kvx/logging/LogManager.h"
-#include "kvx/registry/Registry.h"
+#include "kvx/registry/RegistryTree.h"
 #include "kvx/registry/RegistryValueText.h"
 #include "kvx/xml/XMLDocumentKVX.h"
 
@@ -58,52 +58,23 @@ int CRegistry::SaveKeyToXML(tinyxml2::XMLDocument & document, CString const & ke
         key->SetAttribute(ToUtf8(WOW64), ToUtf8(WOW64_64));
     }
     registry->InsertEndChild(key);
-    CRegistry opened;
-    if (opened.OpenKey(keyPath, accessFlags | KEY_READ, 0) != 0)
-    {
-        return 0;
-    }
-    CStringList names;
-    if (oneValue)
-    {
-        names.AddTail(valueName);
-    }
-    else
-    {
-        opened.QueryValueNames(names, -1);
-    }
-    SaveValuesToXML(key, opened, names, maxValueSize);
-    if (!oneValue && recursive)
-    {
-        SaveSubKeysToXML(key, opened, maxValueSize, 0);
-    }
-    return 1;
+    return SaveOpened(key, keyPath, oneValue, valueName, recursive, maxValueSize, accessFlags);
 }
 
-// As deep as keys nest, which the system bounds.
 void CRegistry::SaveSubKeysToXML(XMLElement * element, CRegistry & key, DWORD maxValueSize, DWORD accessFlags)
 {
     if (!element || !element->GetDocument())
     {
         return;
     }
-    CStringList names;
-    key.QuerySubKeys(names, -1);
-    for (POSITION pos = names.GetHeadPosition(); pos;)
+    auto const add = [&](CString const & name)
     {
-        CString const & name = names.GetNext(pos);
         XMLElement * const child = element->GetDocument()->NewElement("KEY");
         child->SetAttribute("name", ToUtf8(name));
         element->InsertEndChild(child);
-        CRegistry subKey;
-        if (subKey.OpenKey(key, name, accessFlags | KEY_READ, 0) == 0)
-        {
-            CStringList values;
-            subKey.QueryValueNames(values, -1);
-            SaveValuesToXML(child, subKey, values, maxValueSize);
-            SaveSubKeysToXML(child, subKey, maxValueSize, accessFlags);
-        }
-    }
+        return child;
+    };
+    SaveEachSubKey(key, maxValueSize, accessFlags, add);
 }
 
 void CRegistry::SaveValuesToXML(XMLElement * element, CRegistry & key, CStringList const & names, DWORD maxValueSize)
@@ -136,23 +107,9 @@ int CRegistry::RestoreFromXML(tinyxml2::XMLDocument const & document, DWORD acce
 {
     XMLElement const * const registry = document.FirstChildElement("REGISTRY");
     XMLElement const * const key = registry ? registry->FirstChildElement("KEY") : nullptr;
-    if (!key)
-    {
-        return 1;
-    }
-    if (GetAttribute(*key, ToUtf8(WOW64)) == WOW64_64)
-    {
-        accessFlags = KEY_WOW64_64KEY;
-    }
-    CRegistry created;
-    if (created.CreateKey(GetAttribute(*key, "name"), 0, accessFlags | RESTORE_ACCESS, nullptr, nullptr) != 0)
-    {
-        return 0;
-    }
-    return RestoreSubkeyFromXML(key, created, 0);
+    return key ? RestoreTop(key, GetAttribute(*key, "name"), GetAttribute(*key, ToUtf8(WOW64)), accessFlags) : 1;
 }
 
-// As deep as keys nest: a key that can't be made isn't gone into.
 int CRegistry::RestoreSubkeyFromXML(XMLElement const * element, CRegistry & key, DWORD accessFlags)
 {
     if (!element)
@@ -160,20 +117,10 @@ int CRegistry::RestoreSubkeyFromXML(XMLElement const * element, CRegistry & key,
         return 0;
     }
     int result = 1;
+    auto const nameOf = [](XMLElement const & named) { return GetAttribute(named, "name"); };
     for (XMLElement const * child = element->FirstChildElement(); child; child = child->NextSiblingElement())
     {
-        CString const tag = GetText(child->Name());
-        if (tag.CompareNoCase(_T("VALUE")) == 0)
-        {
-            result &= RestoreValueFromXML(child, key);
-        }
-        else if (tag.CompareNoCase(_T("KEY")) == 0)
-        {
-            CRegistry subKey;
-            LONG const code =
-                subKey.CreateKey(key, GetAttribute(*child, "name"), 0, accessFlags | RESTORE_ACCESS, nullptr, nullptr);
-            result &= code == 0 ? RestoreSubkeyFromXML(child, subKey, accessFlags) : 0;
-        }
+        result &= RestoreChild(child, GetText(child->Name()), key, accessFlags, nameOf);
     }
     return result;
 }

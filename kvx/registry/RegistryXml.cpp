@@ -1,7 +1,7 @@
 // The backup of keys as XML, on the library's own documents. By contract it does less than the one on tinyxml2's: no
 // values are saved, and only plain texts are restored.
 
-#include "kvx/registry/Registry.h"
+#include "kvx/registry/RegistryTree.h"
 #include "kvx/registry/RegistryValueText.h"
 #include "kvx/xml/XmlDocument.h"
 
@@ -18,26 +18,7 @@ int CRegistry::SaveKeyToXML(CXmlDocument & document, CString const & keyPath, in
     {
         key->SetAttribute(WOW64, WOW64_64);
     }
-    CRegistry opened;
-    if (opened.OpenKey(keyPath, accessFlags | KEY_READ, 0) != 0)
-    {
-        return 0;
-    }
-    CStringList names;
-    if (oneValue)
-    {
-        names.AddTail(valueName);
-    }
-    else
-    {
-        opened.QueryValueNames(names, -1);
-    }
-    SaveValuesToXML(key, opened, names, maxValueSize);
-    if (!oneValue && recursive)
-    {
-        SaveSubKeysToXML(key, opened, maxValueSize, 0);
-    }
-    return 1;
+    return SaveOpened(key, keyPath, oneValue, valueName, recursive, maxValueSize, accessFlags);
 }
 
 void CRegistry::SaveSubKeysToXML(CXmlElement * element, CRegistry & key, DWORD maxValueSize, DWORD accessFlags)
@@ -46,22 +27,13 @@ void CRegistry::SaveSubKeysToXML(CXmlElement * element, CRegistry & key, DWORD m
     {
         return;
     }
-    CStringList names;
-    key.QuerySubKeys(names, -1);
-    for (POSITION pos = names.GetHeadPosition(); pos;)
+    auto const add = [&](CString const & name)
     {
-        CString const & name = names.GetNext(pos);
         CXmlElement * const child = element->CreateChild(_T("KEY"));
         child->SetAttribute(_T("name"), name);
-        CRegistry subKey;
-        if (subKey.OpenKey(key, name, accessFlags | KEY_READ, 0) == 0)
-        {
-            CStringList values;
-            subKey.QueryValueNames(values, -1);
-            SaveValuesToXML(child, subKey, values, maxValueSize);
-            SaveSubKeysToXML(child, subKey, maxValueSize, accessFlags);
-        }
-    }
+        return child;
+    };
+    SaveEachSubKey(key, maxValueSize, accessFlags, add);
 }
 
 // The values are read, and what fails is logged, as for a document that gets them.
@@ -78,38 +50,16 @@ int CRegistry::RestoreFromXML(CXmlDocument const & document, DWORD accessFlags)
 {
     CXmlElement const * const root = document.GetRoot();
     CXmlElement const * const key = root ? root->GetChild() : nullptr;
-    if (!key)
-    {
-        return 1;
-    }
-    if (key->HasValue(WOW64) && key->GetAttribute(WOW64) == WOW64_64)
-    {
-        accessFlags = KEY_WOW64_64KEY;
-    }
-    CRegistry created;
-    if (created.CreateKey(key->GetAttribute(_T("name")), 0, accessFlags | RESTORE_ACCESS, nullptr, nullptr) != 0)
-    {
-        return 0;
-    }
-    return RestoreSubkeyFromXML(key, created, 0);
+    return key ? RestoreTop(key, key->GetAttribute(_T("name")), key->GetAttribute(WOW64), accessFlags) : 1;
 }
 
 int CRegistry::RestoreSubkeyFromXML(CXmlElement const * element, CRegistry & key, DWORD accessFlags)
 {
     int result = 1;
+    auto const nameOf = [](CXmlElement const & named) { return named.GetAttribute(_T("name")); };
     for (CXmlElement const * child = element ? element->GetChild() : nullptr; child; child = child->GetNext())
     {
-        if (child->GetTag().CompareNoCase(_T("VALUE")) == 0)
-        {
-            result &= RestoreValueFromXML(child, key);
-        }
-        else if (child->GetTag().CompareNoCase(_T("KEY")) == 0)
-        {
-            CRegistry subKey;
-            LONG const code = subKey.CreateKey(key, child->GetAttribute(_T("name")), 0, accessFlags | RESTORE_ACCESS,
-                                               nullptr, nullptr);
-            result &= code == 0 ? RestoreSubkeyFromXML(child, subKey, accessFlags) : 0;
-        }
+        result &= RestoreChild(child, child->GetTag(), key, accessFlags, nameOf);
     }
     return result;
 }

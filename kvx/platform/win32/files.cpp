@@ -1083,35 +1083,6 @@ BOOL DeleteFileW(LPCWSTR pszPath)
     return TRUE;
 }
 
-BOOL MoveFileExW(LPCWSTR pszFrom, LPCWSTR pszTo, DWORD dwFlags)
-{
-    if (dwFlags != MOVEFILE_REPLACE_EXISTING)
-        return Refuse(ERROR_NOT_SUPPORTED);
-    std::string strFrom = ToHost(pszFrom, LastComponent::AsWritten);
-    std::string strTo = strFrom.empty() ? std::string() : ToHost(pszTo, LastComponent::AsWritten);
-    if (strTo.empty())
-        return FALSE;
-    struct stat info;
-    if (CallOnPath(strFrom, [&](char const * p) { return lstat(p, &info); }) != 0)
-    {
-        SetLastErrorForPath(errno);
-        return FALSE;
-    }
-    FindInAnyCase(strTo);
-    struct stat old;
-    bool const bThere = lstat(strTo.c_str(), &old) == 0;
-    if (!S_ISREG(info.st_mode) ||
-        (bThere && (S_ISDIR(old.st_mode) || (S_ISREG(old.st_mode) && IsReadOnly(old.st_mode)))))
-        return Refuse(ERROR_ACCESS_DENIED);
-    if (!Shares().MayDelete(info.st_dev, info.st_ino) || (bThere && !Shares().MayDelete(old.st_dev, old.st_ino)))
-        return Refuse(ERROR_SHARING_VIOLATION);
-    if (rename(strFrom.c_str(), strTo.c_str()) == 0)
-        return TRUE;
-    if (errno == ENOENT)
-        return Refuse(ERROR_PATH_NOT_FOUND);
-    return errno == EXDEV ? Refuse(ERROR_NOT_SAME_DEVICE) : Fail();
-}
-
 BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo)
 {
     std::string strFrom = ToHost(pszFrom, LastComponent::AsWritten);

@@ -150,10 +150,6 @@ KVX_API BOOL DeleteFileW(LPCWSTR pszPath);
 /// Never replaces: ERROR_ALREADY_EXISTS. A file may move to another file system, a folder not
 /// (ERROR_NOT_SAME_DEVICE).
 KVX_API BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo);
-inline constexpr DWORD MOVEFILE_REPLACE_EXISTING = 1;
-/// Puts a plain file in the place of another one, or where none is, in one step and on one file system. Other flags
-/// than that one: ERROR_NOT_SUPPORTED.
-KVX_API BOOL MoveFileExW(LPCWSTR pszFrom, LPCWSTR pszTo, DWORD dwFlags);
 /// Copies a plain file with its write time, and its permissions if the copy is new. A new copy that fails is removed.
 KVX_API BOOL CopyFileW(LPCWSTR pszFrom, LPCWSTR pszTo, BOOL bFailIfExists);
 KVX_API BOOL CreateDirectoryW(LPCWSTR pszPath, LPSECURITY_ATTRIBUTES pSecurity);

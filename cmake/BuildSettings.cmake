@@ -22,7 +22,8 @@ if(KVX_SANITIZE)
 endif()
 
 find_package(tinyxml2 REQUIRED)
-target_link_libraries(kvx_build_settings INTERFACE tinyxml2::tinyxml2)
+find_package(ZLIB REQUIRED) # cabinets
+target_link_libraries(kvx_build_settings INTERFACE tinyxml2::tinyxml2 ZLIB::ZLIB)
 if(WIN32)
     target_compile_definitions(kvx_build_settings INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
                                                             _WIN32_WINNT=0x0601)

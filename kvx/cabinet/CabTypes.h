@@ -91,7 +91,7 @@ struct FDINOTIFICATION
     LONG cb;
     char * psz1;
     char * psz2;
-    char * psz3; ///< of fdintNEXT_CABINET: 256 bytes with the cabinet's path, which the callback may change
+    char * psz3; ///< of fdintNEXT_CABINET: 260 bytes with the path, which may be changed
     void * pv;   ///< the caller's context
     INT_PTR hf;
     USHORT date; ///< as in MS-DOS: days from bit 0, months from bit 5, years since 1980 from bit 9

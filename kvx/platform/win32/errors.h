@@ -34,6 +34,7 @@ inline constexpr LONG ERROR_GEN_FAILURE = 31;
 inline constexpr LONG ERROR_SHARING_VIOLATION = 32;
 inline constexpr LONG ERROR_LOCK_VIOLATION = 33;
 inline constexpr LONG ERROR_HANDLE_EOF = 38;
+inline constexpr LONG ERROR_HANDLE_DISK_FULL = 39;
 inline constexpr LONG ERROR_NOT_SUPPORTED = 50;
 inline constexpr LONG ERROR_BAD_NETPATH = 53;
 inline constexpr LONG ERROR_FILE_EXISTS = 80;

@@ -1027,6 +1027,29 @@ BOOL GetFileTime(HANDLE hFile, FILETIME * pCreation, FILETIME * pLastAccess, FIL
     return TRUE;
 }
 
+BOOL SetFileTime(HANDLE hFile, FILETIME const *, FILETIME const * pLastAccess, FILETIME const * pLastWrite)
+{
+    Ref<File> const file = FindObject<File>(hFile);
+    if (!file)
+        return FALSE;
+    if (!file->CanWrite())
+        return Refuse(ERROR_ACCESS_DENIED);
+    auto const toHost = [](FILETIME const * pTime)
+    {
+        constexpr std::int64_t TicksPerSecond = 10'000'000;
+        constexpr std::int64_t EpochSeconds = 11'644'473'600; // from 1601 to 1970
+        if (!pTime)
+            return timespec{0, UTIME_OMIT};
+        auto const nTicks =
+            static_cast<std::int64_t>(std::uint64_t(pTime->dwHighDateTime) << 32 | pTime->dwLowDateTime);
+        return timespec{nTicks / TicksPerSecond - EpochSeconds, nTicks % TicksPerSecond * 100};
+    };
+    timespec const times[2] = {toHost(pLastAccess), toHost(pLastWrite)};
+    if (times[0].tv_nsec < 0 || times[1].tv_nsec < 0)
+        return Refuse(ERROR_INVALID_PARAMETER);
+    return futimens(file->GetDescriptor(), times) == 0 ? TRUE : Fail();
+}
+
 DWORD GetFileAttributesW(LPCWSTR pszPath)
 {
     WIN32_FILE_ATTRIBUTE_DATA data;

@@ -135,6 +135,10 @@ KVX_API DWORD GetFileSize(HANDLE hFile, LPDWORD pnSizeHigh);
 KVX_API DWORD GetFileType(HANDLE hFile);
 /// Creation is the host's birth time where it keeps one, else the earlier of the change and write times.
 KVX_API BOOL GetFileTime(HANDLE hFile, FILETIME * pCreation, FILETIME * pLastAccess, FILETIME * pLastWrite);
+/// Sets the times that aren't null, but for the creation, which no host lets be set: it is passed over. The handle
+/// wants write access, or FILE_WRITE_ATTRIBUTES.
+KVX_API BOOL SetFileTime(HANDLE hFile, FILETIME const * pCreation, FILETIME const * pLastAccess,
+                         FILETIME const * pLastWrite);
 KVX_API BOOL GetFileInformationByHandle(HANDLE hFile, BY_HANDLE_FILE_INFORMATION * pInfo);
 
 /// Attributes of what the path leads to; FILE_ATTRIBUTE_REPARSE_POINT is added when it is a symbolic

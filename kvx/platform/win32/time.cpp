@@ -161,6 +161,31 @@ BOOL FileTimeToSystemTime(FILETIME const * pFileTime, SYSTEMTIME * pTime) noexce
     return TRUE;
 }
 
+BOOL FileTimeToDosDateTime(FILETIME const * pFileTime, LPWORD pDate, LPWORD pTime) noexcept
+{
+    constexpr std::int64_t STEP = 2 * TICKS_PER_S;
+    if (!pFileTime || !pDate || !pTime || ToTicks(*pFileTime) < 0 || ToTicks(*pFileTime) > INT64_MAX - STEP)
+        return Fail();
+    SYSTEMTIME const time = ToSystemTime((ToTicks(*pFileTime) + STEP - 1) / STEP * STEP);
+    if (time.wYear < 1980 || time.wYear > 2107)
+        return Fail();
+    *pDate = static_cast<WORD>((time.wYear - 1980) << 9 | time.wMonth << 5 | time.wDay);
+    *pTime = static_cast<WORD>(time.wHour << 11 | time.wMinute << 5 | time.wSecond / 2);
+    return TRUE;
+}
+
+BOOL DosDateTimeToFileTime(WORD nDate, WORD nTime, FILETIME * pFileTime) noexcept
+{
+    SYSTEMTIME time = {};
+    time.wYear = static_cast<WORD>(1980 + (nDate >> 9));
+    time.wMonth = nDate >> 5 & 15;
+    time.wDay = nDate & 31;
+    time.wHour = static_cast<WORD>(nTime >> 11);
+    time.wMinute = nTime >> 5 & 63;
+    time.wSecond = static_cast<WORD>((nTime & 31) * 2);
+    return SystemTimeToFileTime(&time, pFileTime);
+}
+
 BOOL FileTimeToLocalFileTime(FILETIME const * pFileTime, FILETIME * pLocalTime) noexcept
 {
     return Shift(pFileTime, pLocalTime, GetCurrentLocalOffset());

@@ -21,6 +21,12 @@ KVX_API BOOL FileTimeToSystemTime(FILETIME const * pFileTime, SYSTEMTIME * pTime
 KVX_API BOOL FileTimeToLocalFileTime(FILETIME const * pFileTime, FILETIME * pLocalTime) noexcept;
 KVX_API BOOL LocalFileTimeToFileTime(FILETIME const * pLocalTime, FILETIME * pFileTime) noexcept;
 
+/// A date and time of MS-DOS, in steps of two seconds (what is odd is rounded up to): days from bit 0, months from bit
+/// 5, years since 1980 from bit 9; pairs of seconds from bit 0, minutes from bit 5, hours from bit 11. FALSE with last
+/// error ERROR_INVALID_PARAMETER outside the years 1980 to 2107, or for what is no date.
+KVX_API BOOL FileTimeToDosDateTime(FILETIME const * pFileTime, LPWORD pDate, LPWORD pTime) noexcept;
+KVX_API BOOL DosDateTimeToFileTime(WORD nDate, WORD nTime, FILETIME * pFileTime) noexcept;
+
 /// Milliseconds since the system started, the time it slept included; the short form wraps after 49.7 days.
 KVX_API ULONGLONG GetTickCount64() noexcept;
 KVX_API DWORD GetTickCount() noexcept;

@@ -10,6 +10,7 @@ using BOOL = int;
 using BYTE = unsigned char;
 using CHAR = char;
 using WORD = std::uint16_t;
+using LPWORD = WORD *;
 using SHORT = std::int16_t;
 using USHORT = std::uint16_t;
 using INT = int;

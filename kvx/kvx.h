@@ -87,6 +87,9 @@
 
 #include "kvx/sql/SqlCommand.h"
 
+#include "kvx/cabinet/CabBuilder.h"
+#include "kvx/cabinet/CabExtractor.h"
+
 #include "kvx/registry/Registry.h"
 #include "kvx/registry/RegistryBackup.h"
 

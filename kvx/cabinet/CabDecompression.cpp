@@ -15,9 +15,10 @@ namespace
 constexpr std::size_t ENTRIES_BUFFER = 65536;
 constexpr std::size_t PATH_ROOM = 260; // of psz3, which callbacks copy paths to
 constexpr int MAX_TRIES = 100;         // for a next cabinet: a person who changes disks gives up before that
-// How much decompressing over again one Copy may want; more isn't a cabinet, but an attack.
-constexpr std::uint64_t REPLAY_BASE = std::uint64_t{4} << 30;
-constexpr std::uint64_t REPLAY_FACTOR = 16;
+// How much decompressing over again one Copy may want, in bytes, and in times of the cabinet's size; more isn't a
+// cabinet, but an attack.
+constexpr std::uint64_t REPLAY_BASE = 64 << 20;
+constexpr std::uint64_t REPLAY_FACTOR = 256;
 
 struct FileEntry
 {
@@ -89,7 +90,7 @@ private:
     // The folder that was decompressed last, and its number there.
     std::optional<FolderStream> m_stream;
     std::uint16_t m_streamFolder = 0;
-    std::uint64_t m_replayLeft = 0;
+    std::uint64_t m_bytesLeft = 0; // that this Copy may still decompress
 
     FDIERROR CopyCabinet(char const * cabinet, char const * path);
     FDIERROR CheckFolders(CabSource & source);
@@ -175,7 +176,6 @@ FDIERROR CabDecompression::Impl::CopyCabinet(char const * cabinet, char const * 
         return error;
     }
     ContinueStream();
-    m_replayLeft = REPLAY_BASE + m_cabinet.header.size * REPLAY_FACTOR;
     if (FDIERROR const error = NotifyCabinet(m_cabinet))
     {
         return error;
@@ -206,7 +206,9 @@ FDIERROR CabDecompression::Impl::CheckFolders(CabSource & source)
         }
         blocks += part.blocks;
     }
-    return blocks * BLOCK_HEADER_SIZE <= source.GetSize() ? FDIERROR_NONE : FDIERROR_CORRUPT_CABINET;
+    std::uint64_t const size = source.GetSize();
+    m_bytesLeft = blocks * BLOCK_SIZE + REPLAY_BASE + size * REPLAY_FACTOR;
+    return blocks * BLOCK_HEADER_SIZE <= size ? FDIERROR_NONE : FDIERROR_CORRUPT_CABINET;
 }
 
 // The folder of the Copy before goes on as the first one of this cabinet, if they belong together.
@@ -224,6 +226,7 @@ void CabDecompression::Impl::ContinueStream()
     };
     FolderPart const & last = m_stream->GetLast();
     FolderPart part = m_cabinet;
+    m_bytesLeft += m_stream->GetBlockCount() * BLOCK_SIZE; // of which some may not have been read yet
     if (m_stream->GetPartCount() > 1 && isThis(last))
     {
         m_streamFolder = 0;
@@ -379,11 +382,6 @@ FDIERROR CabDecompression::Impl::CopyData(FileEntry const & file, std::uint16_t 
     std::uint64_t const end = std::uint64_t{file.offset} + file.size;
     if (m_stream->GetPosition() > file.offset)
     {
-        if (end > m_replayLeft)
-        {
-            return FDIERROR_CORRUPT_CABINET;
-        }
-        m_replayLeft -= end;
         m_stream->Restart();
     }
     Guide * const guide = file.EndsLater() ? this : nullptr;
@@ -396,6 +394,11 @@ FDIERROR CabDecompression::Impl::CopyData(FileEntry const & file, std::uint16_t 
         {
             return error;
         }
+        if (bytes.size() > m_bytesLeft)
+        {
+            return FDIERROR_CORRUPT_CABINET;
+        }
+        m_bytesLeft -= bytes.size();
         // The callback's memory isn't const; it reads all the same.
         UINT const size = static_cast<UINT>(bytes.size());
         if (!isBefore && m_callbacks.write(hf, const_cast<std::uint8_t *>(bytes.data()), size) != size)
@@ -434,6 +437,7 @@ FDIERROR CabDecompression::Impl::FindNext(FolderPart const & last, FolderPart & 
         error = OpenNext(last, next);
         if (!error)
         {
+            m_bytesLeft += next.blocks * std::uint64_t{BLOCK_SIZE};
             return NotifyCabinet(next);
         }
     }

@@ -14,7 +14,7 @@ namespace kvx::cabinet
 ///
 /// Memory: the window of one folder and some 300 KiB, whatever the cabinet says, by the alloc callback. Files of a
 /// folder come cheapest in the order of their data; going back decompresses the folder again, of which one Copy does at
-/// most 16 times the cabinet's size and 4 GiB.
+/// most 256 times the cabinet's size and 64 MiB, and else takes the cabinet for damaged.
 ///
 /// Threads: one at a time; callbacks run on the caller's.
 class KVX_API CabDecompression

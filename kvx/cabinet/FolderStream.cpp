@@ -50,6 +50,16 @@ FolderStream::FolderStream(CabDecompression::Callbacks const & callbacks, std::p
     m_parts.push_back(std::move(part));
 }
 
+std::uint64_t FolderStream::GetBlockCount() const
+{
+    std::uint64_t count = 0;
+    for (FolderPart const & part : m_parts)
+    {
+        count += part.blocks;
+    }
+    return count;
+}
+
 void FolderStream::Restart()
 {
     m_decoder.reset();

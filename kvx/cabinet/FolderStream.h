@@ -43,6 +43,7 @@ public:
     FolderPart const & GetFirst() const { return m_parts.front(); }
     FolderPart const & GetLast() const { return m_parts.back(); }
     std::size_t GetPartCount() const { return m_parts.size(); }
+    std::uint64_t GetBlockCount() const;
     void Append(FolderPart part) { m_parts.push_back(std::move(part)); }
 
     /// Bytes of the folder that went by.

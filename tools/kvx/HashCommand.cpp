@@ -1,7 +1,9 @@
 #include "CommandLine.h"
 #include "Commands.h"
-#include "DisplayText.h"
+#include "FileNames.h"
+#include "InputFile.h"
 #include "Output.h"
+#include "ProgressBar.h"
 #include "StandardOutput.h"
 
 #include "kvx/foundation/AppException.h"
@@ -66,31 +68,6 @@ std::size_t GetDigits(std::string const & algorithm)
                       MakeDigest(algorithm));
 }
 
-/// The name of a file as it came, whatever its bytes are: those that aren't UTF-8 are the units that the platform's
-/// file names have in their place.
-CString ToFileName(std::string_view name)
-{
-    CString text;
-    while (!name.empty())
-    {
-        // A piece that comes back as it was is a character.
-        std::size_t size = 1;
-        CString character;
-        for (; size <= 4 && size <= name.size(); ++size)
-        {
-            character = kvx::FromUtf8(name.substr(0, size));
-            if (kvx::ToUtf8(character) == name.substr(0, size))
-            {
-                break;
-            }
-        }
-        bool const bWhole = size <= 4 && size <= name.size();
-        text += bWhole ? character : CString(static_cast<WCHAR>(0xDC00 + static_cast<unsigned char>(name[0])), 1);
-        name.remove_prefix(bWhole ? size : 1);
-    }
-    return text;
-}
-
 bool NeedsEscapes(std::string const & name)
 {
     return name.find_first_of("\\\n\r") != std::string::npos;
@@ -128,110 +105,6 @@ std::optional<std::string> UnescapeName(std::string_view escaped)
     return name;
 }
 
-/// For the lines on stdout: a terminal gets nothing that gives it commands or deceives its reader.
-std::string ShowName(std::string const & text)
-{
-    static bool const s_bTerminal = kvx::IsTerminal(kvx::StandardStream::Output);
-    return s_bTerminal ? ToDisplay(ToFileName(text)).strText : text;
-}
-
-/// A bar on stderr while a large file is read by somebody at a terminal.
-class HashProgress
-{
-public:
-    explicit HashProgress(ULONGLONG size) : m_nSize(size) {}
-    HashProgress(HashProgress const &) = delete;
-    HashProgress & operator=(HashProgress const &) = delete;
-    ~HashProgress()
-    {
-        if (m_nShown != 0)
-        {
-            std::fprintf(stderr, "\r\x1B[K");
-        }
-    }
-
-    void Add(ULONGLONG size)
-    {
-        constexpr ULONGLONG LARGE = 256ull << 20;
-        constexpr ULONGLONG EVERY = 100; // milliseconds
-        constexpr std::size_t WIDTH = 40;
-        m_nDone += size;
-        if (m_nSize <= LARGE || !kvx::IsTerminal(kvx::StandardStream::Error) || GetTickCount64() - m_nShown < EVERY)
-        {
-            return;
-        }
-        m_nShown = GetTickCount64();
-        double const part = std::min(1.0, static_cast<double>(m_nDone) / static_cast<double>(m_nSize));
-        auto const filled = static_cast<std::size_t>(part * WIDTH);
-        std::fprintf(stderr, "\r[%s%s] %3d%%  %llu MiB", std::string(filled, '#').c_str(),
-                     std::string(WIDTH - filled, '.').c_str(), static_cast<int>(part * 100), m_nDone >> 20);
-        std::fflush(stderr);
-    }
-
-private:
-    ULONGLONG m_nSize;
-    ULONGLONG m_nDone = 0;
-    ULONGLONG m_nShown = 0; // when; 0: not yet
-};
-
-[[noreturn]] void ThrowFileFailure(int error)
-{
-    DWORD const code = error == ENOENT || error == ENOTDIR  ? ERROR_FILE_NOT_FOUND
-                       : error == EACCES || error == EISDIR ? ERROR_ACCESS_DENIED
-                       : error == EMFILE                    ? ERROR_TOO_MANY_OPEN_FILES
-                       : error == EBADF                     ? ERROR_INVALID_HANDLE
-                                                            : ERROR_READ_FAULT;
-    CFileException::ThrowOsError(static_cast<LONG>(code));
-}
-
-/// A file of the command line; `-` is stdin. The name is taken by its very bytes, for lists have such: elsewhere a
-/// backslash parts folders, and upper and lower case are the same.
-class HashInput
-{
-public:
-    explicit HashInput(std::string const & name)
-    {
-        if (name == "-")
-        {
-            m_file.reset(stdin);
-            return;
-        }
-        m_file.reset(std::fopen(name.c_str(), "rb"));
-        if (!m_file)
-        {
-            ThrowFileFailure(errno);
-        }
-        std::error_code ignored;
-        std::uintmax_t const size = std::filesystem::file_size(name, ignored);
-        m_nSize = ignored ? 0 : size;
-    }
-
-    ULONGLONG GetSize() const { return m_nSize; }
-    std::size_t Read(std::span<BYTE> room)
-    {
-        std::size_t const size = std::fread(room.data(), 1, room.size(), m_file.get());
-        if (size == 0 && std::ferror(m_file.get()))
-        {
-            ThrowFileFailure(errno);
-        }
-        return size;
-    }
-
-private:
-    struct Closer
-    {
-        void operator()(std::FILE * file) const
-        {
-            if (file != stdin)
-            {
-                std::fclose(file);
-            }
-        }
-    };
-    std::unique_ptr<std::FILE, Closer> m_file;
-    ULONGLONG m_nSize = 0;
-};
-
 /// Runs the action; false, with an error line, if the file can't be opened or read.
 template <class ACTION>
 bool WithHashFile(std::string const & name, ACTION const & action)
@@ -260,8 +133,8 @@ std::optional<std::string> HashFile(std::string const & algorithm, std::string c
         WithHashFile(name,
                      [&]
                      {
-                         HashInput input(name);
-                         HashProgress progress(input.GetSize());
+                         InputFile input(name);
+                         ProgressBar progress(input.GetSize());
                          Digest digest = MakeDigest(algorithm);
                          while (std::size_t const size = input.Read(s_room))
                          {
@@ -398,7 +271,7 @@ public:
     }
 
 private:
-    HashInput m_input;
+    InputFile m_input;
     std::vector<BYTE> m_room = std::vector<BYTE>(65536);
     std::size_t m_nAt = 0;
     std::size_t m_nFilled = 0;

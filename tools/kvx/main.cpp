@@ -53,8 +53,9 @@ int main(int argc, char ** argv)
     }
 
     Run run;
-    CLI::App app("Serves, calls, watches and measures KVXBase5 services; edits the registry; SQL, XML and digests.",
-                 "kvx");
+    CLI::App app(
+        "Serves, calls, watches and measures KVXBase5 services; edits the registry; SQL, XML, cabinets and digests.",
+        "kvx");
     app.set_version_flag("--version", "kvx " KVX_PROGRAM_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1);
@@ -76,6 +77,7 @@ int main(int argc, char ** argv)
     AddHashCommand(app, run);
     AddSqlCommand(app, run);
     AddXmlCommand(app, run);
+    AddCabCommand(app, run);
     try
     {
         app.parse(std::vector(words.rbegin(), words.rend())); // as the parser takes them

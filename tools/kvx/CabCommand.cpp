@@ -1,0 +1,110 @@
+#include "CabCommand.h"
+
+#include "CommandLine.h"
+#include "Commands.h"
+#include "FileNames.h"
+
+#include <CLI/App.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+void ReportNote(std::string const & name, std::string const & text)
+{
+    std::fprintf(stderr, "note: %s: %s\n", ShowName(name).c_str(), text.c_str());
+}
+
+bool IsAmong(std::vector<std::string> const & patterns, std::string const & name)
+{
+    std::string const last = name.substr(name.rfind('/') + 1);
+    return std::ranges::any_of(
+        patterns, [&](std::string const & pattern)
+        { return MatchesPattern(name, pattern) || MatchesPattern(last, pattern) || name.starts_with(pattern + "/"); });
+}
+
+namespace
+{
+CLI::App * AddCabAction(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const & options, char const * name,
+                        char const * help, int (*action)(CabOptions const &))
+{
+    CLI::App * const command = cab.add_subcommand(name, help);
+    command->add_option("ARCHIVE", options->archive, "The cabinet; of a set the first one")->required();
+    command->callback([&run, options, action] { run = [options, action] { return action(*options); }; });
+    return command;
+}
+
+void AddCabCreate(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const & options)
+{
+    CLI::App * const create = AddCabAction(cab, run, options, "create", "Make a cabinet", CreateCabinet);
+    create->add_option("FILE", options->files, "Files, and folders with all that is in them")->required();
+    create->add_option("-C,--directory", options->directory, "Where the FILEs are, and their names begin");
+    auto * const none = create->add_flag_callback(
+        "--none", [options] { options->compression = tcompTYPE_NONE; }, "Store, without compression");
+    auto * const mszip = create->add_flag_callback(
+        "--mszip", [options] { options->compression = tcompTYPE_MSZIP; }, "Compress by MSZIP, which is the default");
+    // A flag, for an option would take the ARCHIVE for its value.
+    auto const bits = std::make_shared<int>(0);
+    auto * const lzx =
+        create->add_flag("--lzx{21}", *bits, "Compress by LZX, with a window of 2^15 to 2^21 bytes: --lzx=15 ...")
+            ->check(CLI::Range(15, 21))
+            ->each([options](std::string const & given)
+                   { options->compression = TCOMPfromLZXWindow(std::stoi(given)); });
+    none->excludes(mszip)->excludes(lzx);
+    mszip->excludes(lzx);
+    AddChoice<kvx::cabinet::Level>(*create, "--level", options->level, "How hard to try",
+                                   {{"default", kvx::cabinet::Level::Default},
+                                    {"fast", kvx::cabinet::Level::Fast},
+                                    {"best", kvx::cabinet::Level::Best}});
+    AddSize(*create, "--max-size", options->maxSize,
+            "Make a set: ARCHIVE.cab, ARCHIVE2.cab, ... of at most so many bytes");
+    AddSize(*create, "--folder-size", options->folderSize,
+            "Begin a new folder, which decompresses by itself, after so many bytes");
+    create
+        ->add_option("-j,--jobs", options->jobs,
+                     "Threads; the cabinet doesn't depend on it (0: one for each processor)")
+        ->check(CLI::Range(0, 256));
+    create->add_option("--exclude", options->excludes, "Leave out what matches, such as '*.o' or build");
+    create->add_flag("-v,--verbose", options->isVerbose, "Print the names of the files");
+    create->footer(
+        "Examples:\n"
+        "  kvx cab create docs.cab docs\n"
+        "  kvx cab create --lzx --exclude '*.o' source.cab -C /home/me project\n"
+        "  kvx cab create --max-size 1440K floppy.cab big.iso\n"
+        "\n"
+        "Links in folders, and what is no file, are passed over with a note. A file that can't be read gets an error "
+        "line, and the exit status is 1, but the others go in.");
+}
+
+void AddCabExtract(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const & options)
+{
+    CLI::App * const extract = AddCabAction(cab, run, options, "extract", "Extract the files", ExtractCabinet);
+    extract->add_option("PATTERN", options->files, "Only these files, or folders; * and ? match any characters");
+    extract->add_option("-C,--directory", options->directory, "Where they go; it is made if it isn't there");
+    extract->add_option("--exclude", options->excludes, "Pass over what matches");
+    extract->add_flag("-v,--verbose", options->isVerbose, "Print the names of the files");
+    extract->footer(
+        "Examples:\n"
+        "  kvx cab extract docs.cab\n"
+        "  kvx cab extract setup.cab -C /tmp/setup '*.dll'\n"
+        "\n"
+        "Nothing is written outside the directory, or through a link in it: drives and leading separators are taken "
+        "off "
+        "the names, with a note, and files whose way leads up or through a link are refused. A file replaces another "
+        "one when it is complete.");
+}
+} // namespace
+
+void AddCabCommand(CLI::App & app, Run & run)
+{
+    auto const options = std::make_shared<CabOptions>();
+    CLI::App * const cab = app.add_subcommand("cab", "Make, list, test and extract cabinets");
+    cab->require_subcommand(1);
+    AddCabCreate(*cab, run, options);
+    CLI::App * const list = AddCabAction(*cab, run, options, "list", "List the files", ListCabinet);
+    AddFormatOption(*list, options->format);
+    AddCabExtract(*cab, run, options);
+    CLI::App * const test = AddCabAction(*cab, run, options, "test",
+                                         "Decompress all and check all checksums, and write nothing", TestCabinet);
+    test->add_flag("-v,--verbose", options->isVerbose, "Print the names of the files");
+}

@@ -22,6 +22,8 @@
 #include "kvx/foundation/ValueAccessor.h"
 
 #include "kvx/files/ArchiveStreamer.h"
+#include "kvx/files/FileFinder.h"
+#include "kvx/files/FilePath.h"
 #include "kvx/files/PagedMemFile.h"
 
 #include "kvx/hash/Base64.h"

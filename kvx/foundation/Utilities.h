@@ -144,10 +144,164 @@ public:
     static int Write(CFile & file, CString const & text);
     static int Write(CFile & file, ULONG value);
 
-    // Paths (kvx/files/UtilitiesFiles.cpp)
+    // Single files and folders (kvx/files/UtilitiesFiles.cpp). All take paths of any length, by the prefix "\\?\", and
+    // tell failure by 0 with the last error. The hooks are plain statics: set them before any other thread runs.
+
+    /// Whether there is anything of that name, a folder too; a pattern such as "c:\*.*" if anything matches.
+    static int FileExists(LPCTSTR path);
+    static int DirectoryExists(LPCTSTR path);
+    /// Makes the folder and those on the way to it; failures but 183 are logged, and those on the way go no further. By
+    /// contract an empty path gives 1, as does one that exists, be it a file; but a folder that another thread makes
+    /// meanwhile gives 0.
+    static int CreateDirectoryW(LPCTSTR path);
+    /// With `force` also a read-only file. A symbolic link goes itself.
+    static int DeleteFileW(LPCTSTR path, int force);
+    /// Clears the read-only attribute; of a symbolic link its own, not its target's.
+    static int EnsureWritableFile(LPCTSTR path);
+    /// Whether an existing file can be opened for reading.
+    static int TestFileOpen(LPCTSTR path);
+
+    /// A hook is called first; its result 0 says that it has answered, by `result`.
+    using FileExistsProc = int(__stdcall *)(LPCTSTR path, int & result);
+    using DeleteFileProc = int(__stdcall *)(LPCTSTR path, int force, int & result);
+    /// The hook that was set before; null is none.
+    static FileExistsProc SetFileExistsProc(FileExistsProc proc);
+    static DeleteFileProc SetDeleteFileProc(DeleteFileProc proc);
+
+    // Many files (kvx/files/UtilitiesFolders.cpp). `pattern` is a path with wildcards in its last part; walks go as
+    // deep as the system lets folders nest. Symbolic links are taken for files, and never followed.
+
+    /// Deletes what matches, read-only files too, and no folders; the first failure, which is logged, ends it. 0 also
+    /// if nothing matches, 87 for an empty pattern, 14 for a path of more than 32000 characters. `unused` isn't looked
+    /// at.
+    static int DeleteUnicodeFile(LPCTSTR pattern, int unused);
+    /// Adds the paths of the matching files at the tail. By contract 1 when there are none; 0 with 87 for an empty
+    /// pattern, with 14 as above.
+    static int FindUnicodeFile(LPCTSTR pattern, CStringList & out);
+    static int FindFile(LPCTSTR pattern, CStringList & out) { return FindUnicodeFile(pattern, out); }
+
+    /// Empties a folder, and removes it with `removeIt`. What can't be deleted stays. By contract only the last step
+    /// counts: 0 with its error if the folder itself was to go and stayed; 1 with last error 0 otherwise, also when the
+    /// folder isn't there. 0 with 87 for an empty path.
+    static int ClearDirectory(LPCTSTR directory, int removeIt);
+    /// Add the full paths at the tail, with `recursive` those of all folders below, each behind its folder's. 1 if
+    /// every folder could be read; else 0, with the last failure as the last error, and what could be read is there.
+    static int GetFilesInDirectory(LPCTSTR directory, CStringList & out, int recursive);
+    static int GetSubDirectories(LPCTSTR directory, CStringList & out, int recursive);
+    /// The number of files whose names match, with `recursive` also in the folders below. Null is "*".
+    static int GetDirectoryFileCount(LPCTSTR directory, LPCTSTR pattern, int recursive);
+
+    // Paths (kvx/files/UtilitiesPaths.cpp)
 
     /// Puts "\\?\" in front of a path of 260 or more characters that doesn't begin with it; whether it did.
     static int CheckFixLongFilePathPrefix(CString & path);
+    /// Takes it off a text of 5 or more characters; whether it did.
+    static int StripLongFilePathPrefix(CString & path);
+    /// Whether the path has a drive, or begins with "\\?\". By contract "\\server\share\x" isn't absolute, and neither
+    /// is "/usr/x" on a POSIX host.
+    static int IsAbsolutePath(LPCTSTR path);
+    static int IsRelativePath(LPCTSTR path) { return !IsAbsolutePath(path); }
+    /// Adds a backslash unless one stands at the end, also to an empty text; the buffer has room for it.
+    static void AppendBackslash(CString & path);
+    static void AppendBackslash(LPTSTR path);
+
+    // Empty, with the last error, for what the system doesn't give, or gives longer than 259 characters.
+    static CString GetCurrentDirectoryW();
+    static CString GetWindowsDirectoryW();
+    /// With a backslash at its end.
+    static CString GetTempDirectory();
+    /// Null is the program.
+    static CString GetModuleFileNameW(HINSTANCE module);
+    /// Drive and directory of the module's file.
+    static CString GetLocalDirectory(HINSTANCE module);
+
+    /// `relative` below `base`, or `relative` itself if it is absolute. Each "..\" at its head takes a folder from the
+    /// base; empty if there are too many, or for a path of more than 32766 characters.
+    static CString BuildAbsolutePath(CString const & base, CString const & relative);
+    // `name` in a folder; with `force` 0 empty for an absolute name, which is to be used as it stands.
+    static CString BuildCurrentPath(CString const & name, int force);
+    static CString BuildTempPath(CString const & name, int force);
+    static CString BuildSystemPath(CString const & name, int force);
+    static CString BuildWindowsPath(CString const & name, int force);
+    /// In the folder of a module; null is the program.
+    static CString BuildLocalPath(CString const & name, int force, HINSTANCE module);
+    /// Where the system's search for programs finds the name; empty if nowhere.
+    static CString BuildLibraryPath(CString const & name, int force);
+    /// In the folder for all users' data. `unused` isn't looked at. With `createDirectory` the folder of the result is
+    /// made; whether that worked isn't told.
+    static CString BuildCommonAppDataPath(CString const & name, int unused, int createDirectory);
+    /// In a folder of another user: see GetSpecialDirectory.
+    static CString BuildUserPathFromSID(CString const & relative, LPCTSTR sid, LPCTSTR valueName);
+    /// A name that isn't taken in `directory`, or in GetTempDirectory() if that is empty; with `unique` 0 the file is
+    /// made, else it is built of that number and needn't be free. Empty, with the last error, on failure.
+    static CString BuildTempFileName(CString const & prefix, UINT unique, CString const & directory);
+
+    // Tokens and special directories (kvx/files/UtilitiesExpand.cpp, with the tables of PathTokens.h)
+
+    enum ExpandPathOption
+    {
+        expandDefault,  ///< tokens as the system has them for this process
+        expand32Bit,    ///< on a 64-bit system the folders of its 32-bit side
+        expand64Bit,    ///< and those of its 64-bit side
+        expandMoved,    ///< with the 64-bit folders in the result replaced by the 32-bit ones
+        expandExisting, ///< the first of 64-bit, 32-bit and default view in which there is such a file
+    };
+    /// Replaces a token at the very start ("%appdata%\x"), then variables of the environment anywhere. The result is in
+    /// lower case, whatever came in. What can't be replaced stays. By contract "\\?\c:\x" gives "\c:\x".
+    static CString ExpandPath(LPCTSTR path, ExpandPathOption option);
+    /// One path for each user (`users` holds SIDs) or drive that the template means; see the source for the forms. By
+    /// contract those of users and a path without any token are added at the head of `out`, others at its tail; the
+    /// result is a number of paths, but 0 for one without any percent sign.
+    static int ExpandPaths(LPCTSTR path, CStringList & users, CStringList & out);
+    /// ExpandPath of the text in lower case. With bit 2 of `flags` (value 2) "%programfiles%" and
+    /// "%programfilescommon%" are the folders on the system drive by their usual names.
+    static CString ExpandEnvironmentPath(CString text, ULONG flags);
+    /// Whether the text contains the token of a folder of users' profiles.
+    static int IsUserProfileDirectoryTemplate(LPCTSTR text);
+    /// Whether this is one of the folders that no program should clear. By contract spelled ISProtectedDirectory.
+    static int ISProtectedDirectory(CString const & path);
+
+    /// The folder with an identifier of SHGetFolderPath, with a backslash at its end; empty if there is none.
+    static CString GetSpecialDirectory(int id, int create = 0);
+    /// SHGetFolderPath itself, into a buffer of 260 characters: 0 or the system's error. 1, with a line in the log, if
+    /// the system hasn't got it.
+    static HRESULT GetSpecialDirectory(HWND owner, int id, void * token, ULONG flags, LPTSTR buffer);
+    /// A folder of the user with that SID, by the name that the registry has for it, with a backslash at its end. With
+    /// `create` it is made if it is missing. Empty on any failure.
+    static CString GetSpecialDirectory(LPCTSTR valueName, LPCTSTR sid, int create);
+    /// A variable of that user's environment (percent signs around the name don't matter); empty on failure.
+    static CString GetUserEnvironmentVariable(LPCTSTR name, LPCTSTR sid);
+    static CString GetUserProfileVariable(LPCTSTR sid);
+    /// Adds what TEMP and TMP of this process (`sid` null) or of a user say, both even if they are the same, at the
+    /// tail; before each its subfolders of any depth with `withSubdirectories`. 1.
+    static int GetAllTempPaths(CStringList & out, LPCTSTR sid, int withSubdirectories);
+
+    /// "Global\".
+    static CString GetGlobalPrefix();
+    /// The name of the event that a server sets when it has started; null is the default server's.
+    static void GetServerActivatedEventName(CString & name, LPCTSTR server);
+
+    // Command lines, with the file system's help (kvx/files/UtilitiesCommandLine.cpp)
+
+    /// Splits a line into the program's full path and what follows; both in lower case, percent tokens replaced.
+    /// Without quotes the program is found by trying what the blanks leave. Non-zero if it was found. By contract a
+    /// line without quotes whose program isn't found is split by its looks, and gives 1 as well.
+    static int SplitCommandLine(LPCTSTR line, CString & program, CString & arguments)
+    {
+        return SplitCommandLine2(line, program, arguments);
+    }
+    static int SplitCommandLine2(LPCTSTR line, CString & program, CString & arguments);
+    /// Finds a program of the search path in a text: as it stands, with one of GetExecutableExtensions, or with
+    /// blank-separated parts cut off its end. `cut` is then the index of the blank where it was cut, else -1. The
+    /// length of the path in `buffer` (`size` characters with the NUL), 0 if there is none.
+    static DWORD SearchPathAllExt(CString const & text, int & cut, LPTSTR buffer, DWORD size);
+    /// The same with the extension ".exe" alone.
+    static DWORD SearchPathW(CString const & text, int & cut, LPTSTR buffer, DWORD size);
+    /// Lower case, each with its dot; made at the first call.
+    static CStringArray const & GetExecutableExtensions();
+    /// Looks for the first of them that ends a word of `text`, which is in lower case: its index, with the extension;
+    /// else 0.
+    static int ContainsExecutableExt(CString & text, CString & extension);
 
     // The system (kvx/system/UtilitiesSystem.cpp)
 
@@ -192,4 +346,7 @@ public:
     /// By the name that the hypervisor gives itself.
     static int IsInsideVMWare();
     static int IsInsideVPC();
+
+private:
+    static int GetDrives(CStringList & drives); // the roots of fixed drives, at the tail; how many
 };

@@ -18,6 +18,7 @@ void AddWatchCommand(CLI::App & app, Run & run);
 void AddBenchCommand(CLI::App & app, Run & run);
 void AddRegCommand(CLI::App & app, Run & run);
 void AddHashCommand(CLI::App & app, Run & run);
+void AddPathCommand(CLI::App & app, Run & run);
 void AddSqlCommand(CLI::App & app, Run & run);
 void AddCabCommand(CLI::App & app, Run & run);
 void AddXmlCommand(CLI::App & app, Run & run);

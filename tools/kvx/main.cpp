@@ -53,9 +53,9 @@ int main(int argc, char ** argv)
     }
 
     Run run;
-    CLI::App app(
-        "Serves, calls, watches and measures KVXBase5 services; edits the registry; SQL, XML, cabinets and digests.",
-        "kvx");
+    CLI::App app("Serves, calls, watches and measures KVXBase5 services; edits the registry; SQL, XML, cabinets, paths "
+                 "and digests.",
+                 "kvx");
     app.set_version_flag("--version", "kvx " KVX_PROGRAM_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1);
@@ -75,6 +75,7 @@ int main(int argc, char ** argv)
     AddBenchCommand(app, run);
     AddRegCommand(app, run);
     AddHashCommand(app, run);
+    AddPathCommand(app, run);
     AddSqlCommand(app, run);
     AddXmlCommand(app, run);
     AddCabCommand(app, run);

@@ -39,6 +39,9 @@ struct Opening
     DWORD dwShare = 0;
 };
 
+/// Whether every opening of the file in this process lets it be deleted or renamed. Any thread.
+bool MayDeleteFile(dev_t device, ino_t inode);
+
 class File final : public IoObject
 {
 public:

@@ -2,11 +2,11 @@
 
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/fileobject.h"
+#include "kvx/platform/win32/name_pattern.h"
 #include "kvx/platform/win32/paths.h"
 #include "kvx/platform/win32/pipes.h"
 #include "kvx/platform/win32/retry.h"
 #include "kvx/platform/win32/termination.h"
-#include "kvx/platform/win32/upcase.h"
 
 #include <algorithm>
 #include <array>
@@ -212,18 +212,12 @@ std::size_t NamePosition(std::u16string_view path)
     return path.size() >= 2 && path[1] == u':' ? 2 : 0;
 }
 
-DWORD CopyOut(std::u16string_view text, DWORD nChars, LPWSTR pszBuffer)
-{
-    if (text.empty())
-        return 0;
-    if (!pszBuffer || nChars <= text.size())
-        return static_cast<DWORD>(text.size() + 1);
-    std::ranges::copy(text, pszBuffer);
-    pszBuffer[text.size()] = 0;
-    return static_cast<DWORD>(text.size());
-}
-
 } // namespace
+
+bool MayDeleteFile(dev_t device, ino_t inode)
+{
+    return Shares().MayDelete(device, inode);
+}
 
 File::~File()
 {
@@ -630,112 +624,6 @@ bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
 
 } // namespace
 
-/// Matches names against a pattern with the rules of the original's file systems.
-class NamePattern
-{
-public:
-    explicit NamePattern(std::u16string_view pattern)
-    {
-        if (pattern == u"*" || pattern == u"*.*")
-        {
-            m_tokens = {{Token::AnyRun, 0}};
-            return;
-        }
-        for (std::size_t n = 0; n < pattern.size(); ++n)
-        {
-            char16_t const c = pattern[n];
-            char16_t const cNext = n + 1 < pattern.size() ? pattern[n + 1] : u'\0';
-            if (c == u'*')
-                m_tokens.push_back({cNext == u'.' ? Token::RunToLastDot : Token::AnyRun, 0});
-            else if (c == u'?')
-                m_tokens.push_back({Token::AnyOrNone, 0});
-            else if (c == u'.' && (cNext == u'*' || cNext == u'?' || cNext == 0))
-                m_tokens.push_back({Token::DotOrEnd, 0});
-            else
-                m_tokens.push_back({Token::One, UpCase(c)});
-        }
-    }
-
-    static bool HasWildcards(std::u16string_view pattern) { return pattern.find_first_of(u"*?") != pattern.npos; }
-
-    bool Matches(std::u16string_view name) const
-    {
-        if (m_tokens.size() == 1 && m_tokens[0].kind == Token::AnyRun)
-            return true;
-        // All positions of the pattern that the name read so far can have reached: no pattern takes more than
-        // its length times the name's.
-        std::vector<bool> reached(m_tokens.size() + 1);
-        reached[0] = true;
-        std::size_t const nLastDot = name.rfind(u'.');
-        for (std::size_t n = 0;; ++n)
-        {
-            bool const bEnd = n == name.size();
-            for (std::size_t i = 0; i < m_tokens.size(); ++i)
-                if (reached[i] && MayPass(m_tokens[i], bEnd, bEnd ? u'\0' : name[n]))
-                    reached[i + 1] = true;
-            if (bEnd)
-                return reached.back();
-            std::vector<bool> next(m_tokens.size() + 1);
-            char16_t const c = UpCase(name[n]);
-            for (std::size_t i = 0; i < m_tokens.size(); ++i)
-            {
-                if (!reached[i])
-                    continue;
-                switch (m_tokens[i].kind)
-                {
-                case Token::One:
-                    next[i + 1] = next[i + 1] || m_tokens[i].c == c;
-                    break;
-                case Token::AnyOrNone:
-                    next[i + 1] = next[i + 1] || c != u'.';
-                    break;
-                case Token::DotOrEnd:
-                    next[i + 1] = next[i + 1] || c == u'.';
-                    break;
-                case Token::AnyRun:
-                    next[i] = true;
-                    break;
-                case Token::RunToLastDot:
-                    next[i] = next[i] || n != nLastDot;
-                    break;
-                }
-            }
-            reached.swap(next);
-        }
-    }
-
-private:
-    struct Token
-    {
-        enum Kind
-        {
-            One,         ///< this character
-            AnyOrNone,   ///< a character; nothing before a dot or at the end
-            DotOrEnd,    ///< a dot, or nothing at the end
-            AnyRun,      ///< any characters
-            RunToLastDot ///< any characters but the last dot
-        } kind;
-        char16_t c;
-    };
-
-    static bool MayPass(Token const & token, bool bEnd, char16_t c)
-    {
-        switch (token.kind)
-        {
-        case Token::One:
-            return false;
-        case Token::AnyOrNone:
-            return bEnd || c == u'.';
-        case Token::DotOrEnd:
-            return bEnd;
-        default:
-            return true;
-        }
-    }
-
-    std::vector<Token> m_tokens;
-};
-
 /// A search in progress.
 class Find final : public KernelObject
 {
@@ -1096,7 +984,7 @@ BOOL DeleteFileW(LPCWSTR pszPath)
     }
     if (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && IsReadOnly(info.st_mode)))
         return Refuse(ERROR_ACCESS_DENIED);
-    if (!Shares().MayDelete(info.st_dev, info.st_ino))
+    if (!MayDeleteFile(info.st_dev, info.st_ino))
         return Refuse(ERROR_SHARING_VIOLATION);
     if (unlink(strHost.c_str()) != 0)
     {
@@ -1121,7 +1009,7 @@ BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo)
         return FALSE;
     }
     FindInAnyCase(strTo);
-    if (!Shares().MayDelete(info.st_dev, info.st_ino))
+    if (!MayDeleteFile(info.st_dev, info.st_ino))
         return Refuse(ERROR_SHARING_VIOLATION);
     // A file may change the case of its own name.
     if (strTo == strFrom)
@@ -1247,7 +1135,7 @@ DWORD GetFullPathNameW(LPCWSTR pszPath, DWORD nChars, LPWSTR pszBuffer, LPWSTR *
         return 0;
     }
     std::u16string const strFull = ToFullPath(pszPath);
-    DWORD const nResult = CopyOut(strFull, nChars, pszBuffer);
+    DWORD const nResult = CopyText(strFull, nChars, pszBuffer);
     std::size_t const nName = NamePosition(strFull);
     if (ppszFilePart && nResult == strFull.size() && nName < strFull.size())
         *ppszFilePart = pszBuffer + nName;
@@ -1262,7 +1150,7 @@ DWORD GetCurrentDirectoryW(DWORD nChars, LPWSTR pszBuffer)
         Fail();
         return 0;
     }
-    return CopyOut(FromHost(pszCurrent.get()), nChars, pszBuffer);
+    return CopyText(FromHost(pszCurrent.get()), nChars, pszBuffer);
 }
 
 DWORD GetTempPathW(DWORD nChars, LPWSTR pszBuffer)
@@ -1271,7 +1159,7 @@ DWORD GetTempPathW(DWORD nChars, LPWSTR pszBuffer)
     std::u16string strPath = FromHost(pszFolder && *pszFolder == '/' ? pszFolder : "/tmp");
     if (!strPath.ends_with(u'\\'))
         strPath += u'\\';
-    return CopyOut(strPath, nChars, pszBuffer);
+    return CopyText(strPath, nChars, pszBuffer);
 }
 
 BOOL SetCurrentDirectoryW(LPCWSTR pszPath)
@@ -1327,7 +1215,7 @@ UINT GetTempFileNameW(LPCWSTR pszPath, LPCWSTR pszPrefix, UINT nUnique, LPWSTR p
             if (!created)
                 return static_cast<UINT>(Fail());
         }
-        CopyOut(strName, MAX_PATH, pszBuffer);
+        CopyText(strName, MAX_PATH, pszBuffer);
         return nUnique ? nUnique : nNumber;
     }
     return Refuse(ERROR_FILE_EXISTS);

@@ -100,6 +100,15 @@ struct BY_HANDLE_FILE_INFORMATION
     DWORD nFileIndexLow;
 };
 
+enum _FINDEX_SEARCH_OPS
+{
+    FindExSearchNameMatch,
+    FindExSearchLimitToDirectories,
+    FindExSearchLimitToDevices,
+    FindExSearchMaxSearchOp
+};
+using FINDEX_SEARCH_OPS = _FINDEX_SEARCH_OPS;
+
 enum GET_FILEEX_INFO_LEVELS
 {
     GetFileExInfoStandard,

@@ -12,7 +12,6 @@ namespace
 {
 
 constexpr HRESULT E_POINTER = static_cast<HRESULT>(0x80004003);
-constexpr HRESULT E_FAIL = static_cast<HRESULT>(0x80004005);
 
 constexpr std::size_t TEXT_LENGTH = 36;
 constexpr std::size_t BYTES = 16;

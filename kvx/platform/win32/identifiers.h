@@ -15,9 +15,7 @@ struct GUID
 using UUID = GUID;
 using RPC_STATUS = LONG;
 using RPC_WSTR = WCHAR *;
-using HRESULT = LONG;
 
-inline constexpr HRESULT S_OK = 0;
 inline constexpr RPC_STATUS RPC_S_OK = 0;
 inline constexpr RPC_STATUS RPC_S_INVALID_ARG = 87;
 inline constexpr RPC_STATUS RPC_S_INVALID_STRING_UUID = 1705;

@@ -5,6 +5,7 @@
 #include "kvx/platform/win32/paths.h"
 #include "kvx/platform/win32/processes.h"
 #include "kvx/platform/win32/security.h"
+#include "kvx/platform/win32/shell_folders.h"
 #include "kvx/platform/win32/system.h"
 #include "kvx/platform/win32/termination.h"
 #include "kvx/platform/win32/unique_fd.h"
@@ -90,9 +91,9 @@ struct SystemModule
     std::vector<SystemExport> exports;
 };
 
-std::array<SystemModule, 2> const & GetSystemModules()
+std::array<SystemModule, 3> const & GetSystemModules()
 {
-    static std::array<SystemModule, 2> const & modules = *new std::array<SystemModule, 2>{
+    static std::array<SystemModule, 3> const & modules = *new std::array<SystemModule, 3>{
         SystemModule{u"kernel32",
                      {{"IsWow64Process", AsProcedure(&IsWow64Process)},
                       {"GetNativeSystemInfo", AsProcedure(&GetNativeSystemInfo)}}},
@@ -100,6 +101,7 @@ std::array<SystemModule, 2> const & GetSystemModules()
                      {{"CreateWellKnownSid", AsProcedure(&CreateWellKnownSid)},
                       {"CheckTokenMembership", AsProcedure(&CheckTokenMembership)},
                       {"GetTokenInformation", AsProcedure(&GetTokenInformation)}}},
+        SystemModule{u"shfolder", {{"SHGetFolderPathW", AsProcedure(&SHGetFolderPathW)}}},
     };
     return modules;
 }

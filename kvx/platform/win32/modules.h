@@ -17,8 +17,8 @@ inline constexpr DWORD LOAD_WITH_ALTERED_SEARCH_PATH = 0x00000008;
 /// Loads a shared object, or counts one more use of a loaded one. A name with a separator is a path (Windows-shaped or
 /// POSIX); a bare one is looked for beside the program, then by the system's loader (LD_LIBRARY_PATH and the system's
 /// folders). Each file is tried as `name` when it has an extension, then as `libname.so` and `name.so` with ".dll"
-/// taken off; a dot at the end stands for "no extension". "kernel32" and "advapi32" are modules of this layer that
-/// export what callers look up by name.
+/// taken off; a dot at the end stands for "no extension". "kernel32", "advapi32" and "shfolder" are modules of this
+/// layer that export what callers look up by name.
 ///
 /// `dwFlags` is 0 or LOAD_WITH_ALTERED_SEARCH_PATH, which changes nothing here. Null with last error
 /// ERROR_MOD_NOT_FOUND (no such file, or one that it needs is missing), ERROR_BAD_EXE_FORMAT (no module, or one for

@@ -114,24 +114,11 @@ bool MakeFolders(std::string const & strPath)
     return true;
 }
 
-std::string HomeFolder()
-{
-    if (char const * const pszHome = std::getenv("HOME"); pszHome && *pszHome == '/')
-        return pszHome;
-    std::vector<char> buffer(16384);
-    passwd entry;
-    passwd * pEntry = nullptr;
-    LowDescriptorGuard const guard;
-    if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &pEntry) == 0 && pEntry && pEntry->pw_dir)
-        return pEntry->pw_dir;
-    return "/nonexistent";
-}
-
 std::string DataFolder()
 {
     if (char const * const pszData = std::getenv("XDG_DATA_HOME"); pszData && *pszData == '/')
         return std::string(pszData) + "/kvx";
-    return HomeFolder() + "/.local/share/kvx";
+    return GetHomeFolder() + "/.local/share/kvx";
 }
 
 std::string FindDriveC()
@@ -282,6 +269,29 @@ bool Exists(std::string const & strPath)
 }
 
 } // namespace
+
+std::string GetHomeFolder()
+{
+    if (char const * const pszHome = std::getenv("HOME"); pszHome && *pszHome == '/')
+        return pszHome;
+    std::vector<char> buffer(16384);
+    passwd entry;
+    passwd * pEntry = nullptr;
+    LowDescriptorGuard const guard;
+    if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &pEntry) == 0 && pEntry && pEntry->pw_dir)
+        return pEntry->pw_dir;
+    return "/nonexistent";
+}
+
+DWORD CopyText(std::u16string_view text, DWORD nChars, LPWSTR pszBuffer)
+{
+    if (text.empty())
+        return 0;
+    if (!pszBuffer || nChars <= text.size())
+        return static_cast<DWORD>(text.size() + 1);
+    *std::ranges::copy(text, pszBuffer).out = 0;
+    return static_cast<DWORD>(text.size());
+}
 
 std::string GetDataFolder()
 {

@@ -22,6 +22,9 @@
 namespace kvx::win32
 {
 
+/// What a path may have here, with its zero.
+inline constexpr std::size_t MaxPathChars = 32768;
+
 enum class LastComponent
 {
     AnyCase,  ///< an existing file is found whatever its case
@@ -42,6 +45,13 @@ KVX_API std::u16string FromHost(std::string_view path);
 /// The absolute form of a path, worked out on the text; drives that don't exist here are kept. Empty with last
 /// error for what ToHost refuses on sight.
 KVX_API std::u16string ToFullPath(std::u16string_view path);
+
+/// HOME if that is absolute, else what the system knows of the user.
+KVX_API std::string GetHomeFolder();
+
+/// What the calls do that give a text into a buffer: the length without the zero, or the size needed with it when the
+/// buffer is null or too small, which then isn't touched. 0 for no text, with nothing written.
+KVX_API DWORD CopyText(std::u16string_view text, DWORD nChars, LPWSTR pszBuffer);
 
 /// The host's folder for what this user keeps, without a closing slash: kvx in XDG_DATA_HOME, else in ~/.local/share.
 /// It is made if it isn't there; empty with last error if it can't be.

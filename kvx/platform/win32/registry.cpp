@@ -2,7 +2,7 @@
 
 #include "kvx/platform/RegistryValues.h"
 
-#include "kvx/platform/win32/codepages.h"
+#include "kvx/platform/win32/environment.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/handles.h"
 #include "kvx/platform/win32/registry_store.h"
@@ -10,7 +10,6 @@
 #include "kvx/platform/win32/upcase.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -631,28 +630,6 @@ bool CopyName(Name name, LPWSTR pszName, DWORD & nName) noexcept
     return true;
 }
 
-/// The text with each %NAME% of the environment replaced.
-std::u16string ExpandNames(Name text)
-{
-    std::u16string strResult;
-    while (!text.empty())
-    {
-        std::size_t const nStart = std::min(text.find(u'%'), text.size());
-        strResult += text.substr(0, nStart);
-        text.remove_prefix(nStart);
-        std::size_t const nEnd = text.find(u'%', 1);
-        if (nEnd == Name::npos)
-            return strResult.append(text);
-        char const * const pszValue = std::getenv(ToUtf8(text.substr(1, nEnd - 1)).c_str());
-        if (pszValue)
-            strResult += FromUtf8(pszValue);
-        else
-            strResult += text.substr(0, nEnd);
-        text.remove_prefix(pszValue ? nEnd + 1 : nEnd); // the second sign may begin another name
-    }
-    return strResult;
-}
-
 void FinishText(Value & value)
 {
     if (value.dwType != REG_SZ && value.dwType != REG_EXPAND_SZ)
@@ -661,7 +638,7 @@ void FinishText(Value & value)
     std::memcpy(strText.data(), value.strData.data(), 2 * strText.size());
     if (value.dwType == REG_EXPAND_SZ)
     {
-        strText = ExpandNames(strText.substr(0, strText.find(u'\0')));
+        strText = ExpandVariables(strText.substr(0, strText.find(u'\0')));
         value.dwType = REG_SZ;
     }
     if (!strText.ends_with(u'\0'))

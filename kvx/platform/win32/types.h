@@ -18,6 +18,7 @@ using UINT = unsigned int;
 using LONG = std::int32_t;
 using ULONG = std::uint32_t;
 using DWORD = std::uint32_t;
+using HRESULT = LONG;
 using LONGLONG = long long;
 using ULONGLONG = unsigned long long;
 using LONG64 = long long;
@@ -49,6 +50,7 @@ using HLOCAL = void *;
 using HINSTANCE = struct HINSTANCE__ *;
 using HMODULE = HINSTANCE;
 using HWND = struct HWND__ *;
+using HDC = struct HDC__ *;
 using FARPROC = INT_PTR (*)();
 
 #define WINAPI
@@ -69,6 +71,10 @@ using FARPROC = INT_PTR (*)();
 
 inline constexpr DWORD INFINITE = 0xFFFFFFFF;
 inline constexpr int MAX_PATH = 260;
+
+inline constexpr HRESULT S_OK = 0;
+inline constexpr HRESULT E_FAIL = static_cast<HRESULT>(0x80004005);
+inline constexpr HRESULT E_INVALIDARG = static_cast<HRESULT>(0x80070057);
 
 inline constexpr DWORD DELETE = 0x00010000;
 inline constexpr DWORD SYNCHRONIZE = 0x00100000;

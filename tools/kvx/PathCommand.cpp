@@ -1,0 +1,103 @@
+#include "CommandLine.h"
+#include "Commands.h"
+#include "DisplayText.h"
+#include "Output.h"
+
+#include "kvx/files/FilePath.h"
+#include "kvx/foundation/Utilities.h"
+#include "kvx/msgdata/MsgCursor.h"
+
+#include <CLI/App.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace
+{
+struct PathOptions
+{
+    std::vector<std::string> texts;
+    CUtilities::ExpandPathOption view = CUtilities::expandDefault;
+    Format format = Format::Table;
+};
+
+int RunExpand(PathOptions const & options)
+{
+    StandardOutput out;
+    CMsgResponse response;
+    CMsgCursor rows(response);
+    rows.SetRowSetName(_T("paths"));
+    for (std::string const & given : options.texts)
+    {
+        CString const text = kvx::FromUtf8(given);
+        CString const path = CUtilities::ExpandPath(text, options.view);
+        if (options.format == Format::Table)
+        {
+            out << ToStdout(path).strText << "\n"; // for scripts: the path and nothing else
+            continue;
+        }
+        rows.AppendRow();
+        rows[_T("text")] = text;
+        rows[_T("path")] = path;
+        rows[_T("exists")] = CUtilities::FileExists(path);
+    }
+    return options.format == Format::Table ? ReportWritten(out.Finish()) : PrintResponse(response, options.format);
+}
+
+int RunSplit(PathOptions const & options)
+{
+    CMsgResponse response;
+    CMsgCursor rows(response);
+    rows.SetRowSetName(_T("commands"));
+    for (std::string const & given : options.texts)
+    {
+        CString program;
+        CString arguments;
+        bool const bSplit = CUtilities::SplitCommandLine(kvx::FromUtf8(given), program, arguments);
+        CFilePath const path(program);
+        rows.AppendRow();
+        rows[_T("program")] = program;
+        rows[_T("arguments")] = arguments;
+        // A line without quotes is split in any case.
+        rows[_T("found")] =
+            static_cast<int>(bSplit && CUtilities::FileExists(program) && !CUtilities::DirectoryExists(program));
+        rows[_T("drive")] = path.GetDrive();
+        rows[_T("directory")] = path.GetDirectory();
+        rows[_T("file")] = path.GetFile();
+        rows[_T("extension")] = path.GetExtension();
+    }
+    return PrintResponse(response, options.format);
+}
+} // namespace
+
+void AddPathCommand(CLI::App & app, Run & run)
+{
+    auto const options = std::make_shared<PathOptions>();
+    CLI::App * const path = app.add_subcommand("path", "Expand path templates and split command lines");
+    path->require_subcommand(1);
+    path->footer("Examples:\n"
+                 "  kvx path expand '%appdata%\\maker' '%programfiles%\\x' --view 64\n"
+                 "  kvx path split 'c:\\program files\\app\\run me.exe /quiet' --format json\n"
+                 "\n"
+                 "What is given is in lower case, but for the folder where a program was found. docs/porting.md tells "
+                 "where the folders lie.");
+
+    CLI::App * const expand =
+        path->add_subcommand("expand", "Replace a folder's token at the start, and variables of the environment");
+    expand->add_option("TEXT", options->texts, "The templates")->required();
+    AddChoice<CUtilities::ExpandPathOption>(*expand, "--view", options->view, "Whose folders of a 64-bit system",
+                                            {{"default", CUtilities::expandDefault},
+                                             {"32", CUtilities::expand32Bit},
+                                             {"64", CUtilities::expand64Bit},
+                                             {"move", CUtilities::expandMoved},
+                                             {"existing", CUtilities::expandExisting}});
+    AddFormatOption(*expand, options->format);
+    expand->callback([&run, options] { run = [options] { return RunExpand(*options); }; });
+
+    CLI::App * const split = path->add_subcommand(
+        "split", "Part a program from its arguments by looking for it, and show its path in parts");
+    split->add_option("TEXT", options->texts, "The command lines")->required();
+    AddFormatOption(*split, options->format);
+    split->callback([&run, options] { run = [options] { return RunSplit(*options); }; });
+}

@@ -25,7 +25,8 @@ public:
     /// What relative names are relative to; it gets a backslash at its end unless it is empty.
     void SetDefaultDirectory(char const * directory);
     CStringA const & GetDefaultDirectory() const { return m_strDefaultDirectory; }
-    /// An absolute name as it is, any other behind the default directory.
+    /// An absolute name as it is (CUtilities::IsAbsolutePath), any other behind the default directory: by contract also
+    /// one that begins with a slash.
     CStringA BuildFullPath(char const * name) const;
     /// In the file set in hand; null with none.
     CCabFileSetEntry * LookupFileEntry(char const * name) const;
@@ -70,6 +71,8 @@ protected:
     CStringA AssignCabFileEntry(CFile * file);
     void AssignFileSet(CCabFileSet * fileSet) { m_pFileSet = fileSet; }
     CCabFileSet * GetFileSet() const { return m_pFileSet; }
+    /// BuildFullPath for a path that a caller, and no cabinet, gave: there "/usr/x" is the host's own.
+    CStringA BuildCallersPath(char const * path) const { return *path == '/' ? CStringA(path) : BuildFullPath(path); }
     /// Parts a cabinet's path: the location becomes the cabinet's directory, the rest its name.
     void AssignCabPath(char const * path);
 };

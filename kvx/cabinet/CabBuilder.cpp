@@ -134,7 +134,7 @@ int CCabBuilder::InitCab(char const * cabPath, char const * diskName)
 int CCabBuilder::AddFile(CCabFileSetEntry & entry)
 {
     bool const isExtern = entry.FlagIsSet(CCabFileSetEntry::externFile);
-    CStringA const source = isExtern ? entry.BuildExternFileName() : BuildFullPath(entry.GetPath());
+    CStringA const source = isExtern ? entry.BuildExternFileName() : BuildCallersPath(entry.GetPath());
     CString const path = CUtilities::AnsiToString(static_cast<char const *>(source));
     if (!isExtern && !CUtilities::FileExists(path))
     {
@@ -222,7 +222,7 @@ INT_PTR CCabBuilder::OpenFile(char const * name, int oflag, int pmode, int * err
         return FileOpenProc(name, oflag, pmode, err);
     }
     return FileOpenProc(entry->FlagIsSet(CCabFileSetEntry::externFile) ? entry->BuildExternFileName()
-                                                                       : BuildFullPath(entry->GetPath()),
+                                                                       : BuildCallersPath(entry->GetPath()),
                         oflag, pmode, err);
 }
 

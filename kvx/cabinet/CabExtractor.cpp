@@ -334,7 +334,8 @@ int CCabExtractor::NotifyFileCopy(char const * name, LONG, char * destination, i
         skip = 1;
         return 1;
     }
-    CStringA path;
+    CStringA path = BuildFullPath(name);
+    bool isCallers = false;
     if (m_pFileSet)
     {
         CCabFileSetEntry const * const entry = LookupFileEntry(name);
@@ -348,18 +349,15 @@ int CCabExtractor::NotifyFileCopy(char const * name, LONG, char * destination, i
             entry->BuildExternFileName(destination);
             return 1;
         }
-        path = entry->GetPath().IsEmpty() ? CStringA(name) : entry->GetPath();
+        // A list of a cabinet's contents has its names for paths: those are no caller's.
+        isCallers = !entry->GetPath().IsEmpty() && entry->GetPath() != name;
+        path = isCallers ? BuildCallersPath(entry->GetPath()) : path;
     }
-    else if (m_bConfined && !IsConfinedName(name))
+    if (!isCallers && m_bConfined && !IsConfinedName(name))
     {
         skip = 1;
         return 1;
     }
-    else
-    {
-        path = name;
-    }
-    path = BuildFullPath(path);
     if (static_cast<std::size_t>(path.GetLength()) >= LONG_DESTINATION)
     {
         return 0;

@@ -438,7 +438,7 @@ CString CUtilities::GetSpecialDirectory(LPCTSTR valueName, LPCTSTR sid, int crea
     return create && !CreateDirectoryW(folder) ? CString() : folder;
 }
 
-CString CUtilities::GetUserEnvironmentVariable(LPCTSTR name, LPCTSTR sid)
+CString CUtilities::GetUserEvironmentVariable(LPCTSTR name, LPCTSTR sid)
 {
     CString plain(name);
     plain.Remove(_T('%'));
@@ -465,7 +465,7 @@ int CUtilities::GetAllTempPaths(CStringList & out, LPCTSTR sid, int withSubdirec
         CString folder;
         if (sid)
         {
-            folder = GetUserEnvironmentVariable(variable, sid);
+            folder = GetUserEvironmentVariable(variable, sid);
         }
         else
         {

@@ -247,7 +247,10 @@ public:
         expandExisting, ///< the first of 64-bit, 32-bit and default view in which there is such a file
     };
     /// Replaces a token at the very start ("%appdata%\x"), then variables of the environment anywhere. The result is in
-    /// lower case, whatever came in. What can't be replaced stays. By contract "\\?\c:\x" gives "\c:\x".
+    /// lower case, whatever came in. What can't be replaced stays. By contract "\\?\c:\x" gives "\c:\x", and the views
+    /// expand32Bit and expandMoved put the 32-bit system folder also in the place of a path that leads to the 64-bit
+    /// one
+    /// ("c:\").
     static CString ExpandPath(LPCTSTR path, ExpandPathOption option);
     /// One path for each user (`users` holds SIDs) or drive that the template means; see the source for the forms. By
     /// contract those of users and a path without any token are added at the head of `out`, others at its tail; the
@@ -269,8 +272,9 @@ public:
     /// A folder of the user with that SID, by the name that the registry has for it, with a backslash at its end. With
     /// `create` it is made if it is missing. Empty on any failure.
     static CString GetSpecialDirectory(LPCTSTR valueName, LPCTSTR sid, int create);
-    /// A variable of that user's environment (percent signs around the name don't matter); empty on failure.
-    static CString GetUserEnvironmentVariable(LPCTSTR name, LPCTSTR sid);
+    /// A variable of that user's environment (percent signs around the name don't matter); empty on failure. By
+    /// contract spelled so.
+    static CString GetUserEvironmentVariable(LPCTSTR name, LPCTSTR sid);
     static CString GetUserProfileVariable(LPCTSTR sid);
     /// Adds what TEMP and TMP of this process (`sid` null) or of a user say, both even if they are the same, at the
     /// tail; before each its subfolders of any depth with `withSubdirectories`. 1.

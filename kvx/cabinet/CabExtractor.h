@@ -23,8 +23,8 @@ public:
     explicit CCabExtractor(char const * defaultDirectory);
     ~CCabExtractor() override;
 
-    /// With 1, files of which the name has a drive, begins with a separator or has a component ".." are passed over
-    /// where no file set names their destination.
+    /// With 1, files of which the name has a drive, begins with a separator or has a component ".." are passed over,
+    /// unless a file set gives them a path other than their name.
     void SetConfined(int confined) { m_bConfined = confined; }
 
     /// Extracts all files of a cabinet; with `followChain`, of those that follow in its set too. The destination

@@ -4,8 +4,8 @@
 
 #include "Harness.h"
 
-#include "kvx/cabinet/LzxDecoder.h"
-#include "kvx/cabinet/LzxEncoder.h"
+#include "kvx/cabinet/lzx/LzxDecoder.h"
+#include "kvx/cabinet/lzx/LzxEncoder.h"
 
 #include <zlib.h>
 

@@ -1,7 +1,7 @@
 #include "kvx/cabinet/BlockQueue.h"
 
 #include "kvx/cabinet/CallbackFile.h"
-#include "kvx/cabinet/LzxEncoder.h"
+#include "kvx/cabinet/lzx/LzxEncoder.h"
 #include "kvx/threads/ThreadPool.h"
 
 #include <algorithm>

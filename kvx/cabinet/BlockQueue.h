@@ -2,7 +2,7 @@
 
 #include "kvx/cabinet/CabCompression.h"
 #include "kvx/cabinet/FolderCoder.h"
-#include "kvx/cabinet/MszipEncoder.h"
+#include "kvx/cabinet/mszip/MszipEncoder.h"
 
 #include <list>
 #include <memory>

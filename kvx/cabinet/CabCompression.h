@@ -33,9 +33,8 @@ enum class Level
 ///   - FCIERR_OPEN_SRC, FCIERR_READ_SRC: a source can't be opened; or not be read or closed
 ///   - FCIERR_ALLOC_FAIL: no memory
 ///   - FCIERR_TEMP_FILE: a temporary file can't be created, written or read
-///   - FCIERR_BAD_COMPR_TYPE, with 15 for erfType: no such compression. There are none, MSZIP, and LZX with windows of
-///   15
-///     to 21 bits.
+///   - FCIERR_BAD_COMPR_TYPE, with 15 for erfType: no such compression. There are
+///     none, MSZIP, and LZX with windows of 15 to 21 bits
 ///   - FCIERR_CAB_FILE: a cabinet can't be written; what there is of it has been deleted
 ///   - FCIERR_USER_ABORT: filePlaced or status gave -1, or getNextCabinet 0
 ///   - FCIERR_CAB_FORMAT_LIMIT: a name of more than 255 bytes, a file of 4 GiB or more, a cabinet number above 65,535;
@@ -43,8 +42,7 @@ enum class Level
 ///     cabinet that is too small for a file's header and some data; and what needs a further cabinet while there is
 ///     no callback for it: more than `cb` bytes, 65,535 files, 65,533 folders or 65,535 blocks of a folder (2 GiB)
 ///   - FCIERR_MCI_FAIL: arguments that can't be, as reserves beyond what CCAB tells; with `fFailOnIncompressible` a
-///   whole
-///     block that compression doesn't make smaller; and whatever else is no one else's fault
+///     whole block that compression doesn't make smaller; and whatever else is no one else's fault
 ///
 /// The destructor closes and deletes what is temporary, and writes nothing: what wasn't flushed is lost.
 ///

@@ -1,7 +1,7 @@
 #include "kvx/cabinet/FolderStream.h"
 
-#include "kvx/cabinet/LzxDecoder.h"
-#include "kvx/cabinet/MszipDecoder.h"
+#include "kvx/cabinet/lzx/LzxDecoder.h"
+#include "kvx/cabinet/mszip/MszipDecoder.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,8 +1,8 @@
-#include "kvx/cabinet/CallTranslation.h"
-#include "kvx/cabinet/HuffmanCode.h"
-#include "kvx/cabinet/LzxBlockWriter.h"
-#include "kvx/cabinet/LzxDecoder.h"
-#include "kvx/cabinet/LzxEncoder.h"
+#include "kvx/cabinet/lzx/CallTranslation.h"
+#include "kvx/cabinet/lzx/HuffmanCode.h"
+#include "kvx/cabinet/lzx/LzxBlockWriter.h"
+#include "kvx/cabinet/lzx/LzxDecoder.h"
+#include "kvx/cabinet/lzx/LzxEncoder.h"
 
 #include <gtest/gtest.h>
 

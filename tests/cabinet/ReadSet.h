@@ -4,8 +4,8 @@
 
 #include "kvx/cabinet/CabFormat.h"
 #include "kvx/cabinet/CabTypes.h"
-#include "kvx/cabinet/LzxDecoder.h"
-#include "kvx/cabinet/MszipDecoder.h"
+#include "kvx/cabinet/lzx/LzxDecoder.h"
+#include "kvx/cabinet/mszip/MszipDecoder.h"
 
 #include <array>
 #include <map>

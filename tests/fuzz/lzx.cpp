@@ -2,8 +2,8 @@
 
 #include "Require.h"
 
-#include "kvx/cabinet/LzxDecoder.h"
-#include "kvx/cabinet/LzxEncoder.h"
+#include "kvx/cabinet/lzx/LzxDecoder.h"
+#include "kvx/cabinet/lzx/LzxEncoder.h"
 
 #include <algorithm>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "kvx/cabinet/LzxParser.h"
+#include "kvx/cabinet/lzx/LzxParser.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,7 +1,7 @@
-#include "kvx/cabinet/MszipDecoder.h"
+#include "kvx/cabinet/mszip/MszipDecoder.h"
 
-#include "kvx/cabinet/Inflater.h"
 #include "kvx/cabinet/ResourceObject.h"
+#include "kvx/cabinet/mszip/Inflater.h"
 
 namespace kvx::cabinet
 {

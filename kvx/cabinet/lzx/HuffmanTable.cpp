@@ -1,4 +1,4 @@
-#include "kvx/cabinet/HuffmanTable.h"
+#include "kvx/cabinet/lzx/HuffmanTable.h"
 
 #include <algorithm>
 

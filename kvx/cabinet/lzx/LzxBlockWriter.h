@@ -3,7 +3,7 @@
 /// Turns items into LZX blocks.
 
 #include "kvx/cabinet/FolderCoder.h"
-#include "kvx/cabinet/LzxItems.h"
+#include "kvx/cabinet/lzx/LzxItems.h"
 
 #include <memory_resource>
 #include <span>

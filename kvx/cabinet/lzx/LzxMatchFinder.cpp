@@ -1,4 +1,4 @@
-#include "kvx/cabinet/LzxMatchFinder.h"
+#include "kvx/cabinet/lzx/LzxMatchFinder.h"
 
 #include <algorithm>
 #include <cstring>

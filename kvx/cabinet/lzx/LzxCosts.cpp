@@ -1,4 +1,4 @@
-#include "kvx/cabinet/LzxCosts.h"
+#include "kvx/cabinet/lzx/LzxCosts.h"
 
 #include <array>
 #include <bit>

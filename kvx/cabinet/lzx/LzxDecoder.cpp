@@ -1,9 +1,9 @@
-#include "kvx/cabinet/LzxDecoder.h"
+#include "kvx/cabinet/lzx/LzxDecoder.h"
 
 #include "kvx/cabinet/CabFormat.h"
-#include "kvx/cabinet/CallTranslation.h"
-#include "kvx/cabinet/HuffmanTable.h"
-#include "kvx/cabinet/LzxFormat.h"
+#include "kvx/cabinet/lzx/CallTranslation.h"
+#include "kvx/cabinet/lzx/HuffmanTable.h"
+#include "kvx/cabinet/lzx/LzxFormat.h"
 
 #include <algorithm>
 #include <bit>

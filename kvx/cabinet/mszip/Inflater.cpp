@@ -1,4 +1,4 @@
-#include "kvx/cabinet/Inflater.h"
+#include "kvx/cabinet/mszip/Inflater.h"
 
 #include <algorithm>
 #include <bit>
@@ -9,15 +9,15 @@ namespace kvx::cabinet
 namespace
 {
 // An entry of a table: in bits 0 to 4 how many bits the code takes (of a second table's: of the rest of it), and
-//   a literal          LITERAL, the byte in bits 16 to 23
+//   a literal          IS_LITERAL, the byte in bits 16 to 23
 //   length, distance   the base in bits 16 to 31, the number of extra bits in bits 8 to 11
-//   end of the block   END
-//   a longer code      LONGER, the index of the second table in bits 16 to 31, its number of bits in bits 8 to 11
+//   end of the block   IS_END
+//   a longer code      IS_LONGER, the index of the second table in bits 16 to 31, its number of bits in bits 8 to 11
 //   no code            0
-constexpr std::uint32_t LITERAL = 0x8000;
-constexpr std::uint32_t END = 0x4000;
-constexpr std::uint32_t LONGER = 0x2000;
-constexpr std::uint32_t SPECIAL = END | LONGER;
+constexpr std::uint32_t IS_LITERAL = 0x8000;
+constexpr std::uint32_t IS_END = 0x4000;
+constexpr std::uint32_t IS_LONGER = 0x2000;
+constexpr std::uint32_t IS_SPECIAL = IS_END | IS_LONGER;
 
 constexpr std::uint32_t Valued(unsigned base, unsigned extraBits)
 {
@@ -34,9 +34,9 @@ struct InflateSymbols
     {
         for (unsigned i = 0; i < 256; i++)
         {
-            literals[i] = LITERAL | i << 16;
+            literals[i] = IS_LITERAL | i << 16;
         }
-        literals[256] = END;
+        literals[256] = IS_END;
         unsigned base = 3;
         for (unsigned i = 0; i < 28; i++)
         {
@@ -119,7 +119,7 @@ bool MakeTable(std::span<std::uint8_t const> lengths, std::uint32_t const * symb
             {
                 // As many bits as the longest code with this begin can have at most.
                 unsigned const rest = longest - tableBits;
-                first = LONGER | static_cast<std::uint32_t>(end) << 16 | rest << 8 | tableBits;
+                first = IS_LONGER | static_cast<std::uint32_t>(end) << 16 | rest << 8 | tableBits;
                 std::fill_n(table + end, std::size_t{1} << rest, 0u);
                 end += std::size_t{1} << rest;
             }
@@ -294,7 +294,7 @@ bool Inflater::ReadCodes(BitReader & bits)
     std::uint32_t symbols[19];
     for (unsigned i = 0; i < 19; i++)
     {
-        symbols[i] = LITERAL | i << 16;
+        symbols[i] = IS_LITERAL | i << 16;
     }
     std::uint32_t table[1 << CODE_BITS];
     if (!MakeTable(codeLengths, symbols, CODE_BITS, table))
@@ -342,17 +342,17 @@ std::uint8_t * Inflater::InflateBlock(BitReader & bits, std::uint8_t * out, std:
         // 56 bits are enough for three literals from the first table, and for a length (20) with its distance (28).
         bits.Refill();
         std::uint32_t entry = m_literals[bits.Bits() & LITERAL_MASK];
-        if (entry & LITERAL)
+        if (entry & IS_LITERAL)
         {
             bits.Take(entry & 31);
             *out++ = static_cast<std::uint8_t>(entry >> 16);
             entry = m_literals[bits.Bits() & LITERAL_MASK];
-            if (entry & LITERAL)
+            if (entry & IS_LITERAL)
             {
                 bits.Take(entry & 31);
                 *out++ = static_cast<std::uint8_t>(entry >> 16);
                 entry = m_literals[bits.Bits() & LITERAL_MASK];
-                if (entry & LITERAL)
+                if (entry & IS_LITERAL)
                 {
                     bits.Take(entry & 31);
                     *out++ = static_cast<std::uint8_t>(entry >> 16);
@@ -365,14 +365,14 @@ std::uint8_t * Inflater::InflateBlock(BitReader & bits, std::uint8_t * out, std:
             }
             bits.Refill();
         }
-        if (entry & SPECIAL)
+        if (entry & IS_SPECIAL)
         {
             bits.Take(entry & 31);
-            if (entry & LONGER)
+            if (entry & IS_LONGER)
             {
                 entry = m_literals[(entry >> 16) + (bits.Bits() & ((1u << (entry >> 8 & 15)) - 1))];
                 bits.Take(entry & 31);
-                if (entry & LITERAL)
+                if (entry & IS_LITERAL)
                 {
                     *out++ = static_cast<std::uint8_t>(entry >> 16);
                     if (out > end || bits.IsBeyondEnd())
@@ -382,7 +382,7 @@ std::uint8_t * Inflater::InflateBlock(BitReader & bits, std::uint8_t * out, std:
                     continue;
                 }
             }
-            if (entry & END)
+            if (entry & IS_END)
             {
                 return out <= end ? out : nullptr;
             }
@@ -398,7 +398,7 @@ std::uint8_t * Inflater::InflateBlock(BitReader & bits, std::uint8_t * out, std:
         std::size_t const length = (entry >> 16) + bits.Get(entry >> 8 & 15);
         entry = m_distances[bits.Bits() & DISTANCE_MASK];
         bits.Take(entry & 31);
-        if (entry & LONGER)
+        if (entry & IS_LONGER)
         {
             entry = m_distances[(entry >> 16) + (bits.Bits() & ((1u << (entry >> 8 & 15)) - 1))];
             bits.Take(entry & 31);

@@ -1,6 +1,6 @@
-#include "kvx/cabinet/LzxBlockWriter.h"
+#include "kvx/cabinet/lzx/LzxBlockWriter.h"
 
-#include "kvx/cabinet/HuffmanCode.h"
+#include "kvx/cabinet/lzx/HuffmanCode.h"
 
 #include <algorithm>
 #include <cstring>

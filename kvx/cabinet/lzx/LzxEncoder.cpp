@@ -1,8 +1,8 @@
-#include "kvx/cabinet/LzxEncoder.h"
+#include "kvx/cabinet/lzx/LzxEncoder.h"
 
-#include "kvx/cabinet/CallTranslation.h"
-#include "kvx/cabinet/LzxBlockWriter.h"
-#include "kvx/cabinet/LzxParser.h"
+#include "kvx/cabinet/lzx/CallTranslation.h"
+#include "kvx/cabinet/lzx/LzxBlockWriter.h"
+#include "kvx/cabinet/lzx/LzxParser.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "kvx/cabinet/MszipEncoder.h"
+#include "kvx/cabinet/mszip/MszipEncoder.h"
 
 #include <zlib.h>
 

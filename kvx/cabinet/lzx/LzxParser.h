@@ -3,9 +3,9 @@
 /// Divides data into bytes and matches. Both parsers go frame by frame; items cross neither frames nor what the caller
 /// gives as the end of a part.
 
-#include "kvx/cabinet/LzxCosts.h"
-#include "kvx/cabinet/LzxItems.h"
-#include "kvx/cabinet/LzxMatchFinder.h"
+#include "kvx/cabinet/lzx/LzxCosts.h"
+#include "kvx/cabinet/lzx/LzxItems.h"
+#include "kvx/cabinet/lzx/LzxMatchFinder.h"
 
 #include <memory_resource>
 #include <span>

@@ -1,4 +1,4 @@
-#include "kvx/cabinet/HuffmanCode.h"
+#include "kvx/cabinet/lzx/HuffmanCode.h"
 
 #include <algorithm>
 

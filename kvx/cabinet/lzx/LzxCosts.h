@@ -2,7 +2,7 @@
 
 /// What symbols cost, from how often they occur; in integers, so that the same data cost the same everywhere.
 
-#include "kvx/cabinet/LzxItems.h"
+#include "kvx/cabinet/lzx/LzxItems.h"
 
 #include <cstdint>
 #include <span>

@@ -2,7 +2,7 @@
 
 /// What LZX's parsers make and its block writer takes: a row of bytes and matches, and how often which symbols occur.
 
-#include "kvx/cabinet/LzxFormat.h"
+#include "kvx/cabinet/lzx/LzxFormat.h"
 
 #include <bit>
 #include <cstdint>

@@ -3,7 +3,7 @@
 /// Finds earlier occurrences of the bytes at a place. Places are indices into one buffer; whoever owns that moves what
 /// is in it back from time to time, and tells the finder.
 
-#include "kvx/cabinet/LzxFormat.h"
+#include "kvx/cabinet/lzx/LzxFormat.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,7 +1,7 @@
-#include "kvx/cabinet/CallTranslation.h"
+#include "kvx/cabinet/lzx/CallTranslation.h"
 
 #include "kvx/cabinet/CabFormat.h"
-#include "kvx/cabinet/LzxFormat.h"
+#include "kvx/cabinet/lzx/LzxFormat.h"
 
 #include <cstring>
 

@@ -82,7 +82,7 @@ double Run(std::string const & command)
 void CompareExtraction(std::string const & name, std::string const & cabinet, int rounds, double perKiB, double rate)
 {
     auto const ours = [&] { return Extract(cabinet) / perKiB; };
-    for (std::string const & other : {"7z t -mmt1 ", "cabextract -t -q ", "bsdtar -xOf "})
+    for (std::string const other : {"7z t -mmt1 ", "cabextract -t -q ", "bsdtar -xOf "})
     {
         Compare({name + ", " + other.substr(0, other.find(' ')), 0, 0, Target::AtLeast, 1}, rounds, ours,
                 [&] { return Run(other + cabinet) / perKiB; });

@@ -281,11 +281,12 @@ INT_PTR CCabExtractor::CloseFile(FDINOTIFICATION const & notification)
 INT_PTR CCabExtractor::NextCab(FDINOTIFICATION & notification)
 {
     char directory[DESTINATION_SIZE] = {};
-    std::strncpy(directory, notification.psz3, sizeof directory - 1);
+    std::memcpy(directory, notification.psz3, strnlen(notification.psz3, sizeof directory - 1));
     int const goesOn = NotifyNextCab(notification.psz1, notification.psz2, directory, notification.fdie);
     CStringA closed = directory;
     CloseDirectory(closed);
-    std::strncpy(notification.psz3, closed, DESTINATION_SIZE);
+    std::memset(notification.psz3, 0, DESTINATION_SIZE);
+    std::memcpy(notification.psz3, closed, strnlen(closed, DESTINATION_SIZE - 1));
     return goesOn ? 0 : -1;
 }
 

@@ -19,7 +19,7 @@ void CallbackFile::Open(char const * name, int flags)
 {
     std::array<char, 512> copy{};
     static_assert(copy.size() >= NAME_ROOM);
-    std::strncpy(copy.data(), name, copy.size() - 1);
+    std::memcpy(copy.data(), name, strnlen(name, copy.size() - 1));
     int error = 0;
     INT_PTR const handle =
         m_host.calls.open(copy.data(), flags, OPEN_PERMISSION_READ | OPEN_PERMISSION_WRITE, &error, m_host.context);

@@ -48,7 +48,7 @@ void AddCabCreate(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const &
     auto * const lzx =
         create->add_flag("--lzx{21}", *bits, "Compress by LZX, with a window of 2^15 to 2^21 bytes: --lzx=15 ...")
             ->check(CLI::Range(15, 21))
-            ->each([options](std::string const & given)
+            ->each([options, bits](std::string const & given)
                    { options->compression = TCOMPfromLZXWindow(std::stoi(given)); });
     none->excludes(mszip)->excludes(lzx);
     mszip->excludes(lzx);

@@ -13,12 +13,15 @@ namespace kvx::cabinet
 namespace
 {
 constexpr std::size_t ENTRIES_BUFFER = 65536;
+constexpr std::size_t HEADER_BUFFER = 4096;
 constexpr std::size_t PATH_ROOM = 260; // of psz3, which callbacks copy paths to
 constexpr int MAX_TRIES = 100;         // for a next cabinet: a person who changes disks gives up before that
-// How much decompressing over again one Copy may want, in bytes, and in times of the cabinet's size; more isn't a
-// cabinet, but an attack.
+// How much decompressing over again one Copy may want, in bytes before and after compression together, and in times of
+// the cabinet's size; more isn't a cabinet, but an attack.
 constexpr std::uint64_t REPLAY_BASE = 64 << 20;
-constexpr std::uint64_t REPLAY_FACTOR = 256;
+constexpr std::uint64_t REPLAY_FACTOR = 64;
+// What a block counts: it may take long to give little.
+constexpr std::uint64_t BLOCK_WORK = BLOCK_SIZE + MAX_COMPRESSED_BLOCK;
 
 struct FileEntry
 {
@@ -90,7 +93,9 @@ private:
     // The folder that was decompressed last, and its number there.
     std::optional<FolderStream> m_stream;
     std::uint16_t m_streamFolder = 0;
-    std::uint64_t m_bytesLeft = 0; // that this Copy may still decompress
+    std::uint64_t m_workLeft = 0; // that this Copy may still take, in bytes
+    bool m_goesOn = false;        // a file of the cabinet in hand ends in a later one
+    bool m_isCopying = false;
 
     FDIERROR CopyCabinet(char const * cabinet, char const * path);
     FDIERROR CheckFolders(CabSource & source);
@@ -98,6 +103,7 @@ private:
     FDIERROR CopyFile(FileEntry & file, std::uint16_t folder);
     FDIERROR CopyData(FileEntry const & file, std::uint16_t folder, INT_PTR hf);
     FDIERROR SelectFolder(std::uint16_t folder);
+    bool BeginsEarlier();
     void ContinueStream();
     FDIERROR FindNext(FolderPart const & last, FolderPart & next) override;
     FDIERROR OpenNext(FolderPart const & last, FolderPart & next);
@@ -112,13 +118,23 @@ private:
 
 BOOL CabDecompression::Impl::IsCabinet(INT_PTR hf, FDICABINETINFO * info)
 {
-    CabSource source(m_callbacks);
     CabHeader header;
-    FDIERROR const error = source.Attach(hf) ? header.Read(source, m_entries) : FDIERROR_NOT_A_CABINET;
-    SetError(error);
-    if (error != FDIERROR_NONE)
+    FDIERROR error;
+    try
     {
-        return FALSE;
+        // A Copy that is at work has the other buffer.
+        CabSource source(m_callbacks);
+        CabBuffer buffer(HEADER_BUFFER, &m_memory);
+        error = source.Attach(hf) ? header.Read(source, buffer) : FDIERROR_NOT_A_CABINET;
+    }
+    catch (std::bad_alloc const &)
+    {
+        error = FDIERROR_ALLOC_FAIL;
+    }
+    SetError(error);
+    if (error != FDIERROR_NONE || !info)
+    {
+        return error == FDIERROR_NONE;
     }
     *info = {};
     info->cbCabinet = static_cast<LONG>(header.size);
@@ -134,26 +150,42 @@ BOOL CabDecompression::Impl::IsCabinet(INT_PTR hf, FDICABINETINFO * info)
 
 BOOL CabDecompression::Impl::Copy(char const * cabinet, char const * path, PFNFDINOTIFY notify, void * context)
 {
+    if (m_isCopying || !cabinet || !notify)
+    {
+        SetError(FDIERROR_MDI_FAIL);
+        return FALSE;
+    }
+    m_isCopying = true;
     m_notify = notify;
     m_context = context;
-    FDIERROR error;
+    FDIERROR error = FDIERROR_MDI_FAIL;
+    auto const finish = [&]
+    {
+        m_isCopying = false;
+        if (error != FDIERROR_NONE)
+        {
+            m_stream.reset(); // its place isn't known
+        }
+        else if (m_stream)
+        {
+            m_stream->Suspend();
+        }
+        SetError(error);
+    };
     try
     {
-        error = CopyCabinet(cabinet, path);
+        error = CopyCabinet(cabinet, path ? path : "");
     }
     catch (std::bad_alloc const &)
     {
         error = FDIERROR_ALLOC_FAIL;
     }
-    if (error != FDIERROR_NONE)
+    catch (...)
     {
-        m_stream.reset(); // its place isn't known
+        finish(); // a callback's own
+        throw;
     }
-    else if (m_stream)
-    {
-        m_stream->Suspend();
-    }
-    SetError(error);
+    finish();
     return error == FDIERROR_NONE;
 }
 
@@ -184,12 +216,13 @@ FDIERROR CabDecompression::Impl::CopyCabinet(char const * cabinet, char const * 
     {
         return error;
     }
-    // The last folder may go on in the next cabinet, which takes it up from here.
+    // Where the last folder goes on, the next cabinet takes it up from here.
     CabHeader const & header = m_cabinet.header;
-    if (header.flags & FLAG_NEXT && header.folders)
+    if (m_goesOn && header.flags & FLAG_NEXT)
     {
         return SelectFolder(static_cast<std::uint16_t>(header.folders - 1));
     }
+    m_stream.reset();
     return FDIERROR_NONE;
 }
 
@@ -207,8 +240,16 @@ FDIERROR CabDecompression::Impl::CheckFolders(CabSource & source)
         blocks += part.blocks;
     }
     std::uint64_t const size = source.GetSize();
-    m_bytesLeft = blocks * BLOCK_SIZE + REPLAY_BASE + size * REPLAY_FACTOR;
+    m_workLeft = blocks * BLOCK_WORK + REPLAY_BASE + size * REPLAY_FACTOR;
     return blocks * BLOCK_HEADER_SIZE <= size ? FDIERROR_NONE : FDIERROR_CORRUPT_CABINET;
+}
+
+// Whether the first folder of the cabinet began in one before, which the first file tells.
+bool CabDecompression::Impl::BeginsEarlier()
+{
+    FileEntry file;
+    m_entries.GoTo(m_cabinet.header.filesAt);
+    return m_cabinet.header.files > 0 && ReadEntry(m_entries, file) && file.BeganEarlier();
 }
 
 // The folder of the Copy before goes on as the first one of this cabinet, if they belong together.
@@ -226,14 +267,14 @@ void CabDecompression::Impl::ContinueStream()
     };
     FolderPart const & last = m_stream->GetLast();
     FolderPart part = m_cabinet;
-    m_bytesLeft += m_stream->GetBlockCount() * BLOCK_SIZE; // of which some may not have been read yet
+    m_workLeft += m_stream->GetBlockCount() * BLOCK_WORK; // of which some may not have been read yet
     if (m_stream->GetPartCount() > 1 && isThis(last))
     {
         m_streamFolder = 0;
     }
     else if (last.header.flags & FLAG_NEXT && header.flags & FLAG_PREVIOUS && header.folders &&
              last.path == m_cabinet.path && last.name == header.previousName && last.header.setID == header.setID &&
-             last.header.number + 1 == header.number && part.Read(m_entries, 0) == FDIERROR_NONE &&
+             last.header.number + 1 == header.number && BeginsEarlier() && part.Read(m_entries, 0) == FDIERROR_NONE &&
              part.method == last.method && part.header.blockReserve == last.header.blockReserve)
     {
         m_stream->Append(std::move(part));
@@ -269,6 +310,7 @@ FDIERROR CabDecompression::Impl::CopyFiles()
     }
     std::uint32_t entryAt = static_cast<std::uint32_t>(range.cb);
     bool isFirstFolderContinued = false;
+    m_goesOn = false;
     for (unsigned left = range.iFolder; left > 0; left--)
     {
         // In between the buffer may have been at a folder's entry.
@@ -287,6 +329,7 @@ FDIERROR CabDecompression::Impl::CopyFiles()
             return FDIERROR_CORRUPT_CABINET;
         }
         isFirstFolderContinued |= file.BeganEarlier();
+        m_goesOn |= file.EndsLater();
         bool const hasStream = m_stream && m_streamFolder == 0;
         if (file.BeganEarlier() || (folder == 0 && isFirstFolderContinued && !hasStream))
         {
@@ -338,6 +381,11 @@ FDIERROR CabDecompression::Impl::CopyFile(FileEntry & file, std::uint16_t folder
     catch (std::bad_alloc const &)
     {
         error = FDIERROR_ALLOC_FAIL;
+    }
+    catch (...)
+    {
+        m_callbacks.close(hf);
+        throw;
     }
     if (error != FDIERROR_NONE)
     {
@@ -394,11 +442,12 @@ FDIERROR CabDecompression::Impl::CopyData(FileEntry const & file, std::uint16_t 
         {
             return error;
         }
-        if (bytes.size() > m_bytesLeft)
+        std::uint64_t const work = m_stream->TakeBlockCount() * BLOCK_WORK;
+        if (work > m_workLeft)
         {
             return FDIERROR_CORRUPT_CABINET;
         }
-        m_bytesLeft -= bytes.size();
+        m_workLeft -= work;
         // The callback's memory isn't const; it reads all the same.
         UINT const size = static_cast<UINT>(bytes.size());
         if (!isBefore && m_callbacks.write(hf, const_cast<std::uint8_t *>(bytes.data()), size) != size)
@@ -437,7 +486,7 @@ FDIERROR CabDecompression::Impl::FindNext(FolderPart const & last, FolderPart & 
         error = OpenNext(last, next);
         if (!error)
         {
-            m_bytesLeft += next.blocks * std::uint64_t{BLOCK_SIZE};
+            m_workLeft += next.blocks * BLOCK_WORK;
             return NotifyCabinet(next);
         }
     }
@@ -447,7 +496,7 @@ FDIERROR CabDecompression::Impl::FindNext(FolderPart const & last, FolderPart & 
 FDIERROR CabDecompression::Impl::OpenNext(FolderPart const & last, FolderPart & next)
 {
     CabSource source(m_callbacks);
-    CabBuffer buffer(4096, &m_memory);
+    CabBuffer buffer(HEADER_BUFFER, &m_memory);
     if (!source.Open((next.path + next.name).c_str()))
     {
         return FDIERROR_CABINET_NOT_FOUND;

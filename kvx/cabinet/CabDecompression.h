@@ -12,11 +12,14 @@ namespace kvx::cabinet
 /// Methods: none, MSZIP, LZX with windows of 2^15 to 2^21 bytes; any other (Quantum among them) is
 /// FDIERROR_BAD_COMPR_TYPE when a file of such a folder is to be copied. Checksums are checked where there are any.
 ///
-/// Memory: the window of one folder and some 300 KiB, whatever the cabinet says, by the alloc callback. Files of a
-/// folder come cheapest in the order of their data; going back decompresses the folder again, of which one Copy does at
-/// most 256 times the cabinet's size and 64 MiB, and else takes the cabinet for damaged.
+/// Memory: the window of one folder and some 400 KiB, whatever the cabinet says, by the alloc callback. Files of a
+/// folder come cheapest in the order of their data; going back decompresses the folder again, of which one Copy does as
+/// much as 64 times the cabinet's size and 64 MiB are, before and after compression together, and else takes the
+/// cabinet for damaged. A read or seek that fails is damage too: the callback knows more.
 ///
-/// Threads: one at a time; callbacks run on the caller's.
+/// Threads: one at a time; callbacks run on the caller's. What `notify` throws leaves Copy, with nothing open but what
+/// is the callback's; the others mustn't throw. During a Copy the object takes IsCabinet, and refuses another Copy
+/// (FDIERROR_MDI_FAIL).
 class KVX_API CabDecompression
 {
 public:
@@ -38,7 +41,8 @@ public:
     static std::unique_ptr<CabDecompression> Create(Callbacks const & callbacks, ERF * erf);
     ~CabDecompression();
 
-    /// Whether a cabinet of this version begins at the handle's position; `info` tells about it. The handle stays open.
+    /// Whether a cabinet of this version begins at the handle's position; `info` (or null) tells about it. The handle
+    /// stays open.
     BOOL IsCabinet(INT_PTR hf, FDICABINETINFO * info);
 
     /// Goes through the cabinet `path` + `cabinet`, and calls `notify` with

@@ -206,6 +206,7 @@ FDIERROR FolderStream::ReadBlock(Guide * guide)
 
 FDIERROR FolderStream::DecodeBlock(std::span<std::uint8_t const> data, std::size_t size)
 {
+    m_nDecoded++;
     if (!m_decoder->Decode(data, {m_block.data(), size}))
     {
         return FDIERROR_CORRUPT_CABINET;

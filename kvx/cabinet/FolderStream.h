@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace kvx::cabinet
 {
@@ -48,6 +49,8 @@ public:
 
     /// Bytes of the folder that went by.
     std::uint64_t GetPosition() const { return m_position; }
+    /// Blocks that were decompressed since the last time.
+    std::uint64_t TakeBlockCount() { return std::exchange(m_nDecoded, 0); }
     /// Begins anew.
     void Restart();
     /// The next bytes of the folder, up to `maxSize`, none without an error; valid up to the next call. What lies
@@ -63,6 +66,7 @@ private:
     std::uint16_t m_blocksRead = 0; // of that part
     std::uint32_t m_nextBlockAt = 0;
     std::uint64_t m_position = 0;
+    std::uint64_t m_nDecoded = 0;
     CabSource m_source;
     CabBuffer m_buffer;
     std::pmr::vector<std::uint8_t> m_split; // a block that lies in two cabinets

@@ -220,6 +220,7 @@ bool Inflater::InflateStream(BitReader & bits, std::uint8_t * begin, std::uint8_
 {
     std::uint8_t const * const oldest = begin - m_history;
     std::uint8_t * out = begin;
+    bool areFixed = false; // the tables
     bool isLast;
     do
     {
@@ -248,10 +249,11 @@ bool Inflater::InflateStream(BitReader & bits, std::uint8_t * begin, std::uint8_
             out = std::copy(stored.begin(), stored.end(), out);
             continue;
         }
-        if (kind == 3 || !(kind == 1 ? MakeFixedCodes() : ReadCodes(bits)))
+        if (kind == 3 || !(kind == 1 ? areFixed || MakeFixedCodes() : ReadCodes(bits)))
         {
             return false;
         }
+        areFixed = kind == 1;
         out = InflateBlock(bits, out, end, oldest);
         if (!out || bits.IsBeyondEnd())
         {

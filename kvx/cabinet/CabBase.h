@@ -12,8 +12,7 @@
 /// names in the ANSI code page (CUtilities::StringToAnsi); by contract the two don't match beyond ASCII, which a caller
 /// meets in the default directory that isn't given and in the folder for temporary files.
 ///
-/// Threads: an object serves one at a time, and callbacks run on it. No exception passes the engine: what a caller's
-/// CFile raises becomes an error.
+/// Threads: an object serves one at a time, and callbacks run on it. What a caller's CFile raises becomes an error.
 class KVX_API CCabBase
 {
 public:
@@ -70,6 +69,18 @@ protected:
     /// Makes a file stand for the cabinet, and gives it an extern name.
     CStringA AssignCabFileEntry(CFile * file);
     void AssignFileSet(CCabFileSet * fileSet) { m_pFileSet = fileSet; }
+    /// Has a file set in hand as long as it lives.
+    class FileSetInHand
+    {
+    public:
+        FileSetInHand(CCabBase & owner, CCabFileSet & files) : m_owner(owner) { owner.AssignFileSet(&files); }
+        FileSetInHand(FileSetInHand const &) = delete;
+        FileSetInHand & operator=(FileSetInHand const &) = delete;
+        ~FileSetInHand() { m_owner.AssignFileSet(nullptr); }
+
+    private:
+        CCabBase & m_owner;
+    };
     CCabFileSet * GetFileSet() const { return m_pFileSet; }
     /// BuildFullPath for a path that a caller, and no cabinet, gave: there "/usr/x" is the host's own.
     CStringA BuildCallersPath(char const * path) const { return *path == '/' ? CStringA(path) : BuildFullPath(path); }

@@ -65,14 +65,22 @@ int CCabBuilder::Build(char const * cabPath, CCabFileSet & files, char const * d
     {
         return 0;
     }
-    AssignFileSet(&files);
+    FileSetInHand const inHand(*this, files);
     int isBuilt = 1;
     for (POSITION position = files.GetStartPosition(); position && isBuilt;)
     {
         isBuilt = AddFile(*files.GetNextFile(position));
     }
     isBuilt = isBuilt && FlushCab();
-    AssignFileSet(nullptr);
+    for (POSITION position = files.GetStartPosition(); position && isBuilt;)
+    {
+        CCabFileSetEntry const & entry = *files.GetNextFile(position);
+        if (entry.FlagIsSet(CCabFileSetEntry::deleteSource) && !entry.FlagIsSet(CCabFileSetEntry::externFile))
+        {
+            CUtilities::DeleteFileW(
+                CUtilities::AnsiToString(static_cast<char const *>(BuildCallersPath(entry.GetPath()))), 1);
+        }
+    }
     return isBuilt;
 }
 
@@ -95,6 +103,7 @@ int CCabBuilder::InitCab(char const * cabPath, char const * diskName)
             m_strFirstCabName = m_strCabName + "1" + m_strCabExtension;
         }
     }
+    m_erf = {};
     m_ccab = {};
     m_ccab.cb = m_nMaxCabSize;
     m_ccab.cbFolderThresh = m_nFolderThreshold;
@@ -104,7 +113,13 @@ int CCabBuilder::InitCab(char const * cabPath, char const * diskName)
     m_ccab.iCab = 1;
     m_ccab.iDisk = 1;
     m_ccab.setID = m_nSetId;
-    CopyName(m_ccab.szCabPath, m_strCabDirectory);
+    m_bDirectoryApart = m_strCabDirectory.GetLength() >= static_cast<int>(sizeof m_ccab.szCabPath);
+    if (m_strFirstCabName.GetLength() >= static_cast<int>(sizeof m_ccab.szCab))
+    {
+        m_erf = {FCIERR_CAB_FORMAT_LIMIT, 0, TRUE};
+        return 0;
+    }
+    CopyName(m_ccab.szCabPath, m_bDirectoryApart ? CStringA() : m_strCabDirectory);
     CopyName(m_ccab.szCab, m_strFirstCabName);
     BuildDiskName();
 
@@ -146,10 +161,6 @@ int CCabBuilder::AddFile(CCabFileSetEntry & entry)
         Destroy();
         return 0;
     }
-    if (!isExtern && entry.FlagIsSet(CCabFileSetEntry::deleteSource))
-    {
-        CUtilities::DeleteFileW(path, 1);
-    }
     return 1;
 }
 
@@ -178,11 +189,20 @@ void CCabBuilder::BuildDiskName()
     CopyName(m_ccab.szDisk, name);
 }
 
-void CCabBuilder::BuildCabName()
+/// Whether there is room for it.
+bool CCabBuilder::BuildCabName()
 {
     CStringA name;
     name.Format("%hs%d%hs", m_strCabName, m_ccab.iCab, m_strCabExtension);
     CopyName(m_ccab.szCab, name);
+    return name.GetLength() < static_cast<int>(sizeof m_ccab.szCab);
+}
+
+// A cabinet's name as the engine has it; temporary files have a directory of their own.
+CStringA CCabBuilder::ToCabPath(char const * name) const
+{
+    bool const isApart = m_bDirectoryApart && FileNameIndex(name) == 0 && !IsExternFile(name);
+    return isApart ? m_strCabDirectory + name : CStringA(name);
 }
 
 BOOL CCabBuilder::GetNextCabProc(CCAB * ccab, ULONG, void * context)
@@ -200,7 +220,10 @@ BOOL CCabBuilder::GetNextCabProc(CCAB * ccab, ULONG, void * context)
     builder.m_ccab.iCab = ccab->iCab;
     builder.m_ccab.iDisk = ++ccab->iDisk;
     builder.BuildDiskName();
-    builder.BuildCabName();
+    if (!builder.BuildCabName())
+    {
+        return FALSE;
+    }
     std::memcpy(ccab->szDisk, builder.m_ccab.szDisk, sizeof ccab->szDisk);
     std::memcpy(ccab->szCab, builder.m_ccab.szCab, sizeof ccab->szCab);
     ccab->cb = builder.m_nMaxNextCabSize;
@@ -219,21 +242,21 @@ INT_PTR CCabBuilder::OpenFile(char const * name, int oflag, int pmode, int * err
     CCabFileSetEntry const * const entry = isRead ? LookupFileEntry(name) : nullptr;
     if (!entry)
     {
-        return FileOpenProc(name, oflag, pmode, err);
+        return FileOpenProc(ToCabPath(name), oflag, pmode, err);
     }
     return FileOpenProc(entry->FlagIsSet(CCabFileSetEntry::externFile) ? entry->BuildExternFileName()
                                                                        : BuildCallersPath(entry->GetPath()),
                         oflag, pmode, err);
 }
 
-int CCabBuilder::FileDeleteProc(char * name, int * err, void *)
+int CCabBuilder::FileDeleteProc(char * name, int * err, void * context)
 {
     *err = 0;
     if (IsExternFile(name))
     {
         return 0;
     }
-    CString path = CUtilities::AnsiToString(name);
+    CString path = CUtilities::AnsiToString(static_cast<char const *>(FromContext(context).ToCabPath(name)));
     CUtilities::CheckFixLongFilePathPrefix(path);
     if (::DeleteFileW(path))
     {

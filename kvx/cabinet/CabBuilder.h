@@ -25,7 +25,8 @@ public:
     /// The cabinets are "archive.cab", "archive2.cab", ... for "archive.cab", and "archive1.cab", "archive2.cab", ...
     /// for "archive"; disks are the name and a number, or have none if it is empty. By contract an extractor goes on to
     /// another cabinet of itself only where disks have names. @return 1, or 0 with the error (GetError); a file that
-    /// isn't there ends it with 0 and no error. What was written of a set then stays.
+    /// isn't there ends it with 0 and no error. What was written of a set then stays; sources that are to be deleted go
+    /// only when all is written.
     int Build(char const * cabPath, CCabFileSet & files, char const * diskName);
     /// One cabinet into a file of the caller's, which is rewound then; a set can't be made so. What the file holds
     /// behind the cabinet's end stays.
@@ -52,11 +53,14 @@ private:
     UINT m_nReserveData = 0;
     kvx::cabinet::CabCompression::Options m_options;
 
+    bool m_bDirectoryApart = false; // too long for the engine: put in front of names here
+
     int InitCab(char const * cabPath, char const * diskName);
     int AddFile(CCabFileSetEntry & entry);
     void Destroy();
     void BuildDiskName();
-    void BuildCabName();
+    bool BuildCabName();
+    CStringA ToCabPath(char const * name) const;
     INT_PTR OpenFile(char const * name, int oflag, int pmode, int * err) const;
 
     static CCabBuilder & FromContext(void * context) { return *static_cast<CCabBuilder *>(context); }

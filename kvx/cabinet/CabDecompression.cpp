@@ -464,8 +464,8 @@ FDIERROR CabDecompression::Impl::FindNext(FolderPart const & last, FolderPart & 
     {
         return FDIERROR_CORRUPT_CABINET;
     }
-    char path[PATH_ROOM + 1] = {};
-    last.path.copy(path, PATH_ROOM);
+    std::string path = last.path;
+    path.resize(std::max(path.size(), PATH_ROOM) + 1);
     FDIERROR error = FDIERROR_NONE;
     for (int i = 0; i < MAX_TRIES; i++)
     {
@@ -473,7 +473,7 @@ FDIERROR CabDecompression::Impl::FindNext(FolderPart const & last, FolderPart & 
         FDINOTIFICATION notification = {};
         notification.psz1 = header.nextName;
         notification.psz2 = header.nextDisk;
-        notification.psz3 = path;
+        notification.psz3 = path.data();
         notification.setID = header.setID;
         notification.iCabinet = static_cast<USHORT>(header.number + 1);
         notification.fdie = error;
@@ -481,7 +481,7 @@ FDIERROR CabDecompression::Impl::FindNext(FolderPart const & last, FolderPart & 
         {
             return FDIERROR_USER_ABORT;
         }
-        next.path = path;
+        next.path = path.c_str();
         next.name = last.header.nextName;
         error = OpenNext(last, next);
         if (!error)

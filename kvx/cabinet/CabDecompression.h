@@ -61,8 +61,9 @@ public:
     ///     run.
     ///                           The handle is the callback's to close. 0 and -1 abort.
     ///     fdintNEXT_CABINET     the file goes on in the next cabinet: psz1 name, psz2 disk, psz3 path, which may be
-    ///                           changed (260 bytes). fdie is what was wrong with the one before: it comes again until
-    ///                           there is the right cabinet, but no more than 100 times. -1 aborts.
+    ///                           changed (260 bytes, or as many as it has). fdie is what was wrong with the one before:
+    ///                           it comes again until there is the right cabinet, but no more than 100 times. -1
+    ///                           aborts.
     ///
     /// Files that began in the cabinet, and no others, are copied, also where they end in a later one. A file that
     /// begins in a later cabinet of the set, in a folder that began here, wants this Copy first, even if it passes

@@ -83,10 +83,8 @@ CCabExtractor::~CCabExtractor() = default;
 
 int CCabExtractor::Extract(char const * cabPath, CCabFileSet & files, char const * destination)
 {
-    AssignFileSet(&files);
-    int const result = Extract(cabPath, 1, destination);
-    AssignFileSet(nullptr);
-    return result;
+    FileSetInHand const inHand(*this, files);
+    return Extract(cabPath, 1, destination);
 }
 
 int CCabExtractor::Extract(CFile * file, int followChain, char const * destination)
@@ -101,10 +99,13 @@ int CCabExtractor::Extract(CFile * file, CCabFileSet & files, char const * desti
 
 int CCabExtractor::ListContents(char const * cabPath, CCabFileSet & files)
 {
-    m_bListOnly = 1;
-    int const result = Extract(cabPath, files, "");
-    m_bListOnly = 0;
-    return result;
+    struct Listing
+    {
+        int & flag;
+        explicit Listing(int & listOnly) : flag(listOnly) { flag = 1; }
+        ~Listing() { flag = 0; }
+    } const listing(m_bListOnly);
+    return Extract(cabPath, files, "");
 }
 
 int CCabExtractor::GetCabInfo(char const * cabPath, FDICABINETINFO & info)
@@ -263,7 +264,16 @@ INT_PTR CCabExtractor::CloseFile(FDINOTIFICATION const & notification)
     USHORT date = notification.date;
     USHORT time = notification.time;
     USHORT attributes = notification.attribs;
-    int const isWanted = NotifyFileCopied(notification.psz1, date, time, attributes);
+    int isWanted = 0;
+    try
+    {
+        isWanted = NotifyFileCopied(notification.psz1, date, time, attributes);
+    }
+    catch (...)
+    {
+        FileCloseProc(notification.hf, nullptr);
+        throw;
+    }
     FileCloseProc(notification.hf, nullptr);
     if (!isWanted)
     {
@@ -280,6 +290,17 @@ INT_PTR CCabExtractor::CloseFile(FDINOTIFICATION const & notification)
 
 INT_PTR CCabExtractor::NextCab(FDINOTIFICATION & notification)
 {
+    CStringA const given = notification.psz3;
+    if (given.GetLength() >= DESTINATION_SIZE)
+    {
+        // Too long for the other form, but whole.
+        CStringA changed = given;
+        int const goesOn = NotifyNextCab(notification.psz1, notification.psz2, changed, notification.fdie);
+        CloseDirectory(changed);
+        bool const hasRoom = changed.GetLength() <= given.GetLength();
+        std::strcpy(notification.psz3, hasRoom ? changed : given);
+        return goesOn && hasRoom ? 0 : -1;
+    }
     char directory[DESTINATION_SIZE] = {};
     std::memcpy(directory, notification.psz3, strnlen(notification.psz3, sizeof directory - 1));
     int const goesOn = NotifyNextCab(notification.psz1, notification.psz2, directory, notification.fdie);

@@ -12,7 +12,8 @@
 /// A subclass is told of each file, and decides. Names in a cabinet are whatever its maker wrote: by contract absolute
 /// ones, and those that climb out of the destination, are followed; SetConfined passes them over.
 ///
-/// In the error only the number of the first of several troubles stands. Threads: as CCabBase.
+/// What a notification throws leaves the operation, and the object can be used again; from within a notification it
+/// can't be. Threads: as CCabBase.
 class KVX_API CCabExtractor : public CCabBase
 {
 public:

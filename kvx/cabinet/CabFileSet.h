@@ -14,7 +14,7 @@ public:
     {
         runAfterExtract = 1, ///< marks it in the cabinet
         externFile = 2,      ///< AddFile(CFile *, ...) sets it: rewound, not closed
-        deleteSource = 4     ///< once it has been added, the source is deleted
+        deleteSource = 4     ///< once the cabinets are written, the source is deleted
     };
 
     CCabFileSetEntry() = default;
@@ -24,6 +24,7 @@ public:
     CStringA const & GetPath() const { return m_strPath; }
     void SetPath(CStringA const & path) { m_strPath = path; }
     CStringA const & GetCabName() const { return m_strCabName; }
+    /// In a set the entry is still looked up by the name under which it was added.
     void SetCabName(CStringA const & name) { m_strCabName = name; }
     /// The engine's compression type: see CabTypes.h.
     USHORT GetCompression() const { return static_cast<USHORT>(m_nCompression); }

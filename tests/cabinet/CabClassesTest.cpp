@@ -121,12 +121,12 @@ TEST_F(CabClasses, SetsAreNamedAndFollowedByTheirDisks)
     Told told("");
     EXPECT_TRUE(told.Extract(At("set.dat").c_str(), 1, At("all").c_str()));
     for (int i = 0; i < 6; i++)
-        EXPECT_EQ(Get("all/" + std::to_string(i)), MakeData(50000, static_cast<unsigned>(i)));
+        EXPECT_TRUE(Get("all/" + std::to_string(i)) == MakeData(50000, static_cast<unsigned>(i)));
     // Only one, deep in the set.
     CCabFileSet last;
     last.SetFilePath("5", "only");
     EXPECT_TRUE(told.Extract(At("set.dat").c_str(), last, At("").c_str()));
-    EXPECT_EQ(Get("only"), MakeData(50000, 5));
+    EXPECT_TRUE(Get("only") == MakeData(50000, 5));
     // Without the chain, what begins in the first cabinet alone.
     told.events.clear();
     EXPECT_TRUE(told.Extract(At("set.dat").c_str(), 0, At("first").c_str()));
@@ -144,7 +144,7 @@ TEST_F(CabClasses, SetsAreNamedAndFollowedByTheirDisks)
     EXPECT_THAT(told.events, ElementsAre("next set2.dat of volume 2 after 1"));
     told.elsewhere = At("moved");
     EXPECT_TRUE(told.Extract(At("set.dat").c_str(), none, At("").c_str()));
-    EXPECT_EQ(Get("none"), MakeData(50000, 5));
+    EXPECT_TRUE(Get("none") == MakeData(50000, 5));
     EXPECT_FALSE(CCabExtractor("").Extract(At("set.dat").c_str(), none, "")); // asks in vain, and ends
 }
 
@@ -238,6 +238,57 @@ TEST_F(CabClasses, AFullDiskIsTold)
     CCabExtractor extractor("");
     EXPECT_FALSE(extractor.Extract(&whole, wanted, ""));
     EXPECT_EQ(extractor.GetError().erfOper, FDIERROR_TARGET_FILE);
+}
+
+TEST_F(CabClasses, LongDirectoriesAndFailuresLoseNothing)
+{
+    std::string const longName(100, 'd');
+    std::string const directory = longName + "/" + longName + "/" + longName + "/";
+    fs::create_directories(m_folder + directory);
+    CCabFileSet files;
+    files.AddFile(Put("in/big", MakeData(100000, 1)).c_str(), "", CCabFileSetEntry::deleteSource, 0);
+    // Neither where it can't be written nor beside a file that is missing does the source go.
+    EXPECT_FALSE(CCabBuilder("").Build("Z:\\proc\\no\\a.cab", files, ""));
+    files.AddFile("missing");
+    EXPECT_FALSE(CCabBuilder("").Build(At("a.cab").c_str(), files, ""));
+    EXPECT_TRUE(fs::exists(m_folder + "in/big"));
+    CCabFileSet one;
+    one.AddFile(At("in/big").c_str(), "", 0, 0);
+    EXPECT_TRUE(CCabBuilder("", 0, 60000, 60000).Build(At(directory + "a.cab").c_str(), one, "disk"));
+    EXPECT_TRUE(fs::exists(m_folder + directory + "a2.cab"));
+    EXPECT_TRUE(CCabExtractor("").Extract(At(directory + "a.cab").c_str(), 1, At("").c_str()));
+    EXPECT_TRUE(Get("big") == MakeData(100000, 1));
+    EXPECT_THAT(GetNames(), ElementsAre("big", longName, "in"));
+}
+
+TEST_F(CabClasses, AnExtractorOutlivesWhatItsNotificationsThrow)
+{
+    struct Thrower : CCabExtractor
+    {
+        using CCabExtractor::CCabExtractor;
+        bool throws = true;
+        int NotifyFileCopied(char const *, USHORT &, USHORT &, USHORT &) override { return throws ? throw 1 : 1; }
+        int NotifyCabInfo(USHORT id, char const * path, char const * next, char const * disk, int number) override
+        {
+            return throws && GetFileSet() ? throw 2 : CCabExtractor::NotifyCabInfo(id, path, next, disk, number);
+        }
+    } extractor("");
+    CMemFile content;
+    content.Write("content", 7);
+    CCabFileSet files;
+    files.AddFile(&content, "content");
+    CMemFile cabinet;
+    ASSERT_TRUE(CCabBuilder("").Build(&cabinet, files, ""));
+    EXPECT_THROW(extractor.Extract(&cabinet, 1, At("out").c_str()), int);
+    {
+        CCabFileSet gone;
+        gone.SetFilePath("content", "elsewhere");
+        EXPECT_THROW(extractor.Extract(&cabinet, gone, At("out").c_str()), int);
+    }
+    extractor.throws = false;
+    fs::remove_all(m_folder + "out");
+    EXPECT_TRUE(extractor.Extract(&cabinet, 1, At("out").c_str()));
+    EXPECT_EQ(Get("out/content"), "content");
 }
 
 TEST_F(CabClasses, WhatACabinetSaysIsntTrusted)

@@ -159,6 +159,50 @@ TEST(Decompression, SetsAreReadAsAWholeAndFromAnyFileThatCanBeReached)
     }
 }
 
+TEST(Decompression, AFolderThatEndedIsntJoinedWithTheNextCabinets)
+{
+    MemoryHost writerHost;
+    ERF erf = {};
+    auto const writer = writerHost.Create(erf, MakeCcab());
+    ReaderHost reader;
+    std::vector<std::string> names;
+    for (int i = 1; i <= 3; i++)
+    {
+        std::string const name = std::to_string(i);
+        writerHost.files[name] = MakeData(1000, static_cast<unsigned>(i));
+        EXPECT_TRUE(writerHost.Add(*writer, name, tcompTYPE_NONE));
+        EXPECT_TRUE(MemoryHost::Flush(*writer, i < 3));
+        names.push_back(name + ".cab");
+        reader.cabinets[names.back()] = writerHost.files[names.back()];
+    }
+    EXPECT_EQ(reader.Copy(names), FDIERROR_NONE);
+    for (auto const & [name, data] : reader.extracted)
+        EXPECT_EQ(data, MakeData(1000, static_cast<unsigned>(std::stoi(name))));
+    EXPECT_EQ(reader.extracted.size(), 3u);
+}
+
+TEST(Decompression, QuestionsInTheMiddleOfACopyDontDisturbIt)
+{
+    ReaderHost host;
+    host.cabinets["a"] = MakeTwo().Build();
+    host.cabinets["b"] = MakeCabinets(1, tcompTYPE_MSZIP, 0).at("1.cab");
+    auto const reader = host.Create();
+    int asked = 0;
+    host.isWanted = [&](std::string const &)
+    {
+        FDICABINETINFO info = {};
+        std::string name = "b";
+        INT_PTR const other = ReaderHost::Open(name.data(), 0, 0);
+        asked += reader->IsCabinet(other, &info) && info.setID == 0x1234;
+        ReaderHost::Close(other);
+        EXPECT_FALSE(reader->Copy("b", "", ReaderHost::Notify, &host));
+        return true;
+    };
+    EXPECT_TRUE(reader->Copy("a", "", ReaderHost::Notify, &host));
+    EXPECT_EQ(asked, 2);
+    EXPECT_EQ(host.extracted["one"] + host.extracted["two"], "firstsecond");
+}
+
 TEST(Decompression, AsksForTheNextCabinetUntilItIsTheRightOne)
 {
     auto cabinets = MakeCabinets(4, tcompTYPE_MSZIP, 8000);

@@ -58,6 +58,14 @@ TEST_F(Cab, WhatGoesInComesOut)
         EXPECT_NE(fs::status(out + "/in/run").permissions() & fs::perms::owner_exec, fs::perms::none);
     }
     EXPECT_TRUE(fs::exists(m_folder / "a3.cab"));
+    EXPECT_EQ(Run({"test", ""}).nStatus, 1);
+    Create({"./in/", "--exclude", "in/deep/"});
+    EXPECT_THAT(Run({"test", m_archive}).strOut, HasSubstr("3 files"));
+    Create({"in"});
+    Put("in/j\xF6rg", "Latin 1");
+    Put("in/j\xC3\xB6rg", "UTF-8");
+    EXPECT_THAT(Create({"in"}).strErr, HasSubstr("the same as another one"));
+    fs::remove(m_folder / "in/j\xF6rg");
     EXPECT_THAT(Run({"list", m_archive, "--format", "csv"}).strOut, HasSubstr("in/deep/er/j\xC3\xB6rg,4,"));
     EXPECT_EQ(Run({"extract", m_archive, "-C", m_folder / "some", "in/deep", "nothing"}).nStatus, 1);
     EXPECT_TRUE(fs::exists(m_folder / "some/in/deep/er"));

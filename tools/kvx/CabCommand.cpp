@@ -2,7 +2,11 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "DisplayText.h"
 #include "FileNames.h"
+
+#include "kvx/foundation/Utilities.h"
+#include "kvx/platform/Terminal.h"
 
 #include <CLI/App.hpp>
 
@@ -12,15 +16,40 @@
 
 void ReportNote(std::string const & name, std::string const & text)
 {
-    std::fprintf(stderr, "note: %s: %s\n", ShowName(name).c_str(), text.c_str());
+    // Names out of a cabinet may hold what gives commands to a terminal.
+    std::fprintf(stderr, "note: %s: %s\n", ToDisplay(ToFileName(name)).strText.c_str(), text.c_str());
+}
+
+std::string DecodeName(std::string const & bytes)
+{
+    std::string name = IsUtf8(bytes) ? bytes : kvx::ToUtf8(CUtilities::MB2W(bytes.c_str(), CP_ACP));
+    std::ranges::replace(name, '\\', '/');
+    return name;
+}
+
+bool IsEndWanted()
+{
+    return kvx::WaitForEndSignal(0);
 }
 
 bool IsAmong(std::vector<std::string> const & patterns, std::string const & name)
 {
     std::string const last = name.substr(name.rfind('/') + 1);
-    return std::ranges::any_of(
-        patterns, [&](std::string const & pattern)
-        { return MatchesPattern(name, pattern) || MatchesPattern(last, pattern) || name.starts_with(pattern + "/"); });
+    return std::ranges::any_of(patterns,
+                               [&](std::string pattern)
+                               {
+                                   // As shells complete them.
+                                   while (pattern.starts_with("./"))
+                                   {
+                                       pattern.erase(0, 2);
+                                   }
+                                   while (pattern.size() > 1 && pattern.ends_with('/'))
+                                   {
+                                       pattern.pop_back();
+                                   }
+                                   return MatchesPattern(name, pattern) || MatchesPattern(last, pattern) ||
+                                          name.starts_with(pattern + "/");
+                               });
 }
 
 namespace
@@ -30,7 +59,15 @@ CLI::App * AddCabAction(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> c
 {
     CLI::App * const command = cab.add_subcommand(name, help);
     command->add_option("ARCHIVE", options->archive, "The cabinet; of a set the first one")->required();
-    command->callback([&run, options, action] { run = [options, action] { return action(*options); }; });
+    command->callback(
+        [&run, options, action]
+        {
+            run = [options, action]
+            {
+                kvx::CatchEndSignals(); // temporary files go first
+                return action(*options);
+            };
+        });
     return command;
 }
 
@@ -66,14 +103,14 @@ void AddCabCreate(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const &
         ->check(CLI::Range(0, 256));
     create->add_option("--exclude", options->excludes, "Leave out what matches, such as '*.o' or build");
     create->add_flag("-v,--verbose", options->isVerbose, "Print the names of the files");
-    create->footer(
-        "Examples:\n"
-        "  kvx cab create docs.cab docs\n"
-        "  kvx cab create --lzx --exclude '*.o' source.cab -C /home/me project\n"
-        "  kvx cab create --max-size 1440K floppy.cab big.iso\n"
-        "\n"
-        "Links in folders, and what is no file, are passed over with a note. A file that can't be read gets an error "
-        "line, and the exit status is 1, but the others go in.");
+    create->footer("Examples:\n"
+                   "  kvx cab create docs.cab docs\n"
+                   "  kvx cab create --lzx --exclude '*.o' source.cab -C /home/me project\n"
+                   "  kvx cab create --max-size 1440K floppy.cab big.iso\n"
+                   "\n"
+                   "ARCHIVE - is stdout. Links in folders, and what is no file, are passed over with a note. A file "
+                   "that can't be read gets an error "
+                   "line, and the exit status is 1, but the others go in.");
 }
 
 void AddCabExtract(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const & options)

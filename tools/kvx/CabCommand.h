@@ -30,6 +30,11 @@ int ListCabinet(CabOptions const & options);
 int ExtractCabinet(CabOptions const & options);
 int TestCabinet(CabOptions const & options);
 
+/// The name in a cabinet as UTF-8 with slashes: as it is where it is UTF-8, marked or not, for most programs don't mark
+/// it; else it is in the ANSI code page.
+std::string DecodeName(std::string const & bytes);
+/// Ends a run of the engine from its callbacks when the user wants to: ERROR_OPERATION_ABORTED.
+bool IsEndWanted();
 /// A line on stderr for what is no failure.
 void ReportNote(std::string const & name, std::string const & text);
 /// Whether one of the patterns is the name (with slashes), a folder above it, or matches it as a whole or by its last

@@ -1,4 +1,5 @@
 #include "CabCommand.h"
+#include "DisplayText.h"
 #include "FileNames.h"
 #include "InputFile.h"
 #include "OutputFile.h"
@@ -16,7 +17,6 @@
 #include <filesystem>
 #include <map>
 #include <optional>
-#include <set>
 
 namespace
 {
@@ -40,7 +40,7 @@ public:
     void Add(std::string const & given)
     {
         std::optional<std::string> const name = ToMemberName(given);
-        fs::path const source = fs::path(m_options.directory) / given;
+        fs::path const source = fs::path(m_options.directory.empty() ? "." : m_options.directory) / given;
         std::error_code failed;
         fs::file_status const status = fs::status(source, failed);
         if (!name || !fs::exists(status))
@@ -66,7 +66,7 @@ public:
 private:
     CabOptions const & m_options;
     std::vector<CabMember> m_members;
-    std::set<std::string> m_names;
+    std::map<std::string, std::string> m_names; // as they will be read, and as they are here
     ULONGLONG m_size = 0;
     bool m_isComplete = true;
 
@@ -75,6 +75,12 @@ private:
         ReportError(code, ToFileName(name) +
                               (why.empty() ? _T(": ") + CWinError::GetText(code) : CString(kvx::FromUtf8(why))));
         m_isComplete = false;
+    }
+
+    bool IsArchive(fs::path const & path) const
+    {
+        std::error_code ignored;
+        return fs::equivalent(path, m_options.archive, ignored);
     }
 
     // The parts that are names, or nothing for a path that leads up.
@@ -161,28 +167,49 @@ private:
             Refuse(name, ERROR_INVALID_DATA,
                    failed ? ": " + failed.message() : ": a file in a cabinet has at most 4 GiB");
         }
-        else if (!m_names.insert(name).second)
+        else if (IsArchive(path))
         {
+            ReportNote(name, "the cabinet itself, passed over");
+        }
+        else if (auto const [known, isNew] = m_names.emplace(DecodeName(name), name); !isNew)
+        {
+            if (known->second != name)
+            {
+                Refuse(name, ERROR_INVALID_NAME, ": in a cabinet it would be the same as another one");
+                return;
+            }
             ReportNote(name, "there already, passed over");
         }
         else
         {
+            if (!IsUtf8(name))
+            {
+                ReportNote(name, "not UTF-8, will be read as " + DecodeName(name));
+            }
             m_members.push_back({path.string(), name, size});
             m_size += size;
         }
     }
 };
 
-/// The local date and time of MS-DOS, which ends with 2107.
+/// The local date and time of MS-DOS, which begin with 1980 and end with 2107.
 void ToDosTime(std::time_t value, USHORT * date, USHORT * time)
 {
+    std::tm const * const found = std::localtime(&value);
     std::tm local = {};
-    if (std::tm const * const found = std::localtime(&value))
+    local.tm_mday = 1;
+    local.tm_year = 80;
+    if (found && found->tm_year > 207)
+    {
+        *date = 127 << 9 | 12 << 5 | 31;
+        *time = 23 << 11 | 59 << 5 | 29;
+        return;
+    }
+    if (found && found->tm_year >= 80)
     {
         local = *found;
     }
-    local.tm_year = std::clamp(local.tm_year, 80, 207);
-    *date = static_cast<USHORT>((local.tm_year - 80) << 9 | (local.tm_mon + 1) << 5 | std::max(local.tm_mday, 1));
+    *date = static_cast<USHORT>((local.tm_year - 80) << 9 | (local.tm_mon + 1) << 5 | local.tm_mday);
     *time = static_cast<USHORT>(local.tm_hour << 11 | local.tm_min << 5 | std::min(local.tm_sec, 59) / 2);
 }
 
@@ -226,14 +253,29 @@ private:
     CString m_failed;                   // what the callback that failed was at
     DWORD m_error = 0;
     bool m_isReported = false;
+    StandardOutput m_out;
+    Written m_written = Written::Whole;
 
     static CabCreation & From(void * context) { return *static_cast<CabCreation *>(context); }
 
+    /// Null unless a set is asked for: no file of that name is to be lost that isn't ours.
+    PFNFCIGETNEXTCABINET GetNextCabinet() const { return m_options.maxSize ? &CabCreation::NextCabinet : nullptr; }
     void FillCab(CCAB & ccab, ULONG size) const;
     bool AddMembers(CabCompression & engine);
     bool OpenMember(CabMember const & member);
     int Fail(ERF const & erf);
 
+    bool WantsEnd(int * err)
+    {
+        if (IsEndWanted())
+        {
+            m_error = ERROR_OPERATION_ABORTED;
+            m_failed = ToFileName(m_options.archive);
+            *err = static_cast<int>(m_error);
+            return true;
+        }
+        return false;
+    }
     INT_PTR Open(std::string const & name, int * err);
     INT_PTR OpenSource(USHORT * date, USHORT * time, USHORT * attributes);
     // Runs the action on a file; `failed` and an error number if it raises something.
@@ -302,6 +344,10 @@ int CabCreation::Run()
     callbacks.read = [](INT_PTR handle, void * memory, UINT size, int * err, void * context)
     {
         CabCreation & self = From(context);
+        if (self.WantsEnd(err))
+        {
+            return static_cast<UINT>(-1);
+        }
         auto & file = *reinterpret_cast<OpenFile *>(handle);
         if (!file.input)
         {
@@ -367,12 +413,13 @@ int CabCreation::Run()
     engine->SetOptions({.level = m_options.level,
                         .translateCalls = true,
                         .jobs = m_options.jobs ? m_options.jobs : system.dwNumberOfProcessors});
-    if (!AddMembers(*engine) || !engine->FlushCabinet(FALSE, NextCabinet, Status))
+    if (!AddMembers(*engine) || !engine->FlushCabinet(FALSE, GetNextCabinet(), Status))
     {
         return Fail(erf);
     }
     m_progress.Hide();
     int status = m_members.IsComplete() && !m_isReported ? 0 : 1;
+    status = ReportWritten(m_written) == 0 ? status : 1;
     for (auto const & cabinet : m_cabinets)
     {
         status = cabinet->Finish() == 0 ? status : 1;
@@ -383,7 +430,6 @@ int CabCreation::Run()
 bool CabCreation::AddMembers(CabCompression & engine)
 {
     ULONGLONG inFolder = 0;
-    StandardOutput out;
     for (CabMember const & member : m_members.Get())
     {
         if (!OpenMember(member))
@@ -394,14 +440,14 @@ bool CabCreation::AddMembers(CabCompression & engine)
         if (inFolder >= m_options.folderSize)
         {
             inFolder = 0;
-            if (!engine.FlushFolder(NextCabinet, Status))
+            if (!engine.FlushFolder(GetNextCabinet(), Status))
             {
                 return false;
             }
         }
         std::string name = member.name;
         std::ranges::replace(name, '/', '\\');
-        if (!engine.AddFile(member.source.c_str(), name.c_str(), FALSE, NextCabinet, Status, GetOpenInfo,
+        if (!engine.AddFile(member.source.c_str(), name.c_str(), FALSE, GetNextCabinet(), Status, GetOpenInfo,
                             m_options.compression))
         {
             return false;
@@ -410,8 +456,15 @@ bool CabCreation::AddMembers(CabCompression & engine)
         if (m_options.isVerbose)
         {
             m_progress.Hide();
-            out << ShowName(member.name) << "\n";
-            out.Finish();
+            if (m_options.archive == "-")
+            {
+                std::fprintf(stderr, "%s\n", ToDisplay(ToFileName(member.name)).strText.c_str());
+            }
+            else
+            {
+                m_out << ShowName(member.name) << "\n";
+                m_written = m_out.Finish();
+            }
         }
     }
     return true;
@@ -438,10 +491,9 @@ INT_PTR CabCreation::OpenSource(USHORT * date, USHORT * time, USHORT * attribute
     file->input = std::move(m_input);
     std::error_code ignored;
     auto const changed = fs::last_write_time(m_member->source, ignored);
-    auto const age = fs::file_time_type::clock::now() - changed;
-    ToDosTime(std::chrono::system_clock::to_time_t(std::chrono::time_point_cast<std::chrono::system_clock::duration>(
-                  std::chrono::system_clock::now() - age)),
-              date, time);
+    auto const sinceEpoch =
+        std::chrono::file_clock::to_sys(std::chrono::time_point_cast<std::chrono::seconds>(changed)).time_since_epoch();
+    ToDosTime(sinceEpoch.count(), date, time);
     bool const isReadOnly =
         (fs::status(m_member->source, ignored).permissions() & fs::perms::owner_write) == fs::perms::none;
     bool const isUtf = std::ranges::any_of(m_member->name, [](char c) { return c & 0x80; }) && IsUtf8(m_member->name);
@@ -504,7 +556,9 @@ int CabCreation::Fail(ERF const & erf)
     else if (erf.erfOper == FCIERR_CAB_FORMAT_LIMIT)
     {
         ReportError(ERROR_INVALID_PARAMETER,
-                    ToFileName(m_options.archive) + _T(": more than the format holds in cabinets of this size"));
+                    ToFileName(m_options.archive) +
+                        (m_options.maxSize ? _T(": more than cabinets of this size hold")
+                                           : _T(": more than one cabinet holds; --max-size makes a set")));
     }
     else
     {
@@ -518,6 +572,11 @@ int CabCreation::Fail(ERF const & erf)
 
 int CreateCabinet(CabOptions const & options)
 {
+    if (options.archive == "-" && options.maxSize)
+    {
+        ReportError(ERROR_INVALID_PARAMETER, _T("a set can't go to stdout"));
+        return 1;
+    }
     if (options.maxSize > 0x7FFFFFFF)
     {
         ReportError(ERROR_INVALID_PARAMETER, _T("a cabinet has less than 2 GiB"));

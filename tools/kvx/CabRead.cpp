@@ -56,19 +56,6 @@ FILETIME ToFileTime(std::time_t value)
     return {static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
 }
 
-/// Names are UTF-8 where they are marked, and also where they just are, for most programs don't mark them; else they
-/// are in the ANSI code page.
-std::string DecodeName(char const * bytes)
-{
-    std::string name = bytes;
-    if (!IsUtf8(name))
-    {
-        name = kvx::ToUtf8(CUtilities::MB2W(bytes, CP_ACP));
-    }
-    std::ranges::replace(name, '\\', '/');
-    return name;
-}
-
 /// Goes through a cabinet and those that follow in its set.
 class CabWalk
 {
@@ -162,6 +149,11 @@ int CabWalk::Run()
     callbacks.read = [](INT_PTR handle, void * memory, UINT size)
     {
         auto const & file = *reinterpret_cast<OpenFile *>(handle);
+        if (IsEndWanted())
+        {
+            Current()->HasFailed(ERROR_OPERATION_ABORTED, ToFileName(file.name));
+            return static_cast<UINT>(-1);
+        }
         try
         {
             return file.cabinet->Read(memory, size);
@@ -204,6 +196,11 @@ int CabWalk::Run()
     ERF erf = {};
     auto const engine = CabDecompression::Create(callbacks, &erf);
     fs::path const archive = m_options.archive;
+    if (!archive.has_filename())
+    {
+        ReportError(ERROR_FILE_NOT_FOUND, ToFileName(m_options.archive) + _T(": no name of a cabinet"));
+        return 1;
+    }
     m_folder = archive.has_parent_path() ? archive.parent_path().string() + "/" : "";
     for (std::string name = archive.filename().string(); !name.empty(); name = m_next)
     {
@@ -360,7 +357,11 @@ public:
         }
     }
 
-    int Print() { return PrintResponse(m_response, m_options.format); }
+    /// Nothing where nothing could be read.
+    int Print(int status)
+    {
+        return status == 0 || m_rows.GetRowCount() > 0 ? PrintResponse(m_response, m_options.format) : status;
+    }
 
 private:
     CMsgResponse m_response;
@@ -547,7 +548,7 @@ int ListCabinet(CabOptions const & options)
 {
     CabLister lister(options);
     int const status = lister.Run();
-    int const printed = lister.Print();
+    int const printed = lister.Print(status);
     return status == 0 ? printed : status;
 }
 

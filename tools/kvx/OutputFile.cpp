@@ -1,5 +1,6 @@
 #include "OutputFile.h"
 
+#include "FileNames.h"
 #include "Output.h"
 
 #include "kvx/foundation/AppException.h"
@@ -46,8 +47,7 @@ bool OutputFile::Open()
     bool const bInPlace = fs::exists(status) && !fs::is_regular_file(status);
     if (fs::is_regular_file(status) && (status.permissions() & fs::perms::owner_write) == fs::perms::none)
     {
-        ReportError(ERROR_ACCESS_DENIED,
-                    CString(kvx::FromUtf8(m_strName)) + _T(": ") + CWinError::GetText(ERROR_ACCESS_DENIED));
+        ReportError(ERROR_ACCESS_DENIED, ToFileName(m_strName) + _T(": ") + CWinError::GetText(ERROR_ACCESS_DENIED));
         return false;
     }
     // Where the name is a link, the file that it leads to is the one that is replaced.
@@ -57,12 +57,10 @@ bool OutputFile::Open()
         bInPlace ? m_strName : target.string() + ".new-" + std::to_string(GetCurrentProcessId());
     auto file = std::make_unique<CFile>();
     CFileException failure;
-    if (!file->Open(CString(kvx::FromUtf8(written)), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite,
-                    &failure))
+    if (!file->Open(ToFileName(written), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite, &failure))
     {
         ReportError(static_cast<DWORD>(failure.m_lOsError),
-                    CString(kvx::FromUtf8(m_strName)) + _T(": ") +
-                        CWinError::GetText(static_cast<DWORD>(failure.m_lOsError)));
+                    ToFileName(m_strName) + _T(": ") + CWinError::GetText(static_cast<DWORD>(failure.m_lOsError)));
         return false;
     }
     if (!bInPlace)
@@ -95,7 +93,7 @@ int OutputFile::Finish()
         fs::rename(m_strTemporary, failed ? fs::path(m_strName) : target, failed);
         if (failed)
         {
-            ReportError(ERROR_WRITE_FAULT, CString(kvx::FromUtf8(m_strName + ": " + failed.message())));
+            ReportError(ERROR_WRITE_FAULT, ToFileName(m_strName) + _T(": ") + CString(kvx::FromUtf8(failed.message())));
             return 1;
         }
         m_strTemporary.clear();

@@ -15,7 +15,7 @@
 class OutputFile
 {
 public:
-    /// The name is UTF-8, as on the command line.
+    /// The name is as on the command line.
     explicit OutputFile(std::string name);
     OutputFile(OutputFile const &) = delete;
     OutputFile & operator=(OutputFile const &) = delete;

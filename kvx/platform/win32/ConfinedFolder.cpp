@@ -22,7 +22,7 @@ namespace
 
 using win32::UniqueFd;
 
-constexpr int FolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int FolderFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC; // one that can't be listed will do
 
 bool FailBy(int nErrno) noexcept
 {
@@ -200,7 +200,7 @@ std::unique_ptr<ConfinedFolder> ConfinedFolder::Open(std::string const & path)
         if (nEnd == path.npos)
             break;
     }
-    UniqueFd root(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd root(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!root)
     {
         SetLastError(errno == ENOTDIR ? static_cast<DWORD>(ERROR_DIRECTORY) : win32::ErrorFromErrno(errno));

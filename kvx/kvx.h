@@ -89,6 +89,8 @@
 
 #include "kvx/sql/SqlCommand.h"
 
+#include "kvx/platform/Terminal.h"
+
 #include "kvx/cabinet/CabBuilder.h"
 #include "kvx/cabinet/CabExtractor.h"
 

@@ -12,6 +12,8 @@
 /// names in the ANSI code page (CUtilities::StringToAnsi); by contract the two don't match beyond ASCII, which a caller
 /// meets in the default directory that isn't given and in the folder for temporary files.
 ///
+/// Paths that a caller gives may be the host's, as "/usr/x"; a name out of a cabinet never is.
+///
 /// Threads: an object serves one at a time, and callbacks run on it. What a caller's CFile raises becomes an error.
 class KVX_API CCabBase
 {
@@ -21,7 +23,8 @@ public:
     CCabBase & operator=(CCabBase const &) = delete;
     virtual ~CCabBase();
 
-    /// What relative names are relative to; it gets a backslash at its end unless it is empty.
+    /// What relative names of files are relative to (a cabinet's own path isn't); it gets a backslash at its end unless
+    /// it is empty.
     void SetDefaultDirectory(char const * directory);
     CStringA const & GetDefaultDirectory() const { return m_strDefaultDirectory; }
     /// An absolute name as it is (CUtilities::IsAbsolutePath), any other behind the default directory: by contract also

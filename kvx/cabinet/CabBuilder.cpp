@@ -104,6 +104,7 @@ int CCabBuilder::InitCab(char const * cabPath, char const * diskName)
         }
     }
     m_erf = {};
+    m_strFailedFile.Empty();
     m_ccab = {};
     m_ccab.cb = m_nMaxCabSize;
     m_ccab.cbFolderThresh = m_nFolderThreshold;
@@ -153,13 +154,21 @@ int CCabBuilder::AddFile(CCabFileSetEntry & entry)
     CString const path = CUtilities::AnsiToString(static_cast<char const *>(source));
     if (!isExtern && !CUtilities::FileExists(path))
     {
+        constexpr int NO_FILE = 2; // the C library's error number
+        m_erf = {FCIERR_OPEN_SRC, NO_FILE, TRUE};
+        m_strFailedFile = source;
         return 0;
     }
     if (!m_engine->AddFile(source, entry.GetCabName(), entry.FlagIsSet(CCabFileSetEntry::runAfterExtract),
                            GetNextCabProc, NotifyProgressProc, GetFileInfoProc, entry.GetCompression()))
     {
+        m_strFailedFile = source;
         Destroy();
         return 0;
+    }
+    if (m_fileAdded)
+    {
+        m_fileAdded(entry.GetCabName());
     }
     return 1;
 }

@@ -3,13 +3,15 @@
 #include "kvx/cabinet/CabBase.h"
 #include "kvx/cabinet/CabCompression.h"
 
+#include <functional>
+
 /// Builds a cabinet, or a set of them, out of a file set:
 ///
 ///     CCabFileSet files;
-///     files.AddFile("report.txt");
+///     files.AddFile("report.txt", "", 0, TCOMPfromLZXWindow(21));
 ///     CCabBuilder builder("Z:\\home\\me");
-///     if (!builder.Build("Z:\\backup\\me.cab", files, ""))
-///         ... builder.GetError()
+///     if (!builder.Build("Z:\\backup\\me.cab", files, "Backup"))
+///         ... builder.GetError(), builder.GetFailedFile()
 class KVX_API CCabBuilder : public CCabBase
 {
 public:
@@ -19,18 +21,23 @@ public:
                          ULONG maxNextCabSize = 0x7FFFFFFF, ULONG folderThreshold = 0x7FFFFFFF);
     ~CCabBuilder() override;
 
+    /// Is called behind each file that was added, with its name in the cabinet.
+    void SetFileAdded(std::function<void(char const *)> fileAdded) { m_fileAdded = std::move(fileAdded); }
     /// How hard the compressors try, and on how many threads; for the next Build.
     void SetOptions(kvx::cabinet::CabCompression::Options const & options) { m_options = options; }
 
     /// The cabinets are "archive.cab", "archive2.cab", ... for "archive.cab", and "archive1.cab", "archive2.cab", ...
     /// for "archive"; disks are the name and a number, or have none if it is empty. By contract an extractor goes on to
-    /// another cabinet of itself only where disks have names. @return 1, or 0 with the error (GetError); a file that
-    /// isn't there ends it with 0 and no error. What was written of a set then stays; sources that are to be deleted go
-    /// only when all is written.
+    /// another cabinet of itself only where disks have names: give one for a set. Without any file nothing is written.
+    /// @return 1, or 0 with the error (GetError); FCIERR_OPEN_SRC for a file that isn't there. What was written of a
+    /// set then stays; sources that are to be deleted go only when all is written.
     int Build(char const * cabPath, CCabFileSet & files, char const * diskName);
     /// One cabinet into a file of the caller's, which is rewound then; a set can't be made so. What the file holds
     /// behind the cabinet's end stays.
     int Build(CFile * file, CCabFileSet & files, char const * diskName);
+
+    /// The source with which the last Build ended, as it was looked for; empty where it was none.
+    CStringA const & GetFailedFile() const { return m_strFailedFile; }
 
     /// After a Build the engine stays open: what it holds goes into the cabinet, or the folder. 0 without an engine.
     int FlushCab();
@@ -53,6 +60,8 @@ private:
     UINT m_nReserveData = 0;
     kvx::cabinet::CabCompression::Options m_options;
 
+    std::function<void(char const *)> m_fileAdded;
+    CStringA m_strFailedFile;
     bool m_bDirectoryApart = false; // too long for the engine: put in front of names here
 
     int InitCab(char const * cabPath, char const * diskName);

@@ -42,28 +42,27 @@ public:
     ~CabDecompression();
 
     /// Whether a cabinet of this version begins at the handle's position; `info` (or null) tells about it. The handle
-    /// stays open.
+    /// stays open, and its position isn't kept.
     BOOL IsCabinet(INT_PTR hf, FDICABINETINFO * info);
 
     /// Goes through the cabinet `path` + `cabinet`, and calls `notify` with
     ///
-    ///     fdintCABINET_INFO     at each cabinet that is opened: psz1 next cabinet, psz2 next disk, psz3 path, setID,
-    ///                           iCabinet. -1 aborts.
-    ///     fdintENUMERATE        before the files: cb where the first one's entry stands, iFolder the number of files,
-    ///                           setID; both may be changed to begin with another entry. At the end iFolder is 0. -1
-    ///                           aborts.
-    ///     fdintPARTIAL_FILE     a file that began in an earlier cabinet, or can't be decompressed without one: psz1
-    ///                           name, psz2 previous cabinet, psz3 its disk. -1 aborts.
-    ///     fdintCOPY_FILE        psz1 name, cb size, date, time, attribs, iFolder. 0 passes it over, -1 aborts,
-    ///     anything
-    ///                           else is the handle to write it to.
-    ///     fdintCLOSE_FILE_INFO  the file is written: hf, psz1, date, time, attribs, iFolder, cb whether it is to be
-    ///     run.
-    ///                           The handle is the callback's to close. 0 and -1 abort.
-    ///     fdintNEXT_CABINET     the file goes on in the next cabinet: psz1 name, psz2 disk, psz3 path, which may be
-    ///                           changed (260 bytes, or as many as it has). fdie is what was wrong with the one before:
-    ///                           it comes again until there is the right cabinet, but no more than 100 times. -1
-    ///                           aborts.
+    ///   - fdintCABINET_INFO at each cabinet that is opened: psz1 the next cabinet, psz2 its disk, psz3 the path,
+    ///   setID,
+    ///     iCabinet (0 for the first). -1 aborts.
+    ///   - fdintENUMERATE before the files: cb where the first one's entry stands, iFolder the number of files, setID;
+    ///     cb and iFolder may be changed, to begin with another entry. At the end iFolder is 0. -1 aborts.
+    ///   - fdintPARTIAL_FILE for a file that began in an earlier cabinet, or can't be decompressed without one: psz1
+    ///   its
+    ///     name, psz2 the previous cabinet, psz3 its disk. -1 aborts.
+    ///   - fdintCOPY_FILE for any other file: psz1 name, cb size, date, time, attribs, iFolder. 0 passes it over, -1
+    ///     aborts, and anything else is the handle to write it to.
+    ///   - fdintCLOSE_FILE_INFO when it is written: hf, psz1, date, time, attribs, iFolder, cb whether it is to be run.
+    ///     The handle is the callback's to close. 0 and -1 abort.
+    ///   - fdintNEXT_CABINET where a file goes on in the next cabinet: psz1 its name, psz2 its disk, psz3 the path,
+    ///   which
+    ///     may be changed (260 bytes, or as many as it has). fdie is what was wrong with the one before: it comes again
+    ///     until there is the right cabinet, but no more than 100 times. -1 aborts.
     ///
     /// Files that began in the cabinet, and no others, are copied, also where they end in a later one. A file that
     /// begins in a later cabinet of the set, in a folder that began here, wants this Copy first, even if it passes

@@ -134,6 +134,7 @@ int CCabExtractor::Extract(char const * cabPath, int followChain, char const * d
         return 0;
     }
     m_bPending = 1;
+    m_nPassedOver = 0;
     m_nNextCabinet = info.iCabinet;
     AssignCabPath(cabPath);
     if (destination && *destination)
@@ -160,7 +161,12 @@ int CCabExtractor::Extract(char const * cabPath, int followChain, char const * d
         m_bLastCab = 0;
         m_nFileFirstCab = NONE;
         m_nFileLastCab = NONE;
+        m_bFileOpen = false;
         int const result = m_engine->Copy(m_strCabName, m_strCabDirectory, NotifyProgressProc, this);
+        if (!result && m_bFileOpen && !IsExternFile(m_strDestination))
+        {
+            CUtilities::DeleteFileW(CUtilities::AnsiToString(static_cast<char const *>(m_strDestination)), 1);
+        }
         if (!followChain || !result)
         {
             return result;
@@ -256,11 +262,13 @@ INT_PTR CCabExtractor::CopyFile(FDINOTIFICATION const & notification)
     INT_PTR const handle = FileOpenProc(m_strDestination, OPEN_BINARY | OPEN_CREATE | OPEN_SEQUENTIAL | OPEN_WRITE,
                                         OPEN_PERMISSION_READ | OPEN_PERMISSION_WRITE, nullptr);
     m_nFileFirstCab = m_nOpenCabinet;
+    m_bFileOpen = handle != -1;
     return handle;
 }
 
 INT_PTR CCabExtractor::CloseFile(FDINOTIFICATION const & notification)
 {
+    m_bFileOpen = false;
     USHORT date = notification.date;
     USHORT time = notification.time;
     USHORT attributes = notification.attribs;
@@ -377,6 +385,7 @@ int CCabExtractor::NotifyFileCopy(char const * name, LONG, char * destination, i
     }
     if (!isCallers && m_bConfined && !IsConfinedName(name))
     {
+        m_nPassedOver++;
         skip = 1;
         return 1;
     }

@@ -6,11 +6,12 @@
 /// Takes files out of a cabinet, or a set of them:
 ///
 ///     CCabExtractor extractor("");
+///     extractor.SetConfined(1);
 ///     if (!extractor.Extract("Z:\\backup\\me.cab", 1, "Z:\\home\\me\\restored"))
 ///         ... extractor.GetError()
 ///
-/// A subclass is told of each file, and decides. Names in a cabinet are whatever its maker wrote: by contract absolute
-/// ones, and those that climb out of the destination, are followed; SetConfined passes them over.
+/// A subclass is told of each file, and decides. Names in a cabinet are whatever its maker wrote: by contract those
+/// with a drive, and those that climb out of the destination, are followed, unless SetConfined passes them over.
 ///
 /// What a notification throws leaves the operation, and the object can be used again; from within a notification it
 /// can't be. Threads: as CCabBase.
@@ -27,12 +28,16 @@ public:
     /// With 1, files of which the name has a drive, begins with a separator or has a component ".." are passed over,
     /// unless a file set gives them a path other than their name.
     void SetConfined(int confined) { m_bConfined = confined; }
+    /// How many the last operation passed over for that.
+    int GetPassedOver() const { return m_nPassedOver; }
 
-    /// Extracts all files of a cabinet; with `followChain`, of those that follow in its set too. The destination
-    /// becomes the default directory; an empty one leaves it, or, if there is none, takes the cabinet's. By contract an
-    /// empty name for the next disk marks the last cabinet. @return 1, or 0 with the error.
+    /// Extracts all files of a cabinet (a file that fails half-way is deleted); with `followChain`, of those that
+    /// follow in its set too. The destination becomes the default directory; an empty one leaves it, or, if there is
+    /// none, takes the cabinet's. By contract an empty name for the next disk marks the last cabinet. @return 1, or 0
+    /// with the error.
     int Extract(char const * cabPath, int followChain, char const * destination);
-    /// The files of the set, of all the cabinets: those with a path go there, extern ones into their CFile.
+    /// The files of the set, of all the cabinets: those with a path go there, extern ones into their CFile. Names are
+    /// compared as they stand in the cabinet, with backslashes; that one isn't there is no failure.
     int Extract(char const * cabPath, CCabFileSet & files, char const * destination);
     /// Out of a file of the caller's, which is read from its begin.
     int Extract(CFile * file, int followChain, char const * destination);
@@ -81,6 +86,8 @@ private:
     int m_bLastCab = 0;
     CStringA m_strDestination;
     int m_bConfined = 0;
+    int m_nPassedOver = 0;
+    bool m_bFileOpen = false;  // the destination isn't complete
     int m_nOpenCabinet = NONE; // the one that the engine opened last
 
     int GetCabInfo(char const * cabPath, FDICABINETINFO & info);

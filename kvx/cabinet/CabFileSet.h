@@ -71,7 +71,8 @@ public:
     virtual ~CCabFileSet();
 
     /// Null for `path` is the name in the cabinet; an empty `cabName` is the file name of the path. A name that is
-    /// there already keeps its place, with what is given now. @return 1; 0 without either text.
+    /// there already keeps its place, with what is given now: so do two paths with one file name. `compression` is as
+    /// in CabTypes.h: tcompTYPE_NONE, tcompTYPE_MSZIP, or TCOMPfromLZXWindow(bits). @return 1; 0 without either text.
     int AddFile(char const * path, char const * cabName = nullptr, ULONG flags = 0, USHORT compression = 1);
     /// A file that the caller keeps open until the set is used no more; it is rewound here. It counts in bytes
     /// (CFile::GetUnitSize), or reading it will fail.

@@ -71,6 +71,16 @@ CLI::App * AddCabAction(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> c
     return command;
 }
 
+void AddExclude(CLI::App & command, CabOptions & options, char const * help)
+{
+    // One a time, for a list would take the ARCHIVE too.
+    command.add_option("--exclude", options.excludes, help)->allow_extra_args(false)->type_name("PATTERN");
+}
+
+constexpr char PATTERN_RULES[] = "A PATTERN is a name, with slashes, or that of a folder for all that is in it, or has "
+                                 "* and ? for any characters; it "
+                                 "is compared with the whole name and with its last part, with regard to case. ";
+
 void AddCabCreate(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const & options)
 {
     CLI::App * const create = AddCabAction(cab, run, options, "create", "Make a cabinet", CreateCabinet);
@@ -94,16 +104,17 @@ void AddCabCreate(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const &
                                     {"fast", kvx::cabinet::Level::Fast},
                                     {"best", kvx::cabinet::Level::Best}});
     AddSize(*create, "--max-size", options->maxSize,
-            "Make a set: ARCHIVE.cab, ARCHIVE2.cab, ... of at most so many bytes");
+            "Make a set: a.cab, a2.cab, ... for the ARCHIVE a.cab, of at most so many bytes");
     AddSize(*create, "--folder-size", options->folderSize,
             "Begin a new folder, which decompresses by itself, after so many bytes");
     create
         ->add_option("-j,--jobs", options->jobs,
                      "Threads; the cabinet doesn't depend on it (0: one for each processor)")
         ->check(CLI::Range(0, 256));
-    create->add_option("--exclude", options->excludes, "Leave out what matches, such as '*.o' or build");
+    AddExclude(*create, *options, "Leave out what matches, such as '*.o' or build");
     create->add_flag("-v,--verbose", options->isVerbose, "Print the names of the files");
-    create->footer("Examples:\n"
+    create->footer(PATTERN_RULES + std::string("\n\n") +
+                   "Examples:\n"
                    "  kvx cab create docs.cab docs\n"
                    "  kvx cab create --lzx --exclude '*.o' source.cab -C /home/me project\n"
                    "  kvx cab create --max-size 1440K floppy.cab big.iso\n"
@@ -118,9 +129,10 @@ void AddCabExtract(CLI::App & cab, Run & run, std::shared_ptr<CabOptions> const 
     CLI::App * const extract = AddCabAction(cab, run, options, "extract", "Extract the files", ExtractCabinet);
     extract->add_option("PATTERN", options->files, "Only these files, or folders; * and ? match any characters");
     extract->add_option("-C,--directory", options->directory, "Where they go; it is made if it isn't there");
-    extract->add_option("--exclude", options->excludes, "Pass over what matches");
+    AddExclude(*extract, *options, "Pass over what matches");
     extract->add_flag("-v,--verbose", options->isVerbose, "Print the names of the files");
     extract->footer(
+        PATTERN_RULES + std::string("\n\n") +
         "Examples:\n"
         "  kvx cab extract docs.cab\n"
         "  kvx cab extract setup.cab -C /tmp/setup '*.dll'\n"
@@ -137,11 +149,20 @@ void AddCabCommand(CLI::App & app, Run & run)
     auto const options = std::make_shared<CabOptions>();
     CLI::App * const cab = app.add_subcommand("cab", "Make, list, test and extract cabinets");
     cab->require_subcommand(1);
+    cab->footer("Examples:\n"
+                "  kvx cab create docs.cab docs\n"
+                "  kvx cab list docs.cab --format csv\n"
+                "  kvx cab extract docs.cab -C elsewhere\n"
+                "\n"
+                "Exit status: 0, 1 if something couldn't be done (error CODE: TEXT on stderr), 2 for wrong usage.");
     AddCabCreate(*cab, run, options);
     CLI::App * const list = AddCabAction(*cab, run, options, "list", "List the files", ListCabinet);
     AddFormatOption(*list, options->format);
     AddCabExtract(*cab, run, options);
+    list->footer(
+        "A set is listed as a whole. Times are local; attributes are read-only, hidden, system, archive, program.");
     CLI::App * const test = AddCabAction(*cab, run, options, "test",
                                          "Decompress all and check all checksums, and write nothing", TestCabinet);
     test->add_flag("-v,--verbose", options->isVerbose, "Print the names of the files");
+    test->footer("The exit status is 0 if all is whole, and 1 with an error line that names the file where it isn't.");
 }

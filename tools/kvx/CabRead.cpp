@@ -110,9 +110,10 @@ private:
     };
 
     std::string m_folder;
-    std::string m_next; // the cabinet that comes after the one that is read
-    int m_number = 0;   // and of the one that is read
-    int m_opened = 0;   // cabinets for it
+    std::string m_member; // that was begun last
+    std::string m_next;   // the cabinet that comes after the one that is read
+    int m_number = 0;     // and of the one that is read
+    int m_opened = 0;     // cabinets for it
     bool m_isFirst = true;
     bool m_isWhole = true;
     StandardOutput m_out;
@@ -196,9 +197,10 @@ int CabWalk::Run()
     ERF erf = {};
     auto const engine = CabDecompression::Create(callbacks, &erf);
     fs::path const archive = m_options.archive;
-    if (!archive.has_filename())
+    std::error_code ignored;
+    if (!archive.has_filename() || fs::is_directory(archive, ignored))
     {
-        ReportError(ERROR_FILE_NOT_FOUND, ToFileName(m_options.archive) + _T(": no name of a cabinet"));
+        ReportError(ERROR_FILE_NOT_FOUND, ToFileName(m_options.archive) + _T(": no name of a file"));
         return 1;
     }
     m_folder = archive.has_parent_path() ? archive.parent_path().string() + "/" : "";
@@ -297,6 +299,7 @@ INT_PTR CabWalk::OnCopy(FDINOTIFICATION const & notification)
         return 0;
     }
     auto open = std::make_unique<OpenFile>();
+    m_member = file.name;
     open->target = std::move(target);
     open->name = file.name;
     m_files++;
@@ -332,7 +335,8 @@ void CabWalk::ReportFailure(std::string const & cabinet, ERF const & erf)
         ReportError(ERROR_INVALID_DATA, name + _T(": a cabinet of an unknown version"));
         break;
     case FDIERROR_CORRUPT_CABINET:
-        ReportError(ERROR_INVALID_DATA, name + _T(": damaged"));
+        ReportError(ERROR_INVALID_DATA,
+                    name + (m_member.empty() ? _T(": damaged") : _T(": damaged at ") + ToFileName(m_member)));
         break;
     case FDIERROR_BAD_COMPR_TYPE:
         ReportError(ERROR_NOT_SUPPORTED, name + _T(": a method of compression that isn't supported"));

@@ -59,6 +59,7 @@ TEST_F(Cab, WhatGoesInComesOut)
     }
     EXPECT_TRUE(fs::exists(m_folder / "a3.cab"));
     EXPECT_EQ(Run({"test", ""}).nStatus, 1);
+    EXPECT_EQ(Run({"create", "--exclude", "*.o", m_archive, "-C", m_folder, "in"}).nStatus, 0);
     Create({"./in/", "--exclude", "in/deep/"});
     EXPECT_THAT(Run({"test", m_archive}).strOut, HasSubstr("3 files"));
     Create({"in"});

@@ -32,6 +32,12 @@ TEST_F(CabInterop, OtherProgramsReadWhatIsWritten)
     std::map<std::string, std::string> sources{{"a", "hello"}, {"empty", ""}, {"z", MakeData(100000, 2)}};
     sources["\xC3\xA4\xE2\x82\xAC.txt"] = MakeData(200000, 1);
     sources["sub\\file"] = MakeData(32768, 3);
+    // What comes again about as far away as the smallest window reaches.
+    std::string distant;
+    for (std::uint32_t state = 1; distant.size() < 32768; distant += static_cast<char>(state >> 24))
+        state = state * 1664525 + 1013904223;
+    for (std::size_t const distance : {32764, 32765})
+        sources["far" + std::to_string(distance)] = distant.substr(0, distance) + distant.substr(0, 5000);
     for (USHORT const type :
          {tcompTYPE_NONE, tcompTYPE_MSZIP, TCOMPfromLZXWindow(15), TCOMPfromLZXWindow(18), TCOMPfromLZXWindow(21)})
     {

@@ -177,8 +177,8 @@ TEST(Lzx, EveryWindowReachesAsFarAsItMay)
 {
     for (unsigned windowBits = 15; windowBits <= 21; windowBits++)
     {
-        // The bytes come again at the greatest offset, and in the other case one byte too far away.
-        std::size_t const reach = (std::size_t{1} << windowBits) - 3;
+        // The bytes come again at the greatest offset that is used, and in the other case one byte too far away.
+        std::size_t const reach = (std::size_t{1} << windowBits) - 4;
         Bytes const again = Random(5000, 256, 2);
         std::size_t sizes[2];
         for (std::size_t extra : {0, 1})

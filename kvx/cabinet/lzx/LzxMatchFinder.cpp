@@ -13,6 +13,12 @@ constexpr unsigned FOUR_BITS = 17;
 constexpr std::uint32_t MAX_PAIR_OFFSET = 512;
 constexpr std::uint32_t MAX_THREE_OFFSET = 1 << 14;
 
+/// One less than the format has room for: not all programs that read cabinets copy from the very greatest offset right.
+std::uint32_t FarthestOffset(unsigned windowBits)
+{
+    return MaxOffset(windowBits) - 1;
+}
+
 std::uint32_t Load32(std::uint8_t const * at)
 {
     std::uint32_t value;
@@ -39,7 +45,7 @@ void PlaceTable::Move(std::uint32_t distance)
 }
 
 HashChains::HashChains(unsigned windowBits, unsigned niceLength, std::pmr::memory_resource * memory)
-    : m_mask((1u << windowBits) - 1), m_maxOffset(MaxOffset(windowBits)), m_niceLength(niceLength),
+    : m_mask((1u << windowBits) - 1), m_maxOffset(FarthestOffset(windowBits)), m_niceLength(niceLength),
       m_threes(std::size_t{1} << THREE_BITS, memory), m_fours(std::size_t{1} << FOUR_BITS, memory),
       m_previous(std::size_t{1} << windowBits, memory)
 {
@@ -125,7 +131,7 @@ void HashChains::Move(std::uint32_t distance)
 
 BinaryTrees::BinaryTrees(unsigned windowBits, unsigned maxDepth, unsigned niceLength,
                          std::pmr::memory_resource * memory)
-    : m_mask((1u << windowBits) - 1), m_maxOffset(MaxOffset(windowBits)), m_maxDepth(maxDepth),
+    : m_mask((1u << windowBits) - 1), m_maxOffset(FarthestOffset(windowBits)), m_maxDepth(maxDepth),
       m_niceLength(niceLength), m_twos(65536, memory), m_threes(std::size_t{1} << THREE_BITS, memory),
       m_fours(std::size_t{1} << FOUR_BITS, memory), m_children(std::size_t{2} << windowBits, memory)
 {

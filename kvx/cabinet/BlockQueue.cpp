@@ -5,6 +5,7 @@
 #include "kvx/threads/ThreadPool.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <new>
 
@@ -16,15 +17,70 @@ namespace
 // folder after the other, so that whole folders have to wait to have all threads at work.
 constexpr std::size_t WAITING_BLOCKS = 4;
 constexpr std::size_t WAITING_LZX_BLOCKS = 256;
+constexpr DWORD LOOK = 200; // milliseconds between looks at threads that are waited for
 } // namespace
 
-/// What the queue's threads still touch when the queue may be gone.
+/// What the queue's threads meet at.
 struct BlockQueue::Share
 {
-    CCriticalSection lock;
-    CEvent done; // after each piece of work, and for each thread that leaves
-    BlockQueue * queue = nullptr;
-    unsigned workers = 0;
+    CMutex lock;          // which frees itself when its thread is killed
+    CEvent done;          // after each piece of work, and for each thread that leaves
+    unsigned workers = 0; // that take work
+    bool torn = false;    // a thread was killed while it had the lock
+};
+
+/// The share's lock.
+class BlockQueue::Guard
+{
+public:
+    explicit Guard(Share & share) : m_share(share) { Lock(); }
+    Guard(Guard const &) = delete;
+    Guard & operator=(Guard const &) = delete;
+    ~Guard()
+    {
+        if (m_bLocked)
+        {
+            Unlock();
+        }
+    }
+
+    void Lock()
+    {
+        DWORD const result = WaitForSingleObject(m_share.lock, INFINITE);
+        m_share.torn = m_share.torn || result == WAIT_ABANDONED;
+        m_bLocked = true;
+    }
+    void Unlock()
+    {
+        m_bLocked = false;
+        m_share.lock.Unlock();
+    }
+
+private:
+    Share & m_share;
+    bool m_bLocked = false;
+};
+
+/// A thread that helps, or is to. The pool may kill it, or end it before it has begun: it owns nothing.
+struct BlockQueue::Worker
+{
+    enum State
+    {
+        Serving,
+        Leaving, ///< the queue no longer has to wait for it
+        Left,    ///< touches nothing of the queue
+    };
+
+    BlockQueue & queue;
+    HANDLE thread = nullptr; // which the pool keeps, null for one that has ended at once; the owner's
+    std::atomic<State> state{Serving};
+
+    explicit Worker(BlockQueue & owner) : queue(owner) {}
+
+    bool HasEnded() const { return !thread || WaitForSingleObject(thread, 0) == WAIT_OBJECT_0; }
+    /// Whether it has ended without having left.
+    bool IsLost() const { return state == Serving && HasEnded() && state == Serving; }
+    bool IsGone() const { return state == Left || HasEnded(); }
 };
 
 /// A block, or the end of a folder.
@@ -73,7 +129,7 @@ struct BlockQueue::Chain : FolderEncoder::Sink
     USHORT GetMethod() const { return type & tcompMASK_TYPE; }
     void Put(std::span<std::uint8_t const> data, std::size_t uncompressedSize) override
     {
-        CSingleLock guard(&queue.m_share->lock, TRUE);
+        Guard guard(*queue.m_share);
         Work * const work = unfilled;
         if (!work || work->ends || uncompressedSize != work->size || data.empty() || data.size() > MAX_COMPRESSED_BLOCK)
         {
@@ -88,10 +144,9 @@ struct BlockQueue::Chain : FolderEncoder::Sink
 };
 
 BlockQueue::BlockQueue(std::pmr::memory_resource * memory, Receiver & receiver, std::size_t roomInFront)
-    : m_pMemory(memory), m_receiver(receiver), m_nFront(roomInFront), m_share(std::make_shared<Share>()),
+    : m_pMemory(memory), m_receiver(receiver), m_nFront(roomInFront), m_share(std::make_unique<Share>()),
       m_chains(memory), m_filling(memory), m_free(memory), m_mszip(memory), m_queue(memory), m_idleMszip(memory)
 {
-    m_share->queue = this;
 }
 
 BlockQueue::~BlockQueue() = default;
@@ -119,7 +174,7 @@ void BlockQueue::Begin(USHORT type)
         chain.history.resize(BLOCK_SIZE);
         if (m_mszip.empty())
         {
-            CSingleLock guard(&m_share->lock, TRUE);
+            Guard guard(*m_share);
             m_idleMszip.reserve(m_options.jobs);
             while (m_mszip.size() < m_options.jobs)
             {
@@ -134,6 +189,13 @@ void BlockQueue::Begin(USHORT type)
     default:
         break;
     }
+}
+
+void BlockQueue::BeginAgain(USHORT type)
+{
+    m_free.splice(m_free.end(), m_filling); // what there is of it is for the other type
+    m_chains.pop_back();
+    Begin(type);
 }
 
 std::uint8_t * BlockQueue::GetRoom()
@@ -200,7 +262,7 @@ void BlockQueue::Append(bool ends)
     work.filled = false;
     work.state = Work::Waiting;
     {
-        CSingleLock guard(&m_share->lock, TRUE);
+        Guard guard(*m_share);
         m_queue.splice(m_queue.end(), m_filling);
         if (chain.encoder)
         {
@@ -232,21 +294,23 @@ void BlockQueue::Append(bool ends)
 void BlockQueue::StartWorker()
 {
     {
-        CSingleLock guard(&m_share->lock, TRUE);
+        Guard guard(*m_share);
         if (m_nWaiting == 0 || m_share->workers + 1 >= m_options.jobs)
         {
             return;
         }
         m_share->workers++;
     }
-    auto param = std::make_unique<std::shared_ptr<Share>>(m_share);
-    if (CThreadPool::BeginThread(&WorkerProc, param.get(), 0, _T("Cabinet compression")))
+    m_workers.remove_if([](Worker const & worker) { return worker.state == Worker::Left; });
+    Worker & worker = m_workers.emplace_back(*this);
+    if (CThreadContext * const context = CThreadPool::BeginThread(&WorkerProc, &worker, 0, _T("Cabinet compression")))
     {
-        param.release(); // the thread's
+        worker.thread = context->GetThreadHandle();
     }
     else
     {
-        CSingleLock guard(&m_share->lock, TRUE);
+        m_workers.pop_back();
+        Guard guard(*m_share);
         m_share->workers--; // the owner does it alone
     }
 }
@@ -258,7 +322,7 @@ void BlockQueue::MakeRoom()
     {
         Drain();
         {
-            CSingleLock guard(&m_share->lock, TRUE);
+            Guard guard(*m_share);
             bool const isLzx = !m_queue.empty() && m_queue.back().chain->encoder;
             std::size_t const waiting = jobs == 1 ? 0 : jobs * (isLzx ? WAITING_LZX_BLOCKS : WAITING_BLOCKS);
             if (m_nWaiting + m_nRunning <= waiting && m_queue.size() <= jobs * WAITING_LZX_BLOCKS)
@@ -276,15 +340,18 @@ void BlockQueue::MakeRoom()
 
 unsigned int BlockQueue::WorkerProc(void * param)
 {
-    std::unique_ptr<std::shared_ptr<Share>> const share(static_cast<std::shared_ptr<Share> *>(param));
-    (*share)->queue->ServeQueue();
+    Worker & worker = *static_cast<Worker *>(param);
+    CEvent & done = worker.queue.m_share->done;
+    worker.queue.ServeQueue();
+    worker.state = Worker::Leaving;
+    done.SetEvent();
+    worker.state = Worker::Left;
     return 0;
 }
 
 void BlockQueue::ServeQueue()
 {
-    std::shared_ptr<Share> const share = m_share;
-    CSingleLock guard(&share->lock, TRUE);
+    Guard guard(*m_share);
     while (Work * const work = TakeWaiting())
     {
         guard.Unlock();
@@ -292,14 +359,13 @@ void BlockQueue::ServeQueue()
         guard.Lock();
         NoteDone(*work);
     }
-    share->workers--;
-    share->done.SetEvent();
+    m_share->workers--;
 }
 
 /// With the lock.
 BlockQueue::Work * BlockQueue::TakeWaiting()
 {
-    if (m_nWaiting == 0)
+    if (m_nWaiting == 0 || m_share->torn)
     {
         return nullptr;
     }
@@ -348,19 +414,19 @@ void BlockQueue::Run(Work & work)
         {
             MszipBlockEncoder * encoder = nullptr; // there is one for each job
             {
-                CSingleLock guard(&m_share->lock, TRUE);
+                Guard guard(*m_share);
                 encoder = m_idleMszip.back();
                 m_idleMszip.pop_back();
             }
             std::span<std::uint8_t const> const history(work.in.data(), work.hasHistory ? BLOCK_SIZE : 0);
             work.outSize = encoder->Encode(history, block, std::span(work.out).subspan(m_nFront));
-            CSingleLock guard(&m_share->lock, TRUE);
+            Guard guard(*m_share);
             m_idleMszip.push_back(encoder);
         }
     }
     catch (...) // encoders have nothing to throw; and nothing may leave a thread
     {
-        CSingleLock guard(&m_share->lock, TRUE);
+        Guard guard(*m_share);
         chain.failed = true;
     }
 }
@@ -368,7 +434,7 @@ void BlockQueue::Run(Work & work)
 /// Does a piece of work that waits, or waits for another thread to have done one. False if there is nothing to be done.
 bool BlockQueue::HelpOrWait()
 {
-    CSingleLock guard(&m_share->lock, TRUE);
+    Guard guard(*m_share);
     if (Work * const work = TakeWaiting())
     {
         guard.Unlock();
@@ -382,9 +448,12 @@ bool BlockQueue::HelpOrWait()
         return false;
     }
     guard.Unlock();
-    if (!CThreadPool::WaitForThread(m_share->done, INFINITE))
+    while (!CThreadPool::WaitForThread(m_share->done, LOOK))
     {
-        throw CabFailure{FCIERR_MCI_FAIL}; // the pool's threads have been ended
+        if (std::ranges::any_of(m_workers, &Worker::IsLost) || !CThreadPool::IsWorthWaiting())
+        {
+            throw CabFailure{FCIERR_MCI_FAIL}; // what runs may never be done
+        }
     }
     return true;
 }
@@ -395,8 +464,8 @@ void BlockQueue::Drain()
     {
         std::pmr::list<Work> done(m_pMemory);
         {
-            CSingleLock guard(&m_share->lock, TRUE);
-            if (!m_queue.empty() && m_queue.front().chain->failed)
+            Guard guard(*m_share);
+            if (m_share->torn || (!m_queue.empty() && m_queue.front().chain->failed))
             {
                 throw CabFailure{FCIERR_MCI_FAIL};
             }
@@ -432,7 +501,7 @@ void BlockQueue::Settle()
     {
         Drain();
         {
-            CSingleLock guard(&m_share->lock, TRUE);
+            Guard guard(*m_share);
             if (m_nWaiting + m_nRunning == 0)
             {
                 break;
@@ -453,24 +522,27 @@ void BlockQueue::WaitForFolders(std::size_t count)
 
 bool BlockQueue::Stop()
 {
-    CSingleLock guard(&m_share->lock, TRUE);
-    for (Work & work : m_queue)
     {
-        if (work.state == Work::Waiting)
-        {
-            work.state = Work::Encoded;
-        }
+        Guard guard(*m_share);
+        m_nWaiting = 0;
     }
-    m_nWaiting = 0;
-    while (m_share->workers > 0)
+    for (;;)
     {
-        guard.Unlock();
-        if (!CThreadPool::WaitForThread(m_share->done, INFINITE))
+        m_workers.remove_if([](Worker const & worker) { return worker.IsGone(); });
+        if (m_workers.empty())
+        {
+            return true;
+        }
+        bool const bLeaving =
+            std::ranges::any_of(m_workers, [](Worker const & worker) { return worker.state != Worker::Serving; });
+        if (bLeaving)
+        {
+            Sleep(0);
+        }
+        else if (!CThreadPool::WaitForThread(m_share->done, LOOK) && !CThreadPool::IsWorthWaiting())
         {
             return CThreadPool::IsTerminated();
         }
-        guard.Lock();
     }
-    return true;
 }
 } // namespace kvx::cabinet

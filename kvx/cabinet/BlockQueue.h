@@ -17,7 +17,7 @@ namespace kvx::cabinet
 ///
 /// One thread owns the queue: it makes all calls, takes all memory, and compresses as well. Threads of the pool help it
 /// with what waits, and leave when nothing does; with one job there are none. What waits is bounded. Failures are
-/// CabFailures.
+/// CabFailures, FCIERR_MCI_FAIL among them for a thread that was killed in the middle.
 class BlockQueue
 {
 public:
@@ -46,6 +46,8 @@ public:
 
     /// A folder of that type, after the end of the one before.
     void Begin(USHORT type);
+    /// The folder that has begun, and has had no block, gets another type.
+    void BeginAgain(USHORT type);
     /// Where the next block of this folder is to be written, which Submit takes: BLOCK_SIZE bytes. The same until then.
     std::uint8_t * GetRoom();
     void Submit(std::size_t size);
@@ -67,18 +69,21 @@ private:
     struct Chain;
     struct Work;
     struct Share;
+    struct Worker;
+    class Guard;
 
     std::pmr::memory_resource * m_pMemory;
     Receiver & m_receiver;
     std::size_t const m_nFront;
     CabCompression::Options m_options;
-    std::shared_ptr<Share> m_share; // with the threads
+    std::unique_ptr<Share> m_share;
 
     bool m_bOpen = false;
     std::pmr::list<Chain> m_chains;
     std::pmr::list<Work> m_filling; // one at most
     std::pmr::list<Work> m_free;
     std::pmr::list<MszipBlockEncoder> m_mszip;
+    std::list<Worker> m_workers; // that aren't known to have left
 
     // These need the lock:
     std::pmr::list<Work> m_queue;

@@ -76,6 +76,14 @@ public:
 
     void AddFile(char const * source, char const * name, bool bExecute, PFNFCIGETOPENINFO getOpenInfo, USHORT type);
     void EndFolder(bool bLast);
+    void FlushFolder()
+    {
+        // One without data isn't taken by every reader. The next has room for its files.
+        if (m_bOpen && m_folders.back().uncompressedSize > 0)
+        {
+            EndFolder(false);
+        }
+    }
     void FlushCabinet(bool bHasNext)
     {
         EndFolder(!bHasNext);
@@ -207,6 +215,11 @@ void CabCompression::Impl::AddFile(char const * source, char const * name, bool 
 /// Ends the present folder where the file can't go into it, and the present cabinet if it can't take the file.
 void CabCompression::Impl::PrepareFor(std::size_t entrySize, USHORT type)
 {
+    if (m_bOpen && m_folders.back().type != type && m_folders.back().uncompressedSize == 0)
+    {
+        m_folders.back().type = type;
+        m_pQueue->BeginAgain(type);
+    }
     if (m_bOpen && (m_folders.back().type != type ||
                     (m_nBlockEntries > 0 && m_nBlockEntries + entrySize > m_set.GetBlockEntriesLimit()) ||
                     IsCabinetFull(entrySize + m_set.GetBlockHeaderSize() + 1)))
@@ -424,6 +437,6 @@ int CabCompression::FlushCabinet(BOOL getNextCab, PFNFCIGETNEXTCABINET getNextCa
 
 int CabCompression::FlushFolder(PFNFCIGETNEXTCABINET getNextCabinet, PFNFCISTATUS status)
 {
-    return m_impl->Perform({getNextCabinet, status}, [&] { m_impl->EndFolder(false); });
+    return m_impl->Perform({getNextCabinet, status}, [&] { m_impl->FlushFolder(); });
 }
 } // namespace kvx::cabinet

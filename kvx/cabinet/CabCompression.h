@@ -19,7 +19,8 @@ enum class Level
 /// cabinet. Where one doesn't fit, the cabinet is filled, and the folder goes on in the next one, whose name a callback
 /// gives.
 ///
-/// A folder ends when it is flushed, when a file asks for another type of compression, and behind the file with which
+/// A folder that has data ends when it is flushed, when a file asks for another type of compression, and behind the
+/// file with which
 ///   - its compressed data have reached the threshold (data that haven't been compressed yet, as up to a block always,
 ///     don't count; nor does a folder end without any),
 ///   - or it may not fit into the present cabinet any more, with headers and room for the next one's names,
@@ -41,8 +42,10 @@ enum class Level
 ///   a
 ///     cabinet that is too small for a file's header and some data; and what needs a further cabinet while there is
 ///     no callback for it: more than `cb` bytes, 65,535 files, 65,533 folders or 65,535 blocks of a folder (2 GiB)
-///   - FCIERR_MCI_FAIL: arguments that can't be, as reserves beyond what CCAB tells; with `fFailOnIncompressible` a
-///     whole block that compression doesn't make smaller; and whatever else is no one else's fault
+///   - FCIERR_MCI_FAIL: arguments that can't be, as reserves beyond what CCAB tells; a next cabinet without a name, or
+///     with the path and name (in any case of ASCII) of the one before, which it would overwrite; with
+///     `fFailOnIncompressible` a whole block that compression doesn't make smaller; a thread of the pool that was
+///     killed while it compressed; and whatever else is no one else's fault
 ///
 /// The destructor closes and deletes what is temporary, and writes nothing: what wasn't flushed is lost.
 ///
@@ -50,7 +53,9 @@ enum class Level
 class KVX_API CabCompression
 {
 public:
-    /// All of them are needed. Names are passed in buffers of 260 bytes at least, which they may change.
+    /// All of them are needed. None may throw, nor may those that operations are given: what one throws isn't told as
+    /// such, and may have to pass code of other libraries, which can't give back what they hold. Names are passed in
+    /// buffers of 260 bytes at least, which they may change.
     struct Callbacks
     {
         PFNFCIFILEPLACED filePlaced;
@@ -103,7 +108,8 @@ public:
     /// `status` gets statusCabinet with the size that getNextCabinet was told, if it was asked, and the actual one.
     /// Only a result of -1 means something: the next cabinet's size comes from getNextCabinet.
     int FlushCabinet(BOOL getNextCab, PFNFCIGETNEXTCABINET getNextCabinet, PFNFCISTATUS status);
-    /// Ends the folder. filePlaced is called for each of its files, in each cabinet that has a part of it, and then
+    /// Ends the folder, if there are any data in it: one of empty files alone isn't taken by every reader, and goes on
+    /// with whatever comes. filePlaced is called for each of its files, in each cabinet that has a part of it, and then
     /// `status` with statusFolder, the bytes of the folder's data up to there and all of them. A set may go on in
     /// further cabinets in this, and where AddFile ends a folder as well.
     int FlushFolder(PFNFCIGETNEXTCABINET getNextCabinet, PFNFCISTATUS status);

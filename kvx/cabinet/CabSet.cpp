@@ -43,6 +43,16 @@ EntriesCost GetCost(CabFolder const & folder, std::size_t from, std::uint64_t en
     }
     return cost;
 }
+
+bool IsSameFile(CCAB const & left, CCAB const & right)
+{
+    auto const isSame = [](char const * a, char const * b)
+    {
+        auto const lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; };
+        return std::ranges::equal(std::string_view(a), std::string_view(b), {}, lower, lower);
+    };
+    return isSame(left.szCab, right.szCab) && isSame(left.szCabPath, right.szCabPath);
+}
 } // namespace
 
 /// How far a folder has been put into cabinets.
@@ -143,6 +153,10 @@ void CabSet::AskForNext(std::uint64_t estimate, CabProgress const & progress)
     m_next.cbReserveCFFolder = static_cast<UINT>(m_nFolderReserve); // readers want these the same in all
     m_next.cbReserveCFData = static_cast<UINT>(m_nDataReserve);
     Check(m_next);
+    if (m_next.szCab[0] == '\0' || IsSameFile(m_next, m_present))
+    {
+        throw CabFailure{FCIERR_MCI_FAIL}; // it would be written over the present one
+    }
     m_bHasNext = true;
 }
 

@@ -126,12 +126,7 @@ int CUtilities::ClearDirectory(LPCTSTR directory, int removeIt)
     }
     CString fixed(folder);
     CheckFixLongFilePathPrefix(fixed);
-    // A link that is to go itself is no way to what it leads to.
-    DWORD const attributes = removeIt ? GetFileAttributesW(fixed) : 0;
-    if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
-    {
-        kvx::EmptyFolderTree(directory);
-    }
+    kvx::EmptyFolderTree(directory, !removeIt); // a link that is to go itself is no way to what it leads to
     return Conclude(removeIt && !RemoveDirectoryW(fixed) ? GetLastError() : 0);
 }
 

@@ -180,9 +180,9 @@ public:
     static int FindUnicodeFile(LPCTSTR pattern, CStringList & out);
     static int FindFile(LPCTSTR pattern, CStringList & out) { return FindUnicodeFile(pattern, out); }
 
-    /// Empties a folder, and removes it with `removeIt`. What can't be deleted stays. By contract only the last step
-    /// counts: 0 with its error if the folder itself was to go and stayed; 1 with last error 0 otherwise, also when the
-    /// folder isn't there. 0 with 87 for an empty path.
+    /// Empties a folder, and removes it with `removeIt`; then a link to a folder goes alone. What can't be deleted
+    /// stays. By contract only the last step counts: 0 with its error if the folder itself was to go and couldn't be
+    /// removed, as when it isn't there; 1 with last error 0 otherwise. 0 with 87 for an empty path.
     static int ClearDirectory(LPCTSTR directory, int removeIt);
     /// Add the full paths at the tail, with `recursive` those of all folders below, each behind its folder's. 1 if
     /// every folder could be read; else 0, with the last failure as the last error, and what could be read is there.

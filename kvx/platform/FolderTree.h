@@ -25,6 +25,7 @@ KVX_API DWORD VisitFolderTree(std::basic_string_view<WCHAR> folder, LPCWSTR patt
                               std::function<void(FolderTreeEntry const &)> const & visit);
 
 /// Deletes all that is in the folder, read-only files too, but what is open in a way that forbids it. Whatever can't be
-/// deleted stays, with the folders on the way to it. Any thread.
-KVX_API void EmptyFolderTree(std::basic_string_view<WCHAR> folder);
+/// deleted stays, with the folders on the way to it. A link instead of the folder is followed only with `bThroughLink`.
+/// Any thread.
+KVX_API void EmptyFolderTree(std::basic_string_view<WCHAR> folder, bool bThroughLink);
 } // namespace kvx

@@ -2,6 +2,7 @@
 #include "ReadSet.h"
 
 #include "kvx/cabinet/CabSpool.h"
+#include "kvx/threads/ThreadPool.h"
 
 #include <gmock/gmock.h>
 
@@ -111,6 +112,21 @@ TEST(CabCompression, FoldersHeadersAndCalls)
     ExpectClean(host);
 }
 
+TEST(CabCompression, EmptyFilesInFrontShareTheNextFolder)
+{
+    MemoryHost host;
+    ERF erf{};
+    std::vector<Added> const all{{"a", "", LZX}, {"b", ""}, {"c", "hello", tcompTYPE_NONE}, {"d", ""}};
+    auto const writer = host.Create(erf, MakeCcab());
+    for (Added const & added : all)
+    {
+        host.files[added.name] = added.data;
+        EXPECT_TRUE(host.Add(*writer, added.name, added.type) && writer->FlushFolder(nullptr, nullptr));
+    }
+    EXPECT_TRUE(MemoryHost::Flush(*writer));
+    EXPECT_EQ(ReadBack(host, all).folders.size(), 1u);
+}
+
 TEST(CabCompression, SetsAreFilledAndNameTheirNeighbours)
 {
     for (USHORT const type : {tcompTYPE_NONE, tcompTYPE_MSZIP, LZX})
@@ -162,6 +178,32 @@ TEST(CabCompression, JobsChangeNeitherBytesNorCalls)
                 events = host.events;
             }
         }
+    }
+}
+
+TEST(CabCompression, KilledThreadsHoldUpNothing)
+{
+    for (int round = 0; round < 8; ++round)
+    {
+        USHORT const type = round % 2 ? LZX : USHORT{tcompTYPE_MSZIP};
+        MemoryHost host;
+        ERF erf{};
+        std::vector<Added> const all = MakeMany(type, 20, 29989);
+        auto writer = host.Create(erf, MakeCcab());
+        writer->SetOptions({kvx::cabinet::Level::Default, true, 4});
+        bool bDone = true;
+        for (Added const & added : all)
+        {
+            host.files[added.name] = added.data;
+            bDone = host.Add(*writer, added.name, type) && writer->FlushFolder(nullptr, nullptr) && bDone;
+        }
+        CThreadPool::TerminateAllThreads(0);
+        bDone = (round % 4 > 1 || MemoryHost::Flush(*writer)) && bDone;
+        writer.reset();
+        EXPECT_EQ(erf.erfOper, bDone ? FCIERR_NONE : FCIERR_MCI_FAIL);
+        ExpectClean(host);
+        if (bDone && round % 4 < 2)
+            ReadBack(host, all);
     }
 }
 
@@ -219,6 +261,19 @@ TEST(CabCompression, WhatCannotBeIsRefused)
     CCAB ccab = MakeCcab();
     ccab.fFailOnIncompressible = 1;
     EXPECT_EQ(refused(ccab, {{"a", MakeNoise(32768)}}).erfOper, FCIERR_MCI_FAIL);
+
+    static char const * s_pszNext = nullptr;
+    for (char const * const name : {"", "1.CAB"})
+    {
+        MemoryHost host;
+        ERF erf{};
+        host.files["a"] = "hello";
+        auto const writer = host.Create(erf, MakeCcab());
+        EXPECT_TRUE(host.Add(*writer, "a", tcompTYPE_NONE));
+        s_pszNext = name;
+        auto const next = [](CCAB * to, ULONG, void *) -> BOOL { return std::strcpy(to->szCab, s_pszNext) != nullptr; };
+        EXPECT_TRUE(!writer->FlushCabinet(TRUE, next, nullptr) && erf.erfOper == FCIERR_MCI_FAIL);
+    }
 }
 
 TEST(CabCompression, ThousandsOfFilesInSmallCabinets)

@@ -8,6 +8,7 @@
 #include <set>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -158,6 +159,24 @@ TEST_F(Folder, ClearingFollowsNoLinksAndIsToldByItsLastStep)
     EXPECT_FALSE(CUtilities::ClearDirectory(_T("c:\\none"), 1));
     EXPECT_FALSE(CUtilities::ClearDirectory(nullptr, 1));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+}
+
+TEST_F(Folder, ClearsTreesOfAnyDepth)
+{
+    mallopt(M_PERTURB, 0xA5); // memory that is given back doesn't keep what stood there
+    for (int depth = 1; depth <= 40; ++depth)
+    {
+        std::string folder = "c/t/";
+        for (int i = 1; i <= depth; ++i)
+        {
+            folder += "src/";
+            if (depth % 2 || i == depth)
+                PrivateHome::Put(folder + "file");
+        }
+        EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\t"), 1)) << depth;
+        EXPECT_FALSE(fs::exists(PrivateHome::Host("c/t"))) << depth;
+    }
+    mallopt(M_PERTURB, 0);
 }
 
 TEST_F(Folder, DepthHasNoBound)

@@ -1,11 +1,13 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "DisplayText.h"
+#include "FileNames.h"
 #include "Output.h"
 
 #include "kvx/files/FilePath.h"
 #include "kvx/foundation/Utilities.h"
 #include "kvx/msgdata/MsgCursor.h"
+#include "kvx/platform/Terminal.h"
 
 #include <CLI/App.hpp>
 
@@ -22,6 +24,28 @@ struct PathOptions
     Format format = Format::Table;
 };
 
+/// As ToStdout has it, but for bytes of a name that aren't UTF-8: a script gets them back as they came.
+std::string ShowPath(CString::View path)
+{
+    static bool const s_bTerminal = kvx::IsTerminal(kvx::StandardStream::Output);
+    std::string shown;
+    std::size_t plain = 0;
+    for (std::size_t i = 0; !s_bTerminal && i < path.size(); ++i)
+    {
+        if (path[i] >= 0xD800 && path[i] <= 0xDBFF)
+        {
+            ++i; // with what is behind it a character
+        }
+        else if (path[i] >= 0xDC80 && path[i] <= 0xDCFF)
+        {
+            shown += ToStdout(path.substr(plain, i - plain)).strText;
+            shown += static_cast<char>(path[i] - 0xDC00);
+            plain = i + 1;
+        }
+    }
+    return shown + ToStdout(path.substr(plain)).strText;
+}
+
 int RunExpand(PathOptions const & options)
 {
     StandardOutput out;
@@ -30,11 +54,11 @@ int RunExpand(PathOptions const & options)
     rows.SetRowSetName(_T("paths"));
     for (std::string const & given : options.texts)
     {
-        CString const text = kvx::FromUtf8(given);
+        CString const text = ToFileName(given);
         CString const path = CUtilities::ExpandPath(text, options.view);
         if (options.format == Format::Table)
         {
-            out << ToStdout(path).strText << "\n"; // for scripts: the path and nothing else
+            out << ShowPath(path) << "\n"; // for scripts: the path and nothing else
             continue;
         }
         rows.AppendRow();
@@ -54,7 +78,7 @@ int RunSplit(PathOptions const & options)
     {
         CString program;
         CString arguments;
-        bool const bSplit = CUtilities::SplitCommandLine(kvx::FromUtf8(given), program, arguments);
+        bool const bSplit = CUtilities::SplitCommandLine(ToFileName(given), program, arguments);
         CFilePath const path(program);
         rows.AppendRow();
         rows[_T("program")] = program;

@@ -7,6 +7,7 @@
 #include "kvx/platform/win32/unique_fd.h"
 
 #include <cerrno>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -152,7 +153,7 @@ public:
     std::size_t GetDepth() const { return m_folders.size(); }
 
 private:
-    std::vector<TreeFolder> m_folders;
+    std::deque<TreeFolder> m_folders; // which don't move: others point to the names that they hold
 };
 
 /// With a separator at its end, without which a drive alone would be the current folder.
@@ -164,12 +165,16 @@ std::u16string AsFolder(std::u16string_view folder)
     return strFolder;
 }
 
-UniqueFd OpenTree(std::u16string const & folder)
+/// Nothing with the last error. A link that is the folder itself is followed only with `bThroughLink`.
+UniqueFd OpenTree(std::u16string const & folder, bool bThroughLink)
 {
     std::string strHost = ToHost(folder, LastComponent::AsWritten);
     if (strHost.empty())
         return {};
-    UniqueFd opened(CallOnPath(strHost, [](char const * p) { return open(p, FolderFlags); }));
+    while (!bThroughLink && strHost.size() > 1 && strHost.back() == '/')
+        strHost.pop_back(); // it would lead through the link
+    int const nFlags = FolderFlags | (bThroughLink ? 0 : O_NOFOLLOW);
+    UniqueFd opened(CallOnPath(strHost, [&](char const * p) { return open(p, nFlags); }));
     if (!opened)
     {
         int const nError = errno;
@@ -198,7 +203,7 @@ DWORD VisitFolderTree(std::u16string_view folder, LPCWSTR pattern, bool bRecursi
     DWORD dwError = 0;
     auto const note = [&] { dwError = errno != 0 ? static_cast<DWORD>(ErrorFromErrno(errno)) : dwError; };
     std::u16string strFolder = AsFolder(folder);
-    UniqueFd top = OpenTree(strFolder);
+    UniqueFd top = OpenTree(strFolder, true);
     if (!top)
         return GetLastError();
     TreeWalk walk;
@@ -238,10 +243,10 @@ DWORD VisitFolderTree(std::u16string_view folder, LPCWSTR pattern, bool bRecursi
     return dwError;
 }
 
-void EmptyFolderTree(std::u16string_view folder)
+void EmptyFolderTree(std::u16string_view folder, bool bThroughLink)
 {
     TreeWalk walk;
-    if (UniqueFd top = OpenTree(AsFolder(folder)))
+    if (UniqueFd top = OpenTree(AsFolder(folder), bThroughLink))
         walk.Enter(std::move(top));
     std::vector<char const *> names; // of the folders on the way, which their parents hold
     while (!walk.IsEmpty())

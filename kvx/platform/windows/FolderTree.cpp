@@ -1,6 +1,7 @@
 #include "kvx/platform/FolderTree.h"
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -87,6 +88,36 @@ void ClearReadOnly(std::wstring const & path, DWORD attributes)
         SetFileAttributesW(path.c_str(), attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
     }
 }
+/// Keeps a folder what and where it is as long as it lives.
+class HeldFolder
+{
+public:
+    explicit HeldFolder(std::wstring const & path)
+        : m_handle(CreateFileW(path.c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                               OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr))
+    {
+    }
+    HeldFolder(HeldFolder const &) = delete;
+    HeldFolder & operator=(HeldFolder const &) = delete;
+    ~HeldFolder()
+    {
+        if (m_handle != INVALID_HANDLE_VALUE)
+        {
+            CloseHandle(m_handle);
+        }
+    }
+
+    /// Neither a link nor anything that couldn't be opened.
+    bool IsReal() const
+    {
+        BY_HANDLE_FILE_INFORMATION info;
+        return m_handle != INVALID_HANDLE_VALUE && GetFileInformationByHandle(m_handle, &info) &&
+               !(info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT);
+    }
+
+private:
+    HANDLE m_handle;
+};
 } // namespace
 
 DWORD VisitFolderTree(std::wstring_view folder, LPCWSTR pattern, bool bRecursive,
@@ -152,9 +183,20 @@ DWORD VisitFolderTree(std::wstring_view folder, LPCWSTR pattern, bool bRecursive
     return error;
 }
 
-void EmptyFolderTree(std::wstring_view folder)
+void EmptyFolderTree(std::wstring_view folder, bool bThroughLink)
 {
     std::wstring path = ToFolder(folder);
+    std::optional<HeldFolder> held;
+    if (!bThroughLink)
+    {
+        // A separator at the end would lead through the link, and a drive's root needs it.
+        bool const bRoot = path.size() < 2 || path[path.size() - 2] == L':';
+        held.emplace(ToSystem(bRoot ? path : path.substr(0, path.find_last_not_of(L"\\/") + 1)));
+        if (!held->IsReal())
+        {
+            return;
+        }
+    }
     std::vector<Level> levels;
     auto const enter = [&]
     {

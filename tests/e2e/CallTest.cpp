@@ -165,7 +165,7 @@ TEST(Usage, IsExplained)
     }
     for (auto const & [words, told] : std::initializer_list<std::pair<Strings, std::string>>{
              {{"dance", "--help"},
-              "kvx: 'dance' is no command: use serve, call, watch, bench, reg, hash, sql or xml\n"},
+              "kvx: 'dance' is no command: use serve, call, watch, bench, reg, hash, path, sql, xml or cab\n"},
              {{"sevre", "tcp:127.0.0.1:0"}, "kvx: 'sevre' is no command: did you mean 'serve'?\n"},
              {Join(echo, {"--frmat", "csv"}), "kvx call: '--frmat' is no option: did you mean '--format'?\n"},
              {{"reg", "lisst"}, "kvx reg: 'lisst' is no command: did you mean 'list'?\n"},

@@ -252,9 +252,9 @@ public:
     /// one
     /// ("c:\").
     static CString ExpandPath(LPCTSTR path, ExpandPathOption option);
-    /// One path for each user (`users` holds SIDs) or drive that the template means; see the source for the forms. By
+    /// One path for each user ("%appdata%\x", with SIDs in `users`), temporary folder ("%temp%\x") or drive ("\x"). By
     /// contract those of users and a path without any token are added at the head of `out`, others at its tail; the
-    /// result is a number of paths, but 0 for one without any percent sign.
+    /// result is a number of paths, but 0 for one without any percent sign. The tokens: kvx/files/PathTokens.cpp.
     static int ExpandPaths(LPCTSTR path, CStringList & users, CStringList & out);
     /// ExpandPath of the text in lower case. With bit 2 of `flags` (value 2) "%programfiles%" and
     /// "%programfilescommon%" are the folders on the system drive by their usual names.

@@ -101,7 +101,7 @@ void AddPathCommand(CLI::App & app, Run & run)
     CLI::App * const path = app.add_subcommand("path", "Expand path templates and split command lines");
     path->require_subcommand(1);
     path->footer("Examples:\n"
-                 "  kvx path expand '%appdata%\\maker' '%programfiles%\\x' --view 64\n"
+                 "  kvx path expand '%appdata%\\maker' '%programfiles64%\\x'\n"
                  "  kvx path split 'c:\\program files\\app\\run me.exe /quiet' --format json\n"
                  "\n"
                  "What is given is in lower case, but for the folder where a program was found. docs/porting.md tells "

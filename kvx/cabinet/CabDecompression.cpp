@@ -15,7 +15,6 @@ namespace
 constexpr std::size_t ENTRIES_BUFFER = 65536;
 constexpr std::size_t HEADER_BUFFER = 4096;
 constexpr std::size_t PATH_ROOM = 260; // of psz3, which callbacks copy paths to
-constexpr int MAX_TRIES = 100;         // for a next cabinet: a person who changes disks gives up before that
 // How much decompressing over again one Copy may want, in bytes before and after compression together, and in times of
 // the cabinet's size; more isn't a cabinet, but an attack.
 constexpr std::uint64_t REPLAY_BASE = 64 << 20;
@@ -467,7 +466,7 @@ FDIERROR CabDecompression::Impl::FindNext(FolderPart const & last, FolderPart & 
     std::string path = last.path;
     path.resize(std::max(path.size(), PATH_ROOM) + 1);
     FDIERROR error = FDIERROR_NONE;
-    for (int i = 0; i < MAX_TRIES; i++)
+    for (int i = 0; i < NEXT_CABINET_TRIES; i++)
     {
         CabHeader header = last.header;
         FDINOTIFICATION notification = {};

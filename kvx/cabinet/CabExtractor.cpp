@@ -11,7 +11,6 @@ using namespace kvx::cabinet;
 
 namespace
 {
-constexpr int MAX_TRIES_FOR_CABINET = 100; // a person who changes disks gives up before that
 constexpr std::size_t LONG_DESTINATION = 32768;
 
 // Whether it stays below the directory that it is put behind.
@@ -184,7 +183,7 @@ int CCabExtractor::Extract(char const * cabPath, int followChain, char const * d
 // Looks for the cabinet that the names say, and asks as long as it isn't there.
 int CCabExtractor::FindNextCab()
 {
-    for (int i = 0; i < MAX_TRIES_FOR_CABINET; i++)
+    for (int i = 0; i < NEXT_CABINET_TRIES; i++)
     {
         CStringA const path = m_strCabDirectory + m_strCabName;
         FDICABINETINFO info = {};

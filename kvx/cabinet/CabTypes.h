@@ -124,6 +124,9 @@ constexpr USHORT TCOMPfromLZXWindow(int windowBits)
     return static_cast<USHORT>(windowBits << tcompSHIFT_LZX_WINDOW | tcompTYPE_LZX);
 }
 
+/// How often a next cabinet that isn't there is asked for: a person who changes disks gives up before that.
+inline constexpr int NEXT_CABINET_TRIES = 100;
+
 // Kinds of the status callback of a compression.
 inline constexpr UINT statusFile = 0;    ///< block of a file: cb1 compressed, cb2 uncompressed bytes
 inline constexpr UINT statusFolder = 1;  ///< folder copied into the cabinet: cb1 bytes of cb2

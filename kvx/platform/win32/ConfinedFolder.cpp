@@ -4,6 +4,7 @@
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/paths.h"
 #include "kvx/platform/win32/retry.h"
+#include "kvx/platform/win32/time.h"
 #include "kvx/platform/win32/unique_fd.h"
 
 #include <atomic>
@@ -66,12 +67,7 @@ public:
     {
         if (written)
         {
-            constexpr std::int64_t TicksPerSecond = 10'000'000;
-            constexpr std::int64_t EpochSeconds = 11'644'473'600; // from 1601 to 1970
-            auto const nTicks =
-                static_cast<std::int64_t>(std::uint64_t(written->dwHighDateTime) << 32 | written->dwLowDateTime);
-            timespec const times[2] = {{0, UTIME_OMIT},
-                                       {nTicks / TicksPerSecond - EpochSeconds, nTicks % TicksPerSecond * 100}};
+            timespec const times[2] = {{0, UTIME_OMIT}, win32::ToHostTime(*written)};
             if (::futimens(m_file.Get(), times) != 0)
                 return FailBy(errno);
         }

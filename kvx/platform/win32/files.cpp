@@ -7,6 +7,7 @@
 #include "kvx/platform/win32/pipes.h"
 #include "kvx/platform/win32/retry.h"
 #include "kvx/platform/win32/termination.h"
+#include "kvx/platform/win32/time.h"
 
 #include <algorithm>
 #include <array>
@@ -922,16 +923,7 @@ BOOL SetFileTime(HANDLE hFile, FILETIME const *, FILETIME const * pLastAccess, F
         return FALSE;
     if (!file->CanWrite())
         return Refuse(ERROR_ACCESS_DENIED);
-    auto const toHost = [](FILETIME const * pTime)
-    {
-        constexpr std::int64_t TicksPerSecond = 10'000'000;
-        constexpr std::int64_t EpochSeconds = 11'644'473'600; // from 1601 to 1970
-        if (!pTime)
-            return timespec{0, UTIME_OMIT};
-        auto const nTicks =
-            static_cast<std::int64_t>(std::uint64_t(pTime->dwHighDateTime) << 32 | pTime->dwLowDateTime);
-        return timespec{nTicks / TicksPerSecond - EpochSeconds, nTicks % TicksPerSecond * 100};
-    };
+    auto const toHost = [](FILETIME const * pTime) { return pTime ? ToHostTime(*pTime) : timespec{0, UTIME_OMIT}; };
     timespec const times[2] = {toHost(pLastAccess), toHost(pLastWrite)};
     if (times[0].tv_nsec < 0 || times[1].tv_nsec < 0)
         return Refuse(ERROR_INVALID_PARAMETER);

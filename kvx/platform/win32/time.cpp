@@ -137,6 +137,12 @@ void GetSystemTimeAsFileTime(FILETIME * pTime) noexcept
     *pTime = ToFileTime(GetNow());
 }
 
+timespec kvx::win32::ToHostTime(FILETIME const & time) noexcept
+{
+    std::int64_t const nTicks = ToTicks(time);
+    return {nTicks / TICKS_PER_S - EPOCH_S, nTicks % TICKS_PER_S * 100};
+}
+
 BOOL SystemTimeToFileTime(SYSTEMTIME const * pTime, FILETIME * pFileTime) noexcept
 {
     if (!pTime || !pFileTime || pTime->wYear < 1601 || pTime->wYear > 30'827 || pTime->wHour > 23 ||

@@ -5,6 +5,14 @@
 #include "kvx/platform/export.h"
 #include "kvx/platform/win32/types.h"
 
+#include <ctime>
+
+namespace kvx::win32
+{
+/// The host's form of a file time, which may lie before 1970.
+KVX_API timespec ToHostTime(FILETIME const & time) noexcept;
+} // namespace kvx::win32
+
 KVX_API void GetSystemTime(SYSTEMTIME * pTime) noexcept;
 /// The local time of the process's time zone (TZ). A change of the zone while the process runs is noticed within a
 /// quarter of an hour; one that the zone itself makes, at once.

@@ -154,8 +154,7 @@ int CCabBuilder::AddFile(CCabFileSetEntry & entry)
     CString const path = CUtilities::AnsiToString(static_cast<char const *>(source));
     if (!isExtern && !CUtilities::FileExists(path))
     {
-        constexpr int NO_FILE = 2; // the C library's error number
-        m_erf = {FCIERR_OPEN_SRC, NO_FILE, TRUE};
+        m_erf = {FCIERR_OPEN_SRC, ToErrorNumber(ERROR_FILE_NOT_FOUND), TRUE};
         m_strFailedFile = source;
         return 0;
     }

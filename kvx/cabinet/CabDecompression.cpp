@@ -504,7 +504,7 @@ FDIERROR CabDecompression::Impl::OpenNext(FolderPart const & last, FolderPart & 
     {
         return error;
     }
-    if (!next.IsOfSameSet(last.header) || next.header.number != last.header.number + 1)
+    if (next.header.setID != last.header.setID || next.header.number != last.header.number + 1)
     {
         return FDIERROR_WRONG_CABINET;
     }

@@ -150,13 +150,11 @@ int CCabExtractor::Extract(char const * cabPath, int followChain, char const * d
         {
             return 0;
         }
-        m_strCabPath = m_strCabDirectory + m_strCabName;
         m_nCabinet = m_nNextCabinet;
         m_strNextCabPath.Empty();
         m_strNextDisk.Empty();
         m_nNextCabinet = NONE;
         m_bPending = 0;
-        m_bSkipped = 0;
         m_bLastCab = 0;
         m_nFileFirstCab = NONE;
         m_nFileLastCab = NONE;
@@ -240,13 +238,11 @@ INT_PTR CCabExtractor::NotifyProgressProc(FDINOTIFICATIONTYPE type, FDINOTIFICAT
 
 INT_PTR CCabExtractor::CopyFile(FDINOTIFICATION const & notification)
 {
-    m_bSkipped = 0;
     auto const buffer = std::make_unique<char[]>(LONG_DESTINATION);
     int skip = 0;
     int const isWanted = NotifyFileCopy(notification.psz1, notification.cb, buffer.get(), skip);
     if (skip)
     {
-        m_bSkipped = 1;
         return 0;
     }
     if (!isWanted || !buffer[0])
@@ -342,7 +338,6 @@ int CCabExtractor::NotifyCabInfo(USHORT, char const * path, char const * nextCab
     // Of the cabinets that a long file leads to, the first is the next to go through.
     if (number == m_nCabinet && !m_bLastCab)
     {
-        m_strDisk = nextDiskName;
         m_strNextCabPath = CStringA(path) + nextCabName;
         m_strNextDisk = nextDiskName;
         m_nNextCabinet = number + 1;

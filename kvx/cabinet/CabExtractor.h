@@ -71,13 +71,10 @@ public:
 private:
     static constexpr int NONE = -1;
 
-    CStringA m_strCabPath;
-    CStringA m_strDisk;
     int m_nCabinet = NONE;
     CStringA m_strNextCabPath;
     CStringA m_strNextDisk;
     int m_nNextCabinet = NONE;
-    int m_bSkipped = 0;
     int m_bPending = 0;
     int m_bListOnly = 0;
     std::unique_ptr<kvx::cabinet::CabDecompression> m_engine;

@@ -23,7 +23,6 @@ struct FolderPart
 
     /// Reads the folder's entry.
     FDIERROR Read(CabBuffer & buffer, std::uint16_t folder);
-    bool IsOfSameSet(CabHeader const & other) const { return header.setID == other.setID; }
 };
 
 /// Decompresses a folder from its begin on. It keeps its place when it is suspended, between the cabinets of a set.
@@ -41,7 +40,6 @@ public:
     FolderStream(CabDecompression::Callbacks const & callbacks, std::pmr::memory_resource * memory, FolderPart part);
 
     /// The parts that are known.
-    FolderPart const & GetFirst() const { return m_parts.front(); }
     FolderPart const & GetLast() const { return m_parts.back(); }
     std::size_t GetPartCount() const { return m_parts.size(); }
     std::uint64_t GetBlockCount() const;

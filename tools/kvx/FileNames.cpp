@@ -35,7 +35,8 @@ std::string ShowName(std::string const & text)
 
 bool IsUtf8(std::string_view text)
 {
-    return kvx::ToUtf8(kvx::FromUtf8(text)) == text;
+    return text.empty() || MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(),
+                                               static_cast<int>(text.size()), nullptr, 0) > 0;
 }
 
 bool MatchesPattern(std::string_view name, std::string_view pattern)

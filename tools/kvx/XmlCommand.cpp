@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "DisplayText.h"
+#include "FileNames.h"
 #include "Output.h"
 #include "OutputFile.h"
 
@@ -59,11 +60,6 @@ CStringA ReadAll(std::string const & name)
     }
     CFile file(kvx::FromUtf8(name), CFile::modeRead | CFile::shareDenyNone);
     return ReadAll(file);
-}
-
-bool IsUtf8(CStringA const & text)
-{
-    return text.IsEmpty() || MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, text.GetLength(), nullptr, 0) > 0;
 }
 
 /// Where something stands behind the root that isn't white space, a comment or an instruction; the size of the text if

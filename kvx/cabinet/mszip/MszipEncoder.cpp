@@ -40,37 +40,7 @@ Search GetSearch(Level level)
 
 /// What zlib frees it doesn't know the size of: that stands in front.
 constexpr std::size_t SIZE_ROOM = alignof(std::max_align_t);
-
-class MszipEncoder : public FolderEncoder
-{
-public:
-    MszipEncoder(Level level, std::pmr::memory_resource * memory) : m_blocks(level, memory), m_buffers(memory)
-    {
-        m_buffers.resize(BLOCK_SIZE + MszipBlockEncoder::MAX_SIZE);
-    }
-
-    void Encode(std::span<std::uint8_t const> block, Sink & sink) override
-    {
-        std::span<std::uint8_t> const history(m_buffers.data(), BLOCK_SIZE);
-        std::span<std::uint8_t> const out(m_buffers.data() + BLOCK_SIZE, MszipBlockEncoder::MAX_SIZE);
-        std::size_t const size = m_blocks.Encode(history.first(m_nHistory), block, out);
-        m_nHistory = block.size();
-        std::ranges::copy(block, history.begin());
-        sink.Put(out.first(size), block.size());
-    }
-    void Finish(Sink &) override {}
-
-private:
-    MszipBlockEncoder m_blocks;
-    std::pmr::vector<std::uint8_t> m_buffers;
-    std::size_t m_nHistory = 0;
-};
 } // namespace
-
-std::unique_ptr<FolderEncoder> MakeMszipEncoder(Level level, std::pmr::memory_resource * memory)
-{
-    return std::make_unique<MszipEncoder>(level, memory);
-}
 
 void * MszipBlockEncoder::Allocate(void * memory, unsigned items, unsigned size)
 {

@@ -3,17 +3,12 @@
 #include "kvx/cabinet/CabCompression.h"
 #include "kvx/cabinet/FolderCoder.h"
 
-#include <memory>
-
 struct z_stream_s;
 
 namespace kvx::cabinet
 {
-/// An encoder of MSZIP: see MszipDecoder.h.
-KVX_API std::unique_ptr<FolderEncoder> MakeMszipEncoder(Level level, std::pmr::memory_resource * memory);
-
-/// Compresses single blocks of MSZIP: given the bytes before it, a block needs nothing of other blocks, so that several
-/// encoders can share a folder's. What it gives depends on level and data alone.
+/// Compresses single blocks of MSZIP (see MszipDecoder.h): given the bytes before it, a block needs nothing of other
+/// blocks, so that several encoders can share a folder's. What it gives depends on level and data alone.
 class KVX_API MszipBlockEncoder
 {
 public:

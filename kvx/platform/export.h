@@ -14,6 +14,18 @@
 #define KVX_API __attribute__((visibility("default")))
 #endif
 
+/// Says that the library has the instances of a template: programs that include it make none of their own.
+///
+///     KVX_INSTANCES(class, CStringT<WCHAR>);
+///
+/// MinGW exports of such an instance what isn't inline, and nothing else. A program that links the DLL therefore makes
+/// the inline members for itself.
+#if defined(_WIN32) && !defined(KVX_STATIC) && !defined(KVX_BUILDING)
+#define KVX_INSTANCES(KIND, ...) static_assert(true)
+#else
+#define KVX_INSTANCES(KIND, ...) extern template KIND KVX_API __VA_ARGS__
+#endif
+
 /// What each module has for itself. Data of headers that the loader may share among modules keeps g++'s modules loaded
 /// for ever.
 #if defined(_WIN32)

@@ -95,8 +95,8 @@ private:
     ULONGLONG m_nStepLimit = DEFAULT_STEP_LIMIT;
 };
 
-extern template class KVX_API RegExp<CStringW>;
-extern template class KVX_API RegExp<CStringA>;
+KVX_INSTANCES(class, RegExp<CStringW>);
+KVX_INSTANCES(class, RegExp<CStringA>);
 } // namespace kvx
 
 /// By contract the matcher reads the bytes of the wide texts up to the first byte that is 0: of a pattern or a subject

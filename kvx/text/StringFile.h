@@ -47,8 +47,8 @@ private:
     void Lengthen(ULONGLONG length);
 };
 
-extern template class KVX_API StringFile<char>;
-extern template class KVX_API StringFile<WCHAR>;
+KVX_INSTANCES(class, StringFile<char>);
+KVX_INSTANCES(class, StringFile<WCHAR>);
 } // namespace kvx
 
 class KVX_API CStringFileA : public kvx::StringFile<char>

@@ -60,8 +60,8 @@ using SmallPieces = BlockPool<4>;
 /// For objects that hold pointers. (Where these have 4 bytes, memory of its own is aligned to 8.)
 using ObjectPieces = BlockPool<sizeof(void *)>;
 
-extern template class KVX_API BlockPool<4>;
+KVX_INSTANCES(class, BlockPool<4>);
 #if __SIZEOF_POINTER__ == 8
-extern template class KVX_API BlockPool<8>;
+KVX_INSTANCES(class, BlockPool<8>);
 #endif
 } // namespace kvx

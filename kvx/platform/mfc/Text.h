@@ -462,8 +462,8 @@ private:
     XCHAR * Own(int capacity);
 };
 
-extern template class KVX_API CStringT<WCHAR>;
-extern template class KVX_API CStringT<char>;
+KVX_INSTANCES(class, CStringT<WCHAR>);
+KVX_INSTANCES(class, CStringT<char>);
 
 using CString = CStringT<WCHAR>;
 using CStringW = CString;

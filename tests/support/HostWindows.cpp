@@ -1,0 +1,388 @@
+#include "Host.h"
+#include "OneHost.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <stdexcept>
+
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include <psapi.h>
+#include <tlhelp32.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+std::wstring ToWide(std::string_view text)
+{
+    std::wstring wide(text.size(), 0);
+    int const length = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(),
+                                           static_cast<int>(wide.size()));
+    wide.resize(static_cast<std::size_t>(length));
+    return wide;
+}
+
+std::string ToUtf8(std::wstring_view text)
+{
+    std::string narrow(text.size() * 3, 0);
+    int const length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), narrow.data(),
+                                           static_cast<int>(narrow.size()), nullptr, nullptr);
+    narrow.resize(static_cast<std::size_t>(length));
+    return narrow;
+}
+
+std::string ToName(fs::path const & path)
+{
+    return ToUtf8(path.generic_wstring());
+}
+
+std::string ReadToEnd(HANDLE file)
+{
+    std::string text;
+    std::array<char, 65536> buffer{};
+    for (DWORD got = 0; ReadFile(file, buffer.data(), buffer.size(), &got, nullptr) && got > 0;)
+    {
+        text.append(buffer.data(), got);
+    }
+    return text;
+}
+
+/// As the C library of the other side takes it apart.
+std::wstring Quote(std::string const & word)
+{
+    if (!word.empty() && word.find_first_of(" \t\n\v\"") == std::string::npos)
+    {
+        return ToWide(word);
+    }
+    std::string quoted = "\"";
+    std::size_t backslashes = 0;
+    for (char const c : word)
+    {
+        if (c == '"')
+        {
+            quoted.append(backslashes + 1, '\\');
+        }
+        backslashes = c == '\\' ? backslashes + 1 : 0;
+        quoted += c;
+    }
+    return ToWide(quoted.append(backslashes, '\\') + "\"");
+}
+
+/// The block of this process's variables, with these in place of their namesakes.
+std::wstring GetEnvironment(host::Process::Variables const & own)
+{
+    std::wstring block;
+    for (auto const & [name, value] : own)
+    {
+        block += ToWide(std::string(name) + "=" + value) + L'\0';
+    }
+    wchar_t * const all = GetEnvironmentStringsW();
+    for (wchar_t const * one = all; *one; one += wcslen(one) + 1)
+    {
+        std::wstring const name(one, wcscspn(one + 1, L"=") + 1);
+        if (std::none_of(own.begin(), own.end(),
+                         [&](auto const & variable)
+                         { return _wcsicmp(name.c_str(), ToWide(variable.first).c_str()) == 0; }))
+        {
+            block += std::wstring(one) + L'\0';
+        }
+    }
+    FreeEnvironmentStringsW(all);
+    return block + L'\0';
+}
+
+struct NtCalls
+{
+    using Call = LONG(NTAPI *)(HANDLE);
+
+    static Call Get(char const * name)
+    {
+        return reinterpret_cast<Call>(reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), name)));
+    }
+};
+} // namespace
+
+namespace host
+{
+bool IsWindows()
+{
+    return true;
+}
+
+bool IsWine()
+{
+    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+std::string MakeFolder(std::string const & name)
+{
+    static std::atomic<int> s_nNext = 0;
+    fs::path folder;
+    do
+    {
+        folder = fs::temp_directory_path() /
+                 ToWide(name + "-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++s_nNext));
+    } while (!fs::create_directory(folder));
+    return ToName(folder);
+}
+
+void SetVariable(char const * name, char const * value)
+{
+    _wputenv_s(ToWide(name).c_str(), ToWide(value ? value : "").c_str());
+}
+
+std::string GetProgram()
+{
+    std::array<wchar_t, 32768> path{};
+    return ToName(std::wstring(path.data(), GetModuleFileNameW(nullptr, path.data(), path.size())));
+}
+
+std::size_t CountHandles()
+{
+    DWORD count = 0;
+    EXPECT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &count));
+    return count;
+}
+
+std::size_t CountThreads()
+{
+    HANDLE const all = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    std::size_t count = 0;
+    for (BOOL more = Thread32First(all, &entry); more; more = Thread32Next(all, &entry))
+    {
+        count += entry.th32OwnerProcessID == GetCurrentProcessId();
+    }
+    CloseHandle(all);
+    return count;
+}
+
+struct Process::Parts
+{
+    HANDLE hProcess = nullptr;
+    DWORD nId = 0;
+    HANDLE hOut = nullptr;
+    HANDLE hErr = nullptr;
+};
+
+Process::Process(Strings const & words, Stdout kind, Variables const & variables) : m_parts(std::make_unique<Parts>())
+{
+    SECURITY_ATTRIBUTES inherited{sizeof(inherited), nullptr, TRUE};
+    HANDLE out = nullptr;
+    if (kind == Stdout::Terminal || kind == Stdout::Full || !CreatePipe(&m_parts->hOut, &out, &inherited, 0))
+    {
+        throw std::runtime_error("no such stdout here");
+    }
+    SetHandleInformation(m_parts->hOut, HANDLE_FLAG_INHERIT, 0);
+    if (kind == Stdout::Abandoned)
+    {
+        CloseHandle(std::exchange(m_parts->hOut, nullptr));
+    }
+    if (kind == Stdout::Closed)
+    {
+        CloseHandle(std::exchange(out, nullptr));
+    }
+    // A file of which the two have places of their own.
+    fs::path const name =
+        fs::temp_directory_path() / ToWide("stderr-" + std::to_string(reinterpret_cast<std::uintptr_t>(this)) + "-" +
+                                           std::to_string(GetCurrentProcessId()));
+    constexpr DWORD SHARED = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    HANDLE const err = CreateFileW(name.c_str(), FILE_APPEND_DATA | SYNCHRONIZE, SHARED, &inherited, CREATE_ALWAYS,
+                                   FILE_ATTRIBUTE_NORMAL, nullptr);
+    m_parts->hErr = CreateFileW(name.c_str(), GENERIC_READ | DELETE, SHARED, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+
+    std::wstring line;
+    for (std::string const & word : words)
+    {
+        line += (line.empty() ? L"" : L" ") + Quote(word);
+    }
+    // Only its own streams are the child's, whatever else may be inherited, by other children.
+    std::array<HANDLE, 2> handles{err, out};
+    SIZE_T size = 0;
+    InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+    std::vector<std::byte> attributes(size);
+    STARTUPINFOEXW startup{};
+    startup.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(attributes.data());
+    InitializeProcThreadAttributeList(startup.lpAttributeList, 1, 0, &size);
+    UpdateProcThreadAttribute(startup.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles.data(),
+                              (out ? 2 : 1) * sizeof(HANDLE), nullptr, nullptr);
+    startup.StartupInfo.cb = sizeof(startup);
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdOutput = out;
+    startup.StartupInfo.hStdError = err;
+    std::wstring environment = GetEnvironment(variables);
+    PROCESS_INFORMATION process{};
+    BOOL const started =
+        CreateProcessW(ToWide(words.at(0)).c_str(), line.data(), nullptr, nullptr, TRUE,
+                       CREATE_UNICODE_ENVIRONMENT | CREATE_NEW_PROCESS_GROUP | EXTENDED_STARTUPINFO_PRESENT,
+                       environment.data(), nullptr, &startup.StartupInfo, &process);
+    DeleteProcThreadAttributeList(startup.lpAttributeList);
+    CloseHandle(err);
+    if (out)
+    {
+        CloseHandle(out);
+    }
+    if (!started)
+    {
+        CloseHandle(m_parts->hErr);
+        CloseHandle(m_parts->hOut);
+        throw std::runtime_error("cannot start " + words.at(0));
+    }
+    CloseHandle(process.hThread);
+    m_parts->hProcess = process.hProcess;
+    m_parts->nId = process.dwProcessId;
+}
+
+Process::~Process()
+{
+    Kill();
+    CloseHandle(m_parts->hOut);
+    CloseHandle(m_parts->hErr);
+}
+
+bool Process::TakeLine(std::string & line) const
+{
+    line.clear();
+    DWORD got = 0;
+    for (char c = 0; ReadFile(m_parts->hOut, &c, 1, &got, nullptr) && got == 1;)
+    {
+        if (c == '\n')
+        {
+            return true;
+        }
+        line += c;
+    }
+    return false;
+}
+
+std::string Process::PeekErr() const
+{
+    LARGE_INTEGER start{};
+    SetFilePointerEx(m_parts->hErr, start, nullptr, FILE_BEGIN);
+    return ReadToEnd(m_parts->hErr);
+}
+
+bool Process::HasEnded() const
+{
+    return WaitForSingleObject(m_parts->hProcess, 0) == WAIT_OBJECT_0;
+}
+
+int Process::Wait()
+{
+    strOut = ReadToEnd(m_parts->hOut);
+    DWORD status = 0;
+    WaitForSingleObject(m_parts->hProcess, INFINITE);
+    GetExitCodeProcess(m_parts->hProcess, &status);
+    CloseHandle(std::exchange(m_parts->hProcess, nullptr));
+    strErr = PeekErr();
+    return static_cast<int>(status);
+}
+
+void Process::Interrupt() const
+{
+    // Ctrl+C can't be sent to one process alone.
+    Terminate();
+}
+
+void Process::Terminate() const
+{
+    EXPECT_TRUE(GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, m_parts->nId));
+}
+
+int Process::Kill()
+{
+    constexpr int KILLED = -9;
+    if (!m_parts->hProcess)
+    {
+        return 0;
+    }
+    TerminateProcess(m_parts->hProcess, static_cast<UINT>(KILLED));
+    return Wait();
+}
+
+void Process::Stop() const
+{
+    NtCalls::Get("NtSuspendProcess")(m_parts->hProcess);
+}
+
+void Process::Continue() const
+{
+    NtCalls::Get("NtResumeProcess")(m_parts->hProcess);
+}
+
+unsigned long Process::GetId() const
+{
+    return m_parts->nId;
+}
+
+long Process::GetMemory() const
+{
+    PROCESS_MEMORY_COUNTERS counters{};
+    EXPECT_TRUE(GetProcessMemoryInfo(m_parts->hProcess, &counters, sizeof(counters)));
+    return static_cast<long>(counters.WorkingSetSize >> 20);
+}
+
+RawClient::RawClient(int port)
+{
+    static int const s_nStarted = []
+    {
+        WSADATA data;
+        return WSAStartup(MAKEWORD(2, 2), &data);
+    }();
+    EXPECT_EQ(s_nStarted, 0);
+    SOCKET const socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    m_nSocket = static_cast<std::intptr_t>(socket);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    DWORD const patience = 10'000;
+    int const on = 1;
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char const *>(&patience), sizeof(patience));
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char const *>(&on), sizeof(on));
+    EXPECT_EQ(connect(socket, reinterpret_cast<sockaddr const *>(&address), sizeof(address)), 0);
+}
+
+RawClient::~RawClient()
+{
+    closesocket(static_cast<SOCKET>(m_nSocket));
+}
+
+void RawClient::Send(std::string_view bytes) const
+{
+    // All are few enough for the socket's buffer; that the server has ended the link meanwhile is one of the cases.
+    send(static_cast<SOCKET>(m_nSocket), bytes.data(), static_cast<int>(bytes.size()), 0);
+}
+
+void RawClient::EndSending() const
+{
+    shutdown(static_cast<SOCKET>(m_nSocket), SD_SEND);
+}
+
+std::string RawClient::Receive(std::size_t count) const
+{
+    std::string bytes(count, 0);
+    int const got = recv(static_cast<SOCKET>(m_nSocket), bytes.data(), static_cast<int>(count), MSG_WAITALL);
+    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return bytes;
+}
+
+bool RawClient::IsEnded() const
+{
+    char c = 0;
+    int got = 0;
+    while ((got = recv(static_cast<SOCKET>(m_nSocket), &c, 1, 0)) > 0)
+    {
+    }
+    return got == 0 || WSAGetLastError() == WSAECONNRESET || WSAGetLastError() == WSAECONNABORTED;
+}
+} // namespace host

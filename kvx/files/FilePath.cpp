@@ -80,7 +80,7 @@ CString CFilePath::GetShortPathNameW(LPCTSTR path)
 
 CString CFilePath::GetLongPathNameImpl(CString const & path)
 {
-    if (path.Find(_T('~')) < 0)
+    if (path.Find(_T('~')) < 0 || path.GetLength() >= LONGEST_PATH)
     {
         return path;
     }
@@ -134,7 +134,7 @@ CString CFilePath::GetLongPathNameW(LPCTSTR path)
     if (IsUnexpanded(found, given))
     {
         // The longest part of the way that does exist. No file lies behind the longest path that the system takes.
-        CString head = given.Left(LONGEST_PATH);
+        CString head = given.Left(LONGEST_PATH - 1);
         for (int cut = head.ReverseFind('\\'); cut > 0; cut = head.ReverseFind('\\'))
         {
             head.Truncate(cut);

@@ -69,7 +69,7 @@ CString ReadSystemFolder(LPCTSTR name, REGSAM view)
 /// What doesn't fit stays as it was.
 CString ExpandEnvironment(CString const & text)
 {
-    if (text.Find(_T('%')) < 0)
+    if (text.Find(_T('%')) < 0 || text.GetLength() >= LONGEST_EXPANSION)
     {
         return text;
     }

@@ -73,7 +73,7 @@ TEST(FileFinder, FindsAllAlongTheFixedList)
     PrivateHome::Put("c/extra2/found.me");
     CStringList out;
     EXPECT_EQ(CFileFinder::FindAllFiles(_T("found.me"), out, _T("c:\\extra1;c:\\extra2")), 4);
-    EXPECT_EQ(kvx::ToUtf8(out.GetHead()), "C:\\Windows\\system32\\found.me");
+    EXPECT_EQ(kvx::ToUtf8(out.GetHead().MakeLower()), "c:\\windows\\system32\\found.me");
     EXPECT_EQ(kvx::ToUtf8(out.GetTail()), "c:\\extra1\\found.me");
 }
 } // namespace

@@ -1,20 +1,19 @@
 #include "kvx/foundation/Utilities.h"
 
 #include "tests/support/KeptLog.h"
+#include "tests/support/OneHost.h"
 #include "tests/support/PrivateHome.h"
 
 #include <gtest/gtest.h>
 
 #include <set>
 
-#include <fcntl.h>
-#include <malloc.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 namespace
 {
 namespace fs = std::filesystem;
+
+/// One that isn't UTF-8, where that is possible.
+char const * const NAME_OF_ITS_OWN = host::IsWindows() ? "s/\xF0\x9F\x98\x80.txt" : "s/\xFE\xFF.txt";
 
 class Folder : public testing::Test
 {
@@ -54,7 +53,7 @@ TEST_F(Folder, CreatesTheWayAndTellsWhatFails)
     EXPECT_FALSE(CUtilities::CreateDirectoryW(_T("\\\\server\\share\\x")));
     std::vector<std::string> const lines = log.Take();
     ASSERT_EQ(lines.size(), 3U);
-    EXPECT_EQ(lines[0].find("E CUtilities::CreateDirectory - ::CreateDirectory(\\\\server, NULL) failed [53|"), 0U);
+    EXPECT_EQ(lines[0].find("E CUtilities::CreateDirectory - ::CreateDirectory(\\\\server, NULL) failed ["), 0U);
     PrivateHome::Put("c/t/file");
     EXPECT_TRUE(CUtilities::CreateDirectoryW(_T("c:\\t\\file")));
     EXPECT_FALSE(CUtilities::CreateDirectoryW(_T("c:\\t\\file\\x")));
@@ -65,11 +64,13 @@ TEST_F(Folder, SingleFilesAndHooks)
 {
     PrivateHome::Put("c/t/one.txt");
     fs::permissions(PrivateHome::Host("c/t/one.txt"), fs::perms::owner_read);
-    fs::create_symlink("one.txt", PrivateHome::Host("c/t/link"));
-    fs::create_symlink("nowhere", PrivateHome::Host("c/t/broken"));
     EXPECT_TRUE(CUtilities::FileExists(_T("c:\\t\\*.t*")) && CUtilities::FileExists(_T("c:\\t")));
     EXPECT_FALSE(CUtilities::FileExists(_T("c:\\t\\none")) || CUtilities::DirectoryExists(_T("c:\\t\\one.txt")));
-    EXPECT_TRUE(CUtilities::DeleteFileW(_T("c:\\t\\link"), 1) && CUtilities::DeleteFileW(_T("c:\\t\\broken"), 1));
+    if (host::MakeLink("one.txt", PrivateHome::Host("c/t/link")) &&
+        host::MakeLink("nowhere", PrivateHome::Host("c/t/broken")))
+    {
+        EXPECT_TRUE(CUtilities::DeleteFileW(_T("c:\\t\\link"), 1) && CUtilities::DeleteFileW(_T("c:\\t\\broken"), 1));
+    }
     EXPECT_FALSE(CUtilities::DeleteFileW(_T("c:\\t\\one.txt"), 0)); // the link's going hasn't changed it
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
     EXPECT_TRUE(CUtilities::TestFileOpen(_T("c:\\t\\one.txt")));
@@ -96,11 +97,14 @@ TEST_F(Folder, SingleFilesAndHooks)
 
 TEST_F(Folder, ListsAndCounts)
 {
-    for (char const * const name : {"1.txt", "2.dat", "s/3.txt", "s/u/4.TXT", "s/\xFF.txt"})
+    for (char const * const name : {"1.txt", "2.dat", "s/3.txt", "s/u/4.TXT", NAME_OF_ITS_OWN})
     {
         PrivateHome::Put(std::string("c/t/") + name);
     }
-    fs::create_directory_symlink("s", PrivateHome::Host("c/t/link"));
+    if (!host::MakeLink("s", PrivateHome::Host("c/t/link"), true))
+    {
+        PrivateHome::Put("c/t/link"); // what a link is taken for
+    }
     CStringList files;
     EXPECT_TRUE(CUtilities::GetFilesInDirectory(_T("c:\\t"), files, 0));
     EXPECT_EQ(Names(files), (std::multiset<std::string>{"c:\\t\\1.txt", "c:\\t\\2.dat", "c:\\t\\link"}));
@@ -137,10 +141,10 @@ TEST_F(Folder, ListsAndCounts)
 TEST_F(Folder, ClearingFollowsNoLinksAndIsToldByItsLastStep)
 {
     PrivateHome::Put("c/kept/file");
-    PrivateHome::Put("c/t/s/\xFE\xFF");
+    PrivateHome::Put(std::string("c/t/") + NAME_OF_ITS_OWN);
     PrivateHome::Put("c/t/s/open");
-    fs::permissions(PrivateHome::Host("c/t/s/\xFE\xFF"), fs::perms::owner_read);
-    fs::create_directory_symlink("../../kept", PrivateHome::Host("c/t/s/link"));
+    fs::permissions(host::ToPath(PrivateHome::Host(std::string("c/t/") + NAME_OF_ITS_OWN)), fs::perms::owner_read);
+    host::MakeLink("../../kept", PrivateHome::Host("c/t/s/link"), true);
     HANDLE const open =
         CreateFileW(_T("c:\\t\\s\\open"), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\t"), 0));
@@ -151,10 +155,12 @@ TEST_F(Folder, ClearingFollowsNoLinksAndIsToldByItsLastStep)
     EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\t\\"), 0));
     EXPECT_TRUE(fs::is_empty(PrivateHome::Host("c/t")));
 
-    fs::create_directory_symlink("../kept", PrivateHome::Host("c/t/link"));
-    EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\t\\link\\"), 1));
-    EXPECT_TRUE(fs::exists(PrivateHome::Host("c/kept/file")) &&
-                !fs::exists(fs::symlink_status(PrivateHome::Host("c/t/link"))));
+    if (host::MakeLink("../kept", PrivateHome::Host("c/t/link"), true))
+    {
+        EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\t\\link\\"), 1));
+        EXPECT_FALSE(fs::exists(fs::symlink_status(PrivateHome::Host("c/t/link"))));
+    }
+    EXPECT_TRUE(fs::exists(PrivateHome::Host("c/kept/file")));
     EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\none"), 0));
     EXPECT_FALSE(CUtilities::ClearDirectory(_T("c:\\none"), 1));
     EXPECT_FALSE(CUtilities::ClearDirectory(nullptr, 1));
@@ -163,7 +169,7 @@ TEST_F(Folder, ClearingFollowsNoLinksAndIsToldByItsLastStep)
 
 TEST_F(Folder, ClearsTreesOfAnyDepth)
 {
-    mallopt(M_PERTURB, 0xA5); // memory that is given back doesn't keep what stood there
+    host::SpoilFreedMemory(true);
     for (int depth = 1; depth <= 40; ++depth)
     {
         std::string folder = "c/t/";
@@ -176,28 +182,19 @@ TEST_F(Folder, ClearsTreesOfAnyDepth)
         EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\t"), 1)) << depth;
         EXPECT_FALSE(fs::exists(PrivateHome::Host("c/t"))) << depth;
     }
-    mallopt(M_PERTURB, 0);
+    host::SpoilFreedMemory(false);
 }
 
 TEST_F(Folder, DepthHasNoBound)
 {
-    constexpr int DEPTH = 600;
+    int const depth = host::IsWine() ? 300 : 600; // whose paths are as long as the host's below (2026-11-22)
     constexpr char const * NAME = "folder8";
     fs::create_directories(PrivateHome::Host("c/t"));
-    int at = open(PrivateHome::Host("c/t").c_str(), O_RDONLY | O_DIRECTORY);
-    for (int i = 0; i < DEPTH; ++i)
-    {
-        ASSERT_EQ(mkdirat(at, NAME, 0700), 0);
-        int const below = openat(at, NAME, O_RDONLY | O_DIRECTORY);
-        close(at);
-        at = below;
-    }
-    close(openat(at, "leaf", O_CREAT | O_WRONLY, 0600));
-    close(at);
+    host::MakeDeepFolder(PrivateHome::Host("c/t"), NAME, depth);
     CStringList files;
     EXPECT_TRUE(CUtilities::GetFilesInDirectory(_T("c:\\t"), files, 1));
     ASSERT_EQ(files.GetCount(), 1);
-    EXPECT_EQ(files.GetHead().GetLength(), 4 + DEPTH * 8 + 5);
+    EXPECT_EQ(files.GetHead().GetLength(), 4 + depth * 8 + 5);
     EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\t"), 1));
     EXPECT_FALSE(fs::exists(PrivateHome::Host("c/t")));
 }

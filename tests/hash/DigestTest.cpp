@@ -1,7 +1,7 @@
 #include "HashPaths.h"
 
-#include "../platform/win32/TestFolder.h"
 #include "tests/support/Raised.h"
+#include "tests/support/TestFolder.h"
 
 #include "kvx/hash/DigestPaths.h"
 #include "kvx/hash/MD5Checksum.h"

@@ -7,8 +7,8 @@ TEST(Escapes, EncodedTextsDontDecodeBack)
 {
     EXPECT_EQ(CUtilities::EncodeString(_T("a b&\u00E9\u20AC%\n"), _T("&%"), '+'), _T("a+b%0026%00E9%20AC%0025%000A"));
     EXPECT_EQ(CUtilities::EncodeString(_T("+ +"), _T(" "), '_'), _T("+_+"));
-    EXPECT_EQ(CUtilities::DecodeString(_T("a+b%41%4x%0026%"), '+'), CString(_T("a bDD\0"
-                                                                               "26%"),
+    EXPECT_EQ(CUtilities::DecodeString(_T("a+b%41%4x%0026%"), '+'), CString(_T("a bDD\0")
+                                                                            _T("26%"),
                                                                             9));
     EXPECT_EQ(CUtilities::DecodeString(_T("%f"), '+'), _T("\u00FF"));
     EXPECT_EQ(CHttpFormatter::Encode("a b.\xC3\xA9"), "a+b%002E%00E9");

@@ -170,7 +170,7 @@ TEST(Log, SeveralWritersOfOneFileLoseNothing)
     auto const path = TempFile();
     CLogEvent event;
     event.m_strBuilt = _T("line");
-    std::ofstream(path) << "old\n";
+    std::ofstream(path, std::ios::binary) << "old\n";
     {
         CString const name = kvx::FromUtf8(path.string());
         CFileLog first(name, 0, LOG_ALL);

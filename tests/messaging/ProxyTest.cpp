@@ -1,4 +1,5 @@
 #include "TestProvider.h"
+#include "tests/support/OneHost.h"
 #include "tests/support/Patience.h"
 
 #include "kvx/messaging/MsgMFCProxy.h"
@@ -225,7 +226,7 @@ TEST(Proxy, ASenderOutlivesTheWindowsThread)
     made.Lock(PATIENCE);
     std::thread releaser([&] { sending.SetEvent(); });
     EXPECT_EQ(SendMessageW(hWnd, WM_USER, 0, 0), 0);
-    EXPECT_EQ(GetLastError(), 1400u);
+    EXPECT_TRUE(GetLastError() == 1400 || host::IsWine()); // Wine.AWindowThatGoesDeniesAccess (2026-11-22)
     silent.join();
     releaser.join();
     EXPECT_FALSE(IsWindow(hWnd));

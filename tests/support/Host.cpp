@@ -1,5 +1,7 @@
 #include "Host.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 
 namespace host
@@ -7,6 +9,23 @@ namespace host
 namespace
 {
 constexpr std::string_view REPORT = "report: ";
+}
+
+void RemoveFolder(std::string const & name)
+{
+    namespace fs = std::filesystem;
+    std::error_code failed;
+    fs::path const folder = ToPath(name);
+    std::error_code ignored;
+    for (fs::recursive_directory_iterator entry(folder, ignored); entry != end(entry); entry.increment(ignored))
+    {
+        if (!entry->is_symlink(ignored))
+        {
+            fs::permissions(entry->path(), fs::perms::owner_write, fs::perm_options::add, ignored);
+        }
+    }
+    fs::remove_all(folder, failed);
+    EXPECT_FALSE(failed) << name << ": " << failed.message();
 }
 
 void Report(std::string_view text)

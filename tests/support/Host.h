@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -17,12 +18,41 @@ namespace host
 {
 /// A new empty folder below the host's folder for temporary files. Whoever asked for it removes it.
 std::string MakeFolder(std::string const & name);
+/// Also what is read-only; says if something stays.
+void RemoveFolder(std::string const & name);
+
+/// For the C++ library, which takes narrow texts of Windows for something else than UTF-8.
+std::filesystem::path ToPath(std::string_view name);
+
+/// Makes a folder the home of this process: its files for the user, its folder "tmp" for temporary ones, its folder
+/// "bin" the first that is searched for programs. Returns drive C:, on Windows the one that is, else a folder of this
+/// one.
+std::string TakeHome(std::string const & folder);
+
+/// A symbolic link, whose target may be missing; a folder's if `bFolder`. False where there are none.
+bool MakeLink(std::string const & target, std::string const & link, bool bFolder = false);
 
 /// Sets a variable of this process and of its children to come; null takes it away.
 void SetVariable(char const * name, char const * value);
 
 /// The program that runs.
 std::string GetProgram();
+
+/// What a module is called whose target has this name.
+std::string GetModuleFile(std::string const & target);
+/// Whether the file of that name is part of the process's memory.
+bool IsMapped(std::string const & file);
+
+/// Has the system refuse new threads to this process, or no longer. False where it can't be made to.
+bool AllowThreads(bool bAllow);
+
+/// What is given back to the heap doesn't keep what stood there, where the C library can do that.
+void SpoilFreedMemory(bool bSpoil);
+/// All threads share one heap and its lock, from now on.
+void UseOneHeap();
+
+/// Folders of that name within each other, and a file "leaf" in the last, however long the path.
+void MakeDeepFolder(std::string const & folder, std::string const & name, int depth);
 
 /// What the process holds open: descriptors, or handles.
 std::size_t CountHandles();

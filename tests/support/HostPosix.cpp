@@ -15,12 +15,15 @@
 #include <stdexcept>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <pty.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -125,6 +128,33 @@ std::string MakeFolder(std::string const & name)
     return folder;
 }
 
+fs::path ToPath(std::string_view name)
+{
+    return name;
+}
+
+std::string TakeHome(std::string const & folder)
+{
+    fs::create_directories(folder + "/home/.config");
+    fs::create_directories(folder + "/tmp");
+    SetVariable("KVX_DRIVE_C", (folder + "/c").c_str());
+    SetVariable("HOME", (folder + "/home").c_str());
+    SetVariable("TMPDIR", (folder + "/tmp").c_str());
+    SetVariable("PATH", (folder + "/bin::/usr/bin").c_str());
+    for (char const * const name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "TEMP", "TMP", "PATHEXT",
+                                    "SystemRoot", "ProgramFiles", "CommonProgramFiles"})
+    {
+        SetVariable(name, nullptr);
+    }
+    return folder + "/c";
+}
+
+bool MakeLink(std::string const & target, std::string const & link, bool)
+{
+    fs::create_symlink(target, link);
+    return true;
+}
+
 void SetVariable(char const * name, char const * value)
 {
     value ? setenv(name, value, 1) : unsetenv(name);
@@ -133,6 +163,52 @@ void SetVariable(char const * name, char const * value)
 std::string GetProgram()
 {
     return fs::canonical("/proc/self/exe").string();
+}
+
+std::string GetModuleFile(std::string const & target)
+{
+    return "lib" + target + ".so";
+}
+
+bool IsMapped(std::string const & file)
+{
+    std::ifstream maps("/proc/self/maps");
+    return std::string(std::istreambuf_iterator<char>(maps), {}).find(file) != std::string::npos;
+}
+
+bool AllowThreads(bool bAllow)
+{
+    static pthread_attr_t s_attributes = []
+    {
+        pthread_attr_t attributes;
+        pthread_getattr_default_np(&attributes);
+        return attributes;
+    }();
+    pthread_attr_t absurd = s_attributes;
+    pthread_attr_setstacksize(&absurd, std::size_t{1} << 46);
+    return pthread_setattr_default_np(bAllow ? &s_attributes : &absurd) == 0;
+}
+
+void SpoilFreedMemory(bool bSpoil)
+{
+    mallopt(M_PERTURB, bSpoil ? 0xA5 : 0);
+}
+
+void UseOneHeap()
+{
+    mallopt(M_ARENA_MAX, 1);
+}
+
+void MakeDeepFolder(std::string const & folder, std::string const & name, int depth)
+{
+    int at = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+    for (int i = 0; i < depth; ++i)
+    {
+        EXPECT_EQ(mkdirat(at, name.c_str(), 0700), 0);
+        close(std::exchange(at, openat(at, name.c_str(), O_RDONLY | O_DIRECTORY)));
+    }
+    close(openat(at, "leaf", O_CREAT | O_WRONLY, 0600));
+    close(at);
 }
 
 std::size_t CountHandles()

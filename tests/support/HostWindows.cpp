@@ -133,6 +133,30 @@ std::string MakeFolder(std::string const & name)
     return ToName(folder);
 }
 
+fs::path ToPath(std::string_view name)
+{
+    return ToWide(name);
+}
+
+std::string TakeHome(std::string const & folder)
+{
+    fs::create_directories(ToPath(folder + "/tmp"));
+    SetVariable("PATHEXT", nullptr);
+    SetVariable("TMP", (folder + "/tmp").c_str());
+    SetVariable("TEMP", (folder + "/tmp").c_str());
+    std::wstring const path = ToWide(folder + "/bin;;") + _wgetenv(L"PATH");
+    SetVariable("PATH", ToUtf8(path).c_str());
+    return "C:";
+}
+
+bool MakeLink(std::string const & target, std::string const & link, bool bFolder)
+{
+    // It takes a privilege or the mode for developers; Wine says that it had made one.
+    return CreateSymbolicLinkW(ToWide(link).c_str(), ToPath(target).make_preferred().c_str(),
+                               SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE | (bFolder ? 1U : 0U)) &&
+           GetFileAttributesW(ToWide(link).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
 void SetVariable(char const * name, char const * value)
 {
     _wputenv_s(ToWide(name).c_str(), ToWide(value ? value : "").c_str());
@@ -142,6 +166,37 @@ std::string GetProgram()
 {
     std::array<wchar_t, 32768> path{};
     return ToName(std::wstring(path.data(), GetModuleFileNameW(nullptr, path.data(), path.size())));
+}
+
+std::string GetModuleFile(std::string const & target)
+{
+    return target + ".dll";
+}
+
+bool IsMapped(std::string const & file)
+{
+    return GetModuleHandleW(ToWide(file).c_str()) != nullptr;
+}
+
+bool AllowThreads(bool bAllow)
+{
+    return bAllow;
+}
+
+void SpoilFreedMemory(bool) {}
+
+void UseOneHeap() {} // they do
+
+void MakeDeepFolder(std::string const & folder, std::string const & name, int depth)
+{
+    std::wstring path = L"\\\\?\\" + ToWide(folder);
+    std::replace(path.begin(), path.end(), L'/', L'\\');
+    for (int i = 0; i < depth; ++i)
+    {
+        path += L"\\" + ToWide(name);
+        EXPECT_TRUE(CreateDirectoryW(path.c_str(), nullptr)) << i;
+    }
+    CloseHandle(CreateFileW((path + L"\\leaf").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
 }
 
 std::size_t CountHandles()

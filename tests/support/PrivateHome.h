@@ -2,49 +2,55 @@
 
 #include "kvx/platform/mfc/Afx.h"
 
+#include "tests/support/Host.h"
+
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
-/// A home, a drive C: and a current folder of the test program's own, which go with it.
+/// A home and a current folder of the test program's own, which go with it; so does drive C: where the host has none.
 class PrivateHome : public testing::Environment
 {
 public:
-    static std::string Host(std::string const & name) { return sm_strFolder + "/" + name; }
-    /// Below drive C:, which is the folder "c".
+    /// What begins with "c/" lies on drive C:.
+    static std::string Host(std::string const & name)
+    {
+        return name.starts_with("c/") ? sm_strDrive + name.substr(1) : sm_strFolder + "/" + name;
+    }
     static void Put(std::string const & name, std::string const & text = "")
     {
-        std::filesystem::create_directories(std::filesystem::path(Host(name)).parent_path());
-        std::ofstream(Host(name), std::ios::binary) << text;
+        auto const path = host::ToPath(Host(name));
+        if (!std::filesystem::exists(path))
+        {
+            sm_put.push_back(Host(name));
+        }
+        std::filesystem::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << text;
     }
 
     void SetUp() override
     {
-        char szPath[] = "/tmp/kvx-home-XXXXXX";
-        sm_strFolder = mkdtemp(szPath);
-        std::filesystem::create_directories(Host("home/.config"));
+        sm_strFolder = host::MakeFolder("kvx-home");
         std::filesystem::create_directories(Host("bin"));
         std::filesystem::current_path(sm_strFolder);
-        setenv("KVX_DRIVE_C", Host("c").c_str(), 1);
-        setenv("HOME", Host("home").c_str(), 1);
-        setenv("TMPDIR", Host("tmp").c_str(), 1);
-        setenv("PATH", (Host("bin") + "::/usr/bin").c_str(), 1);
-        for (char const * const name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "TEMP", "TMP", "PATHEXT",
-                                        "SystemRoot", "ProgramFiles", "CommonProgramFiles"})
-        {
-            unsetenv(name);
-        }
+        sm_strDrive = host::TakeHome(sm_strFolder);
     }
     void TearDown() override
     {
+        for (std::string const & name : sm_put) // where drive C: isn't the test's own
+        {
+            std::error_code ignored;
+            std::filesystem::remove(host::ToPath(name), ignored);
+        }
         std::filesystem::current_path("/");
-        std::filesystem::remove_all(sm_strFolder);
+        host::RemoveFolder(sm_strFolder);
     }
 
 private:
     static inline std::string sm_strFolder;
+    static inline std::string sm_strDrive;
+    static inline Strings sm_put;
 };
 [[maybe_unused]] inline auto * const g_pPrivateHome = testing::AddGlobalTestEnvironment(new PrivateHome);

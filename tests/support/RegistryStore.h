@@ -1,12 +1,14 @@
 #pragma once
 
+#include "tests/support/Host.h"
+
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 
-/// One registry store for the test program, in a folder that goes with it.
+/// One registry store for the test program, in a folder that goes with it. Windows has one registry: there the tests
+/// must keep to keys of their own.
 class RegistryStore : public testing::Environment
 {
 public:
@@ -14,11 +16,10 @@ public:
 
     void SetUp() override
     {
-        char szPath[] = "/tmp/kvx-registry-XXXXXX";
-        sm_strFolder = mkdtemp(szPath);
-        setenv("KVX_REGISTRY", GetPath().c_str(), 1);
+        sm_strFolder = host::MakeFolder("kvx-registry");
+        host::SetVariable("KVX_REGISTRY", GetPath().c_str());
     }
-    void TearDown() override { std::filesystem::remove_all(sm_strFolder); }
+    void TearDown() override { host::RemoveFolder(sm_strFolder); }
 
 private:
     static inline std::string sm_strFolder;

@@ -3,6 +3,7 @@
 #include "kvx/system/WinVersion.h"
 
 #include "tests/support/Fails.h"
+#include "tests/support/OneHost.h"
 
 #include <cstring>
 #include <memory>
@@ -24,7 +25,7 @@ TEST(Version, TextAndOrder)
 TEST(System, AnswersAreTrueHere)
 {
     EXPECT_TRUE(CUtilities::IsSupportedOS() && !CUtilities::IsUnsupportedOS() && !CUtilities::IsWin8());
-    EXPECT_TRUE(CWinVersion().GetServicePack().AsView().starts_with(_T("Linux ")));
+    EXPECT_EQ(CWinVersion().GetServicePack().AsView().starts_with(_T("Linux ")), !host::IsWindows());
     HANDLE const process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, GetCurrentProcessId());
     EXPECT_EQ(CUtilities::Is32BitProcess(process), sizeof(void *) == 4);
     CloseHandle(process);
@@ -61,9 +62,12 @@ TEST(Security, DescriptorsAreCarriedAndTextsRefused)
     EXPECT_TRUE(GetSecurityDescriptorSacl(own, &present, &list, &defaulted) && present && list == &rules);
     EXPECT_FALSE(InitializeSecurityDescriptor(own, 2));
     PSECURITY_DESCRIPTOR made = own;
-    EXPECT_TRUE(
-        Fails(ConvertStringSecurityDescriptorToSecurityDescriptorW(_T("S:(ML;;NW;;;LW)"), 1, &made, nullptr), 50));
-    EXPECT_EQ(made, nullptr);
+    if (!host::IsWindows()) // where there are no labels (2026-11-22)
+    {
+        EXPECT_TRUE(
+            Fails(ConvertStringSecurityDescriptorToSecurityDescriptorW(_T("S:(ML;;NW;;;LW)"), 1, &made, nullptr), 50));
+        EXPECT_EQ(made, nullptr);
+    }
 
     HANDLE token = nullptr;
     ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
@@ -71,10 +75,10 @@ TEST(Security, DescriptorsAreCarriedAndTextsRefused)
     DWORD size = 3;
     EXPECT_TRUE(Fails(CreateWellKnownSid(WinWorldSid, nullptr, sid, &size), 122));
     BOOL member = FALSE;
-    EXPECT_TRUE(CreateWellKnownSid(WinWorldSid, nullptr, sid, &size) && CheckTokenMembership(token, sid, &member) &&
+    EXPECT_TRUE(CreateWellKnownSid(WinWorldSid, nullptr, sid, &size) && CheckTokenMembership(nullptr, sid, &member) &&
                 member);
-    sid[1] = 9;
-    EXPECT_FALSE(CheckTokenMembership(nullptr, sid, &member));
+    sid[8] = 9; // somebody else's
+    EXPECT_FALSE(CheckTokenMembership(nullptr, sid, &member) && member);
     EXPECT_TRUE(CloseHandle(token));
     EXPECT_TRUE(Fails(CheckTokenMembership(token, sid, &member), 6));
 }

@@ -1,3 +1,4 @@
+#include "tests/support/Host.h"
 #include "tests/support/Patience.h"
 
 #include "kvx/logging/LogManager.h"
@@ -8,8 +9,6 @@
 #include "kvx/threads/TimerQueue.h"
 
 #include <gtest/gtest.h>
-
-#include <malloc.h>
 
 #include <memory>
 #include <vector>
@@ -75,7 +74,7 @@ void ExitFrom(int place)
     switch (place)
     {
     case 0:
-        mallopt(M_ARENA_MAX, 1); // one heap, and one lock of it
+        host::UseOneHeap();
         CLogManager::GetInstance()->RegisterSink(new CDebugLog(0), 1);
         for (auto const proc : {&UseHeap, &UseLog, &UseHeap, &UseLog})
         {

@@ -15,7 +15,7 @@
 
 namespace
 {
-constexpr DWORD FAR = 3600000;
+constexpr DWORD AN_HOUR = 3600000;
 
 /// What fired, in order, and a wait for so many.
 class Record
@@ -96,7 +96,7 @@ TEST(TimerQueue, ChangesAndDeletesWhatWaits)
 {
     Record record;
     CTimerQueue queue;
-    void * const late = queue.CreateTimer(FAR, &Record::Fire, record.Param(1));
+    void * const late = queue.CreateTimer(AN_HOUR, &Record::Fire, record.Param(1));
     void * const gone = queue.CreateTimer(200, &Record::Fire, record.Param(9));
     void * const later = queue.CreateTimer(50, &Record::Fire, record.Param(2));
     EXPECT_TRUE(queue.DeleteTimer(gone));
@@ -120,7 +120,7 @@ TEST(TimerQueue, FunctionsMayUseTheirQueueAndTheThreadGoes)
                                    {
                                        id = GetCurrentThreadId();
                                        queue.CreateTimer(0, &Record::Fire, record.Param(1));
-                                       queue.DeleteTimer(queue.CreateTimer(FAR, &Record::Fire, nullptr));
+                                       queue.DeleteTimer(queue.CreateTimer(AN_HOUR, &Record::Fire, nullptr));
                                    }));
     EXPECT_EQ(record.WaitFor(2), (std::vector<int>{0, 1}));
     while (!CThreadPool::IsThreadFree(static_cast<int>(id)))
@@ -152,15 +152,15 @@ TEST(TimerQueue, NoticesChangesOfTheClock)
     };
     Record record;
     CSetTimerQueue queue;
-    queue.CreateTimer(FAR, &Record::Fire, record.Param(1));
-    queue.CreateTimer(2 * FAR, &Record::Fire, record.Param(2));
-    s_nNow += FAR;
+    queue.CreateTimer(AN_HOUR, &Record::Fire, record.Param(1));
+    queue.CreateTimer(2 * AN_HOUR, &Record::Fire, record.Param(2));
+    s_nNow += AN_HOUR;
     EXPECT_EQ(record.WaitFor(1).size(), 1u);
-    s_nNow -= 10 * ULONGLONG{FAR}; // moves what waits
-    queue.CreateTimer(FAR, &Record::Fire, record.Param(3));
-    s_nNow += FAR;
+    s_nNow -= 10 * ULONGLONG{AN_HOUR}; // moves what waits
+    queue.CreateTimer(AN_HOUR, &Record::Fire, record.Param(3));
+    s_nNow += AN_HOUR;
     EXPECT_EQ(record.WaitFor(2).back(), 3);
-    s_nNow += 10 * ULONGLONG{FAR};
+    s_nNow += 10 * ULONGLONG{AN_HOUR};
     EXPECT_EQ(record.WaitFor(3), (std::vector<int>{1, 3, 2}));
 }
 
@@ -182,7 +182,7 @@ TEST(TimerQueue, ManyThreadsLoseNothingAndTheQueueMayGoAtAnyTime)
                     for (int i = 0; i < EACH; ++i)
                     {
                         void * const timer =
-                            queue.CreateTimer(static_cast<DWORD>(i % 5 == t ? FAR : i % 3), count, nullptr);
+                            queue.CreateTimer(static_cast<DWORD>(i % 5 == t ? AN_HOUR : i % 3), count, nullptr);
                         if (i % 5 == t)
                         {
                             nDeleted += queue.DeleteTimer(timer);
@@ -205,6 +205,6 @@ TEST(TimerQueue, ManyThreadsLoseNothingAndTheQueueMayGoAtAnyTime)
     {
         CTimerQueue queue;
         queue.CreateTimer(static_cast<DWORD>(round % 2), count, nullptr);
-        queue.CreateTimer(FAR, count, nullptr);
+        queue.CreateTimer(AN_HOUR, count, nullptr);
     }
 }

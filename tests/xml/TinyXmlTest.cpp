@@ -22,8 +22,8 @@ std::string Text(XMLNode const * node)
 
 std::string Merged(char const * into, char const * what)
 {
-    XMLDocument target;
-    XMLDocument source;
+    tinyxml2::XMLDocument target;
+    tinyxml2::XMLDocument source;
     EXPECT_EQ(target.Parse(into), XML_SUCCESS);
     EXPECT_EQ(source.Parse(what), XML_SUCCESS);
     EXPECT_TRUE(ElementProxy(target.RootElement()).Merge(source.RootElement()));
@@ -89,7 +89,7 @@ TEST(XmlNodePrinter, ControlCharactersComeBack)
     document.RootElement()->InsertNewText("\r]")->SetCData(true); // references aren't read in there
     std::string const printed = "\n&amp;\t&#13;&lt;&#1;&#31;&#13;";
     EXPECT_EQ(Text(&document), "<r a=\"&#13;" + printed + "\">\r" + printed + "<![CDATA[\r]]]></r>");
-    XMLDocument read;
+    tinyxml2::XMLDocument read;
     ASSERT_EQ(read.Parse(Text(&document).c_str()), XML_SUCCESS);
     EXPECT_EQ(read.RootElement()->Attribute("a"), controls);
     EXPECT_EQ(read.RootElement()->GetText(), controls.substr(1)); // a line end became one
@@ -146,7 +146,7 @@ TEST(XmlElementProxy, MergingMatchesEachElementOnce)
                "<R><A y='2' x='1'><p/><q>t</q></A><a x='1' y='2'><s/></a><a x='1' y='2'>u</a><a x='1'>v<w/></a></R>"),
         "<r><a x=\"1\" y=\"2\"><p/><q>t</q></a><a x=\"1\" y=\"2\"><s/></a><a x=\"1\" y=\"2\">u</a>"
         "<a x=\"1\"><w/></a></r>");
-    XMLDocument document;
+    tinyxml2::XMLDocument document;
     document.Parse("<r><a><a/></a></r>");
     XMLElement * const root = document.RootElement();
     EXPECT_TRUE(ElementProxy(root->FirstChildElement()).Merge(root)); // becomes a sibling, once
@@ -209,7 +209,7 @@ TEST(XmlElementProxy, ManyAndDeepElementsAreMerged)
 
 TEST(XmlElementVisitor, CallsForTheNameAndStopsWhereItIsTold)
 {
-    XMLDocument document;
+    tinyxml2::XMLDocument document;
     document.Parse("<r><a i='1'><b/><a i='2'/></a><A/><a i='3'/></r>");
     std::string seen;
     auto const callback = [](XMLElement const & element, void * context)

@@ -113,7 +113,7 @@ TEST(XmlDocument, ReadsStandardTagsAndUtf8)
         EXPECT_EQ(Through(text, true, true, true), written) << text;
     }
     CXmlDocument document;
-    CString const text = _T("<\u017Ce a=\"\u20AC\">\U0001F600</\u017Ce>");
+    CString const text = _T("<\u4E2De a=\"\u20AC\">\U0001F600</\u4E2De>");
     document.ProcessUtf8(1);
     document.FromString(text);
     EXPECT_EQ(document.ToWideString(), text);

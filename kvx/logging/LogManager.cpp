@@ -61,7 +61,7 @@ CLogManager::~CLogManager()
             WaitForSingleObject(thread, PATIENCE) == WAIT_TIMEOUT)
         {
             m_state = State::Ended;
-            TerminateThread(thread, 0);
+            kvx::EndThread(thread);
         }
         CloseHandle(thread);
     }

@@ -139,5 +139,10 @@ void CConsoleLog::Append(CLogEvent * event)
 {
     DWORD written = 0;
     CString const line = event->m_strBuilt + _T("\n");
-    WriteConsoleW(m_hOutput, line, static_cast<DWORD>(line.GetLength()), &written, nullptr);
+    if (!WriteConsoleW(m_hOutput, line, static_cast<DWORD>(line.GetLength()), &written, nullptr))
+    {
+        // A pipe or a file that the program's output was redirected to: Windows takes it for no console.
+        std::string const text = kvx::ToUtf8(line);
+        WriteFile(m_hOutput, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+    }
 }

@@ -78,7 +78,8 @@ public:
     void Append(CLogEvent * event) override;
 };
 
-/// A console; a null handle means this process's own, which is made if there is none.
+/// A console, or what the output was redirected to, which gets UTF-8; a null handle means this process's own, which is
+/// made if there is none.
 class KVX_API CConsoleLog : public CLogSink
 {
 public:

@@ -189,7 +189,7 @@ int CThreadContext::Terminate(DWORD timeout, int force)
     {
         OutputDebugStringW(_T("Forcing terminate thread: "));
         OutputDebugStringW(description);
-        if (TerminateThread(handle, 0))
+        if (kvx::EndThread(handle))
         {
             LogWarning(_T("Forced terminate thread 0x%08X %s"), id, description);
         }

@@ -198,6 +198,19 @@ TEST(Log, TypesHaveTheirLetters)
     EXPECT_EQ(CLogSink::GetTypeChar(LOG_WARNING | LOG_ERROR), 'I');
 }
 
+TEST(Log, AConsoleMayBeRedirected)
+{
+    auto const path = TempFile();
+    CLogEvent event;
+    event.m_strBuilt = _T("gr\u00FCn");
+    {
+        CFile file(kvx::FromUtf8(path.string()), CFile::modeCreate | CFile::modeWrite);
+        CConsoleLog(reinterpret_cast<HANDLE>(file.m_hFile), LOG_ALL).Append(&event);
+    }
+    EXPECT_EQ(ReadFile(path), "gr\xC3\xBCn\n");
+    std::filesystem::remove(path);
+}
+
 // There is no way back: these run in processes of their own.
 TEST(LogDeathTest, TerminateSilencesTheLogAndExitWritesWhatIsQueued)
 {

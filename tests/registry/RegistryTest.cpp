@@ -219,8 +219,7 @@ TEST_F(Registry, Enumerates)
 
     CDictionary values;
     EXPECT_EQ(m_key.QueryValues(values), 0);
-    EXPECT_THAT(ToPairs(values),
-                ElementsAre("bytes=", "cut=value", std::string(1000, 'n') + "=long", "number=-1"));
+    EXPECT_THAT(ToPairs(values), ElementsAre("bytes=", "cut=value", std::string(1000, 'n') + "=long", "number=-1"));
     values.RemoveAllValues();
     EXPECT_EQ(m_key.QueryValues(values, 2), 0);
     EXPECT_EQ(values.GetValueCount(), 2);

@@ -30,6 +30,7 @@ BOOL CCriticalSection::Lock(DWORD)
 BOOL CCriticalSection::Unlock()
 {
     LeaveCriticalSection(&m_sect);
+    kvx::EndSection();
     return TRUE;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kvx/platform/ThreadEnd.h"
 #include "kvx/platform/mfc/Exception.h"
 
 // <windows.h> spells these as macros.
@@ -55,6 +56,7 @@ public:
 
     BOOL Lock()
     {
+        kvx::BeginSection();
         EnterCriticalSection(&m_sect);
         return TRUE;
     }

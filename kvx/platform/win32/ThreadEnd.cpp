@@ -1,0 +1,6 @@
+#include "kvx/platform/ThreadEnd.h"
+
+BOOL kvx::EndThread(HANDLE hThread)
+{
+    return TerminateThread(hThread, 0);
+}

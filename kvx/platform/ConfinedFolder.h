@@ -27,7 +27,7 @@ public:
 };
 
 /// A folder for files to be written below. No symbolic link in it is ever followed, also none that another process
-/// makes meanwhile (on Windows: that stands there when the file is opened). Threads: one at a time.
+/// makes meanwhile. Threads: one at a time.
 class KVX_API ConfinedFolder
 {
 public:
@@ -38,8 +38,9 @@ public:
     static std::unique_ptr<ConfinedFolder> Open(std::string const & path);
 
     /// Begins a file: the names of folders, which are made where they are missing, and its own. Null with the last
-    /// error: ERROR_INVALID_NAME for an empty name, ".", ".." and one with a separator; ERROR_CANT_ACCESS_FILE where a
-    /// link or a file stands in the way, ERROR_DIRECTORY where a folder has the file's name.
+    /// error: ERROR_INVALID_NAME for an empty name, ".", ".." and one with a separator, on Windows also for one that
+    /// names a device or a stream or has an end that the system drops; ERROR_CANT_ACCESS_FILE where a link or a file
+    /// stands in the way, ERROR_DIRECTORY where a folder has the file's name.
     virtual std::unique_ptr<ConfinedFile> Create(std::vector<std::string> const & names) = 0;
 };
 

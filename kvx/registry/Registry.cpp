@@ -271,13 +271,17 @@ LONG CRegistry::CreateKey(LPCTSTR path, DWORD reserved, DWORD samDesired, SECURI
 LONG CRegistry::DeleteKey(LPCTSTR subKey, int recursive)
 {
     LPCTSTR const path = subKey ? subKey : _T("");
-    return recursive ? Told(_T("DeleteKey"), _T("SHDeleteKey"), path, SHDeleteKeyW(m_hKey, path))
+    return recursive ? DeleteKey(m_hKey, path)
                      : Told(_T("DeleteKey"), _T("RegDeleteKey"), path, RegDeleteKeyW(m_hKey, path));
 }
 
 LONG CRegistry::DeleteKey(HKEY parent, LPCTSTR subKey)
 {
-    return Told(_T("DeleteKey"), _T("SHDeleteKey"), subKey, SHDeleteKeyW(parent, subKey));
+    LONG const code = Told(_T("DeleteKey"), _T("SHDeleteKey"), subKey, SHDeleteKeyW(parent, subKey));
+    // A key that isn't named but given has been emptied, and is still there.
+    return code == 0 && (!subKey || !*subKey)
+               ? Told(_T("DeleteKey"), _T("RegDeleteKey"), _T(""), RegDeleteKeyW(parent, _T("")))
+               : code;
 }
 
 LONG CRegistry::DeleteValue(LPCTSTR name)

@@ -49,7 +49,8 @@ std::string Process::ReadReport() const
     {
         if (line.starts_with(REPORT))
         {
-            return line.substr(REPORT.size());
+            std::size_t const end = line.ends_with('\r') ? line.size() - 1 : line.size();
+            return line.substr(REPORT.size(), end - REPORT.size());
         }
     }
     return {};

@@ -57,6 +57,9 @@ void MakeDeepFolder(std::string const & folder, std::string const & name, int de
 /// What the process holds open: descriptors, or handles.
 std::size_t CountHandles();
 std::size_t CountThreads();
+/// Returns when these threads, by the host's numbers, sleep in the kernel; where the host doesn't tell, when they have
+/// had the time for it.
+void WaitUntilAsleep(std::vector<unsigned long> const & threads);
 
 /// What a process has for its stdout.
 enum class Stdout

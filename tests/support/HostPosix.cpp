@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <thread>
 
 #include <fcntl.h>
 #include <malloc.h>
@@ -35,6 +36,15 @@ std::size_t CountEntries(char const * folder)
 {
     fs::directory_iterator const all(folder);
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+bool IsAsleep(unsigned long thread)
+{
+    std::ifstream stat("/proc/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    auto const end = text.rfind(')');
+    return end != text.npos && text[end + 2] == 'S';
 }
 
 std::string ReadToEnd(int file)
@@ -219,6 +229,15 @@ std::size_t CountHandles()
 std::size_t CountThreads()
 {
     return CountEntries("/proc/self/task");
+}
+
+void WaitUntilAsleep(std::vector<unsigned long> const & threads)
+{
+    // A single look could meet one that sleeps on a lock which another of them has: all have to be found asleep twice.
+    for (int nQuiet = 0; nQuiet < 2; std::this_thread::yield())
+    {
+        nQuiet = std::all_of(threads.begin(), threads.end(), IsAsleep) ? nQuiet + 1 : 0;
+    }
 }
 
 struct Process::Parts

@@ -15,6 +15,7 @@
 
 #include <psapi.h>
 #include <tlhelp32.h>
+#include <winternl.h>
 
 namespace fs = std::filesystem;
 
@@ -98,15 +99,34 @@ std::wstring GetEnvironment(host::Process::Variables const & own)
     return block + L'\0';
 }
 
-struct NtCalls
+template <class CALL>
+CALL GetNtCall(char const * name)
 {
-    using Call = LONG(NTAPI *)(HANDLE);
+    return reinterpret_cast<CALL>(reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), name)));
+}
 
-    static Call Get(char const * name)
+template <class ACTION>
+void VisitSystemProcesses(ACTION const & action)
+{
+    static auto * const s_query = GetNtCall<decltype(&NtQuerySystemInformation)>("NtQuerySystemInformation");
+    constexpr LONG TOO_SMALL = static_cast<LONG>(0xC0000004);
+    std::vector<std::byte> room(1 << 16);
+    for (ULONG needed = 0;
+         s_query(SystemProcessInformation, room.data(), static_cast<ULONG>(room.size()), &needed) == TOO_SMALL;)
     {
-        return reinterpret_cast<Call>(reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), name)));
+        room.resize(2 * room.size());
     }
-};
+    for (std::byte const * at = room.data();;)
+    {
+        auto const & process = *reinterpret_cast<SYSTEM_PROCESS_INFORMATION const *>(at);
+        action(process);
+        if (process.NextEntryOffset == 0)
+        {
+            return;
+        }
+        at += process.NextEntryOffset;
+    }
+}
 } // namespace
 
 namespace host
@@ -201,8 +221,16 @@ void MakeDeepFolder(std::string const & folder, std::string const & name, int de
 
 std::size_t CountHandles()
 {
-    DWORD count = 0;
-    EXPECT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &count));
+    // GetProcessHandleCount is always 0 under Wine; this is where Windows has it from.
+    std::size_t count = 0;
+    VisitSystemProcesses(
+        [&](SYSTEM_PROCESS_INFORMATION const & process)
+        {
+            if (process.UniqueProcessId == UlongToHandle(GetCurrentProcessId()))
+            {
+                count = process.HandleCount;
+            }
+        });
     return count;
 }
 
@@ -218,6 +246,11 @@ std::size_t CountThreads()
     }
     CloseHandle(all);
     return count;
+}
+
+void WaitUntilAsleep(std::vector<unsigned long> const &)
+{
+    Sleep(100); // Wine tells no states of threads
 }
 
 struct Process::Parts
@@ -366,12 +399,12 @@ int Process::Kill()
 
 void Process::Stop() const
 {
-    NtCalls::Get("NtSuspendProcess")(m_parts->hProcess);
+    GetNtCall<LONG(NTAPI *)(HANDLE)>("NtSuspendProcess")(m_parts->hProcess);
 }
 
 void Process::Continue() const
 {
-    NtCalls::Get("NtResumeProcess")(m_parts->hProcess);
+    GetNtCall<LONG(NTAPI *)(HANDLE)>("NtResumeProcess")(m_parts->hProcess);
 }
 
 unsigned long Process::GetId() const

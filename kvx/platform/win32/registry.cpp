@@ -569,8 +569,12 @@ LONG DeleteKey(HKEY hKey, LPCWSTR pszSubKey, bool bRecursive) noexcept
                                for (KeyId const id : tree)
                                {
                                    changes.Add(id);
+                                   bool const bKeep = bRecursive && names.empty() && id == place.id;
                                    for (Sql const sql : {Sql::DeleteValues, Sql::DeleteKey})
-                                       if (LONG const nError = StoreQuery(connection, sql).Bind(id).Run(); nError != 0)
+                                       if (LONG const nError = bKeep && sql == Sql::DeleteKey
+                                                                   ? 0
+                                                                   : StoreQuery(connection, sql).Bind(id).Run();
+                                           nError != 0)
                                            return nError;
                                }
                                return 0;

@@ -90,7 +90,8 @@ KVX_API LONG RegCloseKey(HKEY hKey) noexcept;
 /// null path.
 KVX_API LONG RegDeleteKeyW(HKEY hKey, LPCWSTR pszSubKey) noexcept;
 
-/// Deletes a key with all that is below it, at once or not at all. Null is the empty path. Errors as RegDeleteKeyW.
+/// Deletes a key with all that is below it, at once or not at all; with an empty path or null, all that is in hKey,
+/// which stays. Errors as RegDeleteKeyW.
 KVX_API LONG SHDeleteKeyW(HKEY hKey, LPCWSTR pszSubKey) noexcept;
 
 /// Reads a value; a null or empty name is the key's default value. *pdwSize is the room in bytes, and afterwards the

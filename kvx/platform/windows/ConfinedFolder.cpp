@@ -1,9 +1,14 @@
 #include "kvx/platform/ConfinedFolder.h"
 
+#include "HeldFolder.h"
+
+#include <algorithm>
 #include <atomic>
+#include <string_view>
 
 namespace kvx
 {
+using windows::HeldFolder;
 
 namespace
 {
@@ -17,31 +22,47 @@ std::wstring ToWide(std::string const & text)
     return wide;
 }
 
-bool IsName(std::string const & name)
+bool IsSameText(std::wstring_view a, std::wstring_view b)
 {
-    return !name.empty() && name != "." && name != ".." && name.find_first_of(std::string("/\\:\0", 4)) == name.npos;
+    return CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
+           CSTR_EQUAL;
 }
 
-bool MakeFolder(std::wstring const & path)
+/// What the system takes for a device, whatever extension it has.
+bool IsDevice(std::wstring_view name)
 {
-    if (!CreateDirectoryW(path.c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS)
-        return false;
-    DWORD const nAttributes = GetFileAttributesW(path.c_str());
-    if (nAttributes == INVALID_FILE_ATTRIBUTES)
-        return false;
-    if (!(nAttributes & FILE_ATTRIBUTE_DIRECTORY) || nAttributes & FILE_ATTRIBUTE_REPARSE_POINT)
+    std::wstring_view stem = name.substr(0, name.find(L'.'));
+    stem = stem.substr(0, stem.find_last_not_of(L' ') + 1);
+    for (std::wstring_view const device : {L"CON", L"PRN", L"AUX", L"NUL", L"CONIN$", L"CONOUT$"})
     {
-        SetLastError(ERROR_CANT_ACCESS_FILE);
-        return false;
+        if (IsSameText(stem, device))
+        {
+            return true;
+        }
     }
-    return true;
+    return stem.size() == 4 && (IsSameText(stem.substr(0, 3), L"COM") || IsSameText(stem.substr(0, 3), L"LPT")) &&
+           std::wstring_view(L"0123456789\u00b9\u00b2\u00b3").find(stem[3]) != stem.npos;
+}
+
+/// One that means itself and nothing else: no separator, stream, pattern or device, and no end that the system drops.
+bool IsName(std::wstring_view name)
+{
+    return !name.empty() && !name.ends_with(L'.') && !name.ends_with(L' ') && !IsDevice(name) &&
+           name.find_first_of(L"<>:\"/\\|?*") == name.npos &&
+           std::ranges::all_of(name, [](wchar_t c) { return c >= L' '; });
+}
+
+HANDLE CreateNew(std::wstring const & path)
+{
+    return CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                       FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
 }
 
 class File : public ConfinedFile
 {
 public:
-    File(std::wstring temporary, std::wstring path, HANDLE hFile)
-        : m_temporary(std::move(temporary)), m_path(std::move(path)), m_hFile(hFile)
+    File(std::wstring temporary, std::wstring path, HANDLE hFile, std::vector<HeldFolder> folders)
+        : m_temporary(std::move(temporary)), m_path(std::move(path)), m_hFile(hFile), m_folders(std::move(folders))
     {
     }
     ~File() override
@@ -74,6 +95,7 @@ private:
     std::wstring m_temporary; // empty when it is finished
     std::wstring m_path;
     HANDLE m_hFile;
+    std::vector<HeldFolder> m_folders; // on the way to it
 
     void Close()
     {
@@ -86,45 +108,87 @@ private:
 class Folder : public ConfinedFolder
 {
 public:
-    explicit Folder(std::wstring path) : m_path(std::move(path)) {}
+    explicit Folder(HeldFolder folder) : m_folder(std::move(folder)), m_path(m_folder.GetPath())
+    {
+        if (m_path.ends_with(L'\\')) // a root
+            m_path.pop_back();
+    }
 
     std::unique_ptr<ConfinedFile> Create(std::vector<std::string> const & names) override
     {
-        std::wstring path = m_path;
+        std::wstring folder = m_path;
+        std::vector<HeldFolder> held;
+        std::wstring name;
         for (std::size_t i = 0; i < names.size(); ++i)
         {
-            if (!IsName(names[i]))
+            name = ToWide(names[i]);
+            if (!IsName(name))
             {
-                SetLastError(ERROR_INVALID_NAME);
+                return Refuse(ERROR_INVALID_NAME);
+            }
+            if (i + 1 == names.size())
+            {
+                break;
+            }
+            folder += L'\\' + name;
+            if (!CreateDirectoryW(folder.c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS)
+            {
                 return nullptr;
             }
-            path += L'\\' + ToWide(names[i]);
-            if (i + 1 < names.size() && !MakeFolder(path))
-                return nullptr;
+            held.emplace_back(folder, HeldFolder::Links::Open);
+            if (!held.back().IsReal())
+            {
+                return Refuse(ERROR_CANT_ACCESS_FILE);
+            }
         }
         if (names.empty())
         {
-            SetLastError(ERROR_INVALID_NAME);
-            return nullptr;
+            return Refuse(ERROR_INVALID_NAME);
         }
+        std::wstring path = folder + L'\\' + name;
         DWORD const nFound = GetFileAttributesW(path.c_str());
         if (nFound != INVALID_FILE_ATTRIBUTES && nFound & FILE_ATTRIBUTE_DIRECTORY)
         {
-            SetLastError(ERROR_DIRECTORY);
-            return nullptr;
+            return Refuse(ERROR_DIRECTORY);
         }
         static std::atomic<unsigned> s_nNext;
-        std::wstring temporary =
-            path + L".kvx-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(s_nNext++);
-        HANDLE const hFile = CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                         FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+        std::wstring temporary;
+        HANDLE hFile = INVALID_HANDLE_VALUE;
+        do
+        {
+            temporary =
+                folder + L"\\.kvx-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(s_nNext++);
+            hFile = CreateNew(temporary);
+        } while (hFile == INVALID_HANDLE_VALUE && GetLastError() == ERROR_FILE_EXISTS);
         if (hFile == INVALID_HANDLE_VALUE)
             return nullptr;
-        return std::make_unique<File>(std::move(temporary), std::move(path), hFile);
+        // An empty folder can become a link while it is held; with this file in it, no longer.
+        bool const bInside = IsInside(HeldFolder::GetPath(hFile), held);
+        auto file = std::make_unique<File>(std::move(temporary), std::move(path), hFile, std::move(held));
+        if (!bInside)
+        {
+            return Refuse(ERROR_CANT_ACCESS_FILE);
+        }
+        return file;
     }
 
 private:
-    std::wstring m_path;
+    HeldFolder m_folder;
+    std::wstring m_path; // without a separator at its end
+
+    /// Wine doesn't tell long paths: there the folders have to do.
+    bool IsInside(std::wstring_view place, std::vector<HeldFolder> const & held) const
+    {
+        return place.empty() ? std::ranges::all_of(held, &HeldFolder::IsReal)
+                             : place.size() > m_path.size() && place[m_path.size()] == L'\\' &&
+                                   IsSameText(place.substr(0, m_path.size()), m_path);
+    }
+
+    static std::unique_ptr<ConfinedFile> Refuse(DWORD error)
+    {
+        SetLastError(error);
+        return nullptr;
+    }
 };
 
 } // namespace
@@ -132,13 +196,20 @@ private:
 std::unique_ptr<ConfinedFolder> ConfinedFolder::Open(std::string const & path)
 {
     std::wstring const wide = ToWide(path);
-    for (std::size_t nEnd = wide.find_first_of(L"\\/", 1);; nEnd = wide.find_first_of(L"\\/", nEnd + 1))
+    std::wstring full(32768, L'\0');
+    DWORD const nLength = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+    if (nLength == 0 || nLength >= full.size())
+        return nullptr;
+    full.resize(nLength);
+    if (!full.starts_with(L"\\\\?\\"))
+        full = full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
+    for (std::size_t nEnd = full.find(L'\\', 4);; nEnd = full.find(L'\\', nEnd + 1))
     {
-        CreateDirectoryW(wide.substr(0, nEnd).c_str(), nullptr);
-        if (nEnd == wide.npos)
+        CreateDirectoryW(full.substr(0, nEnd).c_str(), nullptr);
+        if (nEnd == full.npos)
             break;
     }
-    DWORD const nAttributes = GetFileAttributesW(wide.c_str());
+    DWORD const nAttributes = GetFileAttributesW(full.c_str());
     if (nAttributes == INVALID_FILE_ATTRIBUTES)
         return nullptr;
     if (!(nAttributes & FILE_ATTRIBUTE_DIRECTORY))
@@ -146,7 +217,8 @@ std::unique_ptr<ConfinedFolder> ConfinedFolder::Open(std::string const & path)
         SetLastError(ERROR_DIRECTORY);
         return nullptr;
     }
-    return std::make_unique<Folder>(wide);
+    HeldFolder folder(full, HeldFolder::Links::Follow);
+    return folder.IsOpen() ? std::make_unique<Folder>(std::move(folder)) : nullptr;
 }
 
 bool IsProgram(std::string const &)

@@ -1,12 +1,15 @@
 #include "kvx/platform/FolderTree.h"
 
+#include "HeldFolder.h"
+
 #include <algorithm>
-#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kvx
 {
+using windows::HeldFolder;
 namespace
 {
 constexpr std::wstring_view LONG_PREFIX = L"\\\\?\\";
@@ -21,20 +24,21 @@ std::wstring ToFolder(std::wstring_view folder)
     return path;
 }
 
-/// What lies deep needs the prefix, which takes full paths without slashes alone.
+/// For the system: with the prefix names mean themselves, whatever they end in and however deep they lie. It takes full
+/// paths without slashes alone; only the path of the first folder has to be made one.
 std::wstring ToSystem(std::wstring const & path)
 {
-    if (path.size() < MAX_PATH - 12 || path.starts_with(LONG_PREFIX))
-    {
-        return path;
-    }
     std::wstring full(32768, L'\0');
     DWORD const length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-    if (length == 0 || length >= full.size())
+    if (length == 0 || length >= full.size() || path.starts_with(LONG_PREFIX))
     {
         return path;
     }
     full.resize(length);
+    if (full.starts_with(L"\\\\.\\"))
+    {
+        return full;
+    }
     return full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : std::wstring(LONG_PREFIX) + full;
 }
 
@@ -49,8 +53,8 @@ template <class ACTION>
 DWORD Search(std::wstring const & pattern, ACTION const & action)
 {
     WIN32_FIND_DATAW data;
-    HANDLE const search = FindFirstFileExW(ToSystem(pattern).c_str(), FindExInfoBasic, &data, FindExSearchNameMatch,
-                                           nullptr, FIND_FIRST_EX_LARGE_FETCH);
+    HANDLE const search = FindFirstFileExW(pattern.c_str(), FindExInfoBasic, &data, FindExSearchNameMatch, nullptr,
+                                           FIND_FIRST_EX_LARGE_FETCH);
     if (search == INVALID_HANDLE_VALUE)
     {
         DWORD const code = GetLastError();
@@ -88,36 +92,6 @@ void ClearReadOnly(std::wstring const & path, DWORD attributes)
         SetFileAttributesW(path.c_str(), attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
     }
 }
-/// Keeps a folder what and where it is as long as it lives.
-class HeldFolder
-{
-public:
-    explicit HeldFolder(std::wstring const & path)
-        : m_handle(CreateFileW(path.c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                               OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr))
-    {
-    }
-    HeldFolder(HeldFolder const &) = delete;
-    HeldFolder & operator=(HeldFolder const &) = delete;
-    ~HeldFolder()
-    {
-        if (m_handle != INVALID_HANDLE_VALUE)
-        {
-            CloseHandle(m_handle);
-        }
-    }
-
-    /// Neither a link nor anything that couldn't be opened.
-    bool IsReal() const
-    {
-        BY_HANDLE_FILE_INFORMATION info;
-        return m_handle != INVALID_HANDLE_VALUE && GetFileInformationByHandle(m_handle, &info) &&
-               !(info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT);
-    }
-
-private:
-    HANDLE m_handle;
-};
 } // namespace
 
 DWORD VisitFolderTree(std::wstring_view folder, LPCWSTR pattern, bool bRecursive,
@@ -127,15 +101,18 @@ DWORD VisitFolderTree(std::wstring_view folder, LPCWSTR pattern, bool bRecursive
     // all, one search does.
     bool const bAll = std::wstring_view(pattern) == L"*";
     std::wstring path = ToFolder(folder);
+    std::wstring const root = ToSystem(path);
+    std::size_t const rootLength = path.size();
     std::vector<Level> levels;
     DWORD error = 0;
     auto const enter = [&]
     {
         Level level{{}, path.size()};
+        std::wstring const system = root + path.substr(rootLength);
         DWORD code = 0;
         if (!bAll)
         {
-            code = Search(path + pattern,
+            code = Search(system + pattern,
                           [&](WIN32_FIND_DATAW const & data)
                           {
                               if (!IsRealFolder(data))
@@ -144,7 +121,7 @@ DWORD VisitFolderTree(std::wstring_view folder, LPCWSTR pattern, bool bRecursive
                               }
                           });
         }
-        DWORD const all = Search(path + L"*",
+        DWORD const all = Search(system + L"*",
                                  [&](WIN32_FIND_DATAW const & data)
                                  {
                                      if (IsRealFolder(data))
@@ -185,58 +162,72 @@ DWORD VisitFolderTree(std::wstring_view folder, LPCWSTR pattern, bool bRecursive
 
 void EmptyFolderTree(std::wstring_view folder, bool bThroughLink)
 {
-    std::wstring path = ToFolder(folder);
-    std::optional<HeldFolder> held;
-    if (!bThroughLink)
+    struct Held
     {
-        // A separator at the end would lead through the link, and a drive's root needs it.
+        HeldFolder folder;
+        std::vector<std::wstring> folders; // in it, that are still to be emptied
+        std::size_t length;                // of its path
+    };
+    std::wstring path = ToSystem(ToFolder(folder));
+    std::vector<Held> levels;
+    auto const enter = [&](HeldFolder::Links links)
+    {
+        // A separator at the end would lead through a link, and a drive's root needs it.
         bool const bRoot = path.size() < 2 || path[path.size() - 2] == L':';
-        held.emplace(ToSystem(bRoot ? path : path.substr(0, path.find_last_not_of(L"\\/") + 1)));
-        if (!held->IsReal())
+        Held level{HeldFolder(bRoot ? path : path.substr(0, path.size() - 1), links), {}, path.size()};
+        std::vector<std::pair<std::wstring, DWORD>> entries;
+        if (level.folder.IsReal())
+        {
+            Search(path + L"*",
+                   [&](WIN32_FIND_DATAW const & data) { entries.emplace_back(data.cFileName, data.dwFileAttributes); });
+        }
+        // While it was empty it could become a link, also when it is held.
+        if (!level.folder.IsReal())
         {
             return;
         }
-    }
-    std::vector<Level> levels;
-    auto const enter = [&]
-    {
-        Level level{{}, path.size()};
-        Search(path + L"*",
-               [&](WIN32_FIND_DATAW const & data)
-               {
-                   std::wstring const entry = ToSystem(path + data.cFileName);
-                   ClearReadOnly(entry, data.dwFileAttributes);
-                   if (IsRealFolder(data))
-                   {
-                       level.folders.push_back(data.cFileName);
-                   }
-                   else if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                   {
-                       RemoveDirectoryW(entry.c_str()); // the link alone
-                   }
-                   else
-                   {
-                       DeleteFileW(entry.c_str());
-                   }
-               });
+        for (auto const & [name, attributes] : entries)
+        {
+            std::wstring const entry = path + name;
+            ClearReadOnly(entry, attributes);
+            if (!(attributes & FILE_ATTRIBUTE_DIRECTORY))
+            {
+                DeleteFileW(entry.c_str());
+            }
+            else if (attributes & FILE_ATTRIBUTE_REPARSE_POINT)
+            {
+                RemoveDirectoryW(entry.c_str()); // the link alone
+            }
+            else
+            {
+                level.folders.push_back(name);
+            }
+        }
         levels.push_back(std::move(level));
     };
-    enter();
+    enter(bThroughLink ? HeldFolder::Links::Follow : HeldFolder::Links::Open);
     while (!levels.empty())
     {
-        Level & level = levels.back();
+        Held & level = levels.back();
         path.resize(level.length);
         if (!level.folders.empty())
         {
             path += level.folders.back() + L'\\';
             level.folders.pop_back();
-            enter();
-            continue;
+            std::size_t const depth = levels.size();
+            enter(HeldFolder::Links::Open);
+            if (levels.size() > depth)
+            {
+                continue;
+            }
         }
-        levels.pop_back();
+        else
+        {
+            levels.pop_back(); // and is no longer held
+        }
         if (!levels.empty())
         {
-            RemoveDirectoryW(ToSystem(path.substr(0, path.size() - 1)).c_str());
+            RemoveDirectoryW(path.substr(0, path.size() - 1).c_str());
         }
     }
 }

@@ -6,7 +6,10 @@ LONG SetRegistryValues(std::span<RegistryValue const> values)
 {
     for (RegistryValue const & value : values)
     {
-        LONG const code = RegSetValueExW(value.key, value.strName.c_str(), 0, value.nType, value.data.data(),
+        // A NUL that happens to stand behind a text would be stored with it.
+        std::vector<BYTE> data = value.data;
+        data.insert(data.end(), sizeof(WCHAR), 0xFF);
+        LONG const code = RegSetValueExW(value.key, value.strName.c_str(), 0, value.nType, data.data(),
                                          static_cast<DWORD>(value.data.size()));
         if (code != 0)
         {

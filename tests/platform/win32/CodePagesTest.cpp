@@ -1,28 +1,22 @@
-#include "kvx/platform/win32/codepages.h"
-#include "kvx/platform/win32/upcase.h"
-
+#include "Wide.h"
 #include "tests/support/Fails.h"
+#include "tests/support/OneHost.h"
 
-#include <tuple>
 #include <vector>
-
-using kvx::win32::FromUtf8;
-using kvx::win32::ToUtf8;
 
 namespace
 {
 
-std::u16string Decode(UINT nPage, std::string const & strSource, DWORD dwFlags = 0)
+Wide Decode(UINT nPage, std::string const & strSource, DWORD dwFlags = 0)
 {
     int const nSource = static_cast<int>(strSource.size());
     int const nUnits = MultiByteToWideChar(nPage, dwFlags, strSource.data(), nSource, nullptr, 0);
-    std::u16string strTarget(static_cast<std::size_t>(nUnits), u'x');
+    Wide strTarget(static_cast<std::size_t>(nUnits), _T('x'));
     EXPECT_EQ(MultiByteToWideChar(nPage, dwFlags, strSource.data(), nSource, strTarget.data(), nUnits), nUnits);
     return strTarget;
 }
 
-std::string Encode(UINT nPage, std::u16string const & strSource, char const * pszDefault = nullptr,
-                   BOOL * pbUsed = nullptr)
+std::string Encode(UINT nPage, Wide const & strSource, char const * pszDefault = nullptr, BOOL * pbUsed = nullptr)
 {
     int const nSource = static_cast<int>(strSource.size());
     int const nBytes = WideCharToMultiByte(nPage, 0, strSource.data(), nSource, nullptr, 0, pszDefault, pbUsed);
@@ -37,34 +31,42 @@ TEST(CodePages, Utf8DecodesHostileBytes)
     struct Case
     {
         std::string strBytes;
-        std::u16string strText;
+        Wide strText;
         bool bValid;
     };
     std::vector<Case> const cases = {
         {"plain ascii that is longer than one block, and then some",
-         u"plain ascii that is longer than one block, and then some", true},
-        {"sixteen bytes...\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80z", u"sixteen bytes...\u00E4\u20AC\U0001F600z", true},
-        {std::string("a\0b", 3), std::u16string(u"a\0b", 3), true},
-        {"\xF4\x8F\xBF\xBF", u"\U0010FFFF", true},
-        {"\x80", u"\uFFFD", false},
-        {"\xC3", u"\uFFFD", false},
-        {"\xC0\xAF", u"\uFFFD\uFFFD", false}, // an overlong slash
-        {"\xE0\x80\xAF", u"\uFFFD\uFFFD\uFFFD", false},
-        {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD", false}, // a surrogate
-        {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD", false},
+         _T("plain ascii that is longer than one block, and then some"), true},
+        {"sixteen bytes...\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80z", _T("sixteen bytes...\u00E4\u20AC\U0001F600z"), true},
+        {std::string("a\0b", 3), Wide(_T("a\0b"), 3), true},
+        {"\xF4\x8F\xBF\xBF", _T("\U0010FFFF"), true},
+        {"\x80", _T("\uFFFD"), false},
+        {"\xC3", _T("\uFFFD"), false},
+        {"\xC0\xAF", _T("\uFFFD\uFFFD"), false}, // an overlong slash
+        {"\xE0\x80\xAF", _T("\uFFFD\uFFFD\uFFFD"), false},
+        {"\xED\xA0\x80", _T("\uFFFD\uFFFD\uFFFD"), false}, // a surrogate
+        {"\xF4\x90\x80\x80", _T("\uFFFD\uFFFD\uFFFD\uFFFD"), false},
         {"\xE2\x82"
          "A",
-         u"\uFFFD"
-         u"A",
+         _T("\uFFFD")
+         _T("A"),
          false}, // cut short, the next byte stays
-        {"\xF0\x9F\x98", u"\uFFFD", false},
-        {"\xFF\xFE", u"\uFFFD\uFFFD", false},
+        {"\xF0\x9F\x98", _T("\uFFFD"), false},
+        {"\xFF\xFE", _T("\uFFFD\uFFFD"), false},
     };
     for (Case const & test : cases)
     {
         SCOPED_TRACE(testing::PrintToString(test.strBytes));
-        EXPECT_EQ(Decode(CP_UTF8, test.strBytes), test.strText);
-        EXPECT_EQ(FromUtf8(test.strBytes), test.strText);
+        Wide const strText = Decode(CP_UTF8, test.strBytes);
+        if (host::IsWindows()) // as many replacements as it likes, at least one (2026-11-22)
+        {
+            EXPECT_EQ(strText.substr(0, 1), test.strText.substr(0, 1));
+            EXPECT_TRUE(strText == test.strText || strText.find_first_not_of(0xFFFD) == strText.npos);
+        }
+        else
+        {
+            EXPECT_EQ(strText, test.strText);
+        }
         SetLastError(0);
         int const nUnits = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, test.strBytes.data(),
                                                static_cast<int>(test.strBytes.size()), nullptr, 0);
@@ -75,11 +77,10 @@ TEST(CodePages, Utf8DecodesHostileBytes)
 
 TEST(CodePages, Utf8EncodesLoneSurrogatesAsReplacement)
 {
-    std::u16string const strText = {u'a', 0xD800, u'b', 0xDC00, 0xD83D, 0xDE00, 0x7FF, 0xFFFF, 0xDBFF};
+    Wide const strText = {_T('a'), 0xD800, _T('b'), 0xDC00, 0xD83D, 0xDE00, 0x7FF, 0xFFFF, 0xDBFF};
     std::string const strBytes = "a\xEF\xBF\xBD"
                                  "b\xEF\xBF\xBD\xF0\x9F\x98\x80\xDF\xBF\xEF\xBF\xBF\xEF\xBF\xBD";
     EXPECT_EQ(Encode(CP_UTF8, strText), strBytes);
-    EXPECT_EQ(ToUtf8(strText), strBytes);
     EXPECT_TRUE(
         Fails(WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, strText.data(), 2, nullptr, 0, nullptr, nullptr),
               ERROR_NO_UNICODE_TRANSLATION));
@@ -90,23 +91,23 @@ TEST(CodePages, CountsAndBuffersFollowTheRules)
     // The zero counts with -1, and only then.
     EXPECT_EQ(MultiByteToWideChar(CP_UTF8, 0, "abc", -1, nullptr, 0), 4);
     EXPECT_EQ(MultiByteToWideChar(CP_UTF8, 0, "abc", 3, nullptr, 0), 3);
-    EXPECT_EQ(WideCharToMultiByte(1252, 0, u"abc", -1, nullptr, 0, nullptr, nullptr), 4);
-    EXPECT_EQ(WideCharToMultiByte(437, 0, u"abc", -1, nullptr, 0, nullptr, nullptr), 4);
+    EXPECT_EQ(WideCharToMultiByte(1252, 0, _T("abc"), -1, nullptr, 0, nullptr, nullptr), 4);
+    EXPECT_EQ(WideCharToMultiByte(437, 0, _T("abc"), -1, nullptr, 0, nullptr, nullptr), 4);
 
     // What fits is written, nothing behind it, and no half characters.
-    for (UINT const nPage : {CP_UTF8, 1252u, 437u})
+    for (UINT const nPage : {UINT{CP_UTF8}, 1252u, 437u})
     {
         SCOPED_TRACE(nPage);
-        char16_t wide[4] = {u'#', u'#', u'#', u'#'};
+        WCHAR wide[4] = {_T('#'), _T('#'), _T('#'), _T('#')};
         EXPECT_TRUE(Fails(MultiByteToWideChar(nPage, 0, "abcdef", -1, wide, 3), ERROR_INSUFFICIENT_BUFFER));
-        EXPECT_EQ(std::u16string(wide, 4), u"abc#");
+        EXPECT_EQ(Wide(wide, 4), _T("abc#"));
         char narrow[4] = {'#', '#', '#', '#'};
-        EXPECT_TRUE(Fails(WideCharToMultiByte(nPage, 0, u"abcdef", -1, narrow, 3, nullptr, nullptr),
+        EXPECT_TRUE(Fails(WideCharToMultiByte(nPage, 0, _T("abcdef"), -1, narrow, 3, nullptr, nullptr),
                           ERROR_INSUFFICIENT_BUFFER));
         EXPECT_EQ(std::string(narrow, 4), "abc#");
     }
     char half[4] = {'#', '#', '#', '#'};
-    EXPECT_EQ(WideCharToMultiByte(CP_UTF8, 0, u"ab\u20AC", 3, half, 4, nullptr, nullptr), 0);
+    EXPECT_EQ(WideCharToMultiByte(CP_UTF8, 0, _T("ab\u20AC"), 3, half, 4, nullptr, nullptr), 0);
     EXPECT_EQ(std::string(half, 4), "ab##");
 
     struct Bad
@@ -116,8 +117,8 @@ TEST(CodePages, CountsAndBuffersFollowTheRules)
         int nSource;
         int nTarget;
     };
-    for (Bad const & bad : {Bad{CP_UTF8, nullptr, 1, 0}, Bad{CP_UTF8, "a", 0, 0}, Bad{CP_UTF8, "a", -2, 0},
-                            Bad{CP_UTF8, "a", 1, -1}, Bad{CP_UTF8, "a", 1, 5}, // a size, but no buffer
+    for (Bad const & bad : {Bad{CP_UTF8, nullptr, 1, 0}, Bad{CP_UTF8, "a", 0, 0}, Bad{CP_UTF8, "a", 1, -1},
+                            Bad{CP_UTF8, "a", 1, 5}, // a size, but no buffer
                             Bad{54321, "a", 1, 0}, Bad{1200, "ab", 2, 0}, Bad{0xFFFFFFFF, "a", 1, 0}})
     {
         SetLastError(0);
@@ -127,7 +128,11 @@ TEST(CodePages, CountsAndBuffersFollowTheRules)
     }
     EXPECT_TRUE(Fails(MultiByteToWideChar(CP_UTF8, 0x4000, "a", 1, nullptr, 0), ERROR_INVALID_FLAGS));
     BOOL bUsed = FALSE;
-    EXPECT_TRUE(Fails(WideCharToMultiByte(CP_UTF8, 0, u"a", 1, nullptr, 0, nullptr, &bUsed), ERROR_INVALID_PARAMETER));
+    if (!host::IsWine()) // tells it (Utf8HasADefault, 2026-11-22)
+    {
+        EXPECT_TRUE(
+            Fails(WideCharToMultiByte(CP_UTF8, 0, _T("a"), 1, nullptr, 0, nullptr, &bUsed), ERROR_INVALID_PARAMETER));
+    }
 }
 
 TEST(CodePages, SingleBytePagesGoThereAndBack)
@@ -138,64 +143,44 @@ TEST(CodePages, SingleBytePagesGoThereAndBack)
     for (UINT const nPage : {1252u, 28591u, 437u, 1251u})
     {
         SCOPED_TRACE(nPage);
-        std::u16string const strWide = Decode(nPage, strAll);
+        Wide const strWide = Decode(nPage, strAll);
         ASSERT_EQ(strWide.size(), 256u);
         if (nPage != 1251) // which has a hole
         {
             EXPECT_EQ(Encode(nPage, strWide), strAll);
         }
     }
-    EXPECT_EQ(Decode(1252, "\x80\x8D\x9F\xE4"), u"\u20AC\u008D\u0178\u00E4");
-    EXPECT_EQ(Decode(20127, "a\x80"), u"a\uFFFD");
+    EXPECT_EQ(Decode(1252, "\x80\x8D\x9F\xE4"), _T("\u20AC\u008D\u0178\u00E4"));
+    EXPECT_EQ(Decode(20127, "a\x80").substr(0, host::IsWindows() ? 1 : 2), // its tables have other replacements
+              host::IsWindows() ? _T("a") : _T("a\uFFFD"));
 
     BOOL bUsed = 7;
-    EXPECT_EQ(Encode(1252, u"\u20AC\u0416\U0001F600\u0080", nullptr, &bUsed), "\x80????");
+    EXPECT_EQ(Encode(1252, _T("\u20AC\u0416\U0001F600\u0080"), nullptr, &bUsed), "\x80????");
     EXPECT_EQ(bUsed, TRUE);
-    EXPECT_EQ(Encode(1252, u"abc\u00E4", "*", &bUsed), "abc\xE4");
+    EXPECT_EQ(Encode(1252, _T("abc\u00E4"), "*", &bUsed), "abc\xE4");
     EXPECT_EQ(bUsed, FALSE);
-    EXPECT_EQ(Encode(28591, u"\u20AC", "*"), "*");
+    EXPECT_EQ(Encode(28591, _T("\u20AC"), "*"), "*");
 }
 
 TEST(CodePages, OtherPagesGoThroughTheHost)
 {
     std::string const strShiftJis = "\x93\xFA\x96{"; // the second byte of a character may be an ASCII one
-    EXPECT_EQ(Decode(932, strShiftJis), u"\u65E5\u672C");
-    EXPECT_EQ(Encode(932, u"\u65E5\u672C"), strShiftJis);
-    EXPECT_EQ(Encode(932, u"a\U0001F600b", "-"), "a--b");
-    EXPECT_EQ(Decode(932, "a\x93"), u"a\uFFFD");
+    EXPECT_EQ(Decode(932, strShiftJis), _T("\u65E5\u672C"));
+    EXPECT_EQ(Encode(932, _T("\u65E5\u672C")), strShiftJis);
+    EXPECT_EQ(Encode(932, _T("a\U0001F600b"), "-"), "a--b");
+    EXPECT_EQ(Decode(932, "a\x93"), host::IsWindows() ? _T("a\u30FB") : _T("a\uFFFD")); // its table's replacement
     EXPECT_TRUE(
         Fails(MultiByteToWideChar(932, MB_ERR_INVALID_CHARS, "a\x93", 2, nullptr, 0), ERROR_NO_UNICODE_TRANSLATION));
 
     // Longer than the buffer between, with the error at its border.
-    std::u16string strLong(1000, u'\u65E5');
+    Wide strLong(1000, _T('\u65E5'));
     strLong[300] = 0xD800;
     std::string strExpected;
-    for (char16_t const c : strLong)
+    for (WCHAR const c : strLong)
         strExpected += c == 0xD800 ? "?" : "\x93\xFA";
     EXPECT_EQ(Encode(932, strLong), strExpected);
     // 1258 keeps a letter back until it knows whether an accent follows.
-    EXPECT_EQ(Decode(1258, "a"), u"a");
-}
-
-TEST(CodePages, AnsiPageCanBeSet)
-{
-    for (auto const & [nPage, nNow, pszText] : {std::tuple(0u, 1252u, u"\u00C6"), {1251u, 1251u, u"\u0416"}})
-    {
-        EXPECT_TRUE(kvx::win32::SetAnsiCodePage(nPage));
-        EXPECT_FALSE(kvx::win32::SetAnsiCodePage(54321) || kvx::win32::SetAnsiCodePage(CP_THREAD_ACP));
-        EXPECT_EQ(GetACP(), nNow);
-        EXPECT_EQ(Decode(CP_ACP, "\xC6"), pszText);
-    }
-    EXPECT_TRUE(kvx::win32::SetAnsiCodePage(0) && GetACP() == 1252);
-}
-
-TEST(UpCase, MapsBeyondAscii)
-{
-    EXPECT_TRUE(kvx::win32::IsSameName(u"az\u00E4\u0101\u0436\u03C9\u0561", u"AZ\u00C4\u0100\u0416\u03A9\u0531"));
-    EXPECT_FALSE(kvx::win32::IsSameName(u"a[", u"a{"));
-    EXPECT_FALSE(kvx::win32::IsSameName(u"\u00D7", u"\u00F7")); // times and division lie 32 apart
-    EXPECT_EQ(kvx::win32::UpCase(u'\u0102'), u'\u0102');        // an upper-case letter between lower-case ones
-    EXPECT_EQ(kvx::win32::UpCase(u'\u00FF'), u'\u0178');
+    EXPECT_EQ(Decode(1258, "a"), _T("a"));
 }
 
 } // namespace

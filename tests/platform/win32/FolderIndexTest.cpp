@@ -1,8 +1,10 @@
+#include "kvx/platform/win32/codepages.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/folder_index.h"
+#include "kvx/platform/win32/paths.h"
 #include "kvx/platform/win32/sync.h"
 
-#include "TestFolder.h"
+#include "WideTestFolder.h"
 
 #include <atomic>
 #include <cctype>
@@ -21,7 +23,7 @@ namespace
 {
 
 /// The folder changes behind the library's back, as by another process.
-class FolderIndex : public TestFolder
+class FolderIndex : public WideTestFolder
 {
 protected:
     /// What a name leads to; empty for nothing.

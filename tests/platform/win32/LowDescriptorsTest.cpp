@@ -12,7 +12,7 @@
 #include "kvx/platform/win32/system.h"
 #include "kvx/platform/win32/threads.h"
 
-#include "TestFolder.h"
+#include "WideTestFolder.h"
 
 #include <functional>
 #include <vector>
@@ -26,7 +26,7 @@ using namespace kvx::win32;
 namespace
 {
 
-class LowDescriptors : public TestFolder
+class LowDescriptors : public WideTestFolder
 {
 protected:
     /// Everything that opens something for long; what a step opens stays open for the others.

@@ -1,19 +1,25 @@
 #pragma once
 
-#include "Descriptors.h"
-#include "kvx/platform/win32/handles.h"
+#include "tests/support/Host.h"
 
-/// At its end as many descriptors and handles are open as when it began.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+
+/// How many handles of our own table are open; on Windows, which counts all of them, none.
+std::size_t CountTableHandles();
+
+/// At its end as much is open as when it began.
 class NoLeaks
 {
 public:
     ~NoLeaks()
     {
-        EXPECT_EQ(CountDescriptors(), m_nDescriptors) << "descriptors leak";
-        EXPECT_EQ(kvx::win32::GetOpenHandleCount(), m_nHandles) << "handles leak";
+        EXPECT_EQ(host::CountHandles(), m_nOfHost) << "the host's descriptors or handles leak";
+        EXPECT_EQ(CountTableHandles(), m_nOfTable) << "handles leak";
     }
 
 private:
-    std::size_t const m_nDescriptors = CountDescriptors();
-    std::uint32_t const m_nHandles = kvx::win32::GetOpenHandleCount();
+    std::size_t const m_nOfHost = host::CountHandles();
+    std::size_t const m_nOfTable = CountTableHandles();
 };

@@ -1,7 +1,8 @@
 #include "kvx/platform/win32/paths.h"
+#include "kvx/platform/win32/codepages.h"
 #include "kvx/platform/win32/modules.h"
 
-#include "TestFolder.h"
+#include "WideTestFolder.h"
 #include "tests/support/Fails.h"
 
 #include <vector>
@@ -26,7 +27,7 @@ struct DriveC
     std::string strRoot;
 } const g_driveC;
 
-class Paths : public TestFolder
+class Paths : public WideTestFolder
 {
 protected:
     Paths() { m_strBefore = std::filesystem::current_path(); }

@@ -1,9 +1,10 @@
-#include "Asleep.h"
+#include "Churn.h"
 #include "Handle.h"
 #include "NoLeaks.h"
-#include "TestFolder.h"
-#include "tests/support/ChildProcess.h"
+#include "WideTestFolder.h"
 #include "tests/support/Fails.h"
+#include "tests/support/Host.h"
+#include "tests/support/OneHost.h"
 
 #include <atomic>
 #include <functional>
@@ -16,36 +17,54 @@ namespace
 
 constexpr int Rounds = 100;
 
-std::u16string PathOf(std::u16string const & strName)
+Wide PathOf(Wide const & strName)
 {
-    return u"\\\\.\\pipe\\" + strName;
+    return _T("\\\\.\\pipe\\") + strName;
 }
 
-HANDLE Serve(std::u16string const & strName, DWORD dwMode = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+HANDLE Serve(Wide const & strName, DWORD dwMode = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
              DWORD nInstances = PIPE_UNLIMITED_INSTANCES)
 {
-    return CreateNamedPipeW(PathOf(strName).c_str(), dwMode, 0, nInstances, 0, 0, 0, nullptr);
+    return CreateNamedPipeW(PathOf(strName).c_str(), dwMode, 0, nInstances, 65536, 65536, 0, nullptr);
 }
 
-HANDLE Open(std::u16string const & strName)
+HANDLE Open(Wide const & strName)
 {
     return CreateFileW(PathOf(strName).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
 }
 
+/// What an overlapped call has come to: nothing or its error code. Others are over when they return.
+DWORD Finish(HANDLE hPipe, BOOL bDone, OVERLAPPED & overlapped, DWORD & nDone)
+{
+    if (bDone || GetLastError() != ERROR_IO_PENDING)
+        return bDone ? 0 : GetLastError();
+    return GetOverlappedResult(hPipe, &overlapped, &nDone, TRUE) ? 0 : GetLastError();
+}
+
 bool Send(HANDLE hPipe, std::string const & strText)
 {
+    Handle const hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = hEvent;
     DWORD nWritten = 0;
-    return WriteFile(hPipe, strText.data(), static_cast<DWORD>(strText.size()), &nWritten, nullptr) &&
-           nWritten == strText.size();
+    BOOL const bDone = WriteFile(hPipe, strText.data(), static_cast<DWORD>(strText.size()), &nWritten, &overlapped);
+    DWORD const dwError = Finish(hPipe, bDone, overlapped, nWritten);
+    SetLastError(dwError);
+    return dwError == 0 && nWritten == strText.size();
 }
 
 /// What one read gives; the error code in brackets if it fails.
 std::string Receive(HANDLE hPipe, DWORD nSize = 100)
 {
+    Handle const hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = hEvent;
     std::string strText(nSize, 0);
     DWORD nRead = 0;
-    if (!ReadFile(hPipe, strText.data(), nSize, &nRead, nullptr))
-        return '<' + std::to_string(GetLastError()) + '>';
+    BOOL const bDone = ReadFile(hPipe, strText.data(), nSize, &nRead, &overlapped);
+    DWORD const dwError = Finish(hPipe, bDone, overlapped, nRead);
+    if (dwError != 0)
+        return '<' + std::to_string(dwError) + '>';
     strText.resize(nRead);
     return strText;
 }
@@ -68,20 +87,14 @@ DWORD Connect(HANDLE hPipe)
 }
 
 /// This program in another role, told by KVX_PIPE_ROLE.
-class Child : public ChildProcess
+class Child : public host::Process
 {
 public:
     explicit Child(std::string const & strRole)
-        : ChildProcess({"/proc/self/exe", "--gtest_filter=PipeRole.*"}, "KVX_PIPE_ROLE", strRole, 9)
+        : Process({host::GetProgram(), "--gtest_filter=PipeRole.*"}, host::Stdout::Pipe, {{"KVX_PIPE_ROLE", strRole}})
     {
     }
 };
-
-void Say(std::string const & strLine)
-{
-    std::string const strText = strLine + '\n';
-    EXPECT_EQ(::write(9, strText.data(), strText.size()), static_cast<ssize_t>(strText.size()));
-}
 
 /// The child's side. Each role runs until it is killed.
 TEST(PipeRole, Run)
@@ -92,9 +105,9 @@ TEST(PipeRole, Run)
     std::string const strRole(pszRole);
     if (strRole.starts_with("echo "))
     {
-        std::u16string const strName(strRole.begin() + 5, strRole.end());
+        Wide const strName(strRole.begin() + 5, strRole.end());
         HANDLE hPipe = Serve(strName);
-        Say(hPipe == INVALID_HANDLE_VALUE ? std::to_string(GetLastError()) : "ready");
+        host::Report(hPipe == INVALID_HANDLE_VALUE ? std::to_string(GetLastError()) : "ready");
         for (;;)
         {
             ASSERT_EQ(Connect(hPipe), 0u);
@@ -114,23 +127,23 @@ TEST(PipeRole, Run)
     HANDLE hRead = nullptr;
     HANDLE hWrite = nullptr;
     ASSERT_TRUE(CreatePipe(&hRead, &hWrite, nullptr, 0));
-    Say(std::to_string(reinterpret_cast<std::size_t>(hRead)));
-    Say(std::to_string(reinterpret_cast<std::size_t>(hWrite)));
+    host::Report(std::to_string(reinterpret_cast<std::size_t>(hRead)));
+    host::Report(std::to_string(reinterpret_cast<std::size_t>(hWrite)));
     for (;;)
-        Say(Receive(hRead));
+        host::Report(Receive(hRead));
 }
 
-class Pipe : public TestFolder
+class Pipe : public WideTestFolder
 {
 protected:
-    Pipe() { ::setenv("KVX_RUNTIME_DIR", m_strHost.c_str(), 1); }
-    ~Pipe() override { ::unsetenv("KVX_RUNTIME_DIR"); }
+    Pipe() { host::SetVariable("KVX_RUNTIME_DIR", m_strHost.c_str()); }
+    ~Pipe() override { host::SetVariable("KVX_RUNTIME_DIR", nullptr); }
 
     std::set<std::string> Files() const
     {
         std::set<std::string> files;
         for (auto const & entry : std::filesystem::directory_iterator(m_strHost))
-            files.insert(entry.path().filename());
+            files.insert(entry.path().filename().string());
         return files;
     }
 
@@ -141,7 +154,7 @@ protected:
 /// call sleeps.
 void BreakUnder(int nRound, std::function<void()> const & call, std::function<void()> const & breaker)
 {
-    std::atomic<unsigned> nThread{0};
+    std::atomic<DWORD> nThread{0};
     std::atomic<bool> bOver{false};
     std::thread thread(
         [&]
@@ -153,7 +166,7 @@ void BreakUnder(int nRound, std::function<void()> const & call, std::function<vo
     while (nThread == 0)
         std::this_thread::yield();
     if (nRound % 3 == 0)
-        WaitUntilAsleep({nThread});
+        host::WaitUntilAsleep({nThread});
     for (; !bOver; std::this_thread::yield())
         breaker();
     thread.join(); // ends, or the test's time-out tells
@@ -163,14 +176,14 @@ void BreakUnder(int nRound, std::function<void()> const & call, std::function<vo
 
 TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
 {
-    HANDLE const hServer = Serve(u"one");
+    HANDLE const hServer = Serve(_T("one"));
     ASSERT_NE(hServer, INVALID_HANDLE_VALUE) << GetLastError();
     EXPECT_EQ(Receive(hServer), "<536>"); // nobody is there yet
     OVERLAPPED overlapped{};
     DWORD n = 0;
     EXPECT_TRUE(Fails(ConnectNamedPipe(hServer, &overlapped), ERROR_IO_PENDING));
     EXPECT_TRUE(Fails(GetOverlappedResult(hServer, &overlapped, &n, FALSE), ERROR_IO_INCOMPLETE));
-    HANDLE const hClient = Open(u"ONE"); // case means nothing
+    HANDLE const hClient = Open(_T("ONE")); // case means nothing
     ASSERT_NE(hClient, INVALID_HANDLE_VALUE) << GetLastError();
     EXPECT_TRUE(GetOverlappedResult(hServer, &overlapped, &n, TRUE));
     EXPECT_TRUE(Fails(ConnectNamedPipe(hServer, nullptr), ERROR_PIPE_CONNECTED));
@@ -195,25 +208,30 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
     writer.join();
     EXPECT_EQ(nGot, strLarge.size());
 
-    // What was written outlives the connection; then there is nothing more.
-    EXPECT_TRUE(Send(hServer, "last"));
-    EXPECT_TRUE(FlushFileBuffers(hServer));
+    // What was written outlives the connection; then there is nothing more. On Windows it doesn't, so that the server
+    // would wait for the reader here (2026-11-22).
+    if (!host::IsWindows())
+    {
+        EXPECT_TRUE(Send(hServer, "last") && FlushFileBuffers(hServer));
+    }
     EXPECT_TRUE(DisconnectNamedPipe(hServer));
     EXPECT_FALSE(DisconnectNamedPipe(hClient)); // not the client's to do
     EXPECT_EQ(Receive(hServer), "<233>");
-    EXPECT_EQ(Receive(hClient), "last");
-    EXPECT_TRUE(Fails(PeekNamedPipe(hClient, nullptr, 0, nullptr, &n, nullptr), ERROR_BROKEN_PIPE));
-    EXPECT_EQ(Receive(hClient), "<109>");
-    EXPECT_TRUE(Fails(Send(hClient, "x"), ERROR_NO_DATA));
+    EXPECT_TRUE(host::IsWindows() || Receive(hClient) == "last");
+    // Windows tells a disconnect (233) from the end of the other side (2026-11-22).
+    EXPECT_TRUE(Fails(PeekNamedPipe(hClient, nullptr, 0, nullptr, &n, nullptr),
+                      host::IsWindows() ? ERROR_PIPE_NOT_CONNECTED : ERROR_BROKEN_PIPE));
+    EXPECT_EQ(Receive(hClient), host::IsWindows() ? "<233>" : "<109>");
+    EXPECT_TRUE(Fails(Send(hClient, "x"), host::IsWindows() ? ERROR_PIPE_NOT_CONNECTED : ERROR_NO_DATA));
 
     // The instance serves again, on a handle of the same value.
     HANDLE const hOther = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     EXPECT_FALSE(ConnectNamedPipe(hServer, &overlapped));
-    HANDLE const hSecond = Open(u"one");
+    HANDLE const hSecond = Open(_T("one"));
     EXPECT_TRUE(GetOverlappedResult(hServer, &overlapped, &n, TRUE));
     EXPECT_TRUE(Send(hSecond, "again"));
     EXPECT_EQ(Receive(hServer), "again");
-    EXPECT_TRUE(Fails(PeekNamedPipe(hOther, nullptr, 0, nullptr, nullptr, nullptr), ERROR_BAD_PIPE));
+    EXPECT_FALSE(PeekNamedPipe(hOther, nullptr, 0, nullptr, nullptr, nullptr));
     for (HANDLE const hPipe : {hServer, hClient, hSecond, hOther})
         EXPECT_TRUE(CloseHandle(hPipe));
     EXPECT_TRUE(Files().empty());
@@ -221,41 +239,44 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
 
 TEST_F(Pipe, ANameIsMissingBusyOrFree)
 {
-    EXPECT_TRUE(Fails(WaitNamedPipeW(PathOf(u"x").c_str(), 10000), ERROR_FILE_NOT_FOUND)); // at once
-    EXPECT_TRUE(Fails(Open(u"x"), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(WaitNamedPipeW(PathOf(_T("x")).c_str(), 10000), ERROR_FILE_NOT_FOUND)); // at once
+    EXPECT_TRUE(Fails(Open(_T("x")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
 
-    HANDLE const hFirst = Serve(u"x", PIPE_ACCESS_DUPLEX, 2);
-    EXPECT_TRUE(WaitNamedPipeW(PathOf(u"x").c_str(), 0));
-    HANDLE const hClient = Open(u"x"); // before the server waits
+    HANDLE const hFirst = Serve(_T("x"), PIPE_ACCESS_DUPLEX, 2);
+    EXPECT_TRUE(WaitNamedPipeW(PathOf(_T("x")).c_str(), 0));
+    HANDLE const hClient = Open(_T("x")); // before the server waits
     ASSERT_NE(hClient, INVALID_HANDLE_VALUE);
     EXPECT_TRUE(Fails(ConnectNamedPipe(hFirst, nullptr), ERROR_PIPE_CONNECTED));
-    EXPECT_TRUE(Fails(Open(u"x"), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
-    EXPECT_TRUE(Fails(WaitNamedPipeW(PathOf(u"x").c_str(), 20), ERROR_SEM_TIMEOUT));
+    EXPECT_TRUE(Fails(Open(_T("x")), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(WaitNamedPipeW(PathOf(_T("x")).c_str(), 20), ERROR_SEM_TIMEOUT));
 
     // Whoever waits gets the next instance, of which there are two.
-    std::thread waiter([] { EXPECT_TRUE(WaitNamedPipeW(PathOf(u"X").c_str(), NMPWAIT_WAIT_FOREVER)); });
-    EXPECT_TRUE(Fails(Serve(u"x", PIPE_ACCESS_INBOUND, 2), ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE));
-    HANDLE const hSecond = Serve(u"x", PIPE_ACCESS_DUPLEX, 2);
+    std::thread waiter([] { EXPECT_TRUE(WaitNamedPipeW(PathOf(_T("X")).c_str(), NMPWAIT_WAIT_FOREVER)); });
+    EXPECT_TRUE(Fails(Serve(_T("x"), PIPE_ACCESS_INBOUND, 2), ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE));
+    HANDLE const hSecond = Serve(_T("x"), PIPE_ACCESS_DUPLEX, 2);
     waiter.join();
-    EXPECT_TRUE(Fails(Serve(u"x", PIPE_ACCESS_DUPLEX, 2), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(Serve(_T("x"), PIPE_ACCESS_DUPLEX, 2), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
     for (HANDLE const hPipe : {hFirst, hSecond, hClient})
         CloseHandle(hPipe);
-    EXPECT_TRUE(Fails(Open(u"x"), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
-    EXPECT_TRUE(Fails(Serve(u"x", PIPE_ACCESS_DUPLEX | 0x10), ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE));
-    EXPECT_TRUE(Fails(CreateNamedPipeW(PathOf(u"x").c_str(), 3, PIPE_TYPE_MESSAGE, 1, 0, 0, 0, nullptr),
+    EXPECT_TRUE(Fails(Open(_T("x")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(host::IsWine() || // PipesTakeAnyMode, 2026-11-22
+                Fails(Serve(_T("x"), PIPE_ACCESS_DUPLEX | 0x10), ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(host::IsWindows() || // has messages (2026-11-22)
+                Fails(CreateNamedPipeW(PathOf(_T("x")).c_str(), 3, PIPE_TYPE_MESSAGE, 1, 0, 0, 0, nullptr),
                       ERROR_NOT_SUPPORTED, INVALID_HANDLE_VALUE));
 }
 
 TEST_F(Pipe, NamesStayInTheFolderAndApart)
 {
-    std::u16string const strLong(230, u'l');
-    std::vector<std::u16string> names = {std::u16string(u"nul\0/../inside", 15), strLong + u"1", strLong + u"2"};
-    for (LPCWSTR const pszName :
-         {u"plain", u"..", u"../../escape", u"..\\..\\escape2", u"/etc/passwd", u".hidden", u"%41", u"A", u"new\nline",
-          u"x+lock", u"x", u"x+1", u"\xD83D\xDE00", u"\xD800", u" ", u"~", u"\u00e4"})
+    KVX_LINUX_ALONE("which file stands for which name", "2026-11-22");
+    Wide const strLong(230, _T('l'));
+    std::vector<Wide> names = {Wide(_T("nul\0/../inside"), 15), strLong + _T("1"), strLong + _T("2")};
+    for (LPCWSTR const pszName : {_T("plain"), _T(".."), _T("../../escape"), _T("..\\..\\escape2"), _T("/etc/passwd"),
+                                  _T(".hidden"), _T("%41"), _T("A"), _T("new\nline"), _T("x+lock"), _T("x"), _T("x+1"),
+                                  _T("\xD83D\xDE00"), _T("\xD800"), _T(" "), _T("~"), _T("\u00e4")})
         names.push_back(pszName);
     std::vector<HANDLE> pipes;
-    for (std::u16string const & strName : names)
+    for (Wide const & strName : names)
         pipes.push_back(Serve(strName));
     std::set<std::string> sockets;
     for (std::string const & strFile : Files())
@@ -278,10 +299,10 @@ TEST_F(Pipe, NamesStayInTheFolderAndApart)
     }
     EXPECT_TRUE(Files().empty());
 
-    for (auto const & [strPath, nError] : {std::pair(PathOf(std::u16string(10000, u'x')), ERROR_FILENAME_EXCED_RANGE),
-                                           {PathOf(u""), ERROR_INVALID_NAME},
-                                           {u"pipe", ERROR_INVALID_NAME},
-                                           {u"\\\\elsewhere\\pipe\\x", ERROR_BAD_NETPATH}})
+    for (auto const & [strPath, nError] : {std::pair(PathOf(Wide(10000, _T('x'))), ERROR_FILENAME_EXCED_RANGE),
+                                           {PathOf(_T("")), ERROR_INVALID_NAME},
+                                           {_T("pipe"), ERROR_INVALID_NAME},
+                                           {_T("\\\\elsewhere\\pipe\\x"), ERROR_BAD_NETPATH}})
     {
         EXPECT_TRUE(Fails(WaitNamedPipeW(strPath.c_str(), 0), nError));
         EXPECT_EQ(CreateNamedPipeW(strPath.c_str(), 3, 0, 1, 0, 0, 0, nullptr), INVALID_HANDLE_VALUE);
@@ -290,11 +311,12 @@ TEST_F(Pipe, NamesStayInTheFolderAndApart)
 
 TEST_F(Pipe, BreakingAPendingConnectTouchesNothingElse)
 {
+    KVX_LINUX_ALONE("the value of a closed handle isn't soon another's", "2026-11-22");
     Churn const churn;
     for (int nRound = 0; nRound < Rounds; ++nRound)
     {
-        HANDLE const hPipe = Serve(u"broken", PIPE_ACCESS_DUPLEX | (nRound % 2 ? FILE_FLAG_OVERLAPPED : 0));
-        HANDLE const hOther = Serve(u"broken", PIPE_ACCESS_DUPLEX);
+        HANDLE const hPipe = Serve(_T("broken"), PIPE_ACCESS_DUPLEX | (nRound % 2 ? FILE_FLAG_OVERLAPPED : 0));
+        HANDLE const hOther = Serve(_T("broken"), PIPE_ACCESS_DUPLEX);
         DWORD dwError = 0;
         BreakUnder(
             nRound, [&] { dwError = Connect(hPipe); },
@@ -304,7 +326,7 @@ TEST_F(Pipe, BreakingAPendingConnectTouchesNothingElse)
         if (nRound % 4 >= 2)
             CloseHandle(hPipe);
         // The other instance of the name is none the worse.
-        HANDLE const hClient = Open(u"broken");
+        HANDLE const hClient = Open(_T("broken"));
         EXPECT_EQ(Connect(hOther), 0u);
         CloseHandle(hClient);
         CloseHandle(hOther);
@@ -313,12 +335,13 @@ TEST_F(Pipe, BreakingAPendingConnectTouchesNothingElse)
 
 TEST_F(Pipe, BreakingATransferTouchesNothingElse)
 {
+    KVX_LINUX_ALONE("the value of a closed handle isn't soon another's", "2026-11-22");
     Churn const churn;
     std::string const strLarge(1 << 20, 'x');
     for (int nRound = 0; nRound < Rounds; ++nRound)
     {
-        HANDLE const hServer = Serve(u"broken");
-        HANDLE const hClient = Open(u"broken");
+        HANDLE const hServer = Serve(_T("broken"));
+        HANDLE const hClient = Open(_T("broken"));
         ASSERT_EQ(Connect(hServer), 0u);
         HANDLE const hBroken = nRound % 2 ? hServer : hClient;
         std::string strGot;
@@ -343,29 +366,29 @@ TEST_F(Pipe, BreakingATransferTouchesNothingElse)
 TEST_F(Pipe, SeveralProcessesServeOneName)
 {
     Child first("echo shared");
-    ASSERT_EQ(first.ReadLine(), "ready");
-    HANDLE const hEarly = Open(u"shared");
+    ASSERT_EQ(first.ReadReport(), "ready");
+    HANDLE const hEarly = Open(_T("shared"));
     // Another one neither takes the name away from the living one nor is turned away.
     Child second("echo shared");
-    ASSERT_EQ(second.ReadLine(), "ready");
-    HANDLE const hOwn = Serve(u"shared");
+    ASSERT_EQ(second.ReadReport(), "ready");
+    HANDLE const hOwn = Serve(_T("shared"));
     ASSERT_NE(hOwn, INVALID_HANDLE_VALUE);
     EXPECT_TRUE(Send(hEarly, "still there"));
     EXPECT_EQ(Receive(hEarly), "still there");
     first.Kill();
     EXPECT_EQ(Receive(hEarly), "<109>");
-    HANDLE const hLate = Open(u"shared");
+    HANDLE const hLate = Open(_T("shared"));
     EXPECT_TRUE(Send(hLate, "the other"));
     EXPECT_EQ(Receive(hLate), "the other");
     second.Kill();
-    HANDLE const hLast = Open(u"shared");
+    HANDLE const hLast = Open(_T("shared"));
     EXPECT_EQ(Connect(hOwn), 0u);
     for (HANDLE const hPipe : {hEarly, hLate, hLast, hOwn})
         EXPECT_TRUE(CloseHandle(hPipe));
     // What the dead left behind is nobody's, and the next one clears it away.
-    EXPECT_TRUE(Fails(Open(u"shared"), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
-    EXPECT_EQ(Files().count("pipe.shared"), 1u);
-    CloseHandle(Serve(u"shared"));
+    EXPECT_TRUE(Fails(Open(_T("shared")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
+    EXPECT_EQ(Files().count("pipe.shared"), host::IsWindows() ? 0u : 1u);
+    CloseHandle(Serve(_T("shared")));
     EXPECT_EQ(Files().count("pipe.shared"), 0u);
 }
 
@@ -374,9 +397,9 @@ TEST_F(Pipe, AnotherProcessesEndsCanBeDuplicated)
     Child child("fifo");
     auto const toHandle = [](std::string const & strText)
     { return reinterpret_cast<HANDLE>(static_cast<std::size_t>(std::stoul(strText))); };
-    HANDLE const hForeignRead = toHandle(child.ReadLine());
-    HANDLE const hForeignWrite = toHandle(child.ReadLine());
-    HANDLE const hProcess = OpenProcess(PROCESS_DUP_HANDLE, FALSE, static_cast<DWORD>(child.GetId()));
+    HANDLE const hForeignRead = toHandle(child.ReadReport());
+    HANDLE const hForeignWrite = toHandle(child.ReadReport());
+    HANDLE const hProcess = OpenProcess(PROCESS_DUP_HANDLE | SYNCHRONIZE, FALSE, child.GetId());
     ASSERT_NE(hProcess, nullptr) << GetLastError();
     EXPECT_EQ(WaitForSingleObject(hProcess, 0), WAIT_TIMEOUT);
     HANDLE hWrite = nullptr;
@@ -384,7 +407,7 @@ TEST_F(Pipe, AnotherProcessesEndsCanBeDuplicated)
     { return DuplicateHandle(hProcess, hSource, GetCurrentProcess(), &hTarget, 0, FALSE, DUPLICATE_SAME_ACCESS); };
     ASSERT_TRUE(duplicate(hForeignWrite, hWrite)) << GetLastError();
     EXPECT_TRUE(Send(hWrite, "from afar"));
-    EXPECT_EQ(child.ReadLine(), "from afar");
+    EXPECT_EQ(child.ReadReport(), "from afar");
     EXPECT_EQ(Receive(hWrite), "<5>"); // the end keeps its direction
     HANDLE hRead = nullptr;
     EXPECT_TRUE(duplicate(hForeignRead, hRead));
@@ -394,7 +417,8 @@ TEST_F(Pipe, AnotherProcessesEndsCanBeDuplicated)
     // What is no such end there, or no process, is nothing here.
     HANDLE hNone = nullptr;
     EXPECT_TRUE(Fails(duplicate(reinterpret_cast<HANDLE>(0x7FFFFFF0), hNone), ERROR_INVALID_HANDLE));
-    EXPECT_TRUE(Fails(DuplicateHandle(hProcess, hForeignRead, hProcess, &hNone, 0, FALSE, 0), ERROR_NOT_SUPPORTED));
+    EXPECT_TRUE(host::IsWindows() || // does it (2026-11-22)
+                Fails(DuplicateHandle(hProcess, hForeignRead, hProcess, &hNone, 0, FALSE, 0), ERROR_NOT_SUPPORTED));
     EXPECT_TRUE(Fails(OpenProcess(0, FALSE, 0x7FFFFFFE), ERROR_INVALID_PARAMETER));
 
     // Its death ends the wait for it, and a writer learns that nobody reads: by a code, not by a signal.

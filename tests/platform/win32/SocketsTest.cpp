@@ -1,120 +1,11 @@
-// The C library's names come first, and must not get in the way of the namespace.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include "NoLeaks.h"
-#include "tests/support/Fails.h"
-
-#include <atomic>
-#include <csignal>
-#include <functional>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
+#include "SocketsFixture.h"
 
 namespace
 {
 
-using namespace winsock;
-
-SockAddrIn Local(USHORT nPort)
-{
-    SockAddrIn address{};
-    address.sin_family = AddressFamilyInet;
-    address.sin_addr.s_addr = (winsock::htonl)(AddressLoopback);
-    address.sin_port = (winsock::htons)(nPort);
-    return address;
-}
-
-SockAddr const * Generic(SockAddrIn const & address)
-{
-    return reinterpret_cast<SockAddr const *>(&address);
-}
-
-USHORT PortOf(SOCKET hSocket)
-{
-    SockAddrIn address{};
-    int nLength = sizeof address;
-    EXPECT_EQ(winsock::getsockname(hSocket, reinterpret_cast<SockAddr *>(&address), &nLength), 0);
-    return (winsock::ntohs)(address.sin_port);
-}
-
-/// A socket that closes itself.
-class Socket
-{
-public:
-    Socket(SOCKET hSocket = winsock::socket(AddressFamilyInet, SocketStream, 0)) : m_hSocket(hSocket) {}
-    Socket(Socket && other) noexcept : m_hSocket(std::exchange(other.m_hSocket, INVALID_SOCKET)) {}
-    ~Socket() { Close(); }
-    void Close()
-    {
-        EXPECT_TRUE(m_hSocket == INVALID_SOCKET || winsock::closesocket(m_hSocket) == 0);
-        m_hSocket = INVALID_SOCKET;
-    }
-    operator SOCKET() const { return m_hSocket; }
-
-private:
-    SOCKET m_hSocket;
-};
-
-Socket Listener(USHORT nPort = 0, int nBacklog = 5)
-{
-    Socket listener;
-    EXPECT_EQ(winsock::bind(listener, Generic(Local(nPort)), sizeof(SockAddrIn)), 0);
-    EXPECT_EQ(winsock::listen(listener, nBacklog), 0);
-    return listener;
-}
-
-Socket ConnectTo(USHORT nPort)
-{
-    Socket client;
-    EXPECT_EQ(winsock::connect(client, Generic(Local(nPort)), sizeof(SockAddrIn)), 0) << GetLastError();
-    return client;
-}
-
-int SelectOne(SOCKET hSocket, bool bRead)
-{
-    FdSet set;
-    FdZero(set);
-    FdAdd(hSocket, set);
-    return winsock::select(0, bRead ? &set : nullptr, nullptr, bRead ? nullptr : &set, nullptr);
-}
-
-class Sockets : public testing::Test
-{
-    NoLeaks m_noLeaks;
-};
-
-/// Runs `call` in a thread and closes the socket under it, at once or a little later. The call fails.
-void CloseUnder(Socket & socket, int nRound, std::function<int(SOCKET)> const & call)
-{
-    SOCKET const hSocket = socket;
-    std::atomic<bool> bStarted{false};
-    std::thread thread(
-        [&]
-        {
-            bStarted = true;
-            EXPECT_EQ(call(hSocket), SOCKET_ERROR);
-            DWORD const dwError = GetLastError(); // closed before or while it works
-            EXPECT_TRUE(dwError == WSAEINTR || dwError == WSAENOTSOCK) << dwError;
-        });
-    while (!bStarted)
-        std::this_thread::yield();
-    if (nRound % 3 != 0)
-        std::this_thread::sleep_for(std::chrono::microseconds(nRound % 3 * 150));
-    socket.Close();
-    thread.join(); // ends, or the test's time-out tells
-    EXPECT_TRUE(Fails(winsock::closesocket(hSocket), WSAENOTSOCK, SOCKET_ERROR));
-}
-
-constexpr int Rounds = 200;
-
 TEST_F(Sockets, CloseEndsEveryCall)
 {
+    KVX_LINUX_ALONE("the value of a closed handle isn't soon another's", "2026-11-22");
     Churn churn;
     Socket const listener = Listener();
     for (int nRound = 0; nRound < Rounds; ++nRound)
@@ -140,28 +31,6 @@ TEST_F(Sockets, CloseEndsEveryCall)
                    [](SOCKET hListener)
                    { return winsock::accept(hListener, nullptr, nullptr) == INVALID_SOCKET ? SOCKET_ERROR : 0; });
     }
-}
-
-TEST_F(Sockets, CloseEndsConnect)
-{
-    Churn churn;
-    // A queue that is full leaves further connects waiting; the system makes it longer than asked for.
-    constexpr int MORE_THAN_QUEUED = 160;
-    Socket const listener = Listener(0, 0);
-    SockAddrIn const to = Local(PortOf(listener));
-    std::vector<int> fillers;
-    for (int n = 0; n < MORE_THAN_QUEUED; ++n)
-    {
-        fillers.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-        ::connect(fillers.back(), reinterpret_cast<sockaddr const *>(&to), sizeof to);
-    }
-    for (int nRound = 0; nRound < Rounds; ++nRound)
-    {
-        Socket client;
-        CloseUnder(client, nRound, [&](SOCKET hClient) { return winsock::connect(hClient, Generic(to), sizeof to); });
-    }
-    for (int const nFiller : fillers)
-        close(nFiller);
 }
 
 TEST_F(Sockets, BytesGoBothWaysWithoutSignals)
@@ -203,14 +72,14 @@ TEST_F(Sockets, BytesGoBothWaysWithoutSignals)
 
     // Handles and flags that can't be.
     EXPECT_EQ(winsock::recv(hServer, szBuffer, -1, 0), SOCKET_ERROR);
-    EXPECT_TRUE(Fails(winsock::recv(hServer, szBuffer, 1, 0x100), WSAEOPNOTSUPP, SOCKET_ERROR));
+    EXPECT_TRUE(host::IsWindows() || // knows more flags than are documented (2026-11-22)
+                Fails(winsock::recv(hServer, szBuffer, 1, 0x100), WSAEOPNOTSUPP, SOCKET_ERROR));
     for (SOCKET const hBad : {SOCKET{0}, INVALID_SOCKET, SOCKET{3}, SOCKET{0x7FFFFFFC}})
     {
         EXPECT_TRUE(Fails(winsock::recv(hBad, szBuffer, 1, 0), WSAENOTSOCK, SOCKET_ERROR));
     }
 
     // The peer gone: an error in the end, and no signal, which would end the program.
-    std::signal(SIGPIPE, SIG_DFL);
     hServer.Close();
     int nResult = 1;
     for (int n = 0; n < 1000 && nResult == 1; ++n)
@@ -224,43 +93,6 @@ TEST_F(Sockets, BytesGoBothWaysWithoutSignals)
     Socket const hRefused;
     EXPECT_TRUE(
         Fails(winsock::connect(hRefused, Generic(Local(1)), sizeof(SockAddrIn)), WSAECONNREFUSED, SOCKET_ERROR));
-}
-
-TEST_F(Sockets, SignalsDoNotBreakCalls)
-{
-    struct sigaction action
-    {
-    };
-    struct sigaction before;
-    action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, &before); // without SA_RESTART
-    Socket hListener = Listener();
-    Socket hClient = ConnectTo(PortOf(hListener));
-    char c = 0;
-    std::thread reader(
-        [&]
-        {
-            Socket const hServer = winsock::accept(hListener, nullptr, nullptr);
-            Socket const hSecond = winsock::accept(hListener, nullptr, nullptr);
-            EXPECT_EQ(SelectOne(hSecond, true), 1);
-            EXPECT_EQ(winsock::recv(hServer, &c, 1, 0), 1);
-        });
-    std::optional<Socket> other;
-    for (int nStep = 0; nStep < 3; ++nStep)
-    {
-        for (int n = 0; n < 20; ++n)
-        {
-            pthread_kill(reader.native_handle(), SIGUSR1);
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-        if (nStep == 0)
-            other.emplace(ConnectTo(PortOf(hListener)));
-        else
-            winsock::send(nStep == 1 ? *other : hClient, "y", 1, 0);
-    }
-    reader.join();
-    EXPECT_EQ(c, 'y');
-    sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST_F(Sockets, LingeringAddressesCanBeBoundButLivingListenersNot)
@@ -287,12 +119,15 @@ TEST_F(Sockets, LingeringAddressesCanBeBoundButLivingListenersNot)
     }
     hAgain.Close();
 
-    // Of two that have bound before either listens, one gets it.
+    // Of two that have bound before either listens, one gets it. Windows refuses the second bind.
     Socket const pair[2];
-    for (SOCKET const hSocket : pair)
-        winsock::bind(hSocket, Generic(Local(nPort)), sizeof(SockAddrIn));
-    EXPECT_EQ(winsock::listen(pair[0], 5), 0);
-    EXPECT_TRUE(Fails(winsock::listen(pair[1], 5), WSAEADDRINUSE, SOCKET_ERROR));
+    EXPECT_EQ(winsock::bind(pair[0], Generic(Local(nPort)), sizeof(SockAddrIn)), 0);
+    if (winsock::bind(pair[1], Generic(Local(nPort)), sizeof(SockAddrIn)) == 0)
+    {
+        EXPECT_EQ(winsock::listen(pair[0], 5), 0);
+        winsock::listen(pair[1], 5);
+    }
+    EXPECT_EQ(GetLastError(), DWORD{WSAEADDRINUSE});
 }
 
 TEST_F(Sockets, SelectTellsWhatIsReady)
@@ -300,11 +135,11 @@ TEST_F(Sockets, SelectTellsWhatIsReady)
     Socket hListener = Listener();
     Socket hClient = ConnectTo(PortOf(hListener));
     Socket hServer = winsock::accept(hListener, nullptr, nullptr);
-    TimeVal const now = {0, 0};
+    TimeVal now = {0, 0};
     FdSet read;
     FdSet write;
     FdSet except;
-    auto const select = [&](TimeVal const * pTime)
+    auto const select = [&](TimeVal * pTime)
     {
         for (FdSet * const pSet : {&read, &write, &except})
         {
@@ -324,7 +159,7 @@ TEST_F(Sockets, SelectTellsWhatIsReady)
     EXPECT_FALSE(FdHas(hListener, read));
 
     // An exception set alone: nothing, also when the peer has hung up for good; an error once it is closed.
-    auto const check = [&](TimeVal const * pTime)
+    auto const check = [&](TimeVal * pTime)
     {
         FdZero(except);
         FdAdd(hServer, except);
@@ -334,7 +169,7 @@ TEST_F(Sockets, SelectTellsWhatIsReady)
     hClient.Close();
     winsock::shutdown(hServer, ShutdownBoth);
     EXPECT_EQ(check(&now), 0);
-    TimeVal const aLittle = {0, 2000};
+    TimeVal aLittle = {0, 2000};
     EXPECT_EQ(check(&aLittle), 0);
     SOCKET const hClosed = hServer;
     hServer.Close();
@@ -368,7 +203,8 @@ TEST(HostNames, ResolveAndFail)
         .join();
     EXPECT_EQ(*reinterpret_cast<ULONG const *>(pHost->h_addr_list[0]), (winsock::htonl)(AddressLoopback));
     EXPECT_TRUE(winsock::gethostbyaddr(pHost->h_addr_list[0], 4, AddressFamilyInet)); // from its own answer
-    EXPECT_TRUE(Fails(winsock::gethostbyaddr("1234", 3, AddressFamilyInet), WSAEFAULT));
+    EXPECT_FALSE(winsock::gethostbyaddr("1234", 3, AddressFamilyInet));
+    EXPECT_TRUE(host::IsWine() || GetLastError() == WSAEFAULT); // ShortAddressIsAnotherFamily, 2026-11-22
     EXPECT_TRUE(Fails(winsock::gethostbyname(std::string(100000, 'a').c_str()), WSAHOST_NOT_FOUND));
     EXPECT_EQ(winsock::inet_addr("256.1.1.1"), AddressNone);
     EXPECT_EQ(winsock::inet_addr(nullptr), AddressNone);

@@ -1,8 +1,7 @@
-#include "kvx/platform/win32/sync.h"
-
-#include "Asleep.h"
 #include "Handle.h"
 #include "tests/support/Fails.h"
+#include "tests/support/Host.h"
+#include "tests/support/OneHost.h"
 #include "tests/support/RunThreads.h"
 
 #include <algorithm>
@@ -39,7 +38,7 @@ public:
         for (auto & id : ids)
             while (id == 0)
                 std::this_thread::yield();
-        WaitUntilAsleep({ids.begin(), ids.end()});
+        host::WaitUntilAsleep({ids.begin(), ids.end()});
     }
     ~Waiters() { Join(); }
     /// How many waits have given their first object.
@@ -66,12 +65,14 @@ TEST(Waits, BadArgumentsAreRefused)
     std::vector<HANDLE> const many(65, hEvent);
     EXPECT_TRUE(Fails(WaitForMultipleObjects(0, pair, FALSE, 0), ERROR_INVALID_PARAMETER, WAIT_FAILED));
     EXPECT_TRUE(Fails(WaitForMultipleObjects(65, many.data(), FALSE, 0), ERROR_INVALID_PARAMETER, WAIT_FAILED));
-    EXPECT_TRUE(Fails(WaitForMultipleObjects(2, pair, TRUE, 0), ERROR_INVALID_PARAMETER, WAIT_FAILED));
+    EXPECT_TRUE(host::IsWine() || // WaitsForTheSameTwice, 2026-11-22
+                Fails(WaitForMultipleObjects(2, pair, TRUE, 0), ERROR_INVALID_PARAMETER, WAIT_FAILED));
     EXPECT_EQ(WaitForMultipleObjects(2, pair, FALSE, 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForMultipleObjects(64, many.data(), FALSE, 0), WAIT_OBJECT_0);
     HANDLE const withStale[] = {hEvent, nullptr};
     EXPECT_TRUE(Fails(WaitForMultipleObjects(2, withStale, FALSE, INFINITE), ERROR_INVALID_HANDLE, WAIT_FAILED));
-    EXPECT_TRUE(Fails(WaitForSingleObject(INVALID_HANDLE_VALUE, INFINITE), ERROR_INVALID_HANDLE, WAIT_FAILED));
+    EXPECT_TRUE(host::IsWindows() || // where that is the process itself (2026-11-22)
+                Fails(WaitForSingleObject(INVALID_HANDLE_VALUE, INFINITE), ERROR_INVALID_HANDLE, WAIT_FAILED));
     EXPECT_TRUE(Fails(SetEvent(hMutex), ERROR_INVALID_HANDLE));
     EXPECT_TRUE(Fails(ReleaseMutex(hEvent), ERROR_INVALID_HANDLE));
     EXPECT_FALSE(ResetEvent(nullptr));
@@ -134,6 +135,7 @@ TEST(Waits, SetsFreeThoseWhoWaitWhateverFollows)
 
 TEST(Waits, AClosedHandleLeavesItsWaitersToOtherHandles)
 {
+    KVX_LINUX_ALONE("on Windows nothing is said of them", "2026-11-22");
     Handle hEvent = MakeEvent(false);
     HANDLE const hClosed = hEvent;
     HANDLE hOther = nullptr;
@@ -296,7 +298,8 @@ TEST(Mutexes, OfEndedThreadsAreAbandonedOnce)
 
 TEST(CriticalSections, ExcludeAndNest)
 {
-    static constinit CRITICAL_SECTION section;
+    CRITICAL_SECTION section;
+    InitializeCriticalSection(&section);
     int nCount = 0;
     RunThreads(4,
                [&](std::size_t)
@@ -316,11 +319,14 @@ TEST(CriticalSections, ExcludeAndNest)
         [&]
         {
             EXPECT_FALSE(TryEnterCriticalSection(&section));
+            if (host::IsWindows()) // which doesn't look who leaves (2026-11-22)
+                return;
             LeaveCriticalSection(&section);
             EXPECT_FALSE(TryEnterCriticalSection(&section));
         })
         .join();
     LeaveCriticalSection(&section);
+    DeleteCriticalSection(&section);
 }
 
 } // namespace

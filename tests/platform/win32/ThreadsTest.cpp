@@ -1,10 +1,7 @@
-#include "kvx/platform/win32/threads.h"
-
-#include "Asleep.h"
 #include "Handle.h"
-#include "kvx/platform/win32/handles.h"
-
+#include "NoLeaks.h"
 #include "tests/support/Fails.h"
+#include "tests/support/OneHost.h"
 
 #include <atomic>
 #include <thread>
@@ -54,14 +51,18 @@ TEST(Threads, RunEndAndGiveTheirExitCode)
     EXPECT_EQ(dwSeen, dwId);
     EXPECT_NE(dwSeen, GetCurrentThreadId());
     EXPECT_EQ(GetExitCode(hThread), 77u);
-    EXPECT_TRUE(Fails(TerminateThread(hThread, 1), ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(host::IsWine() || // EndedThreadsAreTerminated, 2026-11-22
+                Fails(TerminateThread(hThread, 1), ERROR_ACCESS_DENIED));
 }
 
 TEST(Threads, BadCallsAreRefused)
 {
     auto const job = [](LPVOID) -> DWORD { return 0; };
-    EXPECT_TRUE(Fails(CreateThread(nullptr, 0, job, nullptr, CREATE_SUSPENDED, nullptr), ERROR_NOT_SUPPORTED));
-    EXPECT_TRUE(Fails(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), ERROR_INVALID_PARAMETER));
+    if (!host::IsWindows()) // which does what it is told (2026-11-22)
+    {
+        EXPECT_TRUE(Fails(CreateThread(nullptr, 0, job, nullptr, CREATE_SUSPENDED, nullptr), ERROR_NOT_SUPPORTED));
+        EXPECT_TRUE(Fails(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), ERROR_INVALID_PARAMETER));
+    }
     Handle const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     DWORD dwCode = 0;
     for (HANDLE const hBad : {HANDLE(hEvent), HANDLE(nullptr), INVALID_HANDLE_VALUE})
@@ -76,14 +77,13 @@ TEST(Threads, BadCallsAreRefused)
 
 TEST(Threads, HandlesMayCloseBeforeTheEnd)
 {
-    std::uint32_t const nHandles = kvx::win32::GetOpenHandleCount();
+    NoLeaks const noLeaks;
     std::atomic<int> nRun{0};
     auto job = [&]() -> DWORD { return static_cast<DWORD>(++nRun); };
     for (int nThread = 0; nThread < 100; ++nThread)
         ASSERT_TRUE(Start(job).Close());
     while (nRun < 100)
         Sleep(1);
-    EXPECT_EQ(kvx::win32::GetOpenHandleCount(), nHandles);
 }
 
 TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
@@ -109,7 +109,7 @@ TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
     EXPECT_TRUE(TlsGetValue(dwSlot) == &nValue && GetLastError() == 0);
     EXPECT_TRUE(TlsFree(dwSlot));
     EXPECT_FALSE(TlsFree(dwSlot));
-    EXPECT_FALSE(TlsSetValue(dwSlot, &nValue));
+    EXPECT_TRUE(host::IsWindows() || !TlsSetValue(dwSlot, &nValue)); // it doesn't look (2026-11-22)
     EXPECT_EQ(TlsAlloc(), dwSlot);
     nStep = 2;
     other.join();
@@ -154,11 +154,11 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
         while (!bStarted)
             Sleep(0);
         if (nMode < 2)
-            WaitUntilAsleep({dwId});
+            host::WaitUntilAsleep({dwId});
         EXPECT_TRUE(nMode == 2 || TerminateThread(hThread, 42));
         EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
         EXPECT_EQ(GetExitCode(hThread), 42u);
-        EXPECT_FALSE(TerminateThread(hThread, 43));
+        EXPECT_TRUE(host::IsWine() || !TerminateThread(hThread, 43)); // as above
         EXPECT_EQ(WaitForSingleObject(hMutex, INFINITE), WAIT_ABANDONED_0);
         ReleaseMutex(hMutex);
         // What is signalled now isn't lost to the dead.
@@ -170,6 +170,7 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
 
 TEST(TerminateThread, LeavesNoLockOfTheSystemTaken)
 {
+    KVX_LINUX_ALONE("Windows warns of that", "2026-11-22");
     Handle const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr), hMutex = CreateMutexW(nullptr, FALSE, nullptr);
     HANDLE const handles[] = {hMutex, hEvent};
     for (int nRound = 0; nRound < 100; ++nRound)
@@ -201,6 +202,7 @@ TEST(TerminateThread, LeavesNoLockOfTheSystemTaken)
 
 TEST(TerminateThread, RacesWithTheThreadsOwnEnd)
 {
+    KVX_LINUX_ALONE("Windows warns of locks of the system that stay taken", "2026-11-22");
     Handle const hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     for (int nRound = 0; nRound < 200; ++nRound)
     {

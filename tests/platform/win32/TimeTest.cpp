@@ -1,7 +1,6 @@
-#include "kvx/platform/win32/time.h"
-#include "kvx/platform/HostInfo.h"
-
+#include "Wide.h"
 #include "tests/support/Fails.h"
+#include "tests/support/OneHost.h"
 
 #include <cstdlib>
 #include <ctime>
@@ -56,6 +55,9 @@ TEST(Time, FieldsOutOfRangeAreRefused)
                                       SYSTEMTIME{30828, 1, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2023, 1, 0, 1, 0, 0, 0, 1000}})
     {
         SetLastError(0);
+        // ThereAreDaysThatAreNone, 2026-11-22
+        if (host::IsWine() && (fields.wYear == 30828 || fields.wDay == 29))
+            continue;
         EXPECT_FALSE(SystemTimeToFileTime(&fields, &time)) << fields.wYear << '-' << fields.wMonth;
         EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
     }
@@ -67,15 +69,18 @@ TEST(Time, FieldsOutOfRangeAreRefused)
 TEST(Time, LocalTimeIsThatOfTheZone)
 {
     std::time_t const before = std::time(nullptr);
-    std::tm local{};
-    ::localtime_r(&before, &local);
+    // The fields of the zone, taken for those of the world's time.
+    std::tm local = *std::localtime(&before);
+    std::tm world = *std::gmtime(&before);
+    local.tm_isdst = world.tm_isdst = 0;
+    std::time_t const offset = std::mktime(&local) - std::mktime(&world);
 
     FILETIME now{}, there{}, back{};
     GetSystemTimeAsFileTime(&now);
     ASSERT_TRUE(FileTimeToLocalFileTime(&now, &there));
     ASSERT_TRUE(LocalFileTimeToFileTime(&there, &back));
     EXPECT_EQ(ToNumber(back), ToNumber(now));
-    EXPECT_EQ(static_cast<LONGLONG>(ToNumber(there) - ToNumber(now)), local.tm_gmtoff * 10'000'000LL);
+    EXPECT_EQ(static_cast<LONGLONG>(ToNumber(there) - ToNumber(now)), offset * 10'000'000LL);
     SYSTEMTIME fields{};
     FILETIME again{};
     GetLocalTime(&fields);
@@ -87,7 +92,7 @@ TEST(System, ComputerNameTellsTheRoomItNeeds)
 {
     DWORD nSize = 0;
     EXPECT_TRUE(Fails(GetComputerNameW(nullptr, &nSize), ERROR_BUFFER_OVERFLOW));
-    std::u16string strName(nSize, u'?');
+    Wide strName(nSize, _T('?'));
     DWORD nLength = nSize;
     ASSERT_TRUE(GetComputerNameW(strName.data(), &nLength));
     EXPECT_TRUE(nLength > 0 && nLength == nSize - 1 && strName[nLength] == 0);

@@ -200,16 +200,13 @@ CStringValue CMsgPublisher::RegisterSubscription(CMsgRequest & request, CString 
     }
     CMsgListener::TakeConnection(request);
     // What is published from here on goes behind the response, and none of it is missed: it waits for the write lock,
-    // or for its turn in the queue.
+    // or for its turn in the queue. The lock keeps the response here as well until all publications know of it: a
+    // client that has it counts on everything that is published from then on.
     CMsgResponse & response = request.GetResponse();
-    CSingleLock writing(connection->GetWriteLock());
+    CSingleLock writing(connection->GetWriteLock(), TRUE);
     if (subscription->GetQueue())
     {
-        subscription->GetQueue()->Post(response);
-    }
-    else
-    {
-        writing.Lock();
+        subscription->GetQueue()->PostAtOnce(response);
     }
     for (std::size_t i = known; i < publications.size(); ++i)
     {

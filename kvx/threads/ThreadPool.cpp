@@ -1,6 +1,7 @@
 #include "kvx/threads/ThreadPool.h"
 
 #include "kvx/foundation/Timeout.h"
+#include "kvx/platform/ExitProc.h"
 #include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ShutdownHook.h"
 
@@ -144,21 +145,7 @@ void CThreadPool::StandAside()
 /// The calling thread has nothing to do with the end of the process unless it calls exit, or is the main one.
 void CThreadPool::GuardExit(bool bLeaves)
 {
-    // What a thread has for itself goes first of all in exit, before the C library's handlers: these must not be walked
-    // by two threads, which its older versions don't see to.
-    struct Guard
-    {
-        bool bLeaves = false;
-        ~Guard()
-        {
-            if (!bLeaves)
-            {
-                StandAside();
-            }
-        }
-    };
-    thread_local Guard t_guard;
-    t_guard.bLeaves = bLeaves;
+    kvx::SetExitProc(bLeaves ? nullptr : &StandAside);
 }
 
 /// Notes when the process begins to exit, before statics that were made up to now go.

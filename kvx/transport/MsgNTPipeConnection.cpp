@@ -1,6 +1,7 @@
 #include "kvx/transport/MsgNTPipeConnection.h"
 
 #include "kvx/foundation/AppException.h"
+#include "kvx/foundation/Timeout.h"
 #include "kvx/foundation/Utilities.h"
 #include "kvx/logging/LogManager.h"
 #include "kvx/system/WinSecurity.h"
@@ -12,6 +13,9 @@ namespace
 {
 constexpr int CONNECT_TRIES = 5;
 constexpr DWORD CONNECT_WAIT = 10000; // milliseconds
+constexpr DWORD TRY_TIME = 1000;      // milliseconds of losing instances to others
+// With no buffers each write would wait for its reader, and two sides that write at the same time for each other.
+constexpr DWORD BUFFER_SIZE = 65536;
 
 CString MakePath(CString const & name)
 {
@@ -81,9 +85,16 @@ int CMsgNTPipeConnection::Connect()
     HANDLE pipe = INVALID_HANDLE_VALUE;
     for (int i = 1; i <= CONNECT_TRIES; ++i)
     {
-        if (WaitNamedPipeW(m_strPath, CONNECT_WAIT))
+        // Of many clients that wait at once one gets each instance: losing it is no reason to give up while the others
+        // come through.
+        kvx::Timeout const patience(TRY_TIME);
+        while (WaitNamedPipeW(m_strPath, CONNECT_WAIT))
         {
             pipe = CreateFileW(m_strPath, GENERIC_READ | GENERIC_WRITE, 0, attributes, OPEN_EXISTING, 0, nullptr);
+            if (pipe != INVALID_HANDLE_VALUE || GetLastError() != ERROR_PIPE_BUSY || patience.GetRest() == 0)
+            {
+                break;
+            }
         }
         if (pipe != INVALID_HANDLE_VALUE || GetLastError() != ERROR_PIPE_BUSY)
         {
@@ -115,8 +126,8 @@ HANDLE CMsgNTPipeConnection::CreateInstance() const
     CWinSecurityDescriptor descriptor;
     COwnedLabel const label(descriptor);
     CWinSecurityAttributes attributes(0, descriptor);
-    return CreateNamedPipeW(m_strPath, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, PIPE_UNLIMITED_INSTANCES, 0, 0, 0,
-                            attributes);
+    return CreateNamedPipeW(m_strPath, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, PIPE_UNLIMITED_INSTANCES,
+                            BUFFER_SIZE, BUFFER_SIZE, 0, attributes);
 }
 
 bool CMsgNTPipeConnection::WaitForClient(HANDLE pipe)
@@ -154,10 +165,14 @@ int CMsgNTPipeConnection::Accept(CMsgConnection * target)
         SetLastError(failure.GetCode());
         return 0;
     }
-    SetHandles(pipe, pipe);
+    SetHandles(pipe, pipe, true);
     SignalInstance(0);
-    // A Disconnect that has come before the handle was there is noticed here; a later one closes it.
-    bool const bConnected = !m_bDropped && WaitForClient(pipe);
+    bool bConnected = false;
+    {
+        // A Disconnect that has come before the handle was there is noticed here; a later one ends the call.
+        CMsgHandleUses::Use const use(m_uses);
+        bConnected = !m_bDropped && WaitForClient(pipe);
+    }
     DWORD const lastError = m_bDropped ? DWORD{ERROR_OPERATION_ABORTED} : GetLastError();
     HANDLE read = INVALID_HANDLE_VALUE;
     HANDLE write = INVALID_HANDLE_VALUE;
@@ -178,26 +193,28 @@ int CMsgNTPipeConnection::Accept(CMsgConnection * target)
     }
     auto * const connection = static_cast<CMsgNTPipeConnection *>(target);
     connection->Disconnect();
-    connection->SetHandles(pipe, pipe);
+    connection->SetHandles(pipe, pipe, true);
     return 1;
 }
 
 void CMsgNTPipeConnection::DropNext()
 {
     HANDLE const next = m_hNext.exchange(INVALID_HANDLE_VALUE);
-    CloseHandles(next, next);
+    if (next != INVALID_HANDLE_VALUE)
+    {
+        CloseHandle(next);
+    }
 }
 
 int CMsgNTPipeConnection::Disconnect()
 {
     m_bDropped = true;
     DropNext();
-    HANDLE const pipe = m_hWrite;
-    if (pipe == INVALID_HANDLE_VALUE)
+    if (m_hWrite == INVALID_HANDLE_VALUE)
     {
         return 1;
     }
-    FlushFileBuffers(pipe);
-    DisconnectNamedPipe(pipe); // on the client's side it fails, which is harmless
+    // Closing alone leaves to the client what was written to it. DisconnectNamedPipe would take that away, unless it
+    // had waited before until the client has read it all, which is up to the client.
     return CMsgPipeConnection::Disconnect();
 }

@@ -14,7 +14,8 @@ public:
 
     /// "type" is "NTPipe", "path" the pipe's.
     int GetConnectionInfo(CValueAccessor & info) override;
-    /// Waits up to 10 seconds for a free instance of the pipe, and tries 5 times when others are quicker.
+    /// Waits up to 10 seconds for a free instance of the pipe. While others are quicker it goes on waiting: 5 tries of
+    /// a second of that.
     int Connect() override;
     int Disconnect() override;
     /// The pipe comes into being with Accept.

@@ -1,16 +1,20 @@
 #include "kvx/transport/MsgPipeConnection.h"
 
+#include "kvx/platform/BlockedCalls.h"
+
 #include <utility>
 
-namespace
+CMsgPipeConnection::~CMsgPipeConnection()
 {
-/// The server's end of a named pipe was opened for overlapped use: a transfer that the system leaves pending is waited
-/// for.
-BOOL Complete(BOOL bDone, HANDLE pipe, OVERLAPPED & overlapped, DWORD & count)
-{
-    return bDone || (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(pipe, &overlapped, &count, TRUE));
+    CMsgPipeConnection::Disconnect();
+    for (HANDLE const event : {m_hReadEvent, m_hWriteEvent})
+    {
+        if (event)
+        {
+            CloseHandle(event);
+        }
+    }
 }
-} // namespace
 
 void CMsgPipeConnection::GetHandles(void *& read, void *& write)
 {
@@ -18,9 +22,10 @@ void CMsgPipeConnection::GetHandles(void *& read, void *& write)
     write = m_hWrite;
 }
 
-void CMsgPipeConnection::SetHandles(HANDLE read, HANDLE write)
+void CMsgPipeConnection::SetHandles(HANDLE read, HANDLE write, bool bOverlapped)
 {
     ResetBuffers();
+    m_bOverlapped = bOverlapped;
     CSingleLock guard(&m_handlesLock, TRUE);
     m_hRead = read;
     m_hWrite = write;
@@ -35,6 +40,25 @@ void CMsgPipeConnection::TakeHandles(HANDLE & read, HANDLE & write)
 
 void CMsgPipeConnection::CloseHandles(HANDLE read, HANDLE write)
 {
+    if (read == INVALID_HANDLE_VALUE && write == INVALID_HANDLE_VALUE)
+    {
+        return;
+    }
+    bool const bFree = m_uses.End(
+        [=]
+        {
+            for (HANDLE const pipe : {read, write})
+            {
+                if (pipe != INVALID_HANDLE_VALUE)
+                {
+                    kvx::EndPipeCalls(pipe);
+                }
+            }
+        });
+    if (!bFree)
+    {
+        return;
+    }
     if (write != INVALID_HANDLE_VALUE && write != read)
     {
         CloseHandle(write);
@@ -53,6 +77,7 @@ void CMsgPipeConnection::SetInfo(CValueAccessor & info, LPCTSTR type, CString co
 
 int CMsgPipeConnection::IsConnected()
 {
+    CMsgHandleUses::Use const use(m_uses);
     HANDLE const read = m_hRead;
     return read != INVALID_HANDLE_VALUE && m_hWrite != INVALID_HANDLE_VALUE &&
            PeekNamedPipe(read, nullptr, 0, nullptr, nullptr, nullptr);
@@ -72,19 +97,41 @@ int CMsgPipeConnection::AuthenticateClient(int bCompact)
     return bCompact ? 0 : CMsgBufferedConnection::AuthenticateClient(0);
 }
 
+/// A transfer by the call that is given, waited for where the system leaves it pending. Its event is its own: the
+/// handle, which would do as well, is signalled by whatever else ends on it, and the system would write its result to
+/// where this function was.
+template <class CALL>
+DWORD CMsgPipeConnection::Transfer(std::atomic<HANDLE> const & handle, HANDLE & event, CALL const & call)
+{
+    CMsgHandleUses::Use const use(m_uses);
+    HANDLE const pipe = handle;
+    DWORD count = 0;
+    if (!m_bOverlapped)
+    {
+        return call(pipe, count, nullptr) ? count : 0;
+    }
+    if (!event)
+    {
+        event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    }
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = event;
+    bool const bDone =
+        event && (call(pipe, count, &overlapped) ||
+                  (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(pipe, &overlapped, &count, TRUE)));
+    return bDone ? count : 0;
+}
+
 int CMsgPipeConnection::SendAll(void const * buffer, DWORD count, bool)
 {
-    HANDLE const pipe = m_hWrite;
-    OVERLAPPED overlapped{};
-    DWORD written = 0;
-    return Complete(WriteFile(pipe, buffer, count, &written, &overlapped), pipe, overlapped, written) &&
-           written == count;
+    return Transfer(m_hWrite, m_hWriteEvent,
+                    [=](HANDLE pipe, DWORD & done, OVERLAPPED * overlapped)
+                    { return WriteFile(pipe, buffer, count, &done, overlapped); }) == count;
 }
 
 DWORD CMsgPipeConnection::ReceiveSome(void * buffer, DWORD size)
 {
-    HANDLE const pipe = m_hRead;
-    OVERLAPPED overlapped{};
-    DWORD got = 0;
-    return Complete(ReadFile(pipe, buffer, size, &got, &overlapped), pipe, overlapped, got) ? got : 0;
+    return Transfer(m_hRead, m_hReadEvent,
+                    [=](HANDLE pipe, DWORD & done, OVERLAPPED * overlapped)
+                    { return ReadFile(pipe, buffer, size, &done, overlapped); });
 }

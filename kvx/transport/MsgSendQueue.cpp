@@ -62,7 +62,7 @@ CMsgSendQueue::CMsgSendQueue(CMsgConnection * connection, Limits const & limits)
 {
 }
 
-int CMsgSendQueue::Enqueue(Writer writer, void * message)
+int CMsgSendQueue::Enqueue(Writer writer, void * message, bool bWaits)
 {
     Bytes bytes;
     {
@@ -74,7 +74,7 @@ int CMsgSendQueue::Enqueue(Writer writer, void * message)
         bytes = stream.Take();
     }
     CSingleLock guard(&m_lock, TRUE);
-    if (!AwaitRoom(guard, bytes.size()))
+    if (bWaits ? !AwaitRoom(guard, bytes.size()) : m_nError != 0)
     {
         SetLastError(m_nError);
         return 0;

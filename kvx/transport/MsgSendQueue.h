@@ -34,8 +34,13 @@ public:
     template <class T>
     int Post(T & message)
     {
-        return Enqueue([](CMsgStream & stream, void * written) { return static_cast<T *>(written)->Write(stream); },
-                       &message);
+        return Enqueue(&Write<T>, &message, true);
+    }
+    /// The same without waiting for room: for somebody who holds the connection's write lock.
+    template <class T>
+    int PostAtOnce(T & message)
+    {
+        return Enqueue(&Write<T>, &message, false);
     }
     /// Drops what waits, frees those who wait to post, and waits until the thread has left.
     void Close();
@@ -55,7 +60,12 @@ private:
     CEvent m_roomEvent;            // manual: somebody who waits may look again
     CEvent m_quietEvent;           // manual: no thread
 
-    int Enqueue(Writer writer, void * message);
+    template <class T>
+    static int Write(CMsgStream & stream, void * message)
+    {
+        return static_cast<T *>(message)->Write(stream);
+    }
+    int Enqueue(Writer writer, void * message, bool bWaits);
     bool HasRoom(std::size_t bytes) const;
     bool AwaitRoom(CSingleLock & guard, std::size_t bytes);
     static unsigned int SendProc(void * queue);

@@ -1,5 +1,7 @@
 #include "kvx/transport/MsgSocket.h"
 
+#include "kvx/platform/BlockedCalls.h"
+
 void CMsgSocket::InitSocket()
 {
     static BOOL const bStarted = AfxSocketInit();
@@ -47,6 +49,7 @@ int CMsgSocket::Listen(int backlog)
 
 int CMsgSocket::Accept(CMsgSocket & target)
 {
+    CMsgHandleUses::Use const use(m_uses);
     SOCKET const accepted = winsock::accept(m_socket, nullptr, nullptr);
     target.m_socket = accepted;
     return accepted != INVALID_SOCKET;
@@ -71,28 +74,33 @@ int CMsgSocket::Connect(char const * host, UINT port)
         }
         std::memcpy(&peer.sin_addr, found->h_addr_list[0], sizeof(peer.sin_addr));
     }
+    CMsgHandleUses::Use const use(m_uses);
     return winsock::connect(m_socket, reinterpret_cast<winsock::SockAddr const *>(&peer), sizeof(peer)) == 0;
 }
 
 int CMsgSocket::Receive(void * buffer, int size, int flags)
 {
+    CMsgHandleUses::Use const use(m_uses);
     return winsock::recv(m_socket, static_cast<char *>(buffer), size, flags);
 }
 
 int CMsgSocket::Send(void const * buffer, int size, int flags)
 {
+    CMsgHandleUses::Use const use(m_uses);
     return winsock::send(m_socket, static_cast<char const *>(buffer), size, flags);
 }
 
 int CMsgSocket::Shutdown(int how)
 {
+    CMsgHandleUses::Use const use(m_uses);
     return winsock::shutdown(m_socket, how) == 0;
 }
 
 int CMsgSocket::Close()
 {
     SOCKET const socket = m_socket.exchange(INVALID_SOCKET);
-    return socket == INVALID_SOCKET || winsock::closesocket(socket) == 0;
+    return socket == INVALID_SOCKET ||
+           (m_uses.End([=] { kvx::EndSocketCalls(socket); }) && winsock::closesocket(socket) == 0);
 }
 
 UINT CMsgSocket::GetLocalPort() const

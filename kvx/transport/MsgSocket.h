@@ -3,6 +3,7 @@
 /// A thin wrapper of an IPv4 socket. Results are 1 or 0 unless told otherwise; the reason is the thread's last error.
 
 #include "kvx/platform/mfc/Afx.h"
+#include "kvx/transport/MsgHandleUses.h"
 
 #include <atomic>
 
@@ -47,6 +48,7 @@ public:
 
 private:
     std::atomic<SOCKET> m_socket{INVALID_SOCKET};
+    CMsgHandleUses m_uses;
 
     static void InitSocket();
 };

@@ -8,7 +8,9 @@
 
 namespace
 {
-constexpr int LISTEN_BACKLOG = 5;
+// As many clients as may come at once, when a service is back: with a full queue each waits for half a second or more
+// before its system tries again.
+constexpr int LISTEN_BACKLOG = 128;
 
 constexpr DWORD ACCEPT_PAUSE = 20; // milliseconds
 

@@ -118,7 +118,9 @@ TEST_F(Observers, CannotBeAddedFromOutside)
         &publisher);
     {
         Listening const tcp(_T(""));
-        Listening const pipe(_T(""), _T("nt_pipe:outside"));
+        CString name;
+        name.Format(_T("nt_pipe:outside-%u"), GetCurrentProcessId());
+        Listening const pipe(_T(""), name);
         CMsgSubscriber subscriber;
         EXPECT_NE(subscriber.Connect(_T("subscribe"), tcp.GetConnection(), 0), CString());
         for (CString const & road : {tcp.GetConnection(), pipe.GetConnection(), _T("relay:") + tcp.GetConnection()})

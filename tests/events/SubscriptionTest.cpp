@@ -226,6 +226,26 @@ TEST(Subscriptions, ABlockedWriteEndsWithTheSubscription)
     publishing.join();
 }
 
+TEST(Subscriptions, GetWhatIsPublishedAsSoonAsTheyHaveTheirAnswer)
+{
+    constexpr std::size_t ROUNDS = 50;
+    CString topics;
+    for (int i = 0; i < 100; ++i)
+    {
+        topics.AppendFormat(_T("got.%d,"), i);
+    }
+    Receiving got(_T("got"));
+    Service service;
+    service.GetPublisher().SetSubscriberLimit(50, 1 << 20);
+    for (std::size_t round = 1; round <= ROUNDS; ++round)
+    {
+        CMsgSubscriber brief;
+        ASSERT_TRUE(Connect(brief, topics + _T("got.once"), service.GetConnection()));
+        service.Publish(_T("got.once"), 1);
+        ASSERT_EQ(got->WaitFor(round).size(), round);
+    }
+}
+
 TEST(Subscriptions, WithALimitOneThatStandsStillIsDropped)
 {
     constexpr int COUNT = 2000;

@@ -345,6 +345,7 @@ bool Process::TakeLine(std::string & line) const
     {
         if (c == '\n')
         {
+            line.resize(line.size() - line.ends_with('\r'));
             return true;
         }
         line += c;

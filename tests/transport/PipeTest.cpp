@@ -5,29 +5,22 @@
 #include "kvx/transport/Msg9XPipeConnection.h"
 #include "kvx/transport/MsgNTPipeConnection.h"
 #include "kvx/transport/MsgPipeFactory.h"
+#include "tests/support/Host.h"
 #include "tests/support/KeptLog.h"
+#include "tests/support/OneHost.h"
+#include "tests/support/Patience.h"
 
 #include <gmock/gmock.h>
 
-#include <csignal>
-#include <cstdlib>
-#include <fcntl.h>
+#include <atomic>
 #include <filesystem>
-#include <mutex>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
+#include <memory>
+#include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
-
-extern char ** environ;
 
 namespace
 {
-constexpr DWORD PATIENCE = 20000; // milliseconds: what a healthy run never needs
-
 void Echo(CMsgRequest & request, void *)
 {
     request.SetResponseValues(request);
@@ -44,49 +37,16 @@ void AddServices()
     CMsgDispatcher::GetInstance()->RegisterProvider(_T("svc.sleep"), &SleepFor, nullptr);
 }
 
-int CountEntries(char const * folder)
-{
-    std::filesystem::directory_iterator const all(folder);
-    return static_cast<int>(std::distance(begin(all), end(all)));
-}
-
 /// This program as the service of a configuration, told by KVX_PIPE_SERVICE.
-class ServiceProcess
+class ServiceProcess : public host::Process
 {
 public:
     explicit ServiceProcess(std::string const & config)
+        : Process({host::GetProgram(), "--gtest_filter=PipeService.*"}, host::Stdout::Pipe,
+                  {{"KVX_PIPE_SERVICE", config}})
     {
-        int out[2];
-        EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
-        ::setenv("KVX_PIPE_SERVICE", config.c_str(), 1);
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, out[1], 9);
-        char self[] = "/proc/self/exe";
-        char filter[] = "--gtest_filter=PipeService.*";
-        char * arguments[] = {self, filter, nullptr};
-        EXPECT_EQ(::posix_spawn(&m_nProcess, self, &actions, nullptr, arguments, environ), 0);
-        ::posix_spawn_file_actions_destroy(&actions);
-        ::unsetenv("KVX_PIPE_SERVICE");
-        ::close(out[1]);
-        char byte = 0;
-        EXPECT_EQ(::read(out[0], &byte, 1), 1);
-        ::close(out[0]);
+        EXPECT_EQ(ReadReport(), "serves");
     }
-    ~ServiceProcess() { Kill(); }
-
-    void Signal(int signal) const { ::kill(m_nProcess, signal); }
-    void Kill()
-    {
-        if (m_nProcess > 0)
-        {
-            Signal(SIGKILL);
-            ::waitpid(std::exchange(m_nProcess, 0), nullptr, 0);
-        }
-    }
-
-private:
-    pid_t m_nProcess = 0;
 };
 
 TEST(PipeService, Run)
@@ -108,25 +68,39 @@ TEST(PipeService, Run)
         request.SetCommand(_T("svc.echo"));
         probe->Service(request);
     } while (request.GetResponse().Failed());
-    EXPECT_EQ(::write(9, "r", 1), 1);
-    ::pause();
+    host::Report("serves");
+    Sleep(INFINITE);
+}
+
+/// A pipe's name, or a configuration with it, that no other run of the program has.
+CString Own(CString const & name)
+{
+    CString own;
+    own.Format(_T("%s-%u"), name, GetCurrentProcessId());
+    return own;
 }
 
 class Pipes : public testing::Test
 {
 protected:
+    /// One registry for the whole program.
+    static void SetUpTestSuite()
+    {
+        sm_strStore = host::MakeFolder("kvx-pipes-registry");
+        host::SetVariable("KVX_REGISTRY", (sm_strStore + "/registry").c_str());
+    }
+    static void TearDownTestSuite() { std::filesystem::remove_all(sm_strStore); }
+
     Pipes()
     {
-        char path[] = "/tmp/kvx-test-XXXXXX";
-        m_strFolder = ::mkdtemp(path);
-        ::setenv("KVX_RUNTIME_DIR", m_strFolder.c_str(), 1);
-        ::setenv("KVX_REGISTRY", (m_strFolder + "/registry").c_str(), 0); // one store for the whole program
+        host::SetVariable("KVX_RUNTIME_DIR", m_strFolder.c_str());
         AddServices();
     }
     ~Pipes() override
     {
         CMsgDispatcher::GetInstance()->DeleteTarget(_T("svc"));
-        ::unsetenv("KVX_RUNTIME_DIR");
+        host::SetVariable("KVX_RUNTIME_DIR", nullptr);
+        std::filesystem::remove_all(m_strFolder);
     }
 
     static kvx::RefPtr<CMsgProvider> Connect(LPCTSTR config)
@@ -163,7 +137,8 @@ protected:
         return bSame ? 0 : -1;
     }
 
-    std::string m_strFolder;
+    static inline std::string sm_strStore;
+    std::string const m_strFolder = host::MakeFolder("kvx-pipes");
 };
 } // namespace
 
@@ -171,7 +146,7 @@ TEST_F(Pipes, EveryKindOfNamedPipeServes)
 {
     for (LPCTSTR const type : {_T("nt_pipe"), _T("local_pipe"), _T("local_apipe")})
     {
-        CString const config = CString(type) + _T(":kinds");
+        CString const config = Own(CString(type) + _T(":kinds"));
         CMsgListener * const listener = Listen(config);
         kvx::RefPtr<CMsgProvider> const client = Connect(config);
         CMsgRequest request;
@@ -182,13 +157,13 @@ TEST_F(Pipes, EveryKindOfNamedPipeServes)
         Remove(listener);
     }
     // The first bytes are always the plain tag; a server would take the other one.
-    CMsgListener * const listener = Listen(_T("nt_pipe:a/b\\..\\c"));
+    CMsgListener * const listener = Listen(Own(_T("nt_pipe:a/b\\..\\c")));
     EXPECT_EQ(CMsgNTPipeConnection(nullptr, _T("machine:pipe:x"), 1).GetPath(), _T("\\\\machine\\pipe\\pipe:x"));
     Remove(listener);
 
-    CMsgNTPipeConnection server(nullptr, _T("raw"), 1);
-    CMsgNTPipeConnection accepted(nullptr, _T("raw"), 1);
-    CMsgNTPipeConnection client(nullptr, _T("raw"), 1);
+    CMsgNTPipeConnection server(nullptr, Own(_T("raw")), 1);
+    CMsgNTPipeConnection accepted(nullptr, Own(_T("raw")), 1);
+    CMsgNTPipeConnection client(nullptr, Own(_T("raw")), 1);
     std::thread acceptor([&] { EXPECT_TRUE(server.Accept(&accepted)); });
     while (!client.Connect())
     {
@@ -202,7 +177,7 @@ TEST_F(Pipes, EveryKindOfNamedPipeServes)
     CDictionary info;
     EXPECT_TRUE(accepted.GetConnectionInfo(info));
     EXPECT_EQ(info.GetValue(_T("type")), _T("NTPipe"));
-    EXPECT_EQ(info.GetValue(_T("path")), _T("\\\\.\\pipe\\raw"));
+    EXPECT_EQ(info.GetValue(_T("path")), _T("\\\\.\\pipe\\") + Own(_T("raw")));
     EXPECT_EQ(client.GetReadHandle(), client.GetWriteHandle());
     EXPECT_TRUE(accepted.Disconnect() && accepted.Disconnect());
     char tag[5];
@@ -214,36 +189,10 @@ TEST_F(Pipes, EveryKindOfNamedPipeServes)
 TEST_F(Pipes, MissingAndBusyPipesAreToldApart)
 {
     KeptLog lines;
-    CMsgNTPipeConnection client(nullptr, _T("full"), 1);
+    CMsgNTPipeConnection client(nullptr, Own(_T("full")), 1);
     EXPECT_FALSE(client.Connect());
     EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_CONNECTED});
     EXPECT_THAT(lines.Take(), testing::ElementsAre(testing::HasSubstr("] Connection: ")));
-    // A living server that has no room for one more client.
-    int const server = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::string const path = m_strFolder + "/pipe.full";
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    auto const * const generic = reinterpret_cast<sockaddr const *>(&address);
-    ASSERT_EQ(::bind(server, generic, sizeof(address)) | ::listen(server, 0), 0);
-    int const lock = ::open((path + "+lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    struct flock whole
-    {
-    };
-    whole.l_type = F_WRLCK;
-    ASSERT_EQ(::fcntl(lock, F_OFD_SETLK, &whole), 0);
-    int const first = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(::connect(first, generic, sizeof(address)), 0);
-    EXPECT_FALSE(client.Connect());
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_CONNECTED});
-    EXPECT_THAT(lines.Take(),
-                testing::ElementsAre(testing::EndsWith("Connect retry 1"), testing::EndsWith("Connect retry 2"),
-                                     testing::EndsWith("Connect retry 3"), testing::EndsWith("Connect retry 4"),
-                                     testing::EndsWith("Connect retry 5"), testing::HasSubstr("] Connection: ")));
-    for (int const descriptor : {server, lock, first})
-    {
-        ::close(descriptor);
-    }
 
     // A listener that can't have its pipe says so.
     kvx::RefPtr<CMsgListener> const hopeless(
@@ -256,8 +205,8 @@ TEST_F(Pipes, MissingAndBusyPipesAreToldApart)
 
 TEST_F(Pipes, ConcurrentCallsHaveAConnectionEach)
 {
-    CMsgListener * const listener = Listen(_T("nt_pipe:many"));
-    kvx::RefPtr<CMsgProvider> const client = Connect(_T("nt_pipe:many"));
+    CMsgListener * const listener = Listen(Own(_T("nt_pipe:many")));
+    kvx::RefPtr<CMsgProvider> const client = Connect(Own(_T("nt_pipe:many")));
     std::atomic<int> good{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t)
@@ -301,17 +250,71 @@ TEST_F(Pipes, ConcurrentCallsHaveAConnectionEach)
     Remove(listener);
 }
 
+TEST_F(Pipes, ABurstOfClientsIsServed)
+{
+    constexpr int CLIENTS = 60;
+    CMsgListener * const listener = Listen(Own(_T("nt_pipe:burst")));
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < CLIENTS; ++t)
+    {
+        threads.emplace_back(
+            [&]
+            {
+                CMsgRequest request;
+                good += Call(*Connect(Own(_T("nt_pipe:burst"))), request) == 0;
+            });
+    }
+    for (std::thread & thread : threads)
+    {
+        thread.join();
+    }
+    EXPECT_EQ(good, CLIENTS);
+    Remove(listener);
+}
+
+TEST_F(Pipes, AClientThatDoesntReadHoldsUpNobody)
+{
+    // One stops reading in the middle of an answer that no buffer holds; one has a short answer unread.
+    CMsgListener * const listener = Listen(Own(_T("nt_pipe:deaf")));
+    CMsgNTPipeConnection busy(nullptr, Own(_T("deaf")), 1);
+    CMsgNTPipeConnection idle(nullptr, Own(_T("deaf")), 1);
+    CMsgRequest request;
+    request.SetCommand(_T("svc.echo"));
+    for (CMsgConnection * const client : {&busy, &idle})
+    {
+        request[_T("v")] = CString(_T('x'), client == &busy ? 3000000 : 3);
+        ASSERT_TRUE(client->Connect() && client->AuthenticateClient(0));
+        ASSERT_TRUE(request.Write(*client) && client->FlushData());
+    }
+    kvx::RefPtr<CMsgProvider> const other = Connect(Own(_T("nt_pipe:deaf")));
+    CMsgRequest more;
+    EXPECT_EQ(Call(*other, more), 0);
+    DWORD available = 0;
+    while (available == 0)
+    {
+        ASSERT_TRUE(PeekNamedPipe(idle.GetReadHandle(), nullptr, 0, nullptr, &available, nullptr));
+    }
+    EXPECT_TRUE(listener->StopListener());
+    EXPECT_FALSE(listener->IsListening());
+    ASSERT_TRUE(listener->StartListener()); // has nothing to wait for
+    EXPECT_EQ(Call(*other, more), 0);
+    EXPECT_TRUE(request.GetResponse().Read(idle)); // the stop has taken away nothing
+    EXPECT_FALSE(request.GetResponse().Read(busy));
+    Remove(listener);
+}
+
 TEST_F(Pipes, StartingAndStoppingUnderClientsLeavesNothingBehind)
 {
     constexpr int ROUNDS = 1000;
-    int descriptors = 0;
-    int threads = 0;
-    CMsgListener * const listener = Listen(_T("nt_pipe:rounds"));
+    std::size_t handles = 0;
+    std::size_t threads = 0;
+    CMsgListener * const listener = Listen(Own(_T("nt_pipe:rounds")));
     for (int round = 0; round < ROUNDS; ++round)
     {
         {
-            kvx::RefPtr<CMsgProvider> const client = Connect(_T("nt_pipe:rounds"));
-            CMsgNTPipeConnection silent(nullptr, _T("rounds"), 1);
+            kvx::RefPtr<CMsgProvider> const client = Connect(Own(_T("nt_pipe:rounds")));
+            CMsgNTPipeConnection silent(nullptr, Own(_T("rounds")), 1);
             EXPECT_TRUE(silent.Connect());
             CMsgRequest request;
             request.DiscardResults(round % 2);
@@ -321,24 +324,24 @@ TEST_F(Pipes, StartingAndStoppingUnderClientsLeavesNothingBehind)
         }
         if (round == ROUNDS / 4)
         {
-            descriptors = CountEntries("/proc/self/fd");
-            threads = CountEntries("/proc/self/task");
+            handles = host::CountHandles();
+            threads = host::CountThreads();
         }
     }
-    EXPECT_LE(CountEntries("/proc/self/fd"), descriptors + 2);
-    EXPECT_LE(CountEntries("/proc/self/task"), threads + 2);
+    EXPECT_LE(host::CountHandles(), handles + 2);
+    EXPECT_LE(host::CountThreads(), threads + 2);
     Remove(listener);
-    EXPECT_EQ(std::filesystem::exists(m_strFolder + "/pipe.rounds"), false);
+    EXPECT_EQ(std::filesystem::exists(m_strFolder + "/pipe." + kvx::ToUtf8(Own(_T("rounds")))), false);
 }
 
 TEST_F(Pipes, DisconnectBreaksAcceptsAndCalls)
 {
     for (int round = 0; round < 50; ++round)
     {
-        CMsgNTPipeConnection server(nullptr, _T("break"), 1);
-        CMsgNTPipeConnection accepted(nullptr, _T("break"), 1);
-        CMsg9XPipeConnection server9x(nullptr, _T("break9x"));
-        CMsg9XPipeConnection accepted9x(nullptr, _T("break9x"));
+        CMsgNTPipeConnection server(nullptr, Own(_T("break")), 1);
+        CMsgNTPipeConnection accepted(nullptr, Own(_T("break")), 1);
+        CMsg9XPipeConnection server9x(nullptr, Own(_T("break9x")));
+        CMsg9XPipeConnection accepted9x(nullptr, Own(_T("break9x")));
         EXPECT_TRUE(server9x.Listen());
         std::atomic<int> left{2};
         std::thread acceptor(
@@ -363,9 +366,37 @@ TEST_F(Pipes, DisconnectBreaksAcceptsAndCalls)
     }
 }
 
+TEST_F(Pipes, DisconnectBreaksTransfersOnEitherEnd)
+{
+    CMsgNTPipeConnection server(nullptr, Own(_T("ends")), 1);
+    CMsgNTPipeConnection accepted(nullptr, Own(_T("ends")), 1);
+    CMsgNTPipeConnection client(nullptr, Own(_T("ends")), 1);
+    std::vector<char> bytes(4000000); // more than any pipe takes
+    auto const size = static_cast<DWORD>(bytes.size());
+    for (int round = 0; round < 100; ++round)
+    {
+        CMsgConnection & busy = round % 2 ? client : accepted;
+        std::thread acceptor([&] { EXPECT_TRUE(server.Accept(&accepted)); });
+        while (!client.Connect())
+        {
+        }
+        acceptor.join();
+        std::thread working(
+            [&]
+            {
+                bool const bReads = round % 4 < 2;
+                EXPECT_FALSE(bReads ? busy.ReadData(bytes.data(), 1) : busy.WriteData(bytes.data(), size));
+            });
+        Sleep(static_cast<DWORD>(round % 3)); // it is inside, or about to be
+        EXPECT_TRUE(busy.Disconnect());
+        working.join();
+        EXPECT_FALSE(busy.IsConnected());
+    }
+}
+
 TEST_F(Pipes, AKilledServiceIsAnErrorAndComesBack)
 {
-    for (LPCTSTR const config : {_T("nt_pipe:victim"), _T("9x_pipe:victim")})
+    for (CString const & config : {Own(_T("nt_pipe:victim")), Own(_T("9x_pipe:victim"))})
     {
         kvx::RefPtr<CMsgProvider> const client = Connect(config);
         for (int round = 0; round < 6; ++round)
@@ -394,7 +425,7 @@ TEST_F(Pipes, AKilledServiceIsAnErrorAndComesBack)
             Sleep(static_cast<DWORD>(20 + round));
             if (round % 2)
             {
-                service.Signal(SIGSTOP); // then even a client in the middle of connecting has nobody to talk to
+                service.Stop(); // then even a client in the middle of connecting has nobody to talk to
                 Sleep(5);
             }
             service.Kill();
@@ -409,18 +440,19 @@ TEST_F(Pipes, AKilledServiceIsAnErrorAndComesBack)
 
 TEST_F(Pipes, TheRegistrySchemeKeepsItsRecordsAndErrors)
 {
+    CString const path = _T("Software\\QMRT\\System\\9XPipe\\") + Own(_T("scheme"));
     KeptLog lines;
-    CMsg9XPipeConnection client(nullptr, _T("scheme"));
+    CMsg9XPipeConnection client(nullptr, Own(_T("scheme")));
     EXPECT_FALSE(client.Connect());
     EXPECT_THAT(lines.Take(), testing::ElementsAre(testing::EndsWith("] Query server handle: Invalid server handle")));
 
-    CMsg9XPipeConnection server(nullptr, _T("scheme"));
-    CMsg9XPipeConnection accepted(nullptr, _T("scheme"));
+    CMsg9XPipeConnection server(nullptr, Own(_T("scheme")));
+    CMsg9XPipeConnection accepted(nullptr, Own(_T("scheme")));
     EXPECT_TRUE(server.Listen());
     DWORD value = 0;
     DWORD size = sizeof(value);
     HKEY key = nullptr;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, _T("Software\\QMRT\\System\\9XPipe\\scheme"), 0, KEY_READ, &key), 0);
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &key), 0);
     EXPECT_EQ(RegQueryValueExW(key, _T("p"), nullptr, nullptr, reinterpret_cast<BYTE *>(&value), &size), 0);
     EXPECT_EQ(value, GetCurrentProcessId());
     EXPECT_EQ(RegQueryValueExW(key, _T("h"), nullptr, nullptr, reinterpret_cast<BYTE *>(&value), &size), 0);
@@ -436,7 +468,7 @@ TEST_F(Pipes, TheRegistrySchemeKeepsItsRecordsAndErrors)
     EXPECT_STREQ(text, "hello");
     CDictionary info;
     EXPECT_TRUE(client.GetConnectionInfo(info));
-    EXPECT_EQ(info.GetValue(_T("type")) + info.GetValue(_T("path")), _T("9XPipescheme"));
+    EXPECT_EQ(info.GetValue(_T("type")) + info.GetValue(_T("path")), _T("9XPipe") + Own(_T("scheme")));
     accepted.Disconnect();
     EXPECT_FALSE(client.IsConnected());
 
@@ -459,15 +491,15 @@ TEST_F(Pipes, TheRegistrySchemeKeepsItsRecordsAndErrors)
     CloseHandle(write);
 
     // A server leaves another one's key alone.
-    CMsg9XPipeConnection successor(nullptr, _T("scheme"));
+    CMsg9XPipeConnection successor(nullptr, Own(_T("scheme")));
     EXPECT_TRUE(successor.Listen());
     EXPECT_TRUE(server.Disconnect() && server.Disconnect());
-    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, _T("Software\\QMRT\\System\\9XPipe\\scheme"), 0, KEY_READ, &key), 0);
+    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &key), 0);
     RegCloseKey(key);
     // One that withdraws while a client waits for it lets the client go.
     std::thread waiter([&] { EXPECT_FALSE(client.Connect()); });
     Sleep(20);
     EXPECT_TRUE(successor.Disconnect());
     waiter.join();
-    EXPECT_NE(RegOpenKeyExW(HKEY_LOCAL_MACHINE, _T("Software\\QMRT\\System\\9XPipe\\scheme"), 0, KEY_READ, &key), 0);
+    EXPECT_NE(RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &key), 0);
 }

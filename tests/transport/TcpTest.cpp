@@ -1,29 +1,17 @@
 #include "TcpService.h"
 
 #include "kvx/msgdata/MsgCursor.h"
+#include "kvx/platform/SocketPeer.h"
 #include "kvx/transport/MsgConnection.h"
 #include "kvx/transport/MsgListenerSession.h"
+#include "tests/support/Host.h"
+#include "tests/support/OneHost.h"
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 #include <vector>
-
-namespace
-{
-int CountEntries(char const * folder)
-{
-    int count = 0;
-    std::error_code error;
-    for (auto it = std::filesystem::directory_iterator(folder, error); it != std::filesystem::directory_iterator();
-         ++it)
-    {
-        ++count;
-    }
-    return count;
-}
-} // namespace
 
 TEST_F(Tcp, ACallGoesThereAndBack)
 {
@@ -263,8 +251,8 @@ TEST_F(Tcp, ConcurrentCallsHaveAConnectionEach)
 TEST_F(Tcp, StartingAndStoppingUnderClientsLeavesNothingBehind)
 {
     constexpr int ROUNDS = 1000;
-    int descriptors = 0;
-    int threads = 0;
+    std::size_t handles = 0;
+    std::size_t threads = 0;
     for (int round = 0; round < ROUNDS; ++round)
     {
         m_pListener->StopListener();
@@ -290,12 +278,12 @@ TEST_F(Tcp, StartingAndStoppingUnderClientsLeavesNothingBehind)
         m_pClient = {};
         if (round == ROUNDS / 4)
         {
-            descriptors = CountEntries("/proc/self/fd");
-            threads = CountEntries("/proc/self/task");
+            handles = host::CountHandles();
+            threads = host::CountThreads();
         }
     }
-    EXPECT_LE(CountEntries("/proc/self/fd"), descriptors + 2);
-    EXPECT_LE(CountEntries("/proc/self/task"), threads + 2); // parked threads are reused
+    EXPECT_LE(host::CountHandles(), handles + 2);
+    EXPECT_LE(host::CountThreads(), threads + 2); // parked threads are reused
     Start();
 }
 
@@ -379,5 +367,38 @@ TEST(TcpListener, ThatCantListenSaysWhy)
         ASSERT_TRUE(unknown->StartListener());
         EXPECT_FALSE(unknown->WaitUntilListening(PATIENCE));
         EXPECT_EQ(GetLastError(), DWORD{WSAEINVAL});
+    }
+}
+
+TEST(SocketPeer, HasEndedWhenItSendsNoMore)
+{
+    CMsgSocket listening;
+    ASSERT_TRUE(listening.Create(winsock::SocketStream) && listening.Bind(0, "127.0.0.1") && listening.Listen(1));
+    CMsgSocket client;
+    CMsgSocket server;
+    ASSERT_TRUE(client.Create(winsock::SocketStream) && client.Connect("127.0.0.1", listening.GetLocalPort()) &&
+                listening.Accept(server));
+    EXPECT_FALSE(kvx::HasPeerEnded(server.GetSocket()));
+    EXPECT_EQ(client.Send("x", 1, 0), 1);
+    Sleep(20);
+    EXPECT_FALSE(kvx::HasPeerEnded(server.GetSocket()));
+    EXPECT_TRUE(client.Shutdown(winsock::ShutdownBoth));
+    char byte = 0;
+    for (int bRead : {0, 1})
+    {
+        EXPECT_EQ(bRead ? server.Receive(&byte, 1, 0) : 0, bRead);
+        if (bRead || !host::IsWine()) // Wine.PollTellsOfNoEndWhileBytesAreUnread (2026-11-22)
+        {
+            for (DWORD waited = 0; !kvx::HasPeerEnded(server.GetSocket()) && waited < PATIENCE; waited += 5)
+            {
+                Sleep(5);
+            }
+            EXPECT_TRUE(kvx::HasPeerEnded(server.GetSocket()));
+        }
+    }
+    EXPECT_FALSE(kvx::HasPeerEnded(INVALID_SOCKET));
+    for (CMsgSocket * const socket : {&listening, &client, &server})
+    {
+        socket->Close();
     }
 }

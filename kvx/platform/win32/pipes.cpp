@@ -1,5 +1,7 @@
 #include "kvx/platform/win32/pipes.h"
 
+#include "kvx/platform/BlockedCalls.h"
+
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/fileobject.h"
 #include "kvx/platform/win32/files.h"
@@ -402,6 +404,8 @@ public:
     virtual BOOL Connect(OVERLAPPED *) { return Refuse(ERROR_BAD_PIPE); }
     virtual BOOL FinishConnect(OVERLAPPED &, bool) { return Refuse(ERROR_BAD_PIPE); }
     virtual BOOL Disconnect() { return Refuse(ERROR_INVALID_FUNCTION); }
+    /// Ends the calls at work on this end and those to come.
+    virtual void EndCalls() noexcept { OnHandleClosed(); }
 
     BOOL Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverlapped) override
     {
@@ -570,6 +574,13 @@ public:
         FutexGuard const guard(g_pipesLock);
         Abandon(State::Closed);
         m_server->Leave();
+    }
+
+    void EndCalls() noexcept override
+    {
+        UninterruptedScope const scope;
+        FutexGuard const guard(g_pipesLock);
+        Abandon(State::Closed);
     }
 
     BOOL Disconnect() override
@@ -1011,6 +1022,12 @@ Ref<KernelObject> OpenForeignPipe(int nProcess, HANDLE hForeign)
 }
 
 } // namespace kvx::win32
+
+void kvx::EndPipeCalls(HANDLE hPipe)
+{
+    if (auto const pipe = win32::FindPipe(hPipe))
+        pipe->EndCalls();
+}
 
 using namespace kvx::win32;
 

@@ -1,5 +1,6 @@
 #include "kvx/platform/win32/sockets.h"
 
+#include "kvx/platform/BlockedCalls.h"
 #include "kvx/platform/SocketPeer.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/handles.h"
@@ -621,6 +622,12 @@ char * inet_ntoa(InAddr address)
 }
 
 } // namespace winsock
+
+void kvx::EndSocketCalls(SOCKET hSocket)
+{
+    if (auto const socket = FindSocket(hSocket))
+        socket->OnHandleClosed();
+}
 
 bool kvx::HasPeerEnded(SOCKET hSocket)
 {

@@ -411,14 +411,16 @@ public:
     {
         if (!m_bRead)
             return Refuse(ERROR_ACCESS_DENIED);
-        return Finish(nBytes == 0 || Receive(pBuffer, nBytes, nRead), nRead, pOverlapped);
+        bool const bDone = nBytes == 0 || Receive(pBuffer, nBytes, nRead); // before the count is handed on
+        return Finish(bDone, nRead, pOverlapped);
     }
 
     BOOL Write(void const * pBuffer, DWORD nBytes, DWORD & nWritten, OVERLAPPED * pOverlapped) override
     {
         if (!m_bWrite)
             return Refuse(ERROR_ACCESS_DENIED);
-        return Finish(nBytes == 0 || Send(pBuffer, nBytes, nWritten), nWritten, pOverlapped);
+        bool const bDone = nBytes == 0 || Send(pBuffer, nBytes, nWritten);
+        return Finish(bDone, nWritten, pOverlapped);
     }
 
     /// What was written stays readable for the peer, also behind the end of the connection: nothing is to be waited

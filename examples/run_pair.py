@@ -11,19 +11,20 @@ import sys
 import threading
 
 TIMEOUT = 60  # seconds
+RUNNER = os.environ.get("KVX_RUNNER", "").split()  # of another host's programs
 processes = []
 
 
 def start(program, address):
     process = subprocess.Popen(
-        [program, address], stdin=subprocess.PIPE, stdout=subprocess.PIPE, encoding="utf-8", bufsize=1)
+        RUNNER + [program, address], stdin=subprocess.PIPE, stdout=subprocess.PIPE, encoding="utf-8", bufsize=1)
     processes.append(process)
     return process
 
 
 def expect(process, line):
     got = process.stdout.readline().rstrip("\n")
-    assert got == line, f"{process.args[0]} says '{got}', not '{line}'"
+    assert got == line, f"{process.args[-2]} says '{got}', not '{line}'"
 
 
 def start_server(program, address):

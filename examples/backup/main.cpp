@@ -18,7 +18,7 @@ constexpr char FOLDER_NAME[] = "files\\";
 
 int Fail(char const * what, LONG code)
 {
-    std::fprintf(stderr, "%s failed: %d\n", what, code);
+    std::fprintf(stderr, "%s failed: %ld\n", what, static_cast<long>(code));
     return 1;
 }
 

@@ -3,17 +3,19 @@
 
     run_schema.py PROGRAM SCHEMA
 """
+import os
 import subprocess
 import sys
 import tempfile
 
 program, schema = sys.argv[1:]
+runner = os.environ.get("KVX_RUNNER", "").split()  # of another host's programs
 GOOD = "The database is as it should be."
 COLUMN = '<COLUMN name="name" type="text not null"/>'
 
 with tempfile.TemporaryDirectory() as folder:
     def run(description):
-        result = subprocess.run([program, f"{folder}/a.sqlite", description], capture_output=True, encoding="utf-8",
+        result = subprocess.run(runner + [program, f"{folder}/a.sqlite", description], capture_output=True, encoding="utf-8",
                                 timeout=30)
         assert result.returncode == 0, result
         return result.stdout.splitlines()

@@ -34,7 +34,8 @@ int main()
     constexpr DWORD IMPATIENT = 200;
     CDefaultMsgTimeRequest request(IMPATIENT);
     CMsgResponse const & response = request.Execute(_T("slow"));
-    std::printf("The slow one: %u %s\n", response.GetErrorCode(), kvx::ToUtf8(response.GetErrorText()).c_str());
+    std::printf("The slow one: %lu %s\n", static_cast<unsigned long>(response.GetErrorCode()),
+                kvx::ToUtf8(response.GetErrorText()).c_str());
 
     late.SetEvent();
     done.Lock(INFINITE); // the worker is done with what stands on this stack

@@ -18,8 +18,9 @@ enum class StandardStream
 };
 
 /// The arguments without the program's name, as UTF-8. To be called once, at the start of main: it also makes the C
-/// library's stdout and stderr take UTF-8 bytes as they are, with no change of line ends, and a reader that has gone
-/// makes a write to a stream fail, with EPIPE, and no more.
+/// library's streams take and give UTF-8 bytes as they are, with no change of line ends, and a reader that has gone
+/// makes a write to a stream fail, and no more. On Windows stdout and stderr then both keep what is written until a
+/// flush.
 KVX_API std::vector<std::string> GetProgramArguments(int argc, char ** argv);
 
 /// False for a stream that the program was started without (`>&-`).
@@ -27,6 +28,12 @@ KVX_API bool IsOpen(StandardStream stream);
 
 /// Whether somebody reads the stream on a terminal.
 KVX_API bool IsTerminal(StandardStream stream);
+
+/// Whether that terminal does what escape sequences say.
+KVX_API bool TakesEscapes(StandardStream stream);
+
+/// Right after a write of this thread to a stream has failed: whether its reader has gone.
+KVX_API bool HasReaderGone();
 
 /// Columns of the terminal that the standard output is; 0 if it is none or doesn't tell.
 KVX_API int GetTerminalWidth();

@@ -1,8 +1,10 @@
 #include "Service.h"
 
-#include <cstdlib>
+#include "tests/support/OneHost.h"
+
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace
 {
@@ -12,8 +14,8 @@ namespace fs = std::filesystem;
 class Cab : public testing::Test
 {
 protected:
-    fs::path m_folder = fs::path(testing::TempDir()) / ("kvx-cab-e2e-" + std::to_string(::getpid()));
-    std::string m_archive = m_folder / "a.cab";
+    fs::path m_folder = host::MakeFolder("kvx-cab");
+    std::string m_archive = (m_folder / "a.cab").string();
 
     Cab()
     {
@@ -29,23 +31,37 @@ protected:
 
     void Put(std::string const & name, std::string const & content) const
     {
-        std::ofstream(m_folder / name, std::ios::binary) << content;
+        std::ofstream(m_folder / host::ToPath(name), std::ios::binary) << content;
     }
     static Result Run(Strings const & words) { return RunKvx(Join({"cab"}, words)); }
     Result Create(Strings const & words) const
     {
         return Run(Join({"create", m_archive, "-C", m_folder.string()}, words));
     }
-    bool IsSame(std::string const & out) const
+    static std::map<std::string, std::string> ReadFolder(fs::path const & folder)
     {
-        return std::system(
-                   ("diff -r -x left.o '" + (m_folder / "in").string() + "' '" + out + "' >/dev/null").c_str()) == 0;
+        std::map<std::string, std::string> files;
+        for (fs::directory_entry const & entry : fs::recursive_directory_iterator(folder))
+        {
+            if (entry.is_regular_file() && entry.path().extension() != ".o")
+            {
+                std::ifstream file(entry.path(), std::ios::binary);
+                files[entry.path().lexically_relative(folder).generic_string()].assign(
+                    std::istreambuf_iterator<char>(file), {});
+            }
+        }
+        return files;
     }
+    static bool IsProgram(fs::path const & file)
+    {
+        return (fs::status(file).permissions() & fs::perms::owner_exec) != fs::perms::none;
+    }
+    bool IsSame(std::string const & out) const { return ReadFolder(m_folder / "in") == ReadFolder(out); }
 };
 
 TEST_F(Cab, WhatGoesInComesOut)
 {
-    std::string const out = m_folder / "out";
+    std::string const out = (m_folder / "out").string();
     for (Strings const & how :
          {Strings{"--none"}, Strings{"--mszip", "--level", "best"}, Strings{"--lzx=16", "-j", "3"},
           Strings{"--lzx", "--folder-size", "10"}, Strings{"--none", "--max-size", "40K"}})
@@ -55,26 +71,30 @@ TEST_F(Cab, WhatGoesInComesOut)
         EXPECT_THAT(Run({"test", m_archive}).strOut, HasSubstr("4 files, 100014 bytes: whole"));
         EXPECT_EQ(Run({"extract", m_archive, "-C", out}).nStatus, 0);
         EXPECT_TRUE(IsSame(out + "/in")) << how[0];
-        EXPECT_NE(fs::status(out + "/in/run").permissions() & fs::perms::owner_exec, fs::perms::none);
+        EXPECT_EQ(IsProgram(out + "/in/run"), IsProgram(m_folder / "in/run"));
     }
     EXPECT_TRUE(fs::exists(m_folder / "a3.cab"));
     EXPECT_EQ(Run({"test", ""}).nStatus, 1);
-    EXPECT_EQ(Run({"create", "--exclude", "*.o", m_archive, "-C", m_folder, "in"}).nStatus, 0);
+    EXPECT_EQ(Run({"create", "--exclude", "*.o", m_archive, "-C", m_folder.string(), "in"}).nStatus, 0);
     Create({"./in/", "--exclude", "in/deep/"});
     EXPECT_THAT(Run({"test", m_archive}).strOut, HasSubstr("3 files"));
     Create({"in"});
-    Put("in/j\xF6rg", "Latin 1");
-    Put("in/j\xC3\xB6rg", "UTF-8");
-    EXPECT_THAT(Create({"in"}).strErr, HasSubstr("the same as another one"));
-    fs::remove(m_folder / "in/j\xF6rg");
+    if (!host::IsWindows()) // where names are characters (2026-11-22)
+    {
+        Put("in/j\xF6rg", "Latin 1");
+        Put("in/j\xC3\xB6rg", "UTF-8");
+        EXPECT_THAT(Create({"in"}).strErr, HasSubstr("the same as another one"));
+        fs::remove(m_folder / "in/j\xF6rg");
+    }
     EXPECT_THAT(Run({"list", m_archive, "--format", "csv"}).strOut, HasSubstr("in/deep/er/j\xC3\xB6rg,4,"));
-    EXPECT_EQ(Run({"extract", m_archive, "-C", m_folder / "some", "in/deep", "nothing"}).nStatus, 1);
+    EXPECT_EQ(Run({"extract", m_archive, "-C", (m_folder / "some").string(), "in/deep", "nothing"}).nStatus, 1);
     EXPECT_TRUE(fs::exists(m_folder / "some/in/deep/er"));
     EXPECT_FALSE(fs::exists(m_folder / "some/in/text.txt"));
 }
 
 TEST_F(Cab, NothingIsWrittenOutsideOrThroughLinks)
 {
+    KVX_LINUX_ALONE("links that anybody may make", "2026-11-22");
     // Names are bytes of the same length: one character differs.
     Put("in/xx", "up");
     Put("in/lnk", "through");
@@ -86,7 +106,7 @@ TEST_F(Cab, NothingIsWrittenOutsideOrThroughLinks)
     }
     bytes.replace(bytes.find("in\\xx"), 5, "..\\xx");
     std::ofstream(m_archive, std::ios::binary) << bytes;
-    std::string const out = m_folder / "out";
+    std::string const out = (m_folder / "out").string();
     fs::create_directories(out + "/real");
     fs::create_directory_symlink(m_folder / "out/real", out + "/in");
     Result const result = Run({"extract", m_archive, "-C", out});
@@ -120,7 +140,7 @@ TEST_F(Cab, FailuresLeaveNoHalfFiles)
     // Damage in the last file's data: those before are there, and nothing of it.
     Create({"--none", "in/run", "in/text.txt"});
     std::fstream(m_archive, std::ios::binary | std::ios::in | std::ios::out).seekp(-10, std::ios::end) << 'x';
-    Result const damaged = Run({"extract", m_archive, "-C", m_folder / "out"});
+    Result const damaged = Run({"extract", m_archive, "-C", (m_folder / "out").string()});
     EXPECT_EQ(damaged.nStatus, 1);
     EXPECT_THAT(damaged.strErr, HasSubstr("damaged"));
     EXPECT_TRUE(fs::exists(m_folder / "out/in/run"));

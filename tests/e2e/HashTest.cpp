@@ -1,5 +1,7 @@
 #include "Service.h"
 
+#include "tests/support/OneHost.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,15 +14,14 @@ namespace fs = std::filesystem;
 class Hash : public testing::Test
 {
 protected:
-    fs::path m_folder = fs::path(testing::TempDir()) / ("kvx-hash-" + std::to_string(::getpid()));
+    fs::path m_folder = host::MakeFolder("kvx-hash");
 
-    Hash() { fs::create_directory(m_folder); }
     ~Hash() override { fs::remove_all(m_folder); }
 
     std::string Put(std::string const & name, std::string const & content) const
     {
         std::ofstream(m_folder / name, std::ios::binary) << content;
-        return m_folder / name;
+        return (m_folder / name).generic_string();
     }
     static Result Run(Strings const & words) { return RunKvx(Join({"hash"}, words)); }
     static std::string Sum(std::string const & command)
@@ -41,6 +42,7 @@ protected:
 
 TEST_F(Hash, LinesAndListsAreThoseOfTheSystemsPrograms)
 {
+    KVX_LINUX_ALONE("the system's programs, and names with line ends", "2026-11-22");
     std::string const plain = Put("plain", "123456789");
     std::string const line = Put("two\nlines", "x");
     std::string const bytes = Put("odd\xFF bytes", "y");
@@ -69,7 +71,7 @@ TEST_F(Hash, LinesAndListsAreThoseOfTheSystemsPrograms)
 TEST_F(Hash, ChecksCountWhatIsWrong)
 {
     std::string const file = Put("file", "abc");
-    std::string const missing = m_folder / "missing";
+    std::string const missing = (m_folder / "missing").generic_string();
     std::string const digest = "900150983cd24fb0d6963f7d28e17f72";
     std::string const other = "A" + digest.substr(1);
     std::string const list = Put("list", "# comment\n\n" + digest + "  " + file + "\r\n" + other + " *" + file + "\n" +
@@ -82,12 +84,13 @@ TEST_F(Hash, ChecksCountWhatIsWrong)
     EXPECT_THAT(result.strErr, HasSubstr("warning: 4 lines are malformed\nwarning: 1 listed file could not be read\n"
                                          "warning: 1 digest did NOT match\n"));
     EXPECT_EQ(Run({"sha1", "-c", list}).nStatus, 1);
-    EXPECT_EQ(Run({"md5", m_folder}).nStatus, 1);
+    EXPECT_EQ(Run({"md5", m_folder.string()}).nStatus, 1);
     EXPECT_EQ(Run({"md4", file}).nStatus, 2);
 }
 
 TEST_F(Hash, ATerminalGetsNoCommands)
 {
+    KVX_LINUX_ALONE("a terminal that the test reads, and names with controls", "2026-11-22");
     std::string const file = Put("red\x1B[31m", "");
     EXPECT_THAT(RunKvx({"hash", "md5", file}, Stdout::Terminal).strOut, HasSubstr("red\\x1B[31m"));
     EXPECT_THAT(Run({"md5", file}).strOut, HasSubstr("red\x1B[31m"));

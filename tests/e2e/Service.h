@@ -1,66 +1,47 @@
 #pragma once
 
-/// The program under test as child processes, and a client that speaks bytes.
+/// The program under test as child processes.
+
+#include "tests/support/Host.h"
 
 #include <chrono>
-#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
-using Strings = std::vector<std::string>;
+using host::RawClient;
+using host::Stdout;
+
+/// The program, beside this one.
+std::string GetKvx();
 
 Strings Join(Strings first, Strings const & second);
 
-/// What a process has for its stdout.
-enum class Stdout
-{
-    Pipe,      // which the test reads
-    Terminal,  // which the test reads, and which is its stderr too
-    Abandoned, // a pipe that nobody reads any more
-    Full,      // a disk without space
-    Closed
-};
-
-/// `kvx` with these arguments. One that still runs at the end is killed.
-class Process
+/// `kvx` with these arguments.
+class Process : public host::Process
 {
 public:
-    explicit Process(Strings const & args, Stdout out = Stdout::Pipe);
-    Process(Process const &) = delete;
-    Process & operator=(Process const &) = delete;
-    ~Process();
-
-    /// The next line of its stdout, without the line end; what there is if it ends before.
-    std::string ReadLine() const;
-    /// What it has written to stderr so far.
-    std::string PeekErr() const;
-    bool HasEnded() const;
-    /// Waits for its end: the exit status, or minus the signal that ended it. What it wrote is then in the two texts.
-    int Wait();
-
-    pid_t nPid = -1;
-    std::string strOut;
-    std::string strErr;
-
-private:
-    int m_nOut = -1;
-    int m_nErr = -1;
+    explicit Process(Strings const & args, Stdout out = Stdout::Pipe, std::string const & input = {});
+    /// Another host's, by the words that start it.
+    Process(Strings const & program, Strings const & args, Stdout out = Stdout::Pipe, std::string const & input = {},
+            host::End end = host::End::Any);
 };
 
 struct Result
 {
-    int nStatus;
+    int nStatus = 0;
     std::string strOut;
     std::string strErr;
 };
 
 /// Runs the program to its end.
-Result RunKvx(Strings const & args, Stdout out = Stdout::Pipe);
+Result RunKvx(Strings const & args, Stdout out = Stdout::Pipe, std::string const & input = {},
+              Strings const & program = {GetKvx()});
 
 struct RowSet
 {
@@ -83,16 +64,15 @@ struct Response
 class Service
 {
 public:
-    explicit Service(Strings const & options = {}, Strings const & listeners = {"tcp:127.0.0.1:0"});
+    explicit Service(Strings const & options = {}, Strings const & listeners = {"tcp:127.0.0.1:0"},
+                     Strings const & program = {GetKvx()});
 
     /// `kvx call` of it, with the response as JSON. Checks that exit status and error line agree with it.
     Response Call(Strings const & words) const;
     /// The one cell of such a response.
     std::string CallForValue(Strings const & words) const { return Call(words).rowSets.at(0).rows.at(0).at(0); }
-    /// Resident memory in MB.
-    long GetMemory() const;
-    /// Asks it to end; its exit status.
-    int Stop(int signal = SIGTERM);
+    /// Asks it to end, as the system does; its exit status.
+    int Stop();
 
     Process process;
     Strings addresses;      // as its READY lines tell, in no fixed order
@@ -100,16 +80,31 @@ public:
     int nPort = 0;          // of TCP
 };
 
-/// Has the programs use a registry of the test's own.
-class RegistryFile
+/// A folder, and a registry: one of the test's own, or of this host, of which it has some keys.
+class OwnRegistry
 {
 public:
-    RegistryFile();
-    RegistryFile(RegistryFile const &) = delete;
-    ~RegistryFile();
+    OwnRegistry();
+    OwnRegistry(OwnRegistry const &) = delete;
+    ~OwnRegistry();
 
     std::string strFolder;
+
+private:
+    static void Clear();
 };
+
+/// A regular expression for the whole text.
+MATCHER_P(IsLike, pattern, "")
+{
+    return std::regex_match(std::string(arg), std::regex(pattern));
+}
+
+/// One for a part of it.
+MATCHER_P(HasLike, pattern, "")
+{
+    return std::regex_search(std::string(arg), std::regex(pattern));
+}
 
 class ServiceTest : public testing::Test
 {
@@ -130,22 +125,3 @@ bool Becomes(F const & condition)
     }
     return bHolds;
 }
-
-class RawClient
-{
-public:
-    explicit RawClient(int port);
-    RawClient(RawClient const &) = delete;
-    RawClient & operator=(RawClient const &) = delete;
-    ~RawClient();
-
-    void Send(std::string_view bytes) const;
-    void EndSending() const;
-    /// Exactly so many bytes; less at the end of the link, or after 10 seconds of silence.
-    std::string Receive(std::size_t count) const;
-    /// Whether the server has ended the link, once what it still sends has been read.
-    bool IsEnded() const;
-
-private:
-    int m_nSocket;
-};

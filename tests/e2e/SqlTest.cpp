@@ -1,63 +1,21 @@
-#include "Service.h"
+#include "SqlService.h"
 
-#include "kvx/messaging/MsgDispatcher.h"
+#include "tests/support/OneHost.h"
+
 #include "kvx/sql/SqlCommand.h"
 #include "kvx/xml/XMLDocumentKVX.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <random>
 
-#include <poll.h>
-#include <pty.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
 
 namespace
 {
 using Rows = std::vector<Strings>;
 using testing::HasSubstr;
-namespace fs = std::filesystem;
-
-class Sql : public testing::Test
-{
-protected:
-    fs::path m_folder = fs::path(testing::TempDir()) / ("kvx-sql-" + std::to_string(getpid()));
-    std::string m_database = "db=" + (m_folder / "a.sqlite").string();
-    std::unique_ptr<Service> m_service;
-
-    Sql() { fs::create_directories(m_folder); }
-    ~Sql() override
-    {
-        CMsgDispatcher::GetInstance()->DeleteTarget(_T("there"));
-        if (m_service)
-        {
-            EXPECT_EQ(m_service->Stop(), 0);
-        }
-        fs::remove_all(m_folder);
-    }
-    void Serve(Strings const & options = {})
-    {
-        m_service = std::make_unique<Service>(Join({"--sql", m_database}, options));
-        CMsgDispatcher * const dispatcher = CMsgDispatcher::GetInstance();
-        dispatcher->DeleteTarget(_T("there"));
-        CString const road = _T("forward:") + kvx::FromUtf8(m_service->strAddress);
-        ASSERT_TRUE(dispatcher->RegisterProvider(_T("there"), road, 1));
-    }
-    Response Run(std::string const & sql, Strings const & params = {}) const
-    {
-        return m_service->Call(Join({"db.exec_sql", "sql=" + sql}, params));
-    }
-    /// Whether the statement waits for others.
-    bool IsHeldUp(std::string const & sql) const { return CodeOf(sql, {"--timeout", "300"}) == 1460; }
-    long long CodeOf(std::string const & sql, Strings const & params = {}) const { return Run(sql, params).nCode; }
-};
 
 /// Texts that break what is put together carelessly.
 class HostileTexts
@@ -108,7 +66,7 @@ bool SurvivesQuoting(CString const & text)
 
 TEST_F(Sql, HostileTextsComeBackUnchanged)
 {
-    constexpr int COUNT = 100'000;
+    int const COUNT = host::IsWine() ? 20'000 : 100'000; // where each request takes ten times as long (2026-11-22)
     constexpr int BATCH = 1'000;
     Serve({"--sql-max-rows", "1000000"});
     CSqlCommand command(_T("there.db"), 1);
@@ -162,7 +120,7 @@ TEST_F(Sql, HostileTextsComeBackUnchanged)
     EXPECT_EQ(other, 0);
     auto const refused = std::ranges::count(sent, CString(_T("<refused>")));
     EXPECT_EQ(seen, COUNT - refused);
-    EXPECT_GT(refused, 1000);
+    EXPECT_GT(refused, COUNT / 100);
 }
 
 TEST_F(Sql, TablesTravelUnchanged)
@@ -264,6 +222,10 @@ TEST_F(Sql, RefusesWhatReachesFurtherThanTheFile)
     EXPECT_EQ(CodeOf("insert into t values(1)"), 0);
     EXPECT_EQ(Run("select last_insert_rowid(), changes(), total_changes()").rowSets.at(0).rows,
               (Rows{{"0", "0", "0"}}));
+    if (host::IsWindows()) // where such a file can't be moved (2026-11-22)
+    {
+        return;
+    }
     fs::rename(m_folder / "a.sqlite", other);
     EXPECT_THAT(Run("select 1").strText, HasSubstr("has been deleted, moved or replaced"));
 }
@@ -304,11 +266,13 @@ TEST_F(Sql, OwnFunctionsGiveWhatTheEnginesDo)
         sqlite3_stmt * statement = nullptr;
         ASSERT_EQ(sqlite3_prepare_v2(database, sql.c_str(), -1, &statement, nullptr), SQLITE_OK) << sql;
         ASSERT_EQ(sqlite3_step(statement), SQLITE_ROW);
-        Strings const row = Run(sql).rowSets.at(0).rows.at(0);
-        for (std::size_t column = 0; column < row.size(); ++column)
+        CMsgResults row = Ask(sql);
+        ASSERT_TRUE(row.NextRow());
+        for (int column = 0; column < COLUMNS + 3; ++column)
         {
-            auto const * const given = sqlite3_column_text(statement, static_cast<int>(column));
-            EXPECT_EQ(row[column], given ? reinterpret_cast<char const *>(given) : "") << sql << column;
+            auto const * const given = sqlite3_column_text(statement, column);
+            EXPECT_EQ(kvx::ToUtf8(row[column].ToString()), given ? reinterpret_cast<char const *>(given) : "")
+                << sql << column;
         }
         sqlite3_finalize(statement);
     }
@@ -323,7 +287,7 @@ TEST_F(Sql, BoundsWhatAStatementCosts)
     EXPECT_THAT(Run(endless + "x from r").strText, HasSubstr("more than 1000 rows"));
     EXPECT_THAT(Run(endless + "hex(zeroblob(20000)) from r").strText, HasSubstr("more than 102400 bytes"));
     EXPECT_THAT(Run("select zeroblob(60000)").strText, HasSubstr("too big"));
-    EXPECT_EQ(Run("select null union all select null", {"null=" + std::string(60'000, 'x')}).nCode, 234);
+    EXPECT_EQ(Ask("select null union all select null", std::string(60'000, 'x')).GetErrorCode(), 234u);
     // Those that nobody could end, or that took gigabytes before they began.
     std::string matches = "with t(a, p) as materialized (select replace(hex(zeroblob(20000)), '0', 'a'), "
                           "'%' || replace(hex(zeroblob(450)), '0', 'a') || 'b%') select 0";
@@ -338,8 +302,8 @@ TEST_F(Sql, BoundsWhatAStatementCosts)
     }
     EXPECT_EQ(CodeOf(matches + " from t"), 1460);
     EXPECT_THAT(CodeOf(doubled + " select * from a29"), testing::AnyOf(8, 1460));
-    EXPECT_LT(m_service->GetMemory(), 2500);
-    EXPECT_EQ(CodeOf(names), 234);
+    EXPECT_LT(m_service->process.GetMemory(), 2500);
+    EXPECT_EQ(Ask(names).GetErrorCode(), 234u);
     EXPECT_EQ(CodeOf("create table t(a)"), 0);
     EXPECT_EQ(CodeOf("insert into t with recursive r(x) as (select 1 union all select x + 1 from r limit 2000) "
                      "select x from r returning a"),
@@ -347,7 +311,7 @@ TEST_F(Sql, BoundsWhatAStatementCosts)
     EXPECT_EQ(Run("select count(*) from t").rowSets.at(0).rows, (Rows{{"0"}})); // it was taken back
     EXPECT_EQ(Run("insert into t values(5) returning a").rowSets.at(0).rows, (Rows{{"5"}}));
     sqlite3 * database = nullptr;
-    ASSERT_EQ(sqlite3_open((m_folder / "a.sqlite").c_str(), &database), SQLITE_OK);
+    ASSERT_EQ(sqlite3_open((m_folder / "a.sqlite").string().c_str(), &database), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(database, "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
     EXPECT_EQ(CodeOf("insert into t values(1)"), 170); // busy
     EXPECT_EQ(CodeOf("insert into t values(1)", {"script=1"}), 170);
@@ -383,88 +347,21 @@ TEST_F(Sql, BoundsWhatAStatementCosts)
 TEST_F(Sql, CommandLineRunsStatements)
 {
     Serve();
-    std::string const kvx = std::string(KVX_PROGRAM) + " sql " + m_service->strAddress + " db ";
-    auto const run = [&](std::string const & input, std::string const & options)
+    auto const run = [&](std::string const & input, Strings const & options)
     {
-        std::ofstream(m_folder / "in.sql") << input;
-        std::string const io = " < " + (m_folder / "in.sql").string() + " > " + (m_folder / "out").string() + " 2>&1";
-        int const status = WEXITSTATUS(std::system((kvx + options + io).c_str()));
-        std::ifstream out(m_folder / "out");
-        return std::to_string(status) + "\n" + std::string(std::istreambuf_iterator<char>(out), {});
+        std::string const file = (m_folder / "in.sql").string();
+        std::ofstream(file, std::ios::binary) << input;
+        Result const result = RunKvx(Join({"sql", m_service->strAddress, "db"}, options), Stdout::Pipe, file);
+        return std::to_string(result.nStatus) + "\n" + result.strOut + result.strErr;
     };
     EXPECT_EQ(run("create table t(a); -- c;\ncreate trigger tr after insert on t begin\n select 1; end; "
                   "insert into t values('a;b\n'';');\nselect * from t /*;*/",
-                  "--format csv"),
+                  {"--format", "csv"}),
               "0\nchanges,last_insert_rowid\r\n0,0\r\nchanges,last_insert_rowid\r\n0,0\r\n"
               "changes,last_insert_rowid\r\n1,1\r\na\r\n\"a;b\n';\"\r\n");
-    EXPECT_THAT(run("delete from t; bad; delete from t;", ""), HasSubstr("syntax error\n"));
-    EXPECT_THAT(run("", "'select :n as n, null as x' :n=5 --null - --format csv"), "0\nn,x\r\n5,-\r\n");
-    EXPECT_THAT(run("insert into t values(1); insert into none values(2);", "--script"), testing::StartsWith("1\n"));
+    EXPECT_THAT(run("delete from t; bad; delete from t;", {}), HasSubstr("syntax error\n"));
+    EXPECT_THAT(run("", {"select :n as n, null as x", ":n=5", "--null", "-", "--format", "csv"}), "0\nn,x\r\n5,-\r\n");
+    EXPECT_THAT(run("insert into t values(1); insert into none values(2);", {"--script"}), testing::StartsWith("1\n"));
     EXPECT_EQ(Run("select count(*) from t").rowSets.at(0).rows, (Rows{{"0"}}));
-}
-
-TEST_F(Sql, TerminalEditsLinesAndCtrlCGivesUp)
-{
-    Serve();
-    EXPECT_EQ(CodeOf("create table t(a)"), 0);
-    int terminal = -1;
-    pid_t const pid = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (pid == 0)
-    {
-        setenv("XDG_DATA_HOME", m_folder.c_str(), 1);
-        setenv("TERM", "xterm", 1);
-        execl(KVX_PROGRAM, KVX_PROGRAM, "sql", m_service->strAddress.c_str(), "db", nullptr);
-        _exit(127);
-    }
-    auto const isReadable = [&]
-    {
-        pollfd wait{terminal, POLLIN, 0};
-        return poll(&wait, 1, 10'000) > 0;
-    };
-    auto const expect = [&](std::string_view what)
-    {
-        std::string text;
-        for (char c = 0; text.find(what) == text.npos && isReadable() && read(terminal, &c, 1) == 1;)
-        {
-            text += c;
-        }
-        return text;
-    };
-    // The prompt is there a moment before keys are taken one by one.
-    auto const expectPrompt = [&]
-    {
-        std::string const text = expect("sql> ");
-        termios mode{};
-        EXPECT_TRUE(Becomes([&] { return tcgetattr(terminal, &mode) == 0 && !(mode.c_lflag & ISIG); }));
-        return text;
-    };
-    auto const type = [&](std::string_view keys)
-    { EXPECT_EQ(write(terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size())); };
-    expectPrompt();
-    type("select 'a;\r");
-    expect("...> ");
-    type("b' as x;\r");
-    EXPECT_THAT(expectPrompt(), HasSubstr("a;\\nb"));
-    type("select 'half\x03");
-    expectPrompt();
-    type("insert into t with recursive r(x) as (select 1 union all select x + 1 from r) select max(x) from r;\r");
-    EXPECT_TRUE(Becomes([&] { return IsHeldUp("insert into t values(1)"); })); // it is under way
-    type("\x03");
-    EXPECT_THAT(expectPrompt(), HasSubstr("error 1223: Given up"));
-    type("select 6*7;\r");
-    EXPECT_THAT(expect("42\r\n"), HasSubstr("6*7"));
-    expectPrompt();
-    type("\x04");
-    int status = -1;
-    std::string const rest = expect("nothing more");
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0) << rest;
-    close(terminal);
-    struct stat history
-    {
-    };
-    ASSERT_EQ(stat((m_folder / "kvx/sql_history").c_str(), &history), 0);
-    EXPECT_EQ(history.st_mode & 0777, 0600u);
-    EXPECT_GT(history.st_size, 0);
 }
 } // namespace

@@ -1,11 +1,10 @@
 #include "Service.h"
 
-#include <unistd.h>
+#include "kvx/platform/host.h"
 
 namespace
 {
 using testing::HasSubstr;
-using testing::MatchesRegex;
 using testing::StartsWith;
 
 constexpr char TIME[] = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}";
@@ -41,21 +40,21 @@ TEST(Watch, ShowsEvents)
     EXPECT_EQ(ticks.nStatus, 0);
     EXPECT_EQ(ticks.strErr, "");
     EXPECT_THAT(ticks.strOut,
-                MatchesRegex("host[.]tick number=1 time=" + time + "\nhost[.]tick number=2 time=" + time + "\n"));
+                IsLike("host[.]tick number=1 time=" + time + "\nhost[.]tick number=2 time=" + time + "\n"));
 
     Process both({"watch", service.strAddress, "host.log,host.tick", "--format", "json"});
     EXPECT_NE(ReadUntil(both, "A subscription to host.log,host.tick"), "");
     service.Call({"host.fail", "code=5", "text=\"quoted\\\u00FC\"", "p=50%s"});
     EXPECT_THAT(ReadUntil(both, "host.fail"),
-                MatchesRegex(R"([{]"event":"host.log","params":[{]"text":"host.fail .*p=50%s.*\\"quoted\\\\.*",)"
-                             R"("time":")" +
-                             time + R"([.][0-9]{3}","type":"W"[}],"rowsets":\[\][}])"));
-    EXPECT_THAT(ReadUntil(both, "host.tick\""), MatchesRegex(R"([{]"event":"host.tick","params":[{]"number":"[0-9]+",)"
-                                                             R"("time":")" +
-                                                             time + R"("[}],"rowsets":\[\][}])"));
+                IsLike(R"([{]"event":"host.log","params":[{]"text":"host.fail .*p=50%s.*\\"quoted\\\\.*",)"
+                       R"("time":")" +
+                       time + R"([.][0-9]{3}","type":"W"[}],"rowsets":\[\][}])"));
+    EXPECT_THAT(ReadUntil(both, "host.tick\""), IsLike(R"([{]"event":"host.tick","params":[{]"number":"[0-9]+",)"
+                                                       R"("time":")" +
+                                                       time + R"("[}],"rowsets":\[\][}])"));
     EXPECT_EQ(service.Stop(), 0);
     EXPECT_TRUE(Becomes([&] { return both.PeekErr() == service.strAddress + " lost: trying to connect again\n"; }));
-    kill(both.nPid, SIGINT);
+    both.Interrupt();
     EXPECT_EQ(both.Wait(), 0);
 }
 
@@ -88,8 +87,8 @@ TEST(Watch, SaysWhyItCantSubscribe)
 
 TEST(Watch, SurvivesRestarts)
 {
-    RegistryFile const registry;
-    std::string const name = "kvx-e2e-" + std::to_string(getpid()) + "-watched";
+    OwnRegistry const registry;
+    std::string const name = "kvx-e2e-" + std::to_string(GetCurrentProcessId()) + "-watched";
     Strings const roads{"nt_pipe:" + name, "9x_pipe:" + name, "local_apipe:" + name + "a"};
     auto service = std::make_unique<Service>(Strings{"--verbose"}, roads);
     std::vector<std::unique_ptr<Process>> watches;
@@ -104,8 +103,8 @@ TEST(Watch, SurvivesRestarts)
     constexpr int RESTARTS = 6;
     for (int i = 1; i <= RESTARTS; ++i)
     {
-        int const signal = i % 2 == 0 ? SIGTERM : SIGKILL;
-        EXPECT_EQ(service->Stop(signal), signal == SIGKILL ? -SIGKILL : 0);
+        bool const bKilled = i % 2 != 0;
+        EXPECT_EQ((bKilled ? service->process.Kill() : service->Stop()) != 0, bKilled);
         service = std::make_unique<Service>(Strings{"--verbose"}, roads);
         for (auto const & watch : watches)
         {
@@ -119,7 +118,7 @@ TEST(Watch, SurvivesRestarts)
     }
     for (auto const & watch : watches)
     {
-        kill(watch->nPid, SIGTERM);
+        watch->Terminate();
         EXPECT_EQ(watch->Wait(), 0);
         EXPECT_EQ(CountLines(watch->strErr, "\n"), 2 * RESTARTS); // once lost and once back for each
     }

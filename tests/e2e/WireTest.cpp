@@ -134,7 +134,7 @@ TEST_F(Wire, EndsAHostileSessionAndNothingElse)
         }
     }
     ExpectServes();
-    EXPECT_LT(m_service.GetMemory(), MEMORY_MAX);
+    EXPECT_LT(m_service.process.GetMemory(), MEMORY_MAX);
     open.clear();
     bystander.Send(Word(0) + Text("") + Word(0));
     EXPECT_EQ(bystander.Receive(4 + 4), "VJOP" + Text(""));
@@ -157,7 +157,7 @@ TEST(Subscriber, ThatStopsReadingHoldsUpNobodyElse)
     EXPECT_EQ(RunKvx({"watch", service.strAddress, "host.tick", "--count", "1"}).nStatus, 0);
     Process log({"watch", service.strAddress, "host.log", "--count", "1"});
     EXPECT_TRUE(Becomes([&] { return service.Call({"host.echo", "a=1"}).nCode == 0 && log.HasEnded(); }));
-    EXPECT_LT(service.GetMemory(), MEMORY_MAX);
+    EXPECT_LT(service.process.GetMemory(), MEMORY_MAX);
     EXPECT_EQ(service.Stop(), 0);
 }
 
@@ -200,6 +200,6 @@ TEST_F(Wire, RefusesToSpellOutWhatIsOnlyClaimed)
         EXPECT_EQ(client.Receive(4 + 4 + begin.size()).substr(8), begin);
     }
     ExpectServes();
-    EXPECT_LT(m_service.GetMemory(), MEMORY_MAX);
+    EXPECT_LT(m_service.process.GetMemory(), MEMORY_MAX);
 }
 } // namespace

@@ -1,5 +1,7 @@
 #include "Service.h"
 
+#include "tests/support/OneHost.h"
+
 #include <filesystem>
 #include <fstream>
 
@@ -12,7 +14,7 @@ namespace fs = std::filesystem;
 class Xml : public testing::Test
 {
 protected:
-    RegistryFile m_registry; // for its folder
+    OwnRegistry m_registry; // for its folder
     fs::path m_folder = m_registry.strFolder;
 
     static Result Run(Strings const & words) { return RunKvx(Join({"xml"}, words)); }
@@ -37,7 +39,7 @@ TEST_F(Xml, PrintsAndGets)
     EXPECT_EQ(Run({"get", path, "R.A", "n"}).strOut, "\u017C\n");
     EXPECT_THAT(Run({"get", path, "r.a", "m"}).strErr, StartsWith("error 1168: r.a m: "));
     EXPECT_THAT(Run({"print", Write("b.xml", "<r a='\xE9'/>")}).strErr, StartsWith("error 1113: "));
-    EXPECT_EQ(Run({"print", "--ansi", "--indent", "0", m_folder / "b.xml"}).strOut, "<r a=\"\xE9\"/>");
+    EXPECT_EQ(Run({"print", "--ansi", "--indent", "0", (m_folder / "b.xml").string()}).strOut, "<r a=\"\xE9\"/>");
 }
 
 TEST_F(Xml, ChecksAndMerges)
@@ -53,15 +55,21 @@ TEST_F(Xml, ChecksAndMerges)
     std::string const blanks = Write("f.xml", "<r a=\"x&#10;y\">&#32;a&#10;b&#9;</r>");
     EXPECT_EQ(Run({"print", "--indent", "0", blanks}).strOut, Read(blanks));
 
-    fs::create_symlink("a.xml", m_folder / "link.xml");
-    fs::permissions(first, fs::perms::owner_read | fs::perms::owner_write);
-    EXPECT_EQ(Run({"merge", first, second, "--indent", "0", "-o", m_folder / "link.xml"}).nStatus, 0);
-    EXPECT_EQ(Read(first), "<r><one/><two/></r>");
-    EXPECT_TRUE(fs::is_symlink(m_folder / "link.xml"));
-    EXPECT_EQ(fs::status(first).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    EXPECT_THAT(Run({"merge", first, second, "-o", "/dev/full"}).strErr, StartsWith("error 112: "));
-    EXPECT_THAT(Run({"merge", first, Write("d.xml", "<other/>"), "-o", first}).strErr, StartsWith("error 13: "));
-    EXPECT_EQ(Read(first), "<r><one/><two/></r>");
+    std::string const third = Write("g.xml", "<r/>");
+    EXPECT_EQ(Run({"merge", first, second, "--indent", "0", "-o", third}).nStatus, 0);
+    EXPECT_EQ(Read(third), "<r><one/><two/></r>");
+    if (!host::IsWindows()) // links, modes and full disks (2026-11-22)
+    {
+        fs::create_symlink("g.xml", m_folder / "link.xml");
+        fs::permissions(third, fs::perms::owner_read | fs::perms::owner_write);
+        EXPECT_EQ(Run({"merge", second, first, "--indent", "0", "-o", (m_folder / "link.xml").string()}).nStatus, 0);
+        EXPECT_EQ(Read(third), "<r><one/><two/></r>");
+        EXPECT_TRUE(fs::is_symlink(m_folder / "link.xml"));
+        EXPECT_EQ(fs::status(third).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+        EXPECT_THAT(Run({"merge", first, second, "-o", "/dev/full"}).strErr, StartsWith("error 112: "));
+    }
+    EXPECT_THAT(Run({"merge", first, Write("d.xml", "<other/>"), "-o", third}).strErr, StartsWith("error 13: "));
+    EXPECT_EQ(Read(third), "<r><one/><two/></r>");
     EXPECT_EQ(Run({"merge", first}).nStatus, 2);
 }
 } // namespace

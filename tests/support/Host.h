@@ -32,6 +32,12 @@ std::string TakeHome(std::string const & folder);
 /// A symbolic link, whose target may be missing; a folder's if `bFolder`. False where there are none.
 bool MakeLink(std::string const & target, std::string const & link, bool bFolder = false);
 
+/// The path of a name.
+inline std::filesystem::path ToPath(std::string_view name)
+{
+    return std::u8string(name.begin(), name.end());
+}
+
 /// Sets a variable of this process and of its children to come; null takes it away.
 void SetVariable(char const * name, char const * value);
 
@@ -71,14 +77,23 @@ enum class Stdout
     Closed
 };
 
+/// Whether a process may be asked to end, for which Windows must give it a console: that takes time.
+enum class End
+{
+    Any,
+    Unasked
+};
+
 /// Another program, or this one again. One that still runs at the end is killed.
 class Process
 {
 public:
     using Variables = std::vector<std::pair<char const *, std::string>>;
 
-    /// `words` are the program and its arguments; the variables are the child's alone. Throws if it doesn't start.
-    explicit Process(Strings const & words, Stdout out = Stdout::Pipe, Variables const & variables = {});
+    /// `words` are the program and its arguments; the variables are the child's alone; `input` is the file that is its
+    /// stdin, if any. Throws if it doesn't start.
+    explicit Process(Strings const & words, Stdout out = Stdout::Pipe, Variables const & variables = {},
+                     std::string const & input = {}, End end = End::Any);
     Process(Process const &) = delete;
     Process & operator=(Process const &) = delete;
     ~Process();

@@ -255,7 +255,8 @@ struct Process::Parts
     }
 };
 
-Process::Process(Strings const & words, Stdout kind, Variables const & variables) : m_parts(std::make_unique<Parts>())
+Process::Process(Strings const & words, Stdout kind, Variables const & variables, std::string const & input, End)
+    : m_parts(std::make_unique<Parts>())
 {
     m_parts->nErr = memfd_create("stderr", MFD_CLOEXEC);
     std::array<int, 2> out = OpenStdout(kind);
@@ -266,6 +267,10 @@ Process::Process(Strings const & words, Stdout kind, Variables const & variables
     posix_spawn_file_actions_adddup2(&actions, kind == Stdout::Terminal ? out[1] : m_parts->nErr, STDERR_FILENO);
     kind == Stdout::Closed ? posix_spawn_file_actions_addclose(&actions, STDOUT_FILENO)
                            : posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    if (!input.empty())
+    {
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, input.c_str(), O_RDONLY, 0);
+    }
     int const error = posix_spawn(&m_parts->nPid, words.at(0).c_str(), &actions, nullptr, ToPointers(arguments).data(),
                                   ToPointers(environment).data());
     posix_spawn_file_actions_destroy(&actions);

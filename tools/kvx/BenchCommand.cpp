@@ -155,14 +155,16 @@ void ShowProgress(std::vector<Client> const & clients, int count)
     auto const filled = static_cast<int>(done * WIDTH / count);
     std::string const bar =
         std::string(static_cast<std::size_t>(filled), '#') + std::string(static_cast<std::size_t>(WIDTH - filled), '.');
-    std::fprintf(stderr, "\r[%s] %3d%%  %lld calls", bar.c_str(), static_cast<int>(done * 100 / count), done);
-    std::fflush(stderr);
+    std::array<char, 200> line{};
+    std::snprintf(line.data(), line.size(), "\r[%s] %3d%%  %lld calls", bar.c_str(),
+                  static_cast<int>(done * 100 / count), done);
+    WriteError(line.data());
 }
 
 void WaitForClients(Bench & bench, std::vector<Client> const & clients)
 {
     constexpr DWORD SHOW = 100; // milliseconds
-    if (!kvx::IsTerminal(kvx::StandardStream::Error))
+    if (!kvx::TakesEscapes(kvx::StandardStream::Error))
     {
         bench.finished.Lock(INFINITE);
         return;
@@ -171,7 +173,7 @@ void WaitForClients(Bench & bench, std::vector<Client> const & clients)
     {
         ShowProgress(clients, bench.options.nCount);
     }
-    std::fprintf(stderr, "\r\x1B[K");
+    WriteError("\r\x1B[K");
 }
 
 std::string FormatLine(char const * name, double value, int digits)

@@ -17,7 +17,7 @@
 void ReportNote(std::string const & name, std::string const & text)
 {
     // Names out of a cabinet may hold what gives commands to a terminal.
-    std::fprintf(stderr, "note: %s: %s\n", ToDisplay(ToFileName(name)).strText.c_str(), text.c_str());
+    WriteError("note: " + ToDisplay(ToFileName(name)).strText + ": " + text + "\n");
 }
 
 std::string DecodeName(std::string const & bytes)

@@ -40,7 +40,7 @@ public:
     void Add(std::string const & given)
     {
         std::optional<std::string> const name = ToMemberName(given);
-        fs::path const source = fs::path(m_options.directory.empty() ? "." : m_options.directory) / given;
+        fs::path const source = ToPath(m_options.directory.empty() ? "." : m_options.directory) / ToPath(given);
         std::error_code failed;
         fs::file_status const status = fs::status(source, failed);
         if (!name || !fs::exists(status))
@@ -80,14 +80,14 @@ private:
     bool IsArchive(fs::path const & path) const
     {
         std::error_code ignored;
-        return fs::equivalent(path, m_options.archive, ignored);
+        return fs::equivalent(path, ToPath(m_options.archive), ignored);
     }
 
     // The parts that are names, or nothing for a path that leads up.
     static std::optional<std::string> ToMemberName(std::string const & path)
     {
         std::string name;
-        for (fs::path const & part : fs::path(path).relative_path())
+        for (fs::path const & part : ToPath(path).relative_path())
         {
             if (part == "..")
             {
@@ -95,7 +95,7 @@ private:
             }
             if (!part.empty() && part != ".")
             {
-                name += (name.empty() ? "" : "/") + part.string();
+                name += (name.empty() ? "" : "/") + FromPath(part);
             }
         }
         return name;
@@ -121,13 +121,13 @@ private:
             }
             if (failed)
             {
-                Refuse(path.string(), ERROR_ACCESS_DENIED, ": " + failed.message());
+                Refuse(FromPath(path), ERROR_ACCESS_DENIED, ": " + failed.message());
             }
             std::ranges::sort(entries);
             std::vector<std::pair<fs::path, std::string>> folders;
             for (fs::directory_entry const & entry : entries)
             {
-                std::string const inner = (prefix.empty() ? "" : prefix + "/") + entry.path().filename().string();
+                std::string const inner = (prefix.empty() ? "" : prefix + "/") + FromPath(entry.path().filename());
                 fs::file_status const status = entry.symlink_status(failed);
                 if (fs::is_directory(status))
                 {
@@ -151,7 +151,7 @@ private:
         }
         if (!fs::is_regular_file(status))
         {
-            ReportNote(path.string(), fs::is_symlink(status) ? "a link, passed over" : "no file, passed over");
+            ReportNote(FromPath(path), fs::is_symlink(status) ? "a link, passed over" : "no file, passed over");
             return;
         }
         std::error_code failed;
@@ -186,7 +186,7 @@ private:
             {
                 ReportNote(name, "not UTF-8, will be read as " + DecodeName(name));
             }
-            m_members.push_back({path.string(), name, size});
+            m_members.push_back({FromPath(path), name, size});
             m_size += size;
         }
     }
@@ -327,10 +327,10 @@ void CabCreation::FillCab(CCAB & ccab, ULONG size) const
 
 int CabCreation::Run()
 {
-    fs::path const archive = m_options.archive;
-    m_folder = archive.has_parent_path() ? archive.parent_path().string() + "/" : "";
-    m_title = archive.stem().string();
-    m_extension = archive.extension().string();
+    fs::path const archive = ToPath(m_options.archive);
+    m_folder = archive.has_parent_path() ? FromPath(archive.parent_path()) + "/" : "";
+    m_title = FromPath(archive.stem());
+    m_extension = FromPath(archive.extension());
     if (m_title.empty() || m_title.size() + m_extension.size() + 5 > MAX_NAME)
     {
         ReportError(ERROR_INVALID_NAME, ToFileName(m_options.archive) + _T(": no name for a cabinet"));
@@ -458,7 +458,7 @@ bool CabCreation::AddMembers(CabCompression & engine)
             m_progress.Hide();
             if (m_options.archive == "-")
             {
-                std::fprintf(stderr, "%s\n", ToDisplay(ToFileName(member.name)).strText.c_str());
+                WriteError(ToDisplay(ToFileName(member.name)).strText + "\n");
             }
             else
             {
@@ -490,12 +490,12 @@ INT_PTR CabCreation::OpenSource(USHORT * date, USHORT * time, USHORT * attribute
     auto file = std::make_unique<OpenFile>();
     file->input = std::move(m_input);
     std::error_code ignored;
-    auto const changed = fs::last_write_time(m_member->source, ignored);
+    auto const changed = fs::last_write_time(ToPath(m_member->source), ignored);
     auto const sinceEpoch =
         std::chrono::file_clock::to_sys(std::chrono::time_point_cast<std::chrono::seconds>(changed)).time_since_epoch();
     ToDosTime(sinceEpoch.count(), date, time);
     bool const isReadOnly =
-        (fs::status(m_member->source, ignored).permissions() & fs::perms::owner_write) == fs::perms::none;
+        (fs::status(ToPath(m_member->source), ignored).permissions() & fs::perms::owner_write) == fs::perms::none;
     bool const isUtf = std::ranges::any_of(m_member->name, [](char c) { return c & 0x80; }) && IsUtf8(m_member->name);
     *attributes = static_cast<USHORT>((isReadOnly ? FILE_ATTRIBUTE_READONLY : 0) | FILE_ATTRIBUTE_ARCHIVE |
                                       (kvx::IsProgram(m_member->source) ? CAB_ATTRIBUTE_EXECUTE : 0) |

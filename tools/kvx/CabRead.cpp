@@ -196,15 +196,15 @@ int CabWalk::Run()
     };
     ERF erf = {};
     auto const engine = CabDecompression::Create(callbacks, &erf);
-    fs::path const archive = m_options.archive;
+    fs::path const archive = ToPath(m_options.archive);
     std::error_code ignored;
     if (!archive.has_filename() || fs::is_directory(archive, ignored))
     {
         ReportError(ERROR_FILE_NOT_FOUND, ToFileName(m_options.archive) + _T(": no name of a file"));
         return 1;
     }
-    m_folder = archive.has_parent_path() ? archive.parent_path().string() + "/" : "";
-    for (std::string name = archive.filename().string(); !name.empty(); name = m_next)
+    m_folder = archive.has_parent_path() ? FromPath(archive.parent_path()) + "/" : "";
+    for (std::string name = FromPath(archive.filename()); !name.empty(); name = m_next)
     {
         m_next.clear();
         m_opened = 0;

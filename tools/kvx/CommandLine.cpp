@@ -202,7 +202,6 @@ int AnswerParser(CLI::App const & app, std::vector<std::string> const & words, C
         bool const bNone = error.get_name() == "RequiredError" && !ListCommands(*command).empty();
         problem = bNone ? "a command is wanted: " + JoinWords(GetNames(*command)) : error.what();
     }
-    std::fprintf(stderr, "%s: %s\nRun '%s --help' for more.\n", name.c_str(),
-                 ToDisplay(kvx::FromUtf8(problem)).strText.c_str(), name.c_str());
+    WriteError(name + ": " + ToDisplay(kvx::FromUtf8(problem)).strText + "\nRun '" + name + " --help' for more.\n");
     return WRONG_USAGE;
 }

@@ -4,6 +4,8 @@
 
 #include "kvx/platform/Terminal.h"
 
+#include <type_traits>
+
 CString ToFileName(std::string_view name)
 {
     CString text;
@@ -25,6 +27,30 @@ CString ToFileName(std::string_view name)
         name.remove_prefix(bWhole ? size : 1);
     }
     return text;
+}
+
+std::filesystem::path ToPath(std::string_view name)
+{
+    if constexpr (std::is_same_v<std::filesystem::path::value_type, char>)
+    {
+        return name;
+    }
+    else
+    {
+        return ToFileName(name).GetString();
+    }
+}
+
+std::string FromPath(std::filesystem::path const & path)
+{
+    if constexpr (std::is_same_v<std::filesystem::path::value_type, char>)
+    {
+        return path.string();
+    }
+    else
+    {
+        return kvx::ToUtf8(path.generic_string<WCHAR>());
+    }
 }
 
 std::string ShowName(std::string const & text)

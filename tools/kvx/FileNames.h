@@ -4,12 +4,17 @@
 
 #include "kvx/platform/mfc/Text.h"
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 
 /// The name of a file as it came, whatever its bytes are: those that aren't UTF-8 are the units that the platform's
 /// file names have in their place.
 CString ToFileName(std::string_view name);
+
+/// The host's path of such a name; and the name of a path, with slashes.
+std::filesystem::path ToPath(std::string_view name);
+std::string FromPath(std::filesystem::path const & path);
 
 /// For the lines on stdout: a terminal gets nothing that gives it commands or deceives its reader.
 std::string ShowName(std::string const & text);

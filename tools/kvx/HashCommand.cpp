@@ -290,7 +290,7 @@ void WarnOf(ULONGLONG count, char const * one, char const * many)
 {
     if (count > 0)
     {
-        std::fprintf(stderr, "warning: %llu %s\n", count, count == 1 ? one : many);
+        WriteError("warning: " + std::to_string(count) + " " + (count == 1 ? one : many) + "\n");
     }
 }
 

@@ -62,7 +62,11 @@ bool ListFolder(CString const & folder, CString const & pattern, std::vector<Ent
     HANDLE const handle = FindFirstFileW(search, &found);
     if (handle == INVALID_HANDLE_VALUE)
     {
-        return GetLastError() == ERROR_FILE_NOT_FOUND; // the folder is there, and nothing in it matches
+        DWORD const error = GetLastError();
+        DWORD const attributes = GetFileAttributesW(folder);
+        bool const isFile = attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY);
+        SetLastError(isFile ? ERROR_DIRECTORY : error); // which not all hosts call it
+        return error == ERROR_FILE_NOT_FOUND;           // the folder is there, and nothing in it matches
     }
     do
     {

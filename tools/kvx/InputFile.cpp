@@ -1,5 +1,8 @@
 #include "InputFile.h"
 
+#include "FileNames.h"
+#include "HostFile.h"
+
 #include "kvx/foundation/AppException.h"
 
 #include <cerrno>
@@ -25,13 +28,13 @@ InputFile::InputFile(std::string const & name)
         m_file.reset(stdin);
         return;
     }
-    m_file.reset(std::fopen(name.c_str(), "rb"));
+    m_file.reset(OpenHostFile(name));
     if (!m_file)
     {
         ThrowFileFailure(errno);
     }
     std::error_code ignored;
-    std::uintmax_t const size = std::filesystem::file_size(name, ignored);
+    std::uintmax_t const size = std::filesystem::file_size(ToPath(name), ignored);
     m_nSize = ignored ? 0 : size;
 }
 

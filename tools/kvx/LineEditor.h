@@ -1,12 +1,12 @@
 #pragma once
 
-/// Lines typed at a terminal, with editing and a history that a file keeps.
+/// Lines typed at a terminal, with editing and a history: of a source for each host.
 
 #include <memory>
 #include <optional>
 #include <string>
 
-/// Prompts and echoes go to stderr, so that stdout has results alone. Ctrl-C gives up the line. Threads: one, and one
+/// Prompts and echoes don't go to stdout, which has results alone. Ctrl-C gives up the line. Threads: one, and one
 /// editor in a process.
 class LineEditor
 {
@@ -18,7 +18,8 @@ public:
         End        ///< the end of the input
     };
 
-    /// The history file is made when it is first written, for its user alone; an empty path keeps none.
+    /// The history file is made when it is first written, for its user alone; an empty path keeps none. On Windows the
+    /// console keeps what it keeps.
     explicit LineEditor(std::string historyPath);
     LineEditor(LineEditor const &) = delete;
     LineEditor & operator=(LineEditor const &) = delete;
@@ -29,6 +30,9 @@ public:
     bool IsUsable() const;
     Key Read(std::string const & prompt, std::string & line);
     void Remember(std::string const & line);
+
+    /// What a user has to know.
+    static std::string GetHelp();
 
     /// kvx/NAME in the folder of the user's data; empty if the user has none.
     static std::string GetHistoryPath(std::string const & name);

@@ -328,5 +328,5 @@ Written PrintEvent(CMsgRequest const & event, Format format)
 
 void ReportError(DWORD code, CString const & text)
 {
-    std::fprintf(stderr, "error %lu: %s\n", static_cast<unsigned long>(code), ToDisplay(text).strText.c_str());
+    WriteError("error " + std::to_string(code) + ": " + ToDisplay(text).strText + "\n");
 }

@@ -31,7 +31,7 @@ OutputFile::~OutputFile()
     std::error_code ignored;
     if (!m_strTemporary.empty())
     {
-        fs::remove(m_strTemporary, ignored);
+        fs::remove(ToPath(m_strTemporary), ignored);
     }
 }
 
@@ -43,7 +43,7 @@ bool OutputFile::Open()
         return true;
     }
     std::error_code ignored;
-    fs::file_status const status = fs::status(m_strName, ignored);
+    fs::file_status const status = fs::status(ToPath(m_strName), ignored);
     bool const bInPlace = fs::exists(status) && !fs::is_regular_file(status);
     if (fs::is_regular_file(status) && (status.permissions() & fs::perms::owner_write) == fs::perms::none)
     {
@@ -51,10 +51,10 @@ bool OutputFile::Open()
         return false;
     }
     // Where the name is a link, the file that it leads to is the one that is replaced.
-    fs::path target = fs::weakly_canonical(m_strName, ignored);
-    target = ignored ? fs::path(m_strName) : target;
+    fs::path target = fs::weakly_canonical(ToPath(m_strName), ignored);
+    target = ignored ? ToPath(m_strName) : target;
     std::string const written =
-        bInPlace ? m_strName : target.string() + ".new-" + std::to_string(GetCurrentProcessId());
+        bInPlace ? m_strName : FromPath(target) + ".new-" + std::to_string(GetCurrentProcessId());
     auto file = std::make_unique<CFile>();
     CFileException failure;
     if (!file->Open(ToFileName(written), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite, &failure))
@@ -68,7 +68,7 @@ bool OutputFile::Open()
         m_strTemporary = written;
         if (fs::exists(status))
         {
-            fs::permissions(written, status.permissions(), ignored);
+            fs::permissions(ToPath(written), status.permissions(), ignored);
         }
     }
     m_file = std::move(file);
@@ -89,8 +89,8 @@ int OutputFile::Finish()
     if (!m_strTemporary.empty())
     {
         std::error_code failed;
-        fs::path target = fs::weakly_canonical(m_strName, failed);
-        fs::rename(m_strTemporary, failed ? fs::path(m_strName) : target, failed);
+        fs::path target = fs::weakly_canonical(ToPath(m_strName), failed);
+        fs::rename(ToPath(m_strTemporary), failed ? ToPath(m_strName) : target, failed);
         if (failed)
         {
             ReportError(ERROR_WRITE_FAULT, ToFileName(m_strName) + _T(": ") + CString(kvx::FromUtf8(failed.message())));

@@ -238,8 +238,8 @@ LONG Walk(Key & key, CString const & path, int depth, bool bValues, KEY const & 
 /// Text with escapes for a colour, on a terminal.
 std::string Coloured(char const * escape, std::string const & text)
 {
-    static bool const s_bTerminal = kvx::IsTerminal(kvx::StandardStream::Output) && !std::getenv("NO_COLOR");
-    return s_bTerminal ? escape + text + "\x1B[0m" : text;
+    static bool const s_bWanted = kvx::TakesEscapes(kvx::StandardStream::Output) && !std::getenv("NO_COLOR");
+    return s_bWanted ? escape + text + "\x1B[0m" : text;
 }
 
 /// The exit status.
@@ -303,7 +303,13 @@ int RunDelete(RegOptions const & options, bool bValue)
         return 1;
     }
     CString const name = kvx::FromUtf8(bValue ? options.strName : options.strPath);
-    LONG const code = bValue ? key.DeleteValue(name) : key.DeleteKey(nullptr, options.bRecursive);
+    LONG code = bValue ? key.DeleteValue(name) : key.DeleteKey(nullptr, options.bRecursive);
+    if (code == 0 && options.bRecursive)
+    {
+        // What is below has gone; whether the key itself has is the host's choice.
+        code = key.DeleteKey(nullptr, 0);
+        code = code == ERROR_FILE_NOT_FOUND || code == ERROR_KEY_DELETED ? 0 : code;
+    }
     return code == 0 ? 0 : Fail(code, name);
 }
 

@@ -2,6 +2,7 @@
 #include "Commands.h"
 #include "DisplayText.h"
 #include "Endpoint.h"
+#include "FileNames.h"
 #include "Output.h"
 #include "SqlProvider.h"
 
@@ -87,17 +88,11 @@ void LogRequest(CMsgListenerEvent * event, void *)
 }
 
 /// The log on stderr. The library logs what others have sent.
-class CErrorLog : public CConsoleLog
+class CErrorLog : public CLogSink
 {
 public:
-    CErrorLog() : CConsoleLog(GetStdHandle(STD_ERROR_HANDLE)) {}
-    void Append(CLogEvent * event) override
-    {
-        CString const built = event->m_strBuilt; // for the sinks that come after
-        event->m_strBuilt = kvx::FromUtf8(ToDisplay(built).strText);
-        CConsoleLog::Append(event);
-        event->m_strBuilt = built;
-    }
+    CErrorLog() : CLogSink(LOG_ALL) {}
+    void Append(CLogEvent * event) override { WriteError(ToDisplay(event->m_strBuilt).strText + "\n"); }
 };
 
 bool OpenLog(ServeOptions const & options)
@@ -228,7 +223,7 @@ bool Service::MountDatabase(std::string_view pathAndFile, SqlLimits const & limi
     std::string const file(pathAndFile.substr(equals + 1));
     // Whole, so that no name has a meaning of its own to the engine.
     std::error_code ignored;
-    auto provider = std::make_unique<CSqlProvider>(std::filesystem::absolute(file, ignored).string(), limits);
+    auto provider = std::make_unique<CSqlProvider>(FromPath(std::filesystem::absolute(ToPath(file), ignored)), limits);
     auto failure = provider->Open();
     if (failure)
     {

@@ -218,8 +218,9 @@ void AddSqlCommand(CLI::App & app, Run & run)
         ->type_name("MS");
     command->footer(
         "Without a statement those of stdin are run, one after the other, up to the first that fails. Each ends at a "
-        "';'. On a terminal lines can be edited, by libedit, and are kept for this user in kvx/sql_history below "
-        "XDG_DATA_HOME or ~/.local/share; Ctrl-C gives up the line or the call, Ctrl-D or quit ends.\n"
+        "';'. " +
+        LineEditor::GetHelp() +
+        "\n"
         "\n"
         "A value beside the statement takes the place of the placeholder of its name, as it is: :name=VALUE (or @name, "
         "$name) for :name, p1=VALUE for the first ?. nulls=NAME,NAME makes such values NULL, blobs=NAME,NAME bytes "

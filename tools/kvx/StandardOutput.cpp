@@ -2,7 +2,8 @@
 
 #include "Output.h"
 
-#include <cerrno>
+#include "kvx/platform/Terminal.h"
+
 #include <cstdio>
 
 StandardOutput & StandardOutput::operator<<(std::string_view text)
@@ -26,12 +27,17 @@ void StandardOutput::Write()
 {
     if (m_written == Written::Whole)
     {
-        errno = 0;
         bool const bGood = std::fwrite(m_strBuffer.data(), 1, m_strBuffer.size(), stdout) == m_strBuffer.size() &&
                            std::fflush(stdout) == 0;
-        m_written = bGood ? Written::Whole : errno == EPIPE ? Written::ReaderGone : Written::Failed;
+        m_written = bGood ? Written::Whole : kvx::HasReaderGone() ? Written::ReaderGone : Written::Failed;
     }
     m_strBuffer.clear();
+}
+
+void WriteError(std::string_view text)
+{
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
 }
 
 int ReportWritten(Written written)

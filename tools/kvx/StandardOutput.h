@@ -1,6 +1,6 @@
 #pragma once
 
-/// What the commands write to stdout.
+/// What the commands write to stdout, and to stderr.
 
 #include <string>
 #include <string_view>
@@ -27,6 +27,9 @@ private:
 
     void Write();
 };
+
+/// Writes it to stderr as one piece: some hosts' streams would take it byte by byte, which tears characters apart.
+void WriteError(std::string_view text);
 
 /// The exit status of a command that wrote this, 0 or 1; a failure gets its error line.
 int ReportWritten(Written written);

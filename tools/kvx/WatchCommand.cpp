@@ -191,7 +191,7 @@ void Watch::Reconnect()
 
 void Watch::Say(char const * what) const
 {
-    std::fprintf(stderr, "%s %s\n", ToDisplay(m_strConnection).strText.c_str(), what);
+    WriteError(ToDisplay(m_strConnection).strText + " " + what + "\n");
 }
 
 int RunWatch(WatchOptions const & options)

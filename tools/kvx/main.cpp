@@ -48,7 +48,7 @@ int main(int argc, char ** argv)
     std::vector<std::string> const words = kvx::GetProgramArguments(argc, argv);
     if (!kvx::IsOpen(kvx::StandardStream::Output))
     {
-        ReportError(ERROR_INVALID_HANDLE, _T("stdout is closed: give it a place to go, such as /dev/null"));
+        ReportError(ERROR_INVALID_HANDLE, _T("stdout is closed: give it a place to go, such as the null device"));
         return 1;
     }
 

@@ -52,6 +52,16 @@ bool IsTerminal(StandardStream stream)
     return ::isatty(ToDescriptor(stream)) == 1;
 }
 
+bool TakesEscapes(StandardStream stream)
+{
+    return IsTerminal(stream);
+}
+
+bool HasReaderGone()
+{
+    return errno == EPIPE;
+}
+
 int GetTerminalWidth()
 {
     winsize size{};

@@ -5,6 +5,7 @@
 #include <io.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace
 {
@@ -33,8 +34,21 @@ std::vector<std::string> GetProgramArguments(int, char **)
 {
     SetConsoleOutputCP(CP_UTF8);
     constexpr int BINARY = 0x8000; // no carriage returns are added
+    _setmode(_fileno(stdin), BINARY);
     _setmode(_fileno(stdout), BINARY);
     _setmode(_fileno(stderr), BINARY);
+    // What is written as one goes out as one: a console takes no parts of characters.
+    constexpr std::size_t ROOM = 65536;
+    std::setvbuf(stdout, nullptr, _IOFBF, ROOM);
+    std::setvbuf(stderr, nullptr, _IOFBF, ROOM);
+    for (auto const stream : {StandardStream::Output, StandardStream::Error})
+    {
+        DWORD mode = 0;
+        if (GetConsoleMode(StreamHandle(stream), &mode))
+        {
+            SetConsoleMode(StreamHandle(stream), mode | ENABLE_PROCESSED_OUTPUT | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+        }
+    }
 
     int count = 0;
     LPWSTR * const words = CommandLineToArgvW(GetCommandLineW(), &count);
@@ -63,6 +77,18 @@ bool IsTerminal(StandardStream stream)
     return GetConsoleMode(StreamHandle(stream), &mode) != FALSE;
 }
 
+bool TakesEscapes(StandardStream stream)
+{
+    DWORD mode = 0;
+    return GetConsoleMode(StreamHandle(stream), &mode) && (mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+}
+
+bool HasReaderGone()
+{
+    // The C library has several numbers for it.
+    return _doserrno == ERROR_BROKEN_PIPE || _doserrno == ERROR_NO_DATA || _doserrno == ERROR_PIPE_NOT_CONNECTED;
+}
+
 int GetTerminalWidth()
 {
     CONSOLE_SCREEN_BUFFER_INFO info;
@@ -82,6 +108,11 @@ bool CatchEndSignals()
 
 bool WaitForEndSignal(DWORD timeout)
 {
+    if (!g_hEndEvent)
+    {
+        Sleep(timeout);
+        return false;
+    }
     return WaitForSingleObject(g_hEndEvent, timeout) == WAIT_OBJECT_0;
 }
 } // namespace kvx

@@ -1,4 +1,4 @@
-#include "LineEditor.h"
+#include "kvx/LineEditor.h"
 
 #include <histedit.h>
 
@@ -133,6 +133,12 @@ void LineEditor::Remember(std::string const & line)
 {
     HistEvent event;
     ::history(m_parts->pHistory, &event, H_ENTER, line.c_str());
+}
+
+std::string LineEditor::GetHelp()
+{
+    return "On a terminal lines can be edited, by libedit, and are kept for this user in kvx/sql_history below "
+           "XDG_DATA_HOME or ~/.local/share; Ctrl-C gives up the line or the call, Ctrl-D or quit ends.";
 }
 
 std::string LineEditor::GetHistoryPath(std::string const & name)

@@ -22,7 +22,10 @@ std::string MakeFolder(std::string const & name);
 void RemoveFolder(std::string const & name);
 
 /// For the C++ library, which takes narrow texts of Windows for something else than UTF-8.
-std::filesystem::path ToPath(std::string_view name);
+inline std::filesystem::path ToPath(std::string_view name)
+{
+    return std::u8string(name.begin(), name.end());
+}
 
 /// Makes a folder the home of this process: its files for the user, its folder "tmp" for temporary ones, its folder
 /// "bin" the first that is searched for programs. Returns drive C:, on Windows the one that is, else a folder of this
@@ -31,12 +34,6 @@ std::string TakeHome(std::string const & folder);
 
 /// A symbolic link, whose target may be missing; a folder's if `bFolder`. False where there are none.
 bool MakeLink(std::string const & target, std::string const & link, bool bFolder = false);
-
-/// The path of a name.
-inline std::filesystem::path ToPath(std::string_view name)
-{
-    return std::u8string(name.begin(), name.end());
-}
 
 /// Sets a variable of this process and of its children to come; null takes it away.
 void SetVariable(char const * name, char const * value);

@@ -138,11 +138,6 @@ std::string MakeFolder(std::string const & name)
     return folder;
 }
 
-fs::path ToPath(std::string_view name)
-{
-    return name;
-}
-
 std::string TakeHome(std::string const & folder)
 {
     fs::create_directories(folder + "/home/.config");

@@ -170,11 +170,6 @@ std::string MakeFolder(std::string const & name)
     return ToName(folder);
 }
 
-fs::path ToPath(std::string_view name)
-{
-    return ToWide(name);
-}
-
 std::string TakeHome(std::string const & folder)
 {
     fs::create_directories(ToPath(folder + "/tmp"));

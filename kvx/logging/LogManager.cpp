@@ -2,6 +2,7 @@
 
 #include "kvx/foundation/ValueAccessor.h"
 #include "kvx/messaging/MsgRequest.h"
+#include "kvx/platform/ExitProc.h"
 
 #include <array>
 #include <span>
@@ -31,6 +32,8 @@ CString FormatEvent(CObject const * source, LPCTSTR format, FormatArgs const & a
     return text;
 }
 
+constexpr DWORD EXIT_PATIENCE = 1000; // milliseconds
+
 /// Whether a sink needs nothing but itself.
 bool StandsAlone(CLogSink const & sink)
 {
@@ -49,7 +52,6 @@ CLogManager::~CLogManager()
 {
     // Without a Terminate the log's thread may still run. It leaves when it has written what is queued, and must not
     // find members that have gone: one that hangs in a sink is ended.
-    constexpr DWORD PATIENCE = 1000;
     if (m_state == State::Runs)
     {
         m_state = State::Leaves;
@@ -58,12 +60,17 @@ CLogManager::~CLogManager()
     if (HANDLE const thread = m_hThread.exchange(nullptr))
     {
         if (m_nProcessId == GetCurrentProcessId() && !IsLogThread() &&
-            WaitForSingleObject(thread, PATIENCE) == WAIT_TIMEOUT)
+            WaitForSingleObject(thread, EXIT_PATIENCE) == WAIT_TIMEOUT)
         {
             m_state = State::Ended;
             kvx::EndThread(thread);
         }
         CloseHandle(thread);
+        if (m_state == State::Leaves && m_nProcessId == GetCurrentProcessId() && !IsLogThread())
+        {
+            RunEventQueue(); // a thread that the system has ended first, as Windows does before it tells a DLL, left
+                             // some
+        }
     }
     m_state = State::Ended;
     PerformAutoDelete(nullptr, 0);
@@ -148,6 +155,8 @@ bool CLogManager::StartQueueThread()
     CSingleLock guard(&m_startLock, TRUE);
     if (!m_hThread && m_state == State::Runs)
     {
+        // What is queued when the program ends is written by the thread itself as long as that is there.
+        kvx::RunBeforeThreadsGo([] { sm_instance.Flush(EXIT_PATIENCE); });
         DWORD id = 0;
         m_hThread = CreateThread(nullptr, 0, &EventQueueProc, this, 0, &id);
     }
@@ -168,40 +177,40 @@ DWORD WINAPI CLogManager::EventQueueProc(void * manager)
 
 void CLogManager::RunEventQueue()
 {
-    // Several at a time: each turn of the lock is one that a logging thread may have to wait for.
-    std::array<CLogEvent *, 64> batch;
-    std::size_t count = 0;
     m_nThreadId = GetCurrentThreadId();
     while (m_queueEvent.Lock(INFINITE) && m_state != State::Ended)
     {
+        for (; m_nInHandWritten < m_nInHand; ++m_nInHandWritten)
         {
-            CSingleLock guard(m_events, TRUE);
-            m_nUnwritten -= count;
-            for (CLogEvent * const event : std::span(batch).first(std::exchange(count, 0)))
-            {
-                m_events.Return(event);
-            }
-            if (m_bFlushing && m_nUnwritten == 0)
-            {
-                m_bFlushing = false;
-                m_flushedEvent.SetEvent();
-            }
-            while (count < batch.size() && !m_queue.IsEmpty())
-            {
-                batch[count++] = static_cast<CLogEvent *>(m_queue.RemoveHead());
-            }
-            if (m_queue.IsEmpty() && m_state == State::Runs && !m_bFlushing)
-            {
-                m_queueEvent.ResetEvent();
-            }
+            WriteEvent(m_inHand[m_nInHandWritten]);
         }
-        if (count == 0 && m_state == State::Leaves)
+        CSingleLock guard(m_events, TRUE);
+        m_nUnwritten -= m_nInHand;
+        for (CLogEvent * const event : std::span(m_inHand).first(std::exchange(m_nInHand, 0)))
         {
-            return;
+            m_events.Return(event);
         }
-        for (CLogEvent * const event : std::span(batch).first(count))
+        if (m_bFlushing && m_nUnwritten == 0)
         {
-            WriteEvent(event);
+            m_bFlushing = false;
+            m_flushedEvent.SetEvent();
+        }
+        m_nInHandWritten = 0;
+        while (m_nInHand < m_inHand.size() && !m_queue.IsEmpty())
+        {
+            m_inHand[m_nInHand++] = static_cast<CLogEvent *>(m_queue.RemoveHead());
+        }
+        if (m_nInHand == 0 && m_state == State::Leaves)
+        {
+            return; // looked at under the lock: what came before the wish to leave would be in the queue
+        }
+        if (m_nInHand == 0 && !m_bFlushing)
+        {
+            m_queueEvent.ResetEvent();
+            if (m_state != State::Runs)
+            {
+                m_queueEvent.SetEvent(); // the one that came with the state may have been the one just taken back
+            }
         }
     }
 }

@@ -7,6 +7,7 @@
 #include "kvx/foundation/ObCache.h"
 #include "kvx/logging/LogSink.h"
 
+#include <array>
 #include <atomic>
 
 class CMsgRequest;
@@ -76,8 +77,13 @@ private:
     CObList m_immediateSinks{10};
     CObList m_queuedSinks{10};
     CObList m_queue{10};
-    std::size_t m_nUnwritten = 0;       // in the queue, or in the hands of the log's thread
-    bool m_bFlushing = false;           // somebody waits until that is 0
+    std::size_t m_nUnwritten = 0; // in the queue, or in the hands of the log's thread
+    bool m_bFlushing = false;     // somebody waits until that is 0
+    // In the hands of the log's thread: several at a time, for each turn of the lock is one that a logging thread may
+    // have to wait for.
+    std::array<CLogEvent *, 64> m_inHand{};
+    std::size_t m_nInHand = 0;
+    std::size_t m_nInHandWritten = 0;
     CEvent m_flushedEvent{FALSE, TRUE}; // manual
     DWORD m_nSessionSlot;
     DWORD m_nProcessId = GetCurrentProcessId(); // a forked one doesn't have the log's thread

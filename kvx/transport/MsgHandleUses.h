@@ -17,23 +17,25 @@ public:
     class Use
     {
     public:
-        explicit Use(CMsgHandleUses & uses) : m_uses(uses) { ++m_uses.m_nCount; }
+        explicit Use(CMsgHandleUses & uses) : m_pCount(uses.Enter()) {}
         Use(Use const &) = delete;
         Use & operator=(Use const &) = delete;
-        ~Use() { --m_uses.m_nCount; }
+        ~Use() { --*m_pCount; }
 
     private:
-        CMsgHandleUses & m_uses;
+        std::atomic<int> * const m_pCount;
     };
 
     /// Runs `endCalls` until nobody is in a call. False if somebody doesn't come out, for the thread was killed there:
     /// what was to be closed then stays open.
     template <class ENDCALLS>
-    bool End(ENDCALLS const & endCalls) const
+    bool End(ENDCALLS const & endCalls)
     {
+        // From here on others count elsewhere: theirs is the next handle.
+        std::atomic<int> const & count = m_nCounts[m_nTurn++ % 2];
         constexpr int QUICK_LOOKS = 100;
         constexpr int LOOKS = 5000;
-        for (int i = 0; m_nCount != 0; ++i)
+        for (int i = 0; count != 0; ++i)
         {
             endCalls();
             if (i < QUICK_LOOKS)
@@ -53,5 +55,21 @@ public:
     }
 
 private:
-    std::atomic<int> m_nCount{0};
+    std::atomic<unsigned> m_nTurn{0};
+    std::atomic<int> m_nCounts[2]{};
+
+    std::atomic<int> * Enter()
+    {
+        for (;;)
+        {
+            unsigned const turn = m_nTurn;
+            std::atomic<int> * const count = &m_nCounts[turn % 2];
+            ++*count;
+            if (turn == m_nTurn)
+            {
+                return count;
+            }
+            --*count; // somebody has taken the value away meanwhile
+        }
+    }
 };

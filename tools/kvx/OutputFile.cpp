@@ -35,6 +35,17 @@ OutputFile::~OutputFile()
     }
 }
 
+namespace
+{
+/// Such as "nul": a name that Windows has in every folder.
+bool IsDevice(std::string const & name)
+{
+    WCHAR path[MAX_PATH] = {};
+    return GetFullPathNameW(ToFileName(name), MAX_PATH, path, nullptr) < MAX_PATH &&
+           CString::View(path).starts_with(_T("\\\\.\\"));
+}
+} // namespace
+
 bool OutputFile::Open()
 {
     if (m_strName == "-")
@@ -44,7 +55,7 @@ bool OutputFile::Open()
     }
     std::error_code ignored;
     fs::file_status const status = fs::status(ToPath(m_strName), ignored);
-    bool const bInPlace = fs::exists(status) && !fs::is_regular_file(status);
+    bool const bInPlace = IsDevice(m_strName) || (fs::exists(status) && !fs::is_regular_file(status));
     if (fs::is_regular_file(status) && (status.permissions() & fs::perms::owner_write) == fs::perms::none)
     {
         ReportError(ERROR_ACCESS_DENIED, ToFileName(m_strName) + _T(": ") + CWinError::GetText(ERROR_ACCESS_DENIED));

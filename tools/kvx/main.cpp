@@ -56,6 +56,7 @@ int main(int argc, char ** argv)
     CLI::App app("Serves, calls, watches and measures KVXBase5 services; edits the registry; SQL, XML, cabinets, paths "
                  "and digests.",
                  "kvx");
+    app.allow_windows_style_options(false); // a word may be a path that begins with a slash, on each host
     app.set_version_flag("--version", "kvx " KVX_PROGRAM_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1);

@@ -15,3 +15,5 @@ void kvx::SetExitProc(void (*proc)())
     thread_local Guard t_guard;
     t_guard.proc = proc;
 }
+
+void kvx::RunBeforeThreadsGo(void (*)()) {}

@@ -108,8 +108,11 @@ private:
 class Folder : public ConfinedFolder
 {
 public:
-    explicit Folder(HeldFolder folder) : m_folder(std::move(folder)), m_path(m_folder.GetPath())
+    /// `given` is its path with the prefix for long ones, links and all: Wine doesn't tell the true one of a long path.
+    Folder(HeldFolder folder, std::wstring given) : m_folder(std::move(folder)), m_path(m_folder.GetPath())
     {
+        if (m_path.empty())
+            m_path = std::move(given);
         if (m_path.ends_with(L'\\')) // a root
             m_path.pop_back();
     }
@@ -218,7 +221,7 @@ std::unique_ptr<ConfinedFolder> ConfinedFolder::Open(std::string const & path)
         return nullptr;
     }
     HeldFolder folder(full, HeldFolder::Links::Follow);
-    return folder.IsOpen() ? std::make_unique<Folder>(std::move(folder)) : nullptr;
+    return folder.IsOpen() ? std::make_unique<Folder>(std::move(folder), std::move(full)) : nullptr;
 }
 
 bool IsProgram(std::string const &)

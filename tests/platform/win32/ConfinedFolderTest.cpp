@@ -12,14 +12,24 @@ class ConfinedFolders : public WideTestFolder
 {
 protected:
     /// 0 or the last error.
-    DWORD Write(std::vector<std::string> const & names, std::string const & text, bool isReadOnly = false) const
+    DWORD Write(std::vector<std::string> const & names, std::string const & text, bool isReadOnly = false,
+                std::string const & root = "root") const
     {
-        auto const folder = kvx::ConfinedFolder::Open(Host("root"));
+        auto const folder = kvx::ConfinedFolder::Open(Host(root));
         auto const file = folder ? folder->Create(names) : nullptr;
         std::span const data(reinterpret_cast<std::uint8_t const *>(text.data()), text.size());
         return file && file->Write(data) && file->Finish(nullptr, isReadOnly, false) ? 0 : GetLastError();
     }
 };
+
+TEST_F(ConfinedFolders, MayLieDeep)
+{
+    std::string const root = "root/" + std::string(200, 'p') + "/" + std::string(100, 'q');
+    EXPECT_EQ(Write({"f"}, "text", false, root), 0u);
+    EXPECT_NE(Write({"f", "below"}, "", false, root), 0u); // it is there, and no folder
+    EXPECT_EQ(Write({"g", "f"}, "text", false, root), 0u);
+    kvx::EmptyFolderTree(Path(_T("root")), false); // whose paths are too long for others
+}
 
 TEST_F(ConfinedFolders, TakeNamesThatMeanThemselves)
 {

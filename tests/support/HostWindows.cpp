@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <mutex>
 #include <stdexcept>
@@ -327,11 +328,22 @@ Process::Process(Strings const & words, Stdout kind, Variables const & variables
     startup.StartupInfo.hStdError = err;
     std::wstring environment = GetEnvironment(variables);
     PROCESS_INFORMATION process{};
-    BOOL const started =
-        CreateProcessW(ToWide(words.at(0)).c_str(), line.data(), nullptr, nullptr, TRUE,
-                       CREATE_UNICODE_ENVIRONMENT | (end == End::Any ? CREATE_NO_WINDOW : DETACHED_PROCESS) |
-                           EXTENDED_STARTUPINFO_PRESENT,
-                       environment.data(), nullptr, &startup.StartupInfo, &process);
+    BOOL started = FALSE;
+    DWORD error = 0;
+    // Wine on a busy machine failed to start one of some thousand processes, without cause (2026-11-22).
+    for (int i = 0; !started && i < (IsWine() ? 3 : 1); ++i)
+    {
+        started = CreateProcessW(ToWide(words.at(0)).c_str(), line.data(), nullptr, nullptr, TRUE,
+                                 CREATE_UNICODE_ENVIRONMENT | (end == End::Any ? CREATE_NO_WINDOW : DETACHED_PROCESS) |
+                                     EXTENDED_STARTUPINFO_PRESENT,
+                                 environment.data(), nullptr, &startup.StartupInfo, &process);
+        if (!started)
+        {
+            error = GetLastError();
+            std::fprintf(stderr, "start of %s failed: %lu\n", words.at(0).c_str(), error);
+            Sleep(500);
+        }
+    }
     DeleteProcThreadAttributeList(startup.lpAttributeList);
     for (HANDLE const handle : handles)
     {
@@ -341,7 +353,7 @@ Process::Process(Strings const & words, Stdout kind, Variables const & variables
     {
         CloseHandle(m_parts->hErr);
         CloseHandle(m_parts->hOut);
-        throw std::runtime_error("cannot start " + words.at(0));
+        throw std::runtime_error("cannot start " + words.at(0) + ": " + std::to_string(error));
     }
     CloseHandle(process.hThread);
     m_parts->hProcess = process.hProcess;

@@ -35,7 +35,17 @@ public:
     Slot() { sm_nIndex = FlsAlloc(&Forget); }
     Slot(Slot const &) = delete;
     Slot & operator=(Slot const &) = delete;
-    ~Slot() { FlsFree(sm_nIndex.exchange(FLS_OUT_OF_INDEXES)); }
+    ~Slot()
+    {
+        // With the process it goes by itself, and the system's list of slots may be as a killed thread has left it.
+        static auto * const s_pIsEnding = reinterpret_cast<BOOLEAN(NTAPI *)()>(
+            reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+        DWORD const index = sm_nIndex.exchange(FLS_OUT_OF_INDEXES);
+        if (!s_pIsEnding || !s_pIsEnding())
+        {
+            FlsFree(index);
+        }
+    }
 
     static inline constinit std::atomic<DWORD> sm_nIndex{FLS_OUT_OF_INDEXES};
 } const g_slot;

@@ -59,17 +59,17 @@ CLogManager::~CLogManager()
     m_queueEvent.SetEvent();
     if (HANDLE const thread = m_hThread.exchange(nullptr))
     {
-        if (m_nProcessId == GetCurrentProcessId() && !IsLogThread() &&
-            WaitForSingleObject(thread, EXIT_PATIENCE) == WAIT_TIMEOUT)
+        bool const bAnothers = m_nProcessId == GetCurrentProcessId() && !IsLogThread();
+        if (bAnothers && WaitForSingleObject(thread, EXIT_PATIENCE) == WAIT_TIMEOUT)
         {
             m_state = State::Ended;
             kvx::EndThread(thread);
         }
         CloseHandle(thread);
-        if (m_state == State::Leaves && m_nProcessId == GetCurrentProcessId() && !IsLogThread())
+        if (bAnothers && m_state == State::Leaves)
         {
-            RunEventQueue(); // a thread that the system has ended first, as Windows does before it tells a DLL, left
-                             // some
+            // Where the system has ended the thread first, as Windows does before it tells a DLL, some are left.
+            RunEventQueue();
         }
     }
     m_state = State::Ended;

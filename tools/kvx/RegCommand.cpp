@@ -303,13 +303,7 @@ int RunDelete(RegOptions const & options, bool bValue)
         return 1;
     }
     CString const name = kvx::FromUtf8(bValue ? options.strName : options.strPath);
-    LONG code = bValue ? key.DeleteValue(name) : key.DeleteKey(nullptr, options.bRecursive);
-    if (code == 0 && options.bRecursive)
-    {
-        // What is below has gone; whether the key itself has is the host's choice.
-        code = key.DeleteKey(nullptr, 0);
-        code = code == ERROR_FILE_NOT_FOUND || code == ERROR_KEY_DELETED ? 0 : code;
-    }
+    LONG const code = bValue ? key.DeleteValue(name) : key.DeleteKey(nullptr, options.bRecursive);
     return code == 0 ? 0 : Fail(code, name);
 }
 

@@ -1,6 +1,7 @@
 #include "kvx/platform/ConfinedFolder.h"
 
 #include "HeldFolder.h"
+#include "LongPath.h"
 
 #include <algorithm>
 #include <atomic>
@@ -198,14 +199,10 @@ private:
 
 std::unique_ptr<ConfinedFolder> ConfinedFolder::Open(std::string const & path)
 {
-    std::wstring const wide = ToWide(path);
-    std::wstring full(32768, L'\0');
-    DWORD const nLength = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-    if (nLength == 0 || nLength >= full.size())
+    std::wstring full = windows::GetFullPath(ToWide(path));
+    if (full.empty())
         return nullptr;
-    full.resize(nLength);
-    if (!full.starts_with(L"\\\\?\\"))
-        full = full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
+    full = windows::AddLongPrefix(full);
     for (std::size_t nEnd = full.find(L'\\', 4);; nEnd = full.find(L'\\', nEnd + 1))
     {
         CreateDirectoryW(full.substr(0, nEnd).c_str(), nullptr);

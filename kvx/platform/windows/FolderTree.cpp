@@ -1,6 +1,7 @@
 #include "kvx/platform/FolderTree.h"
 
 #include "HeldFolder.h"
+#include "LongPath.h"
 
 #include <algorithm>
 #include <string>
@@ -10,10 +11,9 @@
 namespace kvx
 {
 using windows::HeldFolder;
+using windows::LONG_PREFIX;
 namespace
 {
-constexpr std::wstring_view LONG_PREFIX = L"\\\\?\\";
-
 std::wstring ToFolder(std::wstring_view folder)
 {
     std::wstring path(folder);
@@ -24,22 +24,15 @@ std::wstring ToFolder(std::wstring_view folder)
     return path;
 }
 
-/// For the system: with the prefix names mean themselves, whatever they end in and however deep they lie. It takes full
-/// paths without slashes alone; only the path of the first folder has to be made one.
+/// For the system. Only the path of the first folder has to be made a full one.
 std::wstring ToSystem(std::wstring const & path)
 {
-    std::wstring full(32768, L'\0');
-    DWORD const length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-    if (length == 0 || length >= full.size() || path.starts_with(LONG_PREFIX))
+    std::wstring const full = path.starts_with(LONG_PREFIX) ? std::wstring() : windows::GetFullPath(path);
+    if (full.empty())
     {
         return path;
     }
-    full.resize(length);
-    if (full.starts_with(L"\\\\.\\"))
-    {
-        return full;
-    }
-    return full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : std::wstring(LONG_PREFIX) + full;
+    return full.starts_with(L"\\\\.\\") ? full : windows::AddLongPrefix(full);
 }
 
 bool IsDots(WIN32_FIND_DATAW const & data)

@@ -7,6 +7,13 @@
 
 namespace
 {
+/// A call that only ntdll has; null if it hasn't.
+template <class CALL>
+CALL * GetNtCall(char const * name)
+{
+    return reinterpret_cast<CALL *>(reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), name)));
+}
+
 /// How many critical sections a thread is in, or on its way into.
 struct Sections
 {
@@ -38,10 +45,9 @@ public:
     ~Slot()
     {
         // With the process it goes by itself, and the system's list of slots may be as a killed thread has left it.
-        static auto * const s_pIsEnding = reinterpret_cast<BOOLEAN(NTAPI *)()>(
-            reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+        auto * const isEnding = GetNtCall<BOOLEAN NTAPI()>("RtlDllShutdownInProgress");
         DWORD const index = sm_nIndex.exchange(FLS_OUT_OF_INDEXES);
-        if (!s_pIsEnding || !s_pIsEnding())
+        if (!isEnding || !isEnding())
         {
             FlsFree(index);
         }
@@ -107,7 +113,7 @@ public:
     {
         constexpr ULONG AT_ONCE = 2;
         constexpr ULONG TAKEN = 1;
-        static auto const s_pLock = Get<LONG NTAPI(ULONG, ULONG *, ULONG_PTR *)>("LdrLockLoaderLock");
+        static auto const s_pLock = GetNtCall<LONG NTAPI(ULONG, ULONG *, ULONG_PTR *)>("LdrLockLoaderLock");
         ULONG result = TAKEN;
         m_bHeld = !s_pLock || (s_pLock(AT_ONCE, &result, &m_nCookie) >= 0 && result == TAKEN);
     }
@@ -115,7 +121,7 @@ public:
     LoaderLock & operator=(LoaderLock const &) = delete;
     ~LoaderLock()
     {
-        static auto const s_pUnlock = Get<LONG NTAPI(ULONG, ULONG_PTR)>("LdrUnlockLoaderLock");
+        static auto const s_pUnlock = GetNtCall<LONG NTAPI(ULONG, ULONG_PTR)>("LdrUnlockLoaderLock");
         if (m_bHeld && s_pUnlock)
         {
             s_pUnlock(0, m_nCookie);
@@ -127,12 +133,6 @@ public:
 private:
     bool m_bHeld;
     ULONG_PTR m_nCookie = 0;
-
-    template <class CALL>
-    static CALL * Get(char const * name)
-    {
-        return reinterpret_cast<CALL *>(reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), name)));
-    }
 };
 
 /// The locks of the process's heap and of the C library's. Whoever holds them knows that no other thread does.

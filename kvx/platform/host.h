@@ -93,15 +93,21 @@ inline void FdZero(FdSet & set)
 inline bool FdHas(SOCKET hSocket, FdSet const & set)
 {
     for (UINT i = 0; i < set.fd_count; ++i)
+    {
         if (set.fd_array[i] == hSocket)
+        {
             return true;
+        }
+    }
     return false;
 }
 
 inline void FdAdd(SOCKET hSocket, FdSet & set)
 {
     if (set.fd_count < FD_SETSIZE && !FdHas(hSocket, set))
+    {
         set.fd_array[set.fd_count++] = hSocket;
+    }
 }
 } // namespace winsock
 

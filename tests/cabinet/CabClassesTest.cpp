@@ -39,7 +39,9 @@ protected:
     {
         std::vector<std::string> names;
         for (auto const & entry : fs::directory_iterator(m_folder))
+        {
             names.push_back(entry.path().filename().string());
+        }
         std::ranges::sort(names);
         return names;
     }
@@ -59,7 +61,9 @@ public:
     {
         events.push_back(std::string("next ") + cabName + " of " + diskName + " after " + std::to_string(error));
         if (elsewhere.empty())
+        {
             return error == 0;
+        }
         directory = elsewhere.c_str();
         return 1;
     }
@@ -104,7 +108,9 @@ TEST_F(CabClasses, SetsAreNamedAndFollowedByTheirDisks)
 {
     CCabFileSet files;
     for (int i = 0; i < 6; i++)
+    {
         files.AddFile(Put("in/" + std::to_string(i), MakeData(50000, static_cast<unsigned>(i))).c_str(), "", 0, 0);
+    }
     CCabBuilder builder("", 7, 100000, 70000);
     ASSERT_TRUE(builder.Build(At("set.dat").c_str(), files, "volume"));
     EXPECT_THAT(GetNames(), ElementsAre("in", "set.dat", "set2.dat", "set3.dat", "set4.dat"));
@@ -116,7 +122,9 @@ TEST_F(CabClasses, SetsAreNamedAndFollowedByTheirDisks)
     Told told("");
     EXPECT_TRUE(told.Extract(At("set.dat").c_str(), 1, At("all").c_str()));
     for (int i = 0; i < 6; i++)
+    {
         EXPECT_TRUE(Get("all/" + std::to_string(i)) == MakeData(50000, static_cast<unsigned>(i)));
+    }
     // Only one, deep in the set.
     CCabFileSet last;
     last.SetFilePath("5", "only");
@@ -130,7 +138,9 @@ TEST_F(CabClasses, SetsAreNamedAndFollowedByTheirDisks)
     // One that isn't there, then somewhere else.
     fs::create_directory(m_folder + "moved");
     for (int i = 2; i <= 4; i++)
+    {
         fs::rename(m_folder + "set" + std::to_string(i) + ".dat", m_folder + "moved/set" + std::to_string(i) + ".dat");
+    }
     CCabFileSet none;
     none.SetFilePath("5", "none");
     told.events.clear();
@@ -205,7 +215,9 @@ public:
     void Write(void const * data, UINT size) override
     {
         if (GetPosition() + size > m_room)
+        {
             CFileException::ThrowOsError(ERROR_DISK_FULL);
+        }
         CMemFile::Write(data, size);
     }
 
@@ -240,7 +252,9 @@ TEST_F(CabClasses, LongDirectoriesAndFailuresLoseNothing)
     std::string const longName(100, 'd');
     std::string directory = longName + "/";
     if (!host::IsWindows()) // whose file functions end at MAX_PATH (2026-11-22)
+    {
         directory += directory + directory;
+    }
     fs::create_directories(m_folder + directory);
     CCabFileSet files;
     files.AddFile(Put("in/big", MakeData(100000, 1)).c_str(), "", CCabFileSetEntry::deleteSource, 0);

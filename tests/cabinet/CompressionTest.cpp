@@ -27,10 +27,14 @@ struct Added
 bool WriteAll(MemoryHost & host, ERF & erf, CCAB const & ccab, std::vector<Added> const & all, unsigned jobs = 1)
 {
     for (Added const & added : all)
+    {
         host.files[added.name] = added.data;
+    }
     auto const writer = host.Create(erf, ccab);
     if (!writer)
+    {
         return false;
+    }
     writer->SetOptions({kvx::cabinet::Level::Fast, true, jobs});
     bool const bAdded =
         std::ranges::all_of(all, [&](Added const & added) { return host.Add(*writer, added.name, added.type); });
@@ -53,7 +57,9 @@ SetReader ReadBack(MemoryHost const & host, std::vector<Added> const & all)
     SetReader set(host.files, "1.cab");
     EXPECT_EQ(set.files.size(), all.size());
     for (Added const & added : all)
+    {
         EXPECT_TRUE(set.Get(added.name) == added.data) << added.name;
+    }
     return set;
 }
 
@@ -69,7 +75,9 @@ std::vector<Added> MakeMany(USHORT type, int count, unsigned step)
 {
     std::vector<Added> all;
     for (int i = 0; i < count; ++i)
+    {
         all.push_back({"file " + std::to_string(i), MakeData(i * step % 150000, static_cast<unsigned>(i)), type});
+    }
     return all;
 }
 } // namespace
@@ -85,7 +93,9 @@ TEST(CabCompression, FoldersHeadersAndCalls)
     host.attributes = 0x21;
     EXPECT_TRUE(host.Add(*writer, "b", tcompTYPE_NONE, TRUE));
     for (int i = 0; i < 2; ++i)
+    {
         EXPECT_TRUE(writer->FlushFolder(nullptr, MemoryHost::Status));
+    }
     EXPECT_TRUE(host.Add(*writer, "c", tcompTYPE_MSZIP) && MemoryHost::Flush(*writer));
     std::size_t const size = 36 + 4 + 6 + 8 + 255 + 3 * 18 + 2 * (8 + 7) + 40005;
     EXPECT_THAT(host.events,
@@ -203,7 +213,9 @@ TEST(CabCompression, KilledThreadsHoldUpNothing)
         EXPECT_EQ(erf.erfOper, bDone ? FCIERR_NONE : FCIERR_MCI_FAIL);
         ExpectClean(host);
         if (bDone && round % 4 < 2)
+        {
             ReadBack(host, all);
+        }
     }
 }
 
@@ -229,7 +241,9 @@ TEST(CabCompression, ACallThatFailsEndsIt)
             EXPECT_EQ(bDone, host.failed.empty()) << host.failed;
             EXPECT_EQ(erf.fError != 0, !bDone);
             if (bDone)
+            {
                 continue;
+            }
             seen[host.failed]++;
             auto const expected = errors.find(host.failed);
             EXPECT_TRUE(expected == errors.end() || erf.erfOper == expected->second) << host.failed << erf.erfOper;
@@ -252,12 +266,18 @@ TEST(CabCompression, WhatCannotBeIsRefused)
         return erf;
     };
     for (CCAB const & ccab : {MakeCcab(0, 0, 60001), MakeCcab(0, 0, 0, 256), MakeCcab(0, 0, 0, 0, 256)})
+    {
         EXPECT_EQ(refused(ccab, {}).erfOper, FCIERR_MCI_FAIL);
+    }
     for (USHORT const type : {tcompTYPE_QUANTUM, TCOMPfromLZXWindow(14), TCOMPfromLZXWindow(22), tcompBAD})
+    {
         EXPECT_EQ(refused(MakeCcab(), {{"a", "", type}}).erfType, 15);
+    }
     EXPECT_EQ(refused(MakeCcab(), {{std::string(256, 'n'), ""}}).erfOper, FCIERR_CAB_FORMAT_LIMIT);
     for (ULONG size = 1; size < 92; ++size) // never a loop
+    {
         EXPECT_EQ(refused(MakeCcab(size), {{"a", "hello"}}).erfOper, FCIERR_CAB_FORMAT_LIMIT);
+    }
     CCAB ccab = MakeCcab();
     ccab.fFailOnIncompressible = 1;
     EXPECT_EQ(refused(ccab, {{"a", MakeNoise(32768)}}).erfOper, FCIERR_MCI_FAIL);
@@ -280,7 +300,9 @@ TEST(CabCompression, ThousandsOfFilesInSmallCabinets)
 {
     std::vector<Added> all;
     for (int i = 0; i < 70000; ++i)
+    {
         all.push_back({std::to_string(i) + " with a name that is longer than what is in it", i % 3 ? "xyz" : ""});
+    }
     for (ULONG const size : {0U, 1000000U})
     {
         MemoryHost host;

@@ -26,8 +26,12 @@ std::map<std::string, std::string> MakeCabinets(int files, USHORT type, ULONG ma
     }
     EXPECT_TRUE(MemoryHost::Flush(*writer));
     for (auto const & [name, data] : host.files)
+    {
         if (name.ends_with(".cab"))
+        {
             cabinets[name] = data;
+        }
+    }
     return cabinets;
 }
 
@@ -54,7 +58,9 @@ struct HandMade
         auto const put = [&](std::size_t at, std::uint32_t value, int bytes)
         {
             for (int i = 0; i < bytes; i++)
+            {
                 cabinet[at + static_cast<std::size_t>(i)] = static_cast<char>(value >> 8 * i);
+            }
         };
         auto const add = [&](std::uint32_t value, int bytes)
         {
@@ -89,7 +95,9 @@ struct HandMade
             cabinet += file.name + '\0';
         }
         for (int i = 0; i < folders; i++)
+        {
             put(foldersAt + static_cast<std::size_t>(i) * FOLDER_SIZE, static_cast<std::uint32_t>(cabinet.size()), 4);
+        }
         for (std::string const & block : blocks)
         {
             std::size_t const at = cabinet.size();
@@ -101,7 +109,9 @@ struct HandMade
             auto const * const bytes = reinterpret_cast<std::uint8_t const *>(cabinet.data()) + at;
             std::size_t const header = 4u + blockReserve;
             if (isMarked)
+            {
                 put(at, Checksum({bytes + 4, header}, Checksum({bytes + 4 + header, block.size()})), 4);
+            }
         }
         put(8, static_cast<std::uint32_t>(cabinet.size()), 4);
         return cabinet;
@@ -136,13 +146,17 @@ TEST(Decompression, SetsAreReadAsAWholeAndFromAnyFileThatCanBeReached)
         ASSERT_GE(cabinets.size(), 3u) << type;
         std::vector<std::string> names;
         for (std::size_t i = 1; i <= cabinets.size(); i++)
+        {
             names.push_back(std::to_string(i) + ".cab");
+        }
         ReaderHost all;
         all.cabinets = cabinets;
         EXPECT_EQ(all.Copy(names), FDIERROR_NONE);
         ASSERT_EQ(all.extracted.size(), 12u);
         for (auto const & [name, data] : all.extracted)
+        {
             EXPECT_EQ(data, MakeData(40000, static_cast<unsigned>(std::stoi(name)))) << name;
+        }
         // The last file alone, whose folder began in the first cabinet.
         ReaderHost last;
         last.cabinets = cabinets;
@@ -154,7 +168,9 @@ TEST(Decompression, SetsAreReadAsAWholeAndFromAnyFileThatCanBeReached)
         second.cabinets = cabinets;
         EXPECT_EQ(second.Copy({"2.cab"}), FDIERROR_NONE);
         for (auto const & [name, data] : second.extracted)
+        {
             EXPECT_EQ(data, MakeData(40000, static_cast<unsigned>(std::stoi(name)))) << name;
+        }
         EXPECT_THAT(second.events, testing::Contains(testing::StartsWith("partial ")));
     }
 }
@@ -177,7 +193,9 @@ TEST(Decompression, AFolderThatEndedIsntJoinedWithTheNextCabinets)
     }
     EXPECT_EQ(reader.Copy(names), FDIERROR_NONE);
     for (auto const & [name, data] : reader.extracted)
+    {
         EXPECT_EQ(data, MakeData(1000, static_cast<unsigned>(std::stoi(name))));
+    }
     EXPECT_EQ(reader.extracted.size(), 3u);
 }
 
@@ -213,7 +231,9 @@ TEST(Decompression, AsksForTheNextCabinetUntilItIsTheRightOne)
         host.cabinets = cabinets;
         host.cabinets["2.cab"] = wrong;
         if (wrong.empty())
+        {
             host.cabinets.erase("2.cab");
+        }
         host.isWanted = [&](std::string const &) { return true; };
         FDIERROR const error = host.Copy({"1.cab"});
         EXPECT_EQ(std::ranges::count(host.events, "next 2.cab after " + std::to_string(error)), 99);
@@ -244,7 +264,9 @@ TEST(Decompression, EveryCallThatFailsEndsItWithoutLeaks)
         EXPECT_EQ(host.erf.fError, error != FDIERROR_NONE) << failing;
         failed += error != FDIERROR_NONE;
         if (host.calls < failing)
+        {
             break;
+        }
     }
     EXPECT_GT(failed, 50);
 }

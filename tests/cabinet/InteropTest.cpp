@@ -13,16 +13,26 @@ protected:
     {
         std::map<std::string, std::string> found;
         for (auto const & [name, data] : host.files)
+        {
             if (name.ends_with(".cab"))
+            {
                 Put(name, data);
+            }
+        }
         std::filesystem::remove_all(Host("out"));
         std::filesystem::create_directory(Host("out"));
         std::string const command = "cd " + Host("out") + " && " + program + " > ../log 2>&1 < /dev/null";
         if (std::system(command.c_str()) != 0)
+        {
             found["*"] = command + "\n" + Get("log");
+        }
         for (auto const & entry : std::filesystem::recursive_directory_iterator(Host("out")))
+        {
             if (std::string const name = entry.path().lexically_relative(Host("out")).string(); entry.is_regular_file())
+            {
                 found[name] = Get("out/" + name);
+            }
+        }
         return found;
     }
 };
@@ -37,9 +47,13 @@ TEST_F(CabInterop, OtherProgramsReadWhatIsWritten)
     // What comes again about as far away as the smallest window reaches.
     std::string distant;
     for (std::uint32_t state = 1; distant.size() < 32768; distant += static_cast<char>(state >> 24))
+    {
         state = state * 1664525 + 1013904223;
+    }
     for (std::size_t const distance : {32764, 32765})
+    {
         sources["far" + std::to_string(distance)] = distant.substr(0, distance) + distant.substr(0, 5000);
+    }
     for (USHORT const type :
          {tcompTYPE_NONE, tcompTYPE_MSZIP, TCOMPfromLZXWindow(15), TCOMPfromLZXWindow(18), TCOMPfromLZXWindow(21)})
     {
@@ -62,7 +76,9 @@ TEST_F(CabInterop, OtherProgramsReadWhatIsWritten)
             expected["sub/file"] = expected.extract("sub\\file").mapped();
             std::vector<std::string> programs{"cabextract -q", "7z x"};
             if (size == 0) // the others don't go from one cabinet to the next
+            {
                 programs.insert(programs.end(), {"bsdtar -xf", "gcab -x"});
+            }
             for (std::string const & program : programs)
             {
                 auto found = Unpack(host, program + " ../1.cab");

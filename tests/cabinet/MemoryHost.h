@@ -35,17 +35,23 @@ struct MemoryHost
     bool Fails(char const * name, int * err = nullptr)
     {
         if (++calls != failing)
+        {
             return false;
+        }
         failed = name;
         if (err)
+        {
             *err = 77;
+        }
         return true;
     }
 
     static void * Alloc(ULONG size)
     {
         if (current && current->Fails("alloc"))
+        {
             return nullptr;
+        }
         blocks++;
         return std::malloc(size);
     }
@@ -62,7 +68,9 @@ struct MemoryHost
     static INT_PTR Open(char * name, int, int, int * err, void * context)
     {
         if (Of(context).Fails("open", err))
+        {
             return -1;
+        }
         std::string & data = Of(context).files[name];
         data.clear();
         std::memset(name, '#', 260); // as callbacks may
@@ -71,7 +79,9 @@ struct MemoryHost
     static UINT Read(INT_PTR hf, void * memory, UINT size, int * err, void * context)
     {
         if (Of(context).Fails("read", err))
+        {
             return static_cast<UINT>(-1);
+        }
         auto & [data, at] = Of(context).handles.at(hf);
         std::size_t const count = data->copy(static_cast<char *>(memory), size, at);
         at += count;
@@ -80,7 +90,9 @@ struct MemoryHost
     static UINT Write(INT_PTR hf, void * memory, UINT size, int * err, void * context)
     {
         if (Of(context).Fails("write", err))
+        {
             return size - 1;
+        }
         auto & [data, at] = Of(context).handles.at(hf);
         data->replace(std::min(at, data->size()), size, static_cast<char *>(memory), size);
         at += size;
@@ -89,13 +101,17 @@ struct MemoryHost
     static int Close(INT_PTR hf, int * err, void * context)
     {
         if (Of(context).handles.erase(hf) != 1)
+        {
             std::abort();
+        }
         return Of(context).Fails("close", err) ? -1 : 0;
     }
     static LONG Seek(INT_PTR hf, LONG distance, int, int * err, void * context)
     {
         if (Of(context).Fails("seek", err))
+        {
             return -1;
+        }
         Of(context).handles.at(hf).second = static_cast<std::size_t>(distance);
         return distance;
     }
@@ -131,7 +147,9 @@ struct MemoryHost
     {
         auto const found = Of(context).files.find(name);
         if (found == Of(context).files.end() || Of(context).Fails("getOpenInfo", err))
+        {
             return -1;
+        }
         *date = 0x5A21;
         *time = 0x6000;
         *attributes = Of(context).attributes;
@@ -170,7 +188,9 @@ inline std::string MakeData(std::size_t size, unsigned seed)
         state = state * 1664525 + 1013904223;
         data += static_cast<char>(state >> 24);
         if ((state >> 28) > 11)
+        {
             data += data.substr(data.size() - 1 - (state >> 16) % std::min<std::size_t>(data.size() - 1, 40000), 30);
+        }
     }
     data.resize(size);
     return data;

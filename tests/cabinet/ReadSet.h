@@ -43,7 +43,9 @@ struct SetReader
     static void Require(bool bTrue, char const * what)
     {
         if (!bTrue)
+        {
             throw std::runtime_error(what);
+        }
     }
 
     /// Reads the cabinet of that name, and those that it names as next ones.
@@ -119,9 +121,13 @@ private:
         {
             Require(place[0] == at, "offset of the data");
             if (!std::exchange(continues, false))
+            {
                 folders.push_back({static_cast<int>(place[2]), "", nullptr});
+            }
             for (std::uint32_t i = 0; i < place[1]; ++i)
+            {
                 ReadBlock(cabinet, at, dataReserve);
+            }
             Require(part.empty() || &place == &places.back(), "a block goes on in the middle");
         }
         Require(at == cabinet.size() && (part.empty() || (flag & 2)), "end");
@@ -159,7 +165,9 @@ private:
         part.append(cabinet, at, size);
         at += size;
         if (plain == 0)
+        {
             return;
+        }
         Folder & folder = folders.back();
         Require(folder.data.size() % 32768 == 0 && plain <= 32768, "size of a block");
         std::string data = part;
@@ -167,9 +175,11 @@ private:
         {
             auto * const memory = std::pmr::get_default_resource();
             if (folder.data.empty())
+            {
                 folder.decoder = folder.type == tcompTYPE_MSZIP
                                      ? MakeMszipDecoder(memory)
                                      : MakeLzxDecoder(static_cast<unsigned>(folder.type >> 8), memory);
+            }
             data.resize(plain);
             Require(folder.decoder->Decode({reinterpret_cast<std::uint8_t *>(part.data()), part.size()},
                                            {reinterpret_cast<std::uint8_t *>(data.data()), plain}),

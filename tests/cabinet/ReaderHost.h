@@ -43,7 +43,9 @@ struct ReaderHost
     {
         ReaderHost & self = *current;
         if (self.Fails())
+        {
             return nullptr;
+        }
         self.memory += size;
         self.memoryPeak = std::max(self.memoryPeak, self.memory);
         auto * const block = static_cast<std::size_t *>(std::malloc(size + 16));
@@ -69,7 +71,9 @@ struct ReaderHost
     {
         auto & file = *reinterpret_cast<Handle *>(hf);
         if (current->Fails())
+        {
             return static_cast<UINT>(-1);
+        }
         std::size_t const count =
             file.at < file.data->size() ? file.data->copy(static_cast<char *>(memory), size, file.at) : 0;
         file.at += count;
@@ -84,7 +88,9 @@ struct ReaderHost
     {
         auto * const file = reinterpret_cast<Handle *>(hf);
         if (current->open.erase(file) != 1)
+        {
             std::abort();
+        }
         delete file;
         return 0;
     }
@@ -92,7 +98,9 @@ struct ReaderHost
     {
         auto & file = *reinterpret_cast<Handle *>(hf);
         if (current->Fails())
+        {
             return -1;
+        }
         file.at = static_cast<std::size_t>(distance) + (origin == SEEK_END   ? file.data->size()
                                                         : origin == SEEK_CUR ? file.at
                                                                              : 0);
@@ -112,7 +120,9 @@ struct ReaderHost
             return fails ? -1 : 0;
         case fdintCOPY_FILE:
             if (fails)
+            {
                 return -1;
+            }
             self.events.push_back(std::string("copy ") + data->psz1);
             return self.isWanted(data->psz1) ? Add(self.extracted[data->psz1]) : 0;
         case fdintCLOSE_FILE_INFO:
@@ -135,8 +145,12 @@ struct ReaderHost
     {
         auto const reader = Create();
         for (std::string const & name : names)
+        {
             if (!reader || !reader->Copy(name.c_str(), "", Notify, this))
+            {
                 return static_cast<FDIERROR>(erf.erfOper);
+            }
+        }
         return FDIERROR_NONE;
     }
 };

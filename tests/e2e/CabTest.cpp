@@ -147,6 +147,8 @@ TEST_F(Cab, FailuresLeaveNoHalfFiles)
     auto const left = fs::directory_iterator(m_folder / "out/in");
     EXPECT_EQ(std::distance(begin(left), end(left)), 1);
     for (auto const & entry : fs::directory_iterator(m_folder))
+    {
         EXPECT_EQ(entry.path().filename().string().find(".new-"), std::string::npos);
+    }
 }
 } // namespace

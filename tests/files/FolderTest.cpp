@@ -177,7 +177,9 @@ TEST_F(Folder, ClearsTreesOfAnyDepth)
         {
             folder += "src/";
             if (depth % 2 || i == depth)
+            {
                 PrivateHome::Put(folder + "file");
+            }
         }
         EXPECT_TRUE(CUtilities::ClearDirectory(_T("c:\\t"), 1)) << depth;
         EXPECT_FALSE(fs::exists(PrivateHome::Host("c/t"))) << depth;

@@ -44,8 +44,8 @@ double Number(LPCTSTR text)
 }
 
 template <class... T>
-constexpr bool MAY_HOLD = ((std::is_constructible_v<CStringValue, T const &> &&
-                            std::is_assignable_v<CStringValue &, T const &>)&&...);
+constexpr bool MAY_HOLD =
+    ((std::is_constructible_v<CStringValue, T const &> && std::is_assignable_v<CStringValue &, T const &>)&&...);
 } // namespace
 
 TEST(Value, NumbersAreWrittenSigned)

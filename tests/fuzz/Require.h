@@ -6,5 +6,7 @@
 inline void Require(bool bTrue)
 {
     if (!bTrue)
+    {
         std::abort();
+    }
 }

@@ -16,7 +16,9 @@ struct Instructions
     {
         unsigned value = 0;
         for (; bytes > 0 && size > 0; --bytes, --size)
+        {
             value = value << 8 | *data++;
+        }
         return value;
     }
 };
@@ -30,7 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
     unsigned const kind = from.Get(1);
     CCAB ccab = MakeCcab(kind & 1 ? from.Get(2) : 0, kind & 2 ? from.Get(2) : 0x7FFFFFFF);
     if (kind & 4)
+    {
         ccab = MakeCcab(ccab.cb, ccab.cbFolderThresh, from.Get(2), from.Get(1), from.Get(1));
+    }
     host.nextMax = kind & 8 ? from.Get(2) : 0;
     ccab.fFailOnIncompressible = kind & 32;
     host.failing = kind & 16 ? static_cast<int>(from.Get(1)) + 1 : 0;
@@ -41,16 +45,22 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
         auto const writer = host.Create(erf, ccab);
         bGood = writer != nullptr;
         if (writer)
+        {
             writer->SetOptions({kvx::cabinet::Level::Fast, true, 1 + kind / 64});
+        }
         std::size_t total = 0;
         while (writer && from.size > 0 && total < 400000)
         {
             unsigned const action = from.Get(1);
             int result = 1;
             if (action < 8)
+            {
                 result = writer->FlushFolder(MemoryHost::GetNextCabinet, MemoryHost::Status);
+            }
             else if (action < 12)
+            {
                 result = MemoryHost::Flush(*writer, TRUE);
+            }
             else
             {
                 USHORT constexpr TYPES[] = {tcompTYPE_NONE, tcompTYPE_MSZIP, TCOMPfromLZXWindow(15), tcompBAD};
@@ -59,7 +69,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
                     std::to_string(sources.size()) + std::string(action & 64 ? from.Get(1) : 1, 'n');
                 std::string & file = host.files[name] = MakeData(length, action);
                 if (action & 128)
+                {
                     std::fill(file.begin(), file.end(), 'x');
+                }
                 sources[name] = file;
                 total += length;
                 result = host.Add(*writer, name, TYPES[action % 32 == 31 ? 3 : action % 3]);
@@ -77,13 +89,21 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
     if (bGood && !sources.empty() && host.files.contains("1.cab"))
     {
         for (std::string const & event : host.events)
+        {
             if (event.starts_with("next ") && !host.files.contains(event.substr(5)))
+            {
                 return 0; // nothing was added behind the last flush that wanted a next one
+            }
+        }
         SetReader const set(host.files, "1.cab");
         for (auto const & [name, content] : sources)
+        {
             Require(set.Get(name) == content);
+        }
         for (std::size_t i = 0; i < set.sizes.size(); ++i)
+        {
             Require(set.sizes[i] - 1 <= (i > 0 && host.nextMax ? host.nextMax : ccab.cb) - 1); // 0 is no bound
+        }
     }
     return 0;
 }

@@ -16,9 +16,13 @@ using kvx::win32::IniText;
 std::u16string_view Trim(std::u16string_view text)
 {
     while (!text.empty() && text.front() <= u' ')
+    {
         text.remove_prefix(1);
+    }
     while (!text.empty() && text.back() <= u' ')
+    {
         text.remove_suffix(1);
+    }
     return text;
 }
 
@@ -41,7 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
     std::u16string const strValue = TakeText(bytes);
     IniText text{std::string(bytes)};
     for (std::u16string const & strName : text.GetSections())
+    {
         text.GetKeys(strName);
+    }
     std::size_t const nSections = text.GetSections().size();
 
     std::u16string strFound;

@@ -12,7 +12,9 @@ testing::AssertionResult Fails(RESULT result, LONGLONG nError, std::type_identit
 {
     DWORD const dwError = GetLastError();
     if (result == failure && dwError == static_cast<DWORD>(nError))
+    {
         return testing::AssertionSuccess();
+    }
     return testing::AssertionFailure() << "gave " << testing::PrintToString(result) << " with code " << dwError
                                        << ", not " << nError;
 }

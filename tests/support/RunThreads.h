@@ -10,7 +10,11 @@ inline void RunThreads(std::size_t nThreads, std::function<void(std::size_t)> co
 {
     std::vector<std::thread> threads;
     for (std::size_t nThread = 0; nThread < nThreads; ++nThread)
+    {
         threads.emplace_back(function, nThread);
+    }
     for (std::thread & thread : threads)
+    {
         thread.join();
+    }
 }

@@ -41,7 +41,9 @@ template <class XCHAR>
 CStringT<XCHAR> ReadCharacters(CArchive & ar, UINT_PTR nLength)
 {
     if (nLength > static_cast<UINT_PTR>(std::numeric_limits<int>::max() / 4))
+    {
         AfxThrowArchiveException(CArchiveException::badIndex, ar.m_strFileName);
+    }
     CStringT<XCHAR> str;
     for (std::size_t nDone = 0; nDone < nLength;)
     {
@@ -67,9 +69,13 @@ void ReadText(CArchive & ar, CStringT<XCHAR> & str)
     int nCharSize;
     auto const nLength = AfxReadStringLength(ar, nCharSize);
     if (nCharSize == 1)
+    {
         str = CStringT<XCHAR>(ReadCharacters<char>(ar, nLength));
+    }
     else
+    {
         str = CStringT<XCHAR>(ReadCharacters<WCHAR>(ar, nLength));
+    }
 }
 } // namespace
 
@@ -93,7 +99,9 @@ CArchive::CArchive(CFile * pFile, UINT nMode, int nBufSize, void * lpBuf)
     : m_pFile(pFile), m_nBufSize(static_cast<std::size_t>(std::max(nBufSize, MIN_BUFFER))), m_nMode(nMode)
 {
     if (!pFile)
+    {
         AfxThrowInvalidArgException();
+    }
     pFile->RequireBytes();
     if (!lpBuf || nBufSize < MIN_BUFFER)
     {
@@ -108,7 +116,9 @@ CArchive::CArchive(CFile * pFile, UINT nMode, int nBufSize, void * lpBuf)
 CArchive::~CArchive()
 {
     if (!m_pFile || (m_nMode & bNoFlushOnDelete))
+    {
         return;
+    }
     try
     {
         Close();
@@ -147,7 +157,9 @@ std::size_t CArchive::ReadFile(BYTE * pTarget, std::size_t nMax)
     {
         auto const nRead = m_pFile->Read(pTarget + nDone, static_cast<UINT>(nMax - nDone));
         if (nRead == 0)
+        {
             break;
+        }
         nDone += nRead;
     }
     return nDone;
@@ -156,7 +168,9 @@ std::size_t CArchive::ReadFile(BYTE * pTarget, std::size_t nMax)
 void CArchive::FillBuffer(std::size_t nNeeded)
 {
     if (!m_pFile)
+    {
         ThrowClosed();
+    }
     auto const nUnread = static_cast<std::size_t>(m_pEnd - m_pCursor);
     std::memmove(m_pStart, m_pCursor, nUnread);
     m_pCursor = m_pStart;
@@ -165,7 +179,9 @@ void CArchive::FillBuffer(std::size_t nNeeded)
     {
         auto const nRead = m_pFile->Read(m_pEnd, static_cast<UINT>(m_pStart + m_nBufSize - m_pEnd));
         if (nRead == 0)
+        {
             Throw(CArchiveException::endOfFile);
+        }
         m_pEnd += nRead;
     }
 }
@@ -173,16 +189,22 @@ void CArchive::FillBuffer(std::size_t nNeeded)
 UINT CArchive::Read(void * lpBuf, UINT nMax)
 {
     if (IsStoring())
+    {
         ThrowDirection();
+    }
     if (!m_pFile)
+    {
         ThrowClosed();
+    }
     auto * pTarget = static_cast<BYTE *>(lpBuf);
     std::size_t nLeft = nMax;
     auto const takeBuffered = [&]
     {
         auto const nPart = std::min(nLeft, static_cast<std::size_t>(m_pEnd - m_pCursor));
         if (nPart != 0)
+        {
             std::memcpy(pTarget, m_pCursor, nPart);
+        }
         m_pCursor += nPart;
         pTarget += nPart;
         nLeft -= nPart;
@@ -199,7 +221,9 @@ UINT CArchive::Read(void * lpBuf, UINT nMax)
         {
             auto const nRead = m_pFile->Read(m_pEnd, static_cast<UINT>(m_pStart + m_nBufSize - m_pEnd));
             if (nRead == 0)
+            {
                 break;
+            }
             m_pEnd += nRead;
         }
         takeBuffered();
@@ -210,16 +234,22 @@ UINT CArchive::Read(void * lpBuf, UINT nMax)
 void CArchive::SkipUnread(std::size_t nCount)
 {
     if (IsStoring())
+    {
         ThrowDirection();
+    }
     m_pCursor += std::min(nCount, static_cast<std::size_t>(m_pEnd - m_pCursor));
 }
 
 BOOL CArchive::Refill()
 {
     if (IsStoring())
+    {
         ThrowDirection();
+    }
     if (!m_pFile)
+    {
         ThrowClosed();
+    }
     if (m_pCursor == m_pEnd)
     {
         m_pCursor = m_pEnd = m_pStart;
@@ -231,17 +261,25 @@ BOOL CArchive::Refill()
 void CArchive::EnsureRead(void * lpBuf, UINT nCount)
 {
     if (Read(lpBuf, nCount) != nCount)
+    {
         Throw(CArchiveException::endOfFile);
+    }
 }
 
 void CArchive::Write(void const * lpBuf, UINT nMax)
 {
     if (IsLoading())
+    {
         ThrowDirection();
+    }
     if (!m_pFile)
+    {
         ThrowClosed();
+    }
     if (nMax == 0)
+    {
         return;
+    }
     if (nMax > static_cast<std::size_t>(m_pEnd - m_pCursor))
     {
         Flush();
@@ -258,20 +296,26 @@ void CArchive::Write(void const * lpBuf, UINT nMax)
 void CArchive::Flush()
 {
     if (!m_pFile)
+    {
         ThrowClosed();
+    }
     if (IsLoading())
     {
         auto const nUnread = m_pEnd - m_pCursor;
         m_pCursor = m_pEnd = m_pStart;
         if (nUnread != 0)
+        {
             m_pFile->Seek(-static_cast<LONGLONG>(nUnread), CFile::current);
+        }
         return;
     }
     // Emptied first: after a failure the same bytes must not be written once more.
     auto const nPending = static_cast<UINT>(m_pCursor - m_pStart);
     m_pCursor = m_pStart;
     if (nPending != 0)
+    {
         m_pFile->Write(m_pStart, nPending);
+    }
 }
 
 void CArchive::Close()
@@ -299,11 +343,15 @@ DWORD_PTR CArchive::ReadCount()
     WORD wCount;
     *this >> wCount;
     if (wCount != 0xFFFF)
+    {
         return wCount;
+    }
     DWORD dwCount;
     *this >> dwCount;
     if (sizeof(DWORD_PTR) == 4 || dwCount != 0xFFFFFFFF)
+    {
         return dwCount;
+    }
     ULONGLONG qwCount;
     *this >> qwCount;
     return static_cast<DWORD_PTR>(qwCount);
@@ -318,33 +366,47 @@ void CArchive::WriteCount(DWORD_PTR dwCount)
     }
     *this << static_cast<WORD>(0xFFFF);
     if (sizeof(DWORD_PTR) == 4 || dwCount < 0xFFFFFFFF)
+    {
         *this << static_cast<DWORD>(dwCount);
+    }
     else
+    {
         *this << static_cast<DWORD>(0xFFFFFFFF) << static_cast<ULONGLONG>(dwCount);
+    }
 }
 
 CArchive::ObjectMap & CArchive::GetObjects()
 {
     if (!m_pObjects)
+    {
         m_pObjects = std::make_unique<ObjectMap>();
+    }
     auto const nCount = IsLoading() ? m_pObjects->loaded.size() : m_pObjects->nStoredCount;
     if (nCount >= MAX_MAP_COUNT)
+    {
         Throw(CArchiveException::badIndex);
+    }
     return *m_pObjects;
 }
 
 void CArchive::WriteTag(DWORD nTag, bool bClass)
 {
     if (nTag < BIG_OBJECT_TAG)
+    {
         *this << static_cast<WORD>(bClass ? CLASS_TAG | nTag : nTag);
+    }
     else
+    {
         *this << BIG_OBJECT_TAG << (bClass ? BIG_CLASS_TAG | nTag : nTag);
+    }
 }
 
 void CArchive::WriteObject(CObject const * pOb)
 {
     if (IsLoading())
+    {
         ThrowDirection();
+    }
     if (!pOb)
     {
         *this << NULL_TAG;
@@ -357,7 +419,9 @@ void CArchive::WriteObject(CObject const * pOb)
         return;
     }
     if (objects.nDepth >= MAX_OBJECT_DEPTH)
+    {
         Throw(CArchiveException::genericException);
+    }
     WriteClass(pOb->GetRuntimeClass());
     // Numbered before its content, which may point back to it.
     objects.stored.emplace(pOb, objects.nStoredCount++);
@@ -368,11 +432,17 @@ void CArchive::WriteObject(CObject const * pOb)
 void CArchive::WriteClass(CRuntimeClass const * pClass)
 {
     if (IsLoading())
+    {
         ThrowDirection();
+    }
     if (!pClass)
+    {
         AfxThrowInvalidArgException();
+    }
     if (pClass->m_wSchema == 0xFFFF)
+    {
         AfxThrowNotSupportedException();
+    }
     auto & objects = GetObjects();
     if (auto const found = objects.stored.find(pClass); found != objects.stored.end())
     {
@@ -393,20 +463,30 @@ CObject * CArchive::ReadObject(CRuntimeClass const * pClassRequested)
     if (!pClass)
     {
         if (nObTag == NULL_TAG)
+        {
             return nullptr;
+        }
         auto * pKnown = nObTag < objects.loaded.size() ? objects.loaded[nObTag].pObject : nullptr;
         if (!pKnown)
+        {
             Throw(CArchiveException::badIndex);
+        }
         if (pClassRequested && !pKnown->IsKindOf(pClassRequested))
+        {
             Throw(CArchiveException::badClass);
+        }
         return pKnown;
     }
     if (objects.nDepth >= MAX_OBJECT_DEPTH)
+    {
         Throw(CArchiveException::genericException);
+    }
 
     std::unique_ptr<CObject> pOb(pClass->CreateObject());
     if (!pOb)
+    {
         Throw(CArchiveException::badClass);
+    }
     auto const nIndex = objects.loaded.size();
     objects.loaded.push_back({pOb.get(), nullptr, 0});
     auto const nOuterSchema = std::exchange(m_nObjectSchema, nSchema);
@@ -430,21 +510,31 @@ CObject * CArchive::ReadObject(CRuntimeClass const * pClassRequested)
 CRuntimeClass * CArchive::ReadClass(CRuntimeClass const * pClassRequested, UINT * pSchema, DWORD * pObTag)
 {
     if (IsStoring())
+    {
         ThrowDirection();
+    }
     if (pClassRequested && pClassRequested->m_wSchema == 0xFFFF && !pObTag)
+    {
         AfxThrowNotSupportedException();
+    }
 
     WORD wTag;
     *this >> wTag;
     DWORD nTag;
     if (wTag == BIG_OBJECT_TAG)
+    {
         *this >> nTag;
+    }
     else
+    {
         nTag = (wTag & CLASS_TAG ? BIG_CLASS_TAG : 0) | static_cast<DWORD>(wTag & ~CLASS_TAG);
+    }
     if (!(nTag & BIG_CLASS_TAG))
     {
         if (!pObTag)
+        {
             Throw(CArchiveException::badIndex);
+        }
         *pObTag = nTag;
         return nullptr;
     }
@@ -456,62 +546,96 @@ CRuntimeClass * CArchive::ReadClass(CRuntimeClass const * pClassRequested, UINT 
     {
         pClass = CRuntimeClass::Load(*this, &nSchema);
         if (!pClass)
+        {
             Throw(CArchiveException::badClass);
+        }
         if ((pClass->m_wSchema & ~VERSIONABLE_SCHEMA) != nSchema && !(pClass->m_wSchema & VERSIONABLE_SCHEMA))
+        {
             Throw(CArchiveException::badSchema);
+        }
         objects.loaded.push_back({nullptr, pClass, nSchema});
     }
     else
     {
         auto const nIndex = nTag & ~BIG_CLASS_TAG;
         if (nIndex >= objects.loaded.size() || !objects.loaded[nIndex].pClass)
+        {
             Throw(CArchiveException::badIndex);
+        }
         pClass = objects.loaded[nIndex].pClass;
         nSchema = objects.loaded[nIndex].nSchema;
     }
     if (pClassRequested && !pClass->IsDerivedFrom(pClassRequested))
+    {
         Throw(CArchiveException::badClass);
+    }
     if (pSchema)
+    {
         *pSchema = nSchema;
+    }
     else
+    {
         m_nObjectSchema = nSchema;
+    }
     if (pObTag)
+    {
         *pObTag = nTag;
+    }
     return pClass;
 }
 
 void CArchive::SerializeClass(CRuntimeClass const * pClass)
 {
     if (IsStoring())
+    {
         WriteClass(pClass);
+    }
     else
+    {
         ReadClass(pClass);
+    }
 }
 
 void CArchive::MapObject(CObject const * pOb)
 {
     if (!pOb)
+    {
         return;
+    }
     auto & objects = GetObjects();
     if (IsStoring())
+    {
         objects.stored.emplace(pOb, objects.nStoredCount++);
+    }
     else
+    {
         objects.loaded.push_back({const_cast<CObject *>(pOb), nullptr, 0});
+    }
 }
 
 void AfxWriteStringLength(CArchive & ar, UINT_PTR nLength, BOOL bUnicode)
 {
     constexpr BYTE more = 0xFF;
     if (bUnicode)
+    {
         ar << more << static_cast<WORD>(0xFFFE);
+    }
     if (nLength < 0xFF)
+    {
         ar << static_cast<BYTE>(nLength);
+    }
     else if (nLength < 0xFFFE)
+    {
         ar << more << static_cast<WORD>(nLength);
+    }
     else if (nLength < 0xFFFFFFFF)
+    {
         ar << more << static_cast<WORD>(0xFFFF) << static_cast<DWORD>(nLength);
+    }
     else
+    {
         ar << more << static_cast<WORD>(0xFFFF) << static_cast<DWORD>(0xFFFFFFFF) << static_cast<ULONGLONG>(nLength);
+    }
 }
 
 UINT_PTR AfxReadStringLength(CArchive & ar, int & nCharSize)
@@ -520,7 +644,9 @@ UINT_PTR AfxReadStringLength(CArchive & ar, int & nCharSize)
     BYTE bLength;
     ar >> bLength;
     if (bLength < 0xFF)
+    {
         return bLength;
+    }
     WORD wLength;
     ar >> wLength;
     if (wLength == 0xFFFE)
@@ -528,19 +654,27 @@ UINT_PTR AfxReadStringLength(CArchive & ar, int & nCharSize)
         nCharSize = 2;
         ar >> bLength;
         if (bLength < 0xFF)
+        {
             return bLength;
+        }
         ar >> wLength;
     }
     if (wLength < 0xFFFF)
+    {
         return wLength;
+    }
     DWORD dwLength;
     ar >> dwLength;
     if (dwLength < 0xFFFFFFFF)
+    {
         return dwLength;
+    }
     ULONGLONG qwLength;
     ar >> qwLength;
     if (qwLength > std::numeric_limits<UINT_PTR>::max())
+    {
         AfxThrowArchiveException(CArchiveException::badIndex, ar.m_strFileName);
+    }
     return static_cast<UINT_PTR>(qwLength);
 }
 

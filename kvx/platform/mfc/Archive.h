@@ -103,11 +103,17 @@ public:
     CArchive & operator<<(T value)
     {
         if (IsLoading())
+        {
             ThrowDirection();
+        }
         if (static_cast<std::size_t>(m_pEnd - m_pCursor) < sizeof(T))
+        {
             Flush();
+        }
         if (!m_pFile)
+        {
             ThrowClosed();
+        }
         std::memcpy(m_pCursor, &value, sizeof(T));
         m_pCursor += sizeof(T);
         return *this;
@@ -116,13 +122,21 @@ public:
     CArchive & operator>>(T & value)
     {
         if (IsStoring())
+        {
             ThrowDirection();
+        }
         if (static_cast<std::size_t>(m_pEnd - m_pCursor) < sizeof(T))
+        {
             FillBuffer(sizeof(T));
+        }
         if constexpr (std::is_same_v<T, bool>)
+        {
             value = *m_pCursor != 0;
+        }
         else
+        {
             std::memcpy(&value, m_pCursor, sizeof(T));
+        }
         m_pCursor += sizeof(T);
         return *this;
     }

@@ -30,9 +30,13 @@ public:
     void SetSize(INT_PTR nNewSize, INT_PTR nGrowBy = -1)
     {
         if (nNewSize < 0)
+        {
             AfxThrowInvalidArgException();
+        }
         if (nGrowBy >= 0)
+        {
             m_nGrowBy = nGrowBy;
+        }
         if (nNewSize == 0)
         {
             Release();
@@ -41,19 +45,29 @@ public:
             return;
         }
         if (nNewSize > m_nMaxSize)
+        {
             Reallocate(m_nMaxSize == 0 ? std::max(nNewSize, m_nGrowBy) : GrownSize(nNewSize));
+        }
         if (nNewSize > m_nSize)
+        {
             std::uninitialized_value_construct(m_pData + m_nSize, m_pData + nNewSize);
+        }
         else
+        {
             std::destroy(m_pData + nNewSize, m_pData + m_nSize);
+        }
         m_nSize = nNewSize;
     }
     void FreeExtra()
     {
         if (m_nSize == 0)
+        {
             SetSize(0);
+        }
         else if (m_nSize != m_nMaxSize)
+        {
             Reallocate(m_nSize);
+        }
     }
     void RemoveAll() { SetSize(0); }
 
@@ -72,7 +86,9 @@ public:
     void SetAtGrow(INT_PTR nIndex, ARG_TYPE newElement)
     {
         if (nIndex < 0 || nIndex == std::numeric_limits<INT_PTR>::max())
+        {
             AfxThrowInvalidArgException();
+        }
         if (nIndex < m_nSize)
         {
             m_pData[nIndex] = newElement;
@@ -109,7 +125,9 @@ public:
     void Copy(CArray const & src)
     {
         if (this == &src)
+        {
             return;
+        }
         SetSize(src.m_nSize);
         std::copy_n(src.m_pData, m_nSize, m_pData);
     }
@@ -118,7 +136,9 @@ public:
     void InsertAt(INT_PTR nIndex, ARG_TYPE newElement, INT_PTR nCount = 1)
     {
         if (nIndex < 0 || nCount <= 0)
+        {
             AfxThrowInvalidArgException();
+        }
         TYPE const element(newElement);
         OpenGap(nIndex, nCount);
         std::fill_n(m_pData + nIndex, nCount, element);
@@ -126,16 +146,22 @@ public:
     void InsertAt(INT_PTR nStartIndex, CArray const * pNewArray)
     {
         if (nStartIndex < 0 || !pNewArray || pNewArray == this)
+        {
             AfxThrowInvalidArgException();
+        }
         if (pNewArray->m_nSize == 0)
+        {
             return;
+        }
         OpenGap(nStartIndex, pNewArray->m_nSize);
         std::copy_n(pNewArray->m_pData, pNewArray->m_nSize, m_pData + nStartIndex);
     }
     void RemoveAt(INT_PTR nIndex, INT_PTR nCount = 1)
     {
         if (nIndex < 0 || nCount < 0 || nIndex > m_nSize || nCount > m_nSize - nIndex)
+        {
             AfxThrowInvalidArgException();
+        }
         std::move(m_pData + nIndex + nCount, m_pData + m_nSize, m_pData + nIndex);
         std::destroy(m_pData + m_nSize - nCount, m_pData + m_nSize);
         m_nSize -= nCount;
@@ -176,34 +202,46 @@ private:
     INT_PTR Checked(INT_PTR nIndex) const
     {
         if (static_cast<UINT_PTR>(nIndex) >= static_cast<UINT_PTR>(m_nSize)) [[unlikely]]
+        {
             AfxThrowInvalidArgException();
+        }
         return nIndex;
     }
     INT_PTR GrownSize(INT_PTR nNeeded) const
     {
         if (nNeeded > MAX_SIZE)
+        {
             AfxThrowMemoryException();
+        }
         auto const nStep = std::max({m_nGrowBy, m_nMaxSize / 2, INT_PTR{4}});
         return std::max(nNeeded, m_nMaxSize > MAX_SIZE - nStep ? MAX_SIZE : m_nMaxSize + nStep);
     }
     void SetSizeIfNeeded(INT_PTR nNewSize)
     {
         if (nNewSize != m_nSize)
+        {
             SetSize(nNewSize);
+        }
     }
     void OpenGap(INT_PTR nIndex, INT_PTR nCount)
     {
         auto const nOldSize = m_nSize;
         if (nCount > MAX_SIZE - std::max(nIndex, nOldSize))
+        {
             AfxThrowMemoryException();
+        }
         SetSize(std::max(nIndex, nOldSize) + nCount);
         if (nIndex < nOldSize)
+        {
             std::move_backward(m_pData + nIndex, m_pData + nOldSize, m_pData + m_nSize);
+        }
     }
     void Reallocate(INT_PTR nMaxSize)
     {
         if (nMaxSize > MAX_SIZE)
+        {
             AfxThrowMemoryException();
+        }
         auto * pData = static_cast<TYPE *>(AfxAllocate(static_cast<std::size_t>(nMaxSize) * sizeof(TYPE)));
         auto const nSize = m_nSize;
         if constexpr (std::is_nothrow_move_constructible_v<TYPE>)
@@ -230,7 +268,9 @@ private:
     void Release() noexcept
     {
         if (!m_pData)
+        {
             return;
+        }
         std::destroy(m_pData, m_pData + m_nSize);
         AfxFree(m_pData);
     }

@@ -57,9 +57,13 @@ void SerializeElements(CArchive & ar, TYPE * pElements, INT_PTR nCount)
         for (INT_PTR i = 0; i < nCount; ++i)
         {
             if (ar.IsStoring())
+            {
                 ar.WriteObject(pElements[i]);
+            }
             else
+            {
                 pElements[i] = static_cast<Class *>(ar.ReadObject(RUNTIME_CLASS(Class)));
+            }
         }
     }
     else if constexpr (std::is_base_of_v<CString, TYPE> || std::is_base_of_v<CStringA, TYPE>)
@@ -67,9 +71,13 @@ void SerializeElements(CArchive & ar, TYPE * pElements, INT_PTR nCount)
         for (INT_PTR i = 0; i < nCount; ++i)
         {
             if (ar.IsStoring())
+            {
                 ar << pElements[i];
+            }
             else
+            {
                 ar >> pElements[i];
+            }
         }
     }
     else if constexpr (std::is_trivially_copyable_v<TYPE> && !std::is_pointer_v<TYPE>)
@@ -79,9 +87,13 @@ void SerializeElements(CArchive & ar, TYPE * pElements, INT_PTR nCount)
         {
             auto const nBytes = static_cast<UINT>((nCount - i < nStep ? nCount - i : nStep) * sizeof(TYPE));
             if (ar.IsStoring())
+            {
                 ar.Write(pElements + i, nBytes);
+            }
             else
+            {
                 ar.EnsureRead(pElements + i, nBytes);
+            }
         }
     }
     else

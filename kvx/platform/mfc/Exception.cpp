@@ -58,7 +58,9 @@ CString CauseText(std::array<std::basic_string_view<WCHAR>, N> const & texts, in
     auto const text = texts[cause >= 0 && static_cast<std::size_t>(cause) < N ? cause : 1];
     CString strResult(text.data(), static_cast<int>(text.size()));
     if (strFileName.IsEmpty())
+    {
         return strResult + _T(".");
+    }
     return strResult + _T(": ") + strFileName;
 }
 } // namespace
@@ -74,7 +76,9 @@ IMPLEMENT_DYNAMIC(CArchiveException, CException)
 BOOL CException::GetErrorMessage(LPTSTR lpszError, UINT nMaxError, UINT * pnHelpContext) const
 {
     if (pnHelpContext)
+    {
         *pnHelpContext = 0;
+    }
     CopyMessage({}, lpszError, nMaxError);
     return FALSE;
 }
@@ -82,7 +86,9 @@ BOOL CException::GetErrorMessage(LPTSTR lpszError, UINT nMaxError, UINT * pnHelp
 BOOL CException::CopyMessage(std::basic_string_view<WCHAR> message, LPTSTR lpszError, UINT nMaxError)
 {
     if (!lpszError || nMaxError == 0)
+    {
         return FALSE;
+    }
     auto const nCopied = message.copy(lpszError, nMaxError - 1);
     lpszError[nCopied] = 0;
     return TRUE;
@@ -91,7 +97,9 @@ BOOL CException::CopyMessage(std::basic_string_view<WCHAR> message, LPTSTR lpszE
 BOOL CSimpleException::GetErrorMessage(LPTSTR lpszError, UINT nMaxError, UINT * pnHelpContext) const
 {
     if (pnHelpContext)
+    {
         *pnHelpContext = 0;
+    }
     return CopyMessage(m_lpszMessage, lpszError, nMaxError);
 }
 
@@ -103,7 +111,9 @@ CFileException::CFileException(int cause, LONG lOsError, LPCTSTR lpszFileName)
 BOOL CFileException::GetErrorMessage(LPTSTR lpszError, UINT nMaxError, UINT * pnHelpContext) const
 {
     if (pnHelpContext)
+    {
         *pnHelpContext = 0;
+    }
     auto const strText = CauseText(FILE_CAUSES, m_cause, m_strFileName);
     return CopyMessage({strText.GetString(), static_cast<std::size_t>(strText.GetLength())}, lpszError, nMaxError);
 }
@@ -192,7 +202,9 @@ CArchiveException::CArchiveException(int cause, LPCTSTR lpszArchiveName)
 BOOL CArchiveException::GetErrorMessage(LPTSTR lpszError, UINT nMaxError, UINT * pnHelpContext) const
 {
     if (pnHelpContext)
+    {
         *pnHelpContext = 0;
+    }
     auto const strText = CauseText(ARCHIVE_CAUSES, m_cause, m_strFileName);
     return CopyMessage({strText.GetString(), static_cast<std::size_t>(strText.GetLength())}, lpszError, nMaxError);
 }
@@ -239,7 +251,9 @@ BOOL AfxIsValidAddress(void const * p, UINT_PTR nBytes, BOOL)
 void * AfxAllocate(std::size_t nBytes)
 {
     if (void * p = ::operator new(nBytes, std::nothrow))
+    {
         return p;
+    }
     AfxThrowMemoryException();
 }
 

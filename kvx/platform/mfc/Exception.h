@@ -20,7 +20,9 @@ public:
     void Delete()
     {
         if (m_bAutoDelete > 0)
+        {
             delete this;
+        }
     }
 
     /// Copies the message, cut to `nMaxError` characters with the terminating zero. FALSE: there is none,

@@ -21,7 +21,9 @@ CString FullPath(LPCTSTR lpszPath)
     std::array<WCHAR, PATH_CHARACTERS> path;
     auto const nLength = GetFullPathNameW(lpszPath, PATH_CHARACTERS, path.data(), nullptr);
     if (nLength == 0 || nLength >= PATH_CHARACTERS)
+    {
         return lpszPath;
+    }
     return CString(path.data(), static_cast<int>(nLength));
 }
 
@@ -65,19 +67,25 @@ CFile::CFile(LPCTSTR lpszFileName, UINT nOpenFlags)
 {
     auto pError = std::make_unique<CFileException>();
     if (!CFile::Open(lpszFileName, nOpenFlags, pError.get()))
+    {
         throw pError.release();
+    }
 }
 
 CFile::~CFile()
 {
     if (m_hFile != INVALID_HANDLE_VALUE && m_bCloseOnDelete)
+    {
         CloseHandle(m_hFile);
+    }
 }
 
 HANDLE CFile::GetOpenHandle() const
 {
     if (m_hFile == INVALID_HANDLE_VALUE) [[unlikely]]
+    {
         AfxThrowFileException(CFileException::invalidFile, ERROR_INVALID_HANDLE, m_strFileName);
+    }
     return m_hFile;
 }
 
@@ -95,14 +103,18 @@ BOOL CFile::Open(LPCTSTR lpszFileName, UINT nOpenFlags, CFileException * pError)
         return FALSE;
     };
     if (!lpszFileName || !*lpszFileName)
+    {
         return fail(CFileException::badPath, ERROR_PATH_NOT_FOUND);
+    }
 
     SECURITY_ATTRIBUTES security{};
     security.nLength = sizeof security;
     security.bInheritHandle = (nOpenFlags & modeNoInherit) == 0;
     DWORD nDisposition = OPEN_EXISTING;
     if (nOpenFlags & modeCreate)
+    {
         nDisposition = nOpenFlags & modeNoTruncate ? OPEN_ALWAYS : CREATE_ALWAYS;
+    }
     auto const hFile = CreateFileW(lpszFileName, AccessMode(nOpenFlags), ShareMode(nOpenFlags), &security, nDisposition,
                                    FILE_ATTRIBUTE_NORMAL, nullptr);
     if (hFile == INVALID_HANDLE_VALUE)
@@ -124,13 +136,17 @@ void CFile::Close()
     m_bCloseOnDelete = FALSE;
     m_strFileName.Empty();
     if (hFile != INVALID_HANDLE_VALUE && !CloseHandle(hFile))
+    {
         ThrowLastError(strFileName);
+    }
 }
 
 void CFile::Abort()
 {
     if (m_hFile != INVALID_HANDLE_VALUE)
+    {
         CloseHandle(m_hFile);
+    }
     m_hFile = INVALID_HANDLE_VALUE;
     m_bCloseOnDelete = FALSE;
     m_strFileName.Empty();
@@ -142,7 +158,9 @@ CFile * CFile::Duplicate() const
     auto const hProcess = GetCurrentProcess();
     HANDLE hCopy;
     if (!DuplicateHandle(hProcess, GetOpenHandle(), hProcess, &hCopy, 0, FALSE, DUPLICATE_SAME_ACCESS))
+    {
         ThrowLastError(m_strFileName);
+    }
     pCopy->m_hFile = hCopy;
     pCopy->m_bCloseOnDelete = TRUE;
     pCopy->m_strFileName = m_strFileName;
@@ -153,10 +171,14 @@ UINT CFile::Read(void * lpBuf, UINT nCount)
 {
     auto const hFile = GetOpenHandle();
     if (nCount == 0)
+    {
         return 0;
+    }
     DWORD nRead = 0;
     if (!ReadFile(hFile, lpBuf, nCount, &nRead, nullptr))
+    {
         ThrowLastError(m_strFileName);
+    }
     return nRead;
 }
 
@@ -164,12 +186,18 @@ void CFile::Write(void const * lpBuf, UINT nCount)
 {
     auto const hFile = GetOpenHandle();
     if (nCount == 0)
+    {
         return;
+    }
     DWORD nWritten = 0;
     if (!WriteFile(hFile, lpBuf, nCount, &nWritten, nullptr))
+    {
         ThrowLastError(m_strFileName);
+    }
     if (nWritten != nCount)
+    {
         AfxThrowFileException(CFileException::diskFull, ERROR_DISK_FULL, m_strFileName);
+    }
 }
 
 void CFile::Flush()
@@ -183,7 +211,9 @@ ULONGLONG CFile::Seek(LONGLONG lOff, UINT nFrom)
     LARGE_INTEGER position;
     offset.QuadPart = lOff;
     if (!SetFilePointerEx(GetOpenHandle(), offset, &position, nFrom))
+    {
         ThrowLastError(m_strFileName);
+    }
     return static_cast<ULONGLONG>(position.QuadPart);
 }
 
@@ -193,7 +223,9 @@ ULONGLONG CFile::GetPosition() const
     LARGE_INTEGER position;
     offset.QuadPart = 0;
     if (!SetFilePointerEx(GetOpenHandle(), offset, &position, FILE_CURRENT))
+    {
         ThrowLastError(m_strFileName);
+    }
     return static_cast<ULONGLONG>(position.QuadPart);
 }
 
@@ -201,7 +233,9 @@ ULONGLONG CFile::GetLength() const
 {
     LARGE_INTEGER length;
     if (!GetFileSizeEx(GetOpenHandle(), &length))
+    {
         ThrowLastError(m_strFileName);
+    }
     return static_cast<ULONGLONG>(length.QuadPart);
 }
 
@@ -209,7 +243,9 @@ void CFile::SetLength(ULONGLONG dwNewLen)
 {
     CFile::Seek(static_cast<LONGLONG>(dwNewLen), begin);
     if (!SetEndOfFile(m_hFile))
+    {
         ThrowLastError(m_strFileName);
+    }
 }
 
 void CFile::LockRange(ULONGLONG, ULONGLONG)
@@ -255,13 +291,17 @@ void CFile::SetFilePath(LPCTSTR lpszNewName)
 void CFile::Rename(LPCTSTR lpszOldName, LPCTSTR lpszNewName)
 {
     if (!MoveFileW(lpszOldName, lpszNewName))
+    {
         ThrowLastError(lpszOldName);
+    }
 }
 
 void CFile::Remove(LPCTSTR lpszFileName)
 {
     if (!DeleteFileW(lpszFileName))
+    {
         ThrowLastError(lpszFileName);
+    }
 }
 
 CMemFile::CMemFile(UINT nGrowBytes) : m_nGrowBytes(nGrowBytes) {}
@@ -279,7 +319,9 @@ CMemFile::~CMemFile()
 void CMemFile::Release()
 {
     if (m_lpBuffer && m_bAutoDelete)
+    {
         Free(m_lpBuffer);
+    }
     m_lpBuffer = nullptr;
     m_nBufferSize = m_nFileSize = m_nPosition = 0;
 }
@@ -287,7 +329,9 @@ void CMemFile::Release()
 void CMemFile::Attach(BYTE * lpBuffer, UINT nBufferSize, UINT nGrowBytes)
 {
     if (!lpBuffer && nBufferSize != 0)
+    {
         AfxThrowInvalidArgException();
+    }
     Release();
     m_lpBuffer = lpBuffer;
     m_nBufferSize = nBufferSize;
@@ -331,10 +375,14 @@ void CMemFile::Flush() {}
 UINT CMemFile::Read(void * lpBuf, UINT nCount)
 {
     if (m_nPosition >= m_nFileSize)
+    {
         return 0;
+    }
     auto const nRead = std::min<SIZE_T>(nCount, m_nFileSize - m_nPosition);
     if (nRead != 0)
+    {
         std::memcpy(lpBuf, m_lpBuffer + m_nPosition, nRead);
+    }
     m_nPosition += nRead;
     return static_cast<UINT>(nRead);
 }
@@ -342,13 +390,19 @@ UINT CMemFile::Read(void * lpBuf, UINT nCount)
 void CMemFile::Write(void const * lpBuf, UINT nCount)
 {
     if (nCount == 0)
+    {
         return;
+    }
     if (nCount > MAX_MEMORY_FILE - m_nPosition)
+    {
         AfxThrowMemoryException();
+    }
     auto const nEnd = m_nPosition + nCount;
     Grow(nEnd);
     if (m_nPosition > m_nFileSize)
+    {
         Lengthen(m_nPosition);
+    }
     std::memcpy(m_lpBuffer + m_nPosition, lpBuf, nCount);
     m_nPosition = nEnd;
     m_nFileSize = std::max(m_nFileSize, nEnd);
@@ -373,7 +427,9 @@ ULONGLONG CMemFile::Seek(LONGLONG lOff, UINT nFrom)
     }
     constexpr auto nMaximum = static_cast<LONGLONG>(MAX_MEMORY_FILE);
     if (lOff < -nBase || lOff > nMaximum - nBase)
+    {
         AfxThrowFileException(CFileException::badSeek, ERROR_NEGATIVE_SEEK, m_strFileName);
+    }
     m_nPosition = static_cast<SIZE_T>(nBase + lOff);
     return m_nPosition;
 }
@@ -381,11 +437,15 @@ ULONGLONG CMemFile::Seek(LONGLONG lOff, UINT nFrom)
 void CMemFile::SetLength(ULONGLONG dwNewLen)
 {
     if (dwNewLen > MAX_MEMORY_FILE)
+    {
         AfxThrowMemoryException();
+    }
     auto const nNewSize = static_cast<SIZE_T>(dwNewLen);
     Grow(nNewSize);
     if (nNewSize > m_nFileSize)
+    {
         Lengthen(nNewSize);
+    }
     m_nFileSize = nNewSize;
     m_nPosition = std::min(m_nPosition, nNewSize);
 }
@@ -393,26 +453,36 @@ void CMemFile::SetLength(ULONGLONG dwNewLen)
 UINT CMemFile::GetBufferPtr(UINT nCommand, UINT nCount, void ** ppBufStart, void ** ppBufMax)
 {
     if (nCommand == bufferCheck)
+    {
         return bufferDirect;
+    }
     if (nCommand == bufferCommit)
     {
         if (m_nPosition > m_nBufferSize || nCount > m_nBufferSize - m_nPosition)
+        {
             AfxThrowInvalidArgException();
+        }
         m_nPosition += nCount;
         m_nFileSize = std::max(m_nFileSize, m_nPosition);
         return 0;
     }
     if ((nCommand != bufferRead && nCommand != bufferWrite) || !ppBufStart || !ppBufMax)
+    {
         AfxThrowInvalidArgException();
+    }
 
     SIZE_T nGiven;
     if (nCommand == bufferWrite)
     {
         if (nCount > MAX_MEMORY_FILE - m_nPosition)
+        {
             AfxThrowMemoryException();
+        }
         Grow(m_nPosition + nCount);
         if (m_nPosition > m_nFileSize)
+        {
             Lengthen(m_nPosition);
+        }
         nGiven = nCount;
     }
     else
@@ -423,7 +493,9 @@ UINT CMemFile::GetBufferPtr(UINT nCommand, UINT nCount, void ** ppBufStart, void
     *ppBufStart = pStart;
     *ppBufMax = pStart ? pStart + nGiven : nullptr;
     if (nCommand == bufferRead)
+    {
         m_nPosition += nGiven;
+    }
     return static_cast<UINT>(nGiven);
 }
 
@@ -445,15 +517,21 @@ void CMemFile::Free(BYTE * lpMem)
 void CMemFile::Grow(SIZE_T nNeeded)
 {
     if (nNeeded <= m_nBufferSize)
+    {
         return;
+    }
     if (m_nGrowBytes == 0)
+    {
         AfxThrowMemoryException();
+    }
     auto const nStep = std::max(m_nGrowBytes, m_nBufferSize / 2);
     auto const nNewSize = static_cast<SIZE_T>(
         std::min<ULONGLONG>(std::max<ULONGLONG>(nNeeded, ULONGLONG{m_nBufferSize} + nStep), MAX_MEMORY_FILE));
     auto * lpNew = m_lpBuffer ? Realloc(m_lpBuffer, nNewSize) : Alloc(nNewSize);
     if (!lpNew)
+    {
         AfxThrowMemoryException();
+    }
     m_lpBuffer = lpNew;
     m_nBufferSize = nNewSize;
 }

@@ -43,13 +43,17 @@ public:
     {
         auto const * pNode = Given(pNewList).m_pTail;
         for (auto n = pNewList->m_nCount; n > 0; --n, pNode = pNode->pPrev)
+        {
             Insert(pNode->data, nullptr, m_pHead);
+        }
     }
     void AddTail(CList * pNewList)
     {
         auto const * pNode = Given(pNewList).m_pHead;
         for (auto n = pNewList->m_nCount; n > 0; --n, pNode = pNode->pNext)
+        {
             Insert(pNode->data, m_pTail, nullptr);
+        }
     }
 
     void RemoveAll()
@@ -96,18 +100,24 @@ public:
     POSITION FindIndex(INT_PTR nIndex) const
     {
         if (nIndex < 0 || nIndex >= m_nCount)
+        {
             return nullptr;
+        }
         auto * pNode = m_pHead;
         if (nIndex <= m_nCount / 2)
         {
             for (; nIndex > 0; --nIndex)
+            {
                 pNode = pNode->pNext;
+            }
         }
         else
         {
             pNode = m_pTail;
             for (nIndex = m_nCount - 1 - nIndex; nIndex > 0; --nIndex)
+            {
                 pNode = pNode->pPrev;
+            }
         }
         return ToPosition(pNode);
     }
@@ -119,7 +129,9 @@ public:
         {
             ar.WriteCount(static_cast<DWORD_PTR>(m_nCount));
             for (auto * pNode = m_pHead; pNode; pNode = pNode->pNext)
+            {
                 SerializeElements<TYPE>(ar, &pNode->data, 1);
+            }
             return;
         }
         for (auto nLeft = ar.ReadCount(); nLeft > 0; --nLeft)
@@ -144,7 +156,9 @@ protected:
         for (auto * pNode = startAfter ? ToNode(startAfter)->pNext : m_pHead; pNode; pNode = pNode->pNext)
         {
             if (test(pNode->data))
+            {
                 return ToPosition(pNode);
+            }
         }
         return nullptr;
     }
@@ -162,13 +176,17 @@ private:
     static CNode * Checked(CNode * pNode)
     {
         if (!pNode) [[unlikely]]
+        {
             AfxThrowInvalidArgException();
+        }
         return pNode;
     }
     static CList & Given(CList * pList)
     {
         if (!pList)
+        {
             AfxThrowInvalidArgException();
+        }
         return *pList;
     }
     static TYPE & Step(POSITION & rPosition, CNode * CNode::*pLink)
@@ -218,9 +236,13 @@ private:
         --m_nCount;
         pNode->~CNode();
         if (m_nCount == 0)
+        {
             m_pool.Reset();
+        }
         else
+        {
             m_pool.Free(pNode);
+        }
     }
 
     void DestroyAll()
@@ -228,7 +250,9 @@ private:
         if constexpr (!std::is_trivially_destructible_v<TYPE>)
         {
             for (auto * pNode = m_pHead; pNode;)
+            {
                 std::exchange(pNode, pNode->pNext)->~CNode();
+            }
         }
     }
 };

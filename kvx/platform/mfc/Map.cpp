@@ -90,7 +90,9 @@ UINT HashText(WCHAR const * pText, std::size_t nLength) noexcept
     {
         auto const * const pTail = p + nBytes - 16;
         for (; p < pTail; p += 16)
+        {
             nState = Mix(Load<std::uint64_t>(p) ^ nSecond, Load<std::uint64_t>(p + 8) ^ nState);
+        }
         a = Load<std::uint64_t>(pTail);
         b = Load<std::uint64_t>(pTail + 8);
     }
@@ -120,11 +122,15 @@ UINT HashInteger(ULONGLONG nValue) noexcept
 void MapTable::InitHashTable(UINT nHashSize, bool bAllocNow)
 {
     if (nHashSize == 0)
+    {
         return;
+    }
     m_nHint = std::min(nHashSize, MAX_HINT);
     auto const nSlots = std::bit_ceil(std::max(m_nHint, MIN_SLOTS));
     if (bAllocNow && nSlots > m_nSlots)
+    {
         SetTable(nSlots);
+    }
 }
 
 void MapTable::Link(MapLink * pLink, UINT nHash) noexcept
@@ -136,7 +142,9 @@ void MapTable::Link(MapLink * pLink, UINT nHash) noexcept
     m_pLast = pLink;
     ++m_nCount;
     if (m_nSlots != 0)
+    {
         Enter(pLink);
+    }
 }
 
 void MapTable::Unlink(MapLink * pLink) noexcept
@@ -145,12 +153,16 @@ void MapTable::Unlink(MapLink * pLink) noexcept
     (pLink->pNext ? pLink->pNext->pPrev : m_pLast) = pLink->pPrev;
     --m_nCount;
     if (m_nSlots == 0)
+    {
         return;
+    }
 
     auto const nMask = m_nSlots - 1;
     auto nHole = pLink->nHash & nMask;
     while (m_pSlots[nHole].pLink != pLink)
+    {
         nHole = (nHole + 1) & nMask;
+    }
     // Entries behind the hole move into it unless that would put them before their own place. So no mark of
     // removal stays behind, and a map with much coming and going keeps its speed.
     for (auto i = (nHole + 1) & nMask; m_pSlots[i].pLink; i = (i + 1) & nMask)
@@ -183,14 +195,18 @@ void MapTable::RemoveAll() noexcept
 void MapTable::Grow()
 {
     if (m_nSlots >= MAX_SLOTS)
+    {
         AfxThrowMemoryException();
+    }
     SetTable(m_nSlots == 0 ? std::bit_ceil(std::max(m_nHint, MIN_SLOTS)) : std::size_t{m_nSlots} * 2);
 }
 
 void MapTable::SetTable(std::size_t nSlots)
 {
     if (nSlots > static_cast<std::size_t>(-1) / sizeof(Slot))
+    {
         AfxThrowMemoryException();
+    }
     auto * pSlots = static_cast<Slot *>(AfxAllocate(nSlots * sizeof(Slot)));
     std::uninitialized_value_construct_n(pSlots, nSlots);
     FreeTable();
@@ -198,7 +214,9 @@ void MapTable::SetTable(std::size_t nSlots)
     m_nSlots = static_cast<UINT>(nSlots);
     m_nLimit = static_cast<INT_PTR>(nSlots / 8 * 5);
     for (auto * pLink = m_pFirst; pLink; pLink = pLink->pNext)
+    {
         Enter(pLink);
+    }
 }
 
 void MapTable::Enter(MapLink * pLink) noexcept
@@ -206,13 +224,17 @@ void MapTable::Enter(MapLink * pLink) noexcept
     auto const nMask = m_nSlots - 1;
     auto i = pLink->nHash & nMask;
     while (m_pSlots[i].pLink)
+    {
         i = (i + 1) & nMask;
+    }
     m_pSlots[i] = {pLink, pLink->nHash};
 }
 
 void MapTable::FreeTable() noexcept
 {
     if (m_pSlots)
+    {
         AfxFree(m_pSlots);
+    }
 }
 } // namespace kvx

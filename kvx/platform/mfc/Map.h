@@ -41,7 +41,9 @@ public:
             for (auto * pLink = m_pFirst; pLink; pLink = pLink->pNext)
             {
                 if (pLink->nHash == nHash && match(pLink))
+                {
                     return pLink;
+                }
             }
             return nullptr;
         }
@@ -50,9 +52,13 @@ public:
         {
             auto const & slot = m_pSlots[i];
             if (!slot.pLink)
+            {
                 return nullptr;
+            }
             if (slot.nHash == nHash && match(slot.pLink))
+            {
                 return slot.pLink;
+            }
         }
     }
 
@@ -60,7 +66,9 @@ public:
     void Reserve()
     {
         if (m_nCount >= m_nLimit) [[unlikely]]
+        {
             Grow();
+        }
     }
     void Link(MapLink * pLink, UINT nHash) noexcept;
     void Unlink(MapLink * pLink) noexcept;
@@ -122,7 +130,9 @@ public:
     {
         auto const * pAssoc = Find(key, Hash(key));
         if (!pAssoc)
+        {
             return FALSE;
+        }
         rValue = pAssoc->value;
         return TRUE;
     }
@@ -142,13 +152,19 @@ public:
     {
         auto * pAssoc = Find(key, Hash(key));
         if (!pAssoc)
+        {
             return FALSE;
+        }
         m_table.Unlink(pAssoc);
         pAssoc->~CAssoc();
         if (m_table.GetCount() == 0)
+        {
             m_pool.Reset();
+        }
         else
+        {
             m_pool.Free(pAssoc);
+        }
         return TRUE;
     }
     void RemoveAll()
@@ -210,11 +226,17 @@ protected:
     static UINT Hash(Key const & key)
     {
         if constexpr (std::is_same_v<Key, CStringKey>)
+        {
             return kvx::HashText(key.GetView().data(), key.GetView().size());
+        }
         else if constexpr (std::is_reference_v<LOOKUP>)
+        {
             return HashKey<LOOKUP>(const_cast<LOOKUP>(key));
+        }
         else
+        {
             return HashKey<LOOKUP>(key);
+        }
     }
     CAssoc * Find(Key const & key, UINT nHash) const
     {
@@ -223,9 +245,13 @@ protected:
                                                   {
                                                       auto const & stored = static_cast<CAssoc const *>(pLink)->key;
                                                       if constexpr (std::is_same_v<Key, CStringKey>)
+                                                      {
                                                           return stored == key;
+                                                      }
                                                       else
+                                                      {
                                                           return CompareElements<KEY>(&stored, &key) != 0;
+                                                      }
                                                   }));
     }
     CAssoc * First() const { return static_cast<CAssoc *>(m_table.GetFirst()); }
@@ -239,14 +265,18 @@ private:
     static CAssoc * Next(CPair const * pPair)
     {
         if (!pPair)
+        {
             AfxThrowInvalidArgException();
+        }
         return static_cast<CAssoc *>(static_cast<CAssoc const *>(pPair)->pNext);
     }
     CAssoc * Step(POSITION & rPosition) const
     {
         auto * pAssoc = rPosition == BEFORE_START_POSITION ? First() : reinterpret_cast<CAssoc *>(rPosition);
         if (!pAssoc) [[unlikely]]
+        {
             AfxThrowInvalidArgException();
+        }
         rPosition = reinterpret_cast<POSITION>(static_cast<CAssoc *>(pAssoc->pNext));
         return pAssoc;
     }
@@ -255,7 +285,9 @@ private:
     {
         auto const nHash = Hash(key);
         if (auto * pAssoc = Find(key, nHash))
+        {
             return pAssoc;
+        }
         m_table.Reserve();
         void * pMemory = m_pool.Allocate(sizeof(CAssoc));
         CAssoc * pAssoc;
@@ -274,9 +306,13 @@ private:
     static KEY ToKey(Key const & key)
     {
         if constexpr (std::is_same_v<Key, CStringKey>)
+        {
             return key.ToString();
+        }
         else
+        {
             return KEY(key);
+        }
     }
 
     void DestroyAll()
@@ -284,7 +320,9 @@ private:
         if constexpr (!std::is_trivially_destructible_v<CPair>)
         {
             for (auto * pAssoc = First(); pAssoc;)
+            {
                 std::exchange(pAssoc, static_cast<CAssoc *>(pAssoc->pNext))->~CAssoc();
+            }
         }
     }
 };
@@ -310,7 +348,9 @@ public:
     {
         auto const * pPair = this->PLookup(key);
         if (pPair)
+        {
             rKey = pPair->key.GetString();
+        }
         return pPair != nullptr;
     }
 };

@@ -31,7 +31,9 @@ BOOL CRuntimeClass::IsDerivedFrom(CRuntimeClass const * pBaseClass) const
     for (auto const * pClass = this; pClass; pClass = pClass->m_pfnGetBaseClass ? pClass->m_pfnGetBaseClass() : nullptr)
     {
         if (pClass == pBaseClass)
+        {
             return TRUE;
+        }
     }
     return FALSE;
 }
@@ -39,12 +41,16 @@ BOOL CRuntimeClass::IsDerivedFrom(CRuntimeClass const * pBaseClass) const
 CRuntimeClass * CRuntimeClass::FromName(LPCSTR lpszClassName)
 {
     if (!lpszClassName)
+    {
         return nullptr;
+    }
     std::scoped_lock lock(g_classListLock);
     for (auto * pClass = g_pFirstClass; pClass; pClass = pClass->m_pNextClass)
     {
         if (std::strcmp(pClass->m_lpszClassName, lpszClassName) == 0)
+        {
             return pClass;
+        }
     }
     return nullptr;
 }
@@ -69,7 +75,9 @@ CRuntimeClass * CRuntimeClass::Load(CArchive & ar, UINT * pwSchemaNum)
     ar >> nSchema >> nLength;
     *pwSchemaNum = nSchema;
     if (nLength >= CLASS_NAME_SIZE)
+    {
         return nullptr;
+    }
     std::array<char, CLASS_NAME_SIZE> name;
     ar.EnsureRead(name.data(), nLength);
     name[nLength] = '\0';
@@ -100,22 +108,30 @@ CDumpContext::CDumpContext(LPTSTR pszTarget, std::size_t nMaximum)
     : m_pszTarget(pszTarget), m_nLeft(nMaximum ? nMaximum - 1 : 0)
 {
     if (nMaximum)
+    {
         *m_pszTarget = 0;
+    }
 }
 
 CDumpContext & CDumpContext::operator<<(LPCTSTR lpsz)
 {
     if (!lpsz)
+    {
         lpsz = _T("(null)");
+    }
     if (!m_pszTarget)
     {
         OutputDebugStringW(lpsz);
         return *this;
     }
     if (m_nLeft == 0)
+    {
         return *this;
+    }
     for (; *lpsz && m_nLeft; --m_nLeft)
+    {
         *m_pszTarget++ = *lpsz++;
+    }
     *m_pszTarget = 0;
     return *this;
 }
@@ -128,7 +144,9 @@ CDumpContext & CDumpContext::operator<<(LPCSTR lpsz)
         std::array<WCHAR, 64> piece;
         auto const part = rest.substr(0, piece.size() - 1);
         for (std::size_t i = 0; i < part.size(); ++i)
+        {
             piece[i] = static_cast<unsigned char>(part[i]);
+        }
         piece[part.size()] = 0;
         *this << piece.data();
         rest.remove_prefix(part.size());

@@ -24,19 +24,25 @@ void CPlexPool::FreeBlocks(Block * pKeep) noexcept
     {
         auto * pNext = pBlock->pNext;
         if (pBlock != pKeep)
+        {
             AfxFree(pBlock);
+        }
         pBlock = pNext;
     }
     m_pBlocks = pKeep;
     if (pKeep)
+    {
         pKeep->pNext = nullptr;
+    }
 }
 
 void CPlexPool::Reset() noexcept
 {
     auto * pKeep = m_pBlocks;
     while (pKeep && pKeep->nBytes > KEPT_BYTES)
+    {
         pKeep = pKeep->pNext;
+    }
     FreeBlocks(pKeep);
     m_pFree = nullptr;
     m_pUnused = pKeep ? reinterpret_cast<BYTE *>(pKeep + 1) : nullptr;

@@ -25,7 +25,9 @@ public:
             return pNode;
         }
         if (m_pUnused == m_pEnd)
+        {
             AddBlock(nNodeSize);
+        }
         auto * pNode = m_pUnused;
         m_pUnused += nNodeSize;
         return pNode;

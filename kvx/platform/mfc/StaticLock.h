@@ -11,7 +11,9 @@ public:
     void lock() noexcept
     {
         while (m_flag.test_and_set(std::memory_order_acquire))
+        {
             std::this_thread::yield();
+        }
     }
     void unlock() noexcept { m_flag.clear(std::memory_order_release); }
 

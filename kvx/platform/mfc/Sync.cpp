@@ -8,7 +8,9 @@ IMPLEMENT_DYNAMIC(CMutex, CSyncObject)
 CSyncObject::~CSyncObject()
 {
     if (m_hObject)
+    {
         CloseHandle(m_hObject);
+    }
 }
 
 BOOL CSyncObject::Lock(DWORD dwTimeout)
@@ -38,7 +40,9 @@ CEvent::CEvent(BOOL bInitiallyOwn, BOOL bManualReset, LPCTSTR lpszName, SECURITY
     : CSyncObject(CreateEventW(lpsaAttribute, bManualReset, bInitiallyOwn, lpszName))
 {
     if (!m_hObject)
+    {
         AfxThrowResourceException();
+    }
 }
 
 BOOL CEvent::Unlock()
@@ -50,7 +54,9 @@ CMutex::CMutex(BOOL bInitiallyOwn, LPCTSTR lpszName, SECURITY_ATTRIBUTES * lpsaA
     : CSyncObject(CreateMutexW(lpsaAttribute, bInitiallyOwn, lpszName))
 {
     if (!m_hObject)
+    {
         AfxThrowResourceException();
+    }
 }
 
 BOOL CMutex::Unlock()

@@ -37,22 +37,13 @@ class KVX_API CCriticalSection final : public CSyncObject
 
 public:
 #if defined(_WIN32)
-    CCriticalSection()
-    {
-        InitializeCriticalSection(&m_sect);
-    }
+    CCriticalSection() { InitializeCriticalSection(&m_sect); }
 #else
     constexpr CCriticalSection() = default; // all zeros is a free section there
 #endif
-    ~CCriticalSection() override
-    {
-        DeleteCriticalSection(&m_sect);
-    }
+    ~CCriticalSection() override { DeleteCriticalSection(&m_sect); }
 
-    operator CRITICAL_SECTION *()
-    {
-        return &m_sect;
-    }
+    operator CRITICAL_SECTION *() { return &m_sect; }
 
     BOOL Lock()
     {
@@ -106,14 +97,20 @@ public:
     explicit CSingleLock(CSyncObject * pObject, BOOL bInitialLock = FALSE) : m_pObject(pObject)
     {
         if (!pObject) [[unlikely]]
+        {
             AfxThrowInvalidArgException();
+        }
         if (bInitialLock)
+        {
             Lock();
+        }
     }
     ~CSingleLock()
     {
         if (m_bAcquired)
+        {
             m_pObject->Unlock();
+        }
     }
     CSingleLock(CSingleLock const &) = delete;
     CSingleLock & operator=(CSingleLock const &) = delete;
@@ -122,14 +119,18 @@ public:
     BOOL Lock(DWORD dwTimeOut = INFINITE)
     {
         if (!m_bAcquired)
+        {
             m_bAcquired = m_pObject->Lock(dwTimeOut);
+        }
         return m_bAcquired;
     }
     /// FALSE: the object could not be unlocked.
     BOOL Unlock()
     {
         if (m_bAcquired)
+        {
             m_bAcquired = !m_pObject->Unlock();
+        }
         return !m_bAcquired;
     }
     BOOL IsLocked() const { return m_bAcquired; }

@@ -35,7 +35,9 @@ public:
     CString Format(LPCTSTR pszFormat)
     {
         if (!pszFormat)
+        {
             AfxThrowInvalidArgException();
+        }
         for (; *pszFormat; ++pszFormat)
         {
             if (*pszFormat != '%')
@@ -45,7 +47,9 @@ public:
             }
             m_bShort = *++pszFormat == '#';
             if (m_bShort)
+            {
                 ++pszFormat;
+            }
             Append(*pszFormat);
         }
         return m_strText;
@@ -59,7 +63,9 @@ private:
     void Text(std::string_view text)
     {
         for (auto const c : text)
+        {
             m_strText += static_cast<WCHAR>(c);
+        }
     }
     void Number(int nValue, int nDigits, char cFill = '0')
     {
@@ -68,7 +74,9 @@ private:
         if (!m_bShort)
         {
             for (auto n = pEnd - digits.data(); n < nDigits; ++n)
+            {
                 m_strText += static_cast<WCHAR>(cFill);
+            }
         }
         Text({digits.data(), static_cast<std::size_t>(pEnd - digits.data())});
     }
@@ -78,9 +86,13 @@ private:
         for (auto const c : directives)
         {
             if (c >= 'A')
+            {
                 Append(static_cast<WCHAR>(c));
+            }
             else
+            {
                 m_strText += static_cast<WCHAR>(c);
+            }
         }
     }
     void Zone(char const * pszDirective)
@@ -172,7 +184,9 @@ private:
 CString CTimeSpan::Format(LPCTSTR pszFormat) const
 {
     if (!pszFormat)
+    {
         AfxThrowInvalidArgException();
+    }
     CString strText;
     for (; *pszFormat; ++pszFormat)
     {
@@ -222,7 +236,9 @@ CTime::CTime(int nYear, int nMonth, int nDay, int nHour, int nMin, int nSec, int
     fields.tm_isdst = nDST;
     m_nTime = std::mktime(&fields);
     if (m_nTime < 0)
+    {
         AfxThrowInvalidArgException();
+    }
 }
 
 CTime::CTime(SYSTEMTIME const & st, int nDST)
@@ -234,7 +250,9 @@ CTime::CTime(FILETIME const & ft, int)
 {
     auto const nSeconds = ((static_cast<ULONGLONG>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime) / TICKS_PER_SECOND;
     if (nSeconds < SECONDS_1601_TO_1970)
+    {
         AfxThrowInvalidArgException();
+    }
     m_nTime = static_cast<LONGLONG>(nSeconds - SECONDS_1601_TO_1970);
 }
 
@@ -247,7 +265,9 @@ std::tm * CTime::GetLocalTm(std::tm * ptm) const
 {
     auto const nTime = static_cast<std::time_t>(m_nTime);
     if (!ptm || m_nTime < 0 || nTime != m_nTime)
+    {
         return nullptr;
+    }
 #if defined(_WIN32)
     return localtime_s(ptm, &nTime) == 0 ? ptm : nullptr;
 #else
@@ -259,7 +279,9 @@ std::tm * CTime::GetGmtTm(std::tm * ptm) const
 {
     auto const nTime = static_cast<std::time_t>(m_nTime);
     if (!ptm || m_nTime < 0 || nTime != m_nTime)
+    {
         return nullptr;
+    }
 #if defined(_WIN32)
     return gmtime_s(ptm, &nTime) == 0 ? ptm : nullptr;
 #else
@@ -309,7 +331,9 @@ bool CTime::GetAsSystemTime(SYSTEMTIME & st) const
 {
     std::tm fields;
     if (!GetLocalTm(&fields))
+    {
         return false;
+    }
     st.wYear = static_cast<WORD>(fields.tm_year + 1900);
     st.wMonth = static_cast<WORD>(fields.tm_mon + 1);
     st.wDayOfWeek = static_cast<WORD>(fields.tm_wday);

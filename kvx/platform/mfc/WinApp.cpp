@@ -43,16 +43,22 @@ BOOL AfxSocketInit()
 BOOL AfxInitExtensionModule(AFX_EXTENSION_MODULE & state, HMODULE hModule)
 {
     if (!state.bInitialized)
+    {
         state = {TRUE, hModule, hModule};
+    }
     return TRUE;
 }
 
 void AfxTermExtensionModule(AFX_EXTENSION_MODULE & state)
 {
     if (!state.bInitialized)
+    {
         return;
+    }
     while (auto * pLibrary = CDynLinkLibrary::FromModule(state.hModule))
+    {
         delete pLibrary;
+    }
     state = {};
 }
 
@@ -69,9 +75,13 @@ CDynLinkLibrary::~CDynLinkLibrary()
     std::scoped_lock lock(g_libraryLock);
     auto ** ppLibrary = &g_pFirstLibrary;
     while (*ppLibrary && *ppLibrary != this)
+    {
         ppLibrary = &(*ppLibrary)->m_pNextDLL;
+    }
     if (*ppLibrary)
+    {
         *ppLibrary = m_pNextDLL;
+    }
 }
 
 CDynLinkLibrary * CDynLinkLibrary::FromModule(HMODULE hModule)
@@ -79,6 +89,8 @@ CDynLinkLibrary * CDynLinkLibrary::FromModule(HMODULE hModule)
     std::scoped_lock lock(g_libraryLock);
     auto * pLibrary = g_pFirstLibrary;
     while (pLibrary && pLibrary->m_hModule != hModule)
+    {
         pLibrary = pLibrary->m_pNextDLL;
+    }
     return pLibrary;
 }

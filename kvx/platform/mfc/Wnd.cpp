@@ -7,7 +7,9 @@ IMPLEMENT_DYNAMIC(CWnd, CObject)
 CWnd::~CWnd()
 {
     if (m_pfnSuper && m_hWnd)
+    {
         ::DestroyWindow(m_hWnd);
+    }
 }
 
 BOOL CWnd::CreateEx(DWORD dwExStyle, LPCTSTR lpszClassName, LPCTSTR lpszWindowName, DWORD dwStyle, int x, int y,
@@ -18,7 +20,9 @@ BOOL CWnd::CreateEx(DWORD dwExStyle, LPCTSTR lpszClassName, LPCTSTR lpszWindowNa
                                      hWndParent, nIDorHMenu, GetModuleHandleW(nullptr), lpParam),
                      __ATOMIC_RELAXED);
     if (!m_hWnd)
+    {
         return FALSE;
+    }
     SetWindowLongPtrW(m_hWnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
     m_pfnSuper =
         reinterpret_cast<WNDPROC>(SetWindowLongPtrW(m_hWnd, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(&AfxWndProc)));
@@ -49,7 +53,9 @@ LRESULT CALLBACK CWnd::AfxWndProc(HWND hWnd, UINT message, WPARAM wParam, LPARAM
 {
     auto * const pWnd = reinterpret_cast<CWnd *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA));
     if (!pWnd)
+    {
         return DefWindowProcW(hWnd, message, wParam, lParam);
+    }
     LRESULT const result = pWnd->WindowProc(message, wParam, lParam);
     if (message == WM_NCDESTROY)
     {
@@ -65,10 +71,14 @@ void CWnd::GetWindowText(CString & rString) const
 {
     rString.Empty();
     if (!m_hWnd)
+    {
         return;
+    }
     auto const nLength = GetWindowTextLengthW(m_hWnd);
     if (nLength <= 0)
+    {
         return;
+    }
     auto * pBuffer = rString.GetBuffer(nLength + 1);
     // The text may have become another one since.
     rString.ReleaseBuffer(std::clamp(GetWindowTextW(m_hWnd, pBuffer, nLength + 1), 0, nLength));
@@ -77,5 +87,7 @@ void CWnd::GetWindowText(CString & rString) const
 void CWnd::SetWindowText(LPCTSTR lpszString)
 {
     if (m_hWnd)
+    {
         SetWindowTextW(m_hWnd, lpszString ? lpszString : _T(""));
+    }
 }

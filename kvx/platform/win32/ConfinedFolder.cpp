@@ -48,7 +48,9 @@ public:
     ~File() override
     {
         if (!m_temporary.empty())
+        {
             ::unlinkat(m_folder->Get(), m_temporary.c_str(), 0);
+        }
     }
 
     bool Write(std::span<std::uint8_t const> data) override
@@ -57,7 +59,9 @@ public:
         {
             auto const nWritten = win32::Retry([&] { return ::write(m_file.Get(), data.data(), data.size()); });
             if (nWritten < 0)
+            {
                 return FailBy(errno);
+            }
             data = data.subspan(static_cast<std::size_t>(nWritten));
         }
         return true;
@@ -69,13 +73,17 @@ public:
         {
             timespec const times[2] = {{0, UTIME_OMIT}, win32::ToHostTime(*written)};
             if (::futimens(m_file.Get(), times) != 0)
+            {
                 return FailBy(errno);
+            }
         }
         // As a new file would be: without what the mask takes.
         mode_t const nMask = GetMask();
         mode_t const nMode = (isReadOnly ? 0444 : 0666) | (isProgram ? 0111 : 0);
         if (::fchmod(m_file.Get(), nMode & ~nMask) != 0)
+        {
             return FailBy(errno);
+        }
         m_file.Reset();
         if (::renameat(m_folder->Get(), m_temporary.c_str(), m_folder->Get(), m_name.c_str()) != 0)
         {
@@ -120,18 +128,22 @@ public:
     std::unique_ptr<ConfinedFile> Create(std::vector<std::string> const & names) override
     {
         for (std::string const & name : names)
+        {
             if (!IsName(name))
             {
                 SetLastError(ERROR_INVALID_NAME);
                 return nullptr;
             }
+        }
         if (names.empty())
         {
             SetLastError(ERROR_INVALID_NAME);
             return nullptr;
         }
         if (!Enter({names.begin(), names.end() - 1}))
+        {
             return nullptr;
+        }
         struct stat found;
         if (::fstatat(m_current->Get(), names.back().c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISDIR(found.st_mode))
@@ -146,7 +158,9 @@ public:
             UniqueFd file(::openat(m_current->Get(), temporary.c_str(),
                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
             if (file)
+            {
                 return std::make_unique<File>(m_current, std::move(temporary), names.back(), std::move(file));
+            }
             if (errno != EEXIST)
             {
                 FailBy(errno);
@@ -163,15 +177,21 @@ private:
     bool Enter(std::vector<std::string> names)
     {
         if (names == m_names)
+        {
             return true;
+        }
         std::shared_ptr<UniqueFd> folder = m_root;
         for (std::string const & name : names)
         {
             if (::mkdirat(folder->Get(), name.c_str(), 0777) != 0 && errno != EEXIST)
+            {
                 return FailBy(errno);
+            }
             UniqueFd next(::openat(folder->Get(), name.c_str(), FolderFlags));
             if (!next)
+            {
                 return FailBy(errno);
+            }
             folder = std::make_shared<UniqueFd>(std::move(next));
         }
         m_names = std::move(names);
@@ -194,7 +214,9 @@ std::unique_ptr<ConfinedFolder> ConfinedFolder::Open(std::string const & path)
             return nullptr;
         }
         if (nEnd == path.npos)
+        {
             break;
+        }
     }
     UniqueFd root(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!root)

@@ -9,7 +9,9 @@ void kvx::SetExitProc(void (*proc)())
         ~Guard()
         {
             if (proc)
+            {
                 proc();
+            }
         }
     };
     thread_local Guard t_guard;

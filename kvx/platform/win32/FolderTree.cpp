@@ -37,11 +37,15 @@ public:
         int const nFolder = opened.Get();
         std::unique_ptr<DIR, int (*)(DIR *)> pFolder(nFolder >= 0 ? fdopendir(nFolder) : nullptr, closedir);
         if (!pFolder)
+        {
             return;
+        }
         opened.Detach();
         struct stat info;
         if (fstat(nFolder, &info) != 0)
+        {
             return;
+        }
         m_device = info.st_dev;
         m_inode = info.st_ino;
         errno = 0;
@@ -49,7 +53,9 @@ public:
         {
             std::string_view const name(pEntry->d_name);
             if (name != "." && name != "..")
+            {
                 Add(nFolder, pEntry->d_type, pEntry->d_ino, name);
+            }
             errno = 0;
         }
         m_pFolder = std::move(pFolder);
@@ -71,7 +77,9 @@ public:
     bool Next(Entry & entry)
     {
         if (m_nNext == m_entries.size())
+        {
             return false;
+        }
         char const * const pHead = m_entries.data() + m_nNext;
         entry.bFolder = pHead[0] == DT_DIR;
         entry.bPlain = pHead[0] == DT_REG;
@@ -94,10 +102,14 @@ public:
         UniqueFd opened(openat(nBelow, "..", FolderFlags));
         struct stat info;
         if (!opened || fstat(opened.Get(), &info) != 0 || info.st_dev != m_device || info.st_ino != m_inode)
+        {
             return false;
+        }
         m_pFolder.reset(fdopendir(opened.Get()));
         if (m_pFolder)
+        {
             opened.Detach();
+        }
         return m_pFolder != nullptr;
     }
 
@@ -113,7 +125,9 @@ private:
     {
         struct stat info;
         if (nType == DT_UNKNOWN && fstatat(nFolder, name.data(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+        {
             nType = static_cast<unsigned char>(IFTODT(info.st_mode));
+        }
         m_entries += static_cast<char>(nType);
         m_entries.append(reinterpret_cast<char const *>(&inode), sizeof inode);
         m_entries.append(name.data(), name.size() + 1);
@@ -130,10 +144,14 @@ public:
         constexpr std::size_t MostOpen = 24; // a process may have as few as 256 descriptors
         TreeFolder folder(std::move(opened));
         if (!folder)
+        {
             return false;
+        }
         int const nError = errno;
         if (m_folders.size() >= MostOpen)
+        {
             m_folders[m_folders.size() - MostOpen].Close();
+        }
         m_folders.push_back(std::move(folder));
         errno = nError;
         return nError == 0;
@@ -161,7 +179,9 @@ std::u16string AsFolder(std::u16string_view folder)
 {
     std::u16string strFolder(folder);
     if (!strFolder.ends_with(u'\\') && !strFolder.ends_with(u'/'))
+    {
         strFolder += u'\\';
+    }
     return strFolder;
 }
 
@@ -170,9 +190,13 @@ UniqueFd OpenTree(std::u16string const & folder, bool bThroughLink)
 {
     std::string strHost = ToHost(folder, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return {};
+    }
     while (!bThroughLink && strHost.size() > 1 && strHost.back() == '/')
+    {
         strHost.pop_back(); // it would lead through the link
+    }
     int const nFlags = FolderFlags | (bThroughLink ? 0 : O_NOFOLLOW);
     UniqueFd opened(CallOnPath(strHost, [&](char const * p) { return open(p, nFlags); }));
     if (!opened)
@@ -181,10 +205,14 @@ UniqueFd OpenTree(std::u16string const & folder, bool bThroughLink)
         struct stat info;
         std::string const strThing = strHost.substr(0, strHost.find_last_not_of('/') + 1);
         if (nError == ENOTDIR && lstat(strThing.c_str(), &info) == 0)
+        {
             SetLastError(ERROR_DIRECTORY);
+        }
         else
+        {
             SetLastError(nError == ENOENT || nError == ENOTDIR ? static_cast<DWORD>(ERROR_PATH_NOT_FOUND)
                                                                : static_cast<DWORD>(ErrorFromErrno(nError)));
+        }
     }
     return opened;
 }
@@ -205,10 +233,14 @@ DWORD VisitFolderTree(std::u16string_view folder, LPCWSTR pattern, bool bRecursi
     std::u16string strFolder = AsFolder(folder);
     UniqueFd top = OpenTree(strFolder, true);
     if (!top)
+    {
         return GetLastError();
+    }
     TreeWalk walk;
     if (!walk.Enter(std::move(top)))
+    {
         note();
+    }
     NamePattern const matched(pattern);
     std::vector<std::size_t> lengths; // of the paths of the folders above
     while (!walk.IsEmpty())
@@ -217,7 +249,9 @@ DWORD VisitFolderTree(std::u16string_view folder, LPCWSTR pattern, bool bRecursi
         if (!walk.Current().Next(entry))
         {
             if (!walk.Leave())
+            {
                 return ERROR_PATH_NOT_FOUND;
+            }
             if (!lengths.empty())
             {
                 strFolder.resize(lengths.back());
@@ -227,13 +261,19 @@ DWORD VisitFolderTree(std::u16string_view folder, LPCWSTR pattern, bool bRecursi
         }
         std::u16string const strName = FromHost(entry.pszName);
         if (entry.bFolder || matched.Matches(strName))
+        {
             visit({strFolder, strName, entry.bFolder});
+        }
         if (!entry.bFolder || !bRecursive)
+        {
             continue;
+        }
         std::size_t const nDepth = walk.GetDepth();
         UniqueFd below(openat(walk.Current().GetFd(), entry.pszName, FolderFlags | O_NOFOLLOW));
         if ((!below || !walk.Enter(std::move(below))) && !IsGone(errno))
+        {
             note();
+        }
         if (walk.GetDepth() > nDepth)
         {
             lengths.push_back(strFolder.size());
@@ -247,7 +287,9 @@ void EmptyFolderTree(std::u16string_view folder, bool bThroughLink)
 {
     TreeWalk walk;
     if (UniqueFd top = OpenTree(AsFolder(folder), bThroughLink))
+    {
         walk.Enter(std::move(top));
+    }
     std::vector<char const *> names; // of the folders on the way, which their parents hold
     while (!walk.IsEmpty())
     {
@@ -256,7 +298,9 @@ void EmptyFolderTree(std::u16string_view folder, bool bThroughLink)
         if (!current.Next(entry))
         {
             if (!walk.Leave())
+            {
                 return;
+            }
             if (!names.empty())
             {
                 unlinkat(walk.Current().GetFd(), names.back(), AT_REMOVEDIR);
@@ -267,16 +311,24 @@ void EmptyFolderTree(std::u16string_view folder, bool bThroughLink)
         if (!entry.bFolder)
         {
             if (!entry.bPlain || MayDeleteFile(current.GetDevice(), entry.inode))
+            {
                 unlinkat(current.GetFd(), entry.pszName, 0);
+            }
             continue;
         }
         std::size_t const nDepth = walk.GetDepth();
         if (UniqueFd below(openat(current.GetFd(), entry.pszName, FolderFlags | O_NOFOLLOW)); below)
+        {
             walk.Enter(std::move(below));
+        }
         else
+        {
             unlinkat(current.GetFd(), entry.pszName, AT_REMOVEDIR); // empty, perhaps
+        }
         if (walk.GetDepth() > nDepth)
+        {
             names.push_back(entry.pszName);
+        }
     }
 }
 

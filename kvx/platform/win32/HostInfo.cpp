@@ -11,7 +11,9 @@ HostInfo GetHostInfo()
 {
     utsname names{};
     if (::uname(&names) != 0)
+    {
         return {};
+    }
     auto const widen = [](std::string_view strText)
     { return std::basic_string<WCHAR>(strText.begin(), strText.end()); };
     return {widen(names.sysname), widen(names.release), widen(names.machine)};
@@ -24,6 +26,8 @@ DWORD CountThreads()
     {
     };
     if (::stat("/proc/self/task", &tasks) != 0)
+    {
         return std::numeric_limits<DWORD>::max();
+    }
     return static_cast<DWORD>(std::max<nlink_t>(tasks.st_nlink, 3) - 2);
 }

@@ -53,7 +53,9 @@ public:
             return false;
         }
         if (!IsCounting())
+        {
             std::copy_n(pUnits, nUnits, m_pTarget + m_nCount);
+        }
         m_nCount += nUnits;
         return true;
     }
@@ -67,7 +69,9 @@ public:
         {
             Unit * pTarget = m_pTarget + m_nCount;
             for (std::size_t i = 0; i < nUnits; ++i)
+            {
                 pTarget[i] = static_cast<Unit>(pSource[i]);
+            }
         }
         m_nCount += nUnits;
     }
@@ -98,13 +102,19 @@ std::size_t CopyAscii(std::basic_string_view<Source> source, std::size_t nPos, O
     {
         unsigned nBits = 0;
         for (std::size_t i = 0; i < Block; ++i)
+        {
             nBits |= static_cast<std::make_unsigned_t<Source>>(p[n + i]);
+        }
         if (nBits >= 0x80)
+        {
             break;
+        }
         n += Block;
     }
     while (n < nEnd && static_cast<std::make_unsigned_t<Source>>(p[n]) < 0x80)
+    {
         ++n;
+    }
     out.PutRun(p + nPos, n - nPos);
     return n;
 }
@@ -118,7 +128,9 @@ Result EncodeUtf8(std::u16string_view source, Output<char> & out, bool bStrict)
         if (c < 0x80)
         {
             if (out.Room() == 0)
+            {
                 return Result::Full;
+            }
             n = CopyAscii(source, n, out);
             continue;
         }
@@ -131,14 +143,20 @@ Result EncodeUtf8(std::u16string_view source, Output<char> & out, bool bStrict)
                 nUsed = 2;
             }
             else if (bStrict)
+            {
                 return Result::Malformed;
+            }
             else
+            {
                 c = Replacement;
+            }
         }
         char szBytes[4];
         std::size_t const nBytes = EncodeUtf8Char(c, szBytes);
         if (!out.Put(szBytes, nBytes))
+        {
             return Result::Full;
+        }
         n += nUsed;
     }
     return Result::Done;
@@ -152,16 +170,22 @@ Result DecodeUtf8(std::string_view source, Output<char16_t> & out, bool bStrict)
         if (static_cast<unsigned char>(source[n]) < 0x80)
         {
             if (out.Room() == 0)
+            {
                 return Result::Full;
+            }
             n = CopyAscii(source, n, out);
             continue;
         }
         auto const decoded = DecodeUtf8Char(source, n);
         if (!decoded.bValid && bStrict)
+        {
             return Result::Malformed;
+        }
         char16_t units[2];
         if (!out.Put(units, EncodeUtf16Char(decoded.nChar, units)))
+        {
             return Result::Full;
+        }
         n += decoded.nBytes;
     }
     return Result::Done;
@@ -183,12 +207,20 @@ bool IsSingleByte(UINT nCodePage)
 int EncodeSingleByte(UINT nCodePage, char16_t c)
 {
     if (nCodePage == 20127)
+    {
         return -1;
+    }
     if (c <= 0xFF && (nCodePage == 28591 || c >= 0xA0))
+    {
         return c;
+    }
     if (nCodePage == 1252)
+    {
         if (auto const it = std::ranges::find(Windows1252, c); it != Windows1252.end())
+        {
             return 0x80 + static_cast<int>(it - Windows1252.begin());
+        }
+    }
     return -1;
 }
 
@@ -200,14 +232,18 @@ Result EncodeSingleByte(UINT nCodePage, std::u16string_view source, Output<char>
         if (source[n] < 0x80)
         {
             if (out.Room() == 0)
+            {
                 return Result::Full;
+            }
             n = CopyAscii(source, n, out);
             continue;
         }
         int const nByte = EncodeSingleByte(nCodePage, source[n++]);
         fallback.bUsed |= nByte < 0;
         if (!out.Put(nByte < 0 ? fallback.nByte : static_cast<char>(nByte)))
+        {
             return Result::Full;
+        }
     }
     return Result::Done;
 }
@@ -221,21 +257,29 @@ Result DecodeSingleByte(UINT nCodePage, std::string_view source, Output<char16_t
         if (nByte < 0x80)
         {
             if (out.Room() == 0)
+            {
                 return Result::Full;
+            }
             n = CopyAscii(source, n, out);
             continue;
         }
         char16_t c = nByte;
         if (nCodePage == 1252 && nByte < 0xA0)
+        {
             c = Windows1252[nByte - 0x80];
+        }
         else if (nCodePage == 20127)
         {
             if (bStrict)
+            {
                 return Result::Malformed;
+            }
             c = Replacement;
         }
         if (!out.Put(c))
+        {
             return Result::Full;
+        }
         ++n;
     }
     return Result::Done;
@@ -263,7 +307,9 @@ public:
         LowDescriptorGuard const guard; // of the tables that it reads
         m_hIconv = bToUnicode ? iconv_open("UTF-16LE", szName) : iconv_open(szName, "UTF-16LE");
         if (m_hIconv == Closed())
+        {
             return false;
+        }
         m_nCodePage = nCodePage;
         return true;
     }
@@ -276,7 +322,9 @@ private:
     void Close()
     {
         if (m_hIconv != Closed())
+        {
             iconv_close(m_hIconv);
+        }
         m_hIconv = Closed();
         m_nCodePage = 0;
     }
@@ -304,14 +352,24 @@ Result Decode(iconv_t hIconv, std::string_view source, Output<char16_t> & out, b
         int const nError = nResult == static_cast<std::size_t>(-1) ? errno : 0;
         std::size_t const nUnits = (sizeof buffer - nTarget) / sizeof(char16_t);
         for (std::size_t i = 0; i < nUnits; ++i)
+        {
             if (!out.Put(buffer[i]))
+            {
                 return Result::Full;
+            }
+        }
         if (nError == 0 || nError == E2BIG)
+        {
             continue;
+        }
         if (bStrict)
+        {
             return Result::Malformed;
+        }
         if (!out.Put(Replacement))
+        {
             return Result::Full;
+        }
         if (nSource > 0)
         {
             ++pSource;
@@ -342,16 +400,22 @@ Result Encode(iconv_t hIconv, std::u16string_view source, Output<char> & out, Fa
             return Result::Full;
         }
         if (nError == 0 || nError == E2BIG)
+        {
             continue;
+        }
         fallback.bUsed = true;
         if (!out.Put(fallback.nByte))
+        {
             return Result::Full;
+        }
         if (nSource >= sizeof(char16_t))
         {
             char16_t const * const pUnit = reinterpret_cast<char16_t const *>(pSource);
             bool const bPair = nSource >= 2 * sizeof(char16_t) && IsHighSurrogate(pUnit[0]) && IsLowSurrogate(pUnit[1]);
             if (bPair && !out.Put(fallback.nByte))
+            {
                 return Result::Full;
+            }
             std::size_t const nSkipped = (bPair ? 2 : 1) * sizeof(char16_t);
             pSource += nSkipped;
             nSource -= nSkipped;
@@ -364,11 +428,15 @@ Result Encode(iconv_t hIconv, std::u16string_view source, Output<char> & out, Fa
 UINT Resolve(UINT nCodePage)
 {
     if (nCodePage == CP_ACP || nCodePage == CP_THREAD_ACP)
+    {
         return GetACP();
+    }
     // UTF-7 and the wide pages have no place in this interface; numbers below 37 are no pages at all.
     if (nCodePage < 37 || nCodePage == 65000 || nCodePage == 1200 || nCodePage == 1201 || nCodePage == 12000 ||
         nCodePage == 12001)
+    {
         return 0;
+    }
     return nCodePage;
 }
 
@@ -381,7 +449,9 @@ bool IsKnown(UINT nCodePage)
 int Finish(Result result, std::size_t nCount)
 {
     if (result == Result::Done && nCount <= INT_MAX)
+    {
         return static_cast<int>(nCount);
+    }
     SetLastError(result == Result::Full        ? ERROR_INSUFFICIENT_BUFFER
                  : result == Result::Malformed ? ERROR_NO_UNICODE_TRANSLATION
                                                : ERROR_INVALID_PARAMETER);
@@ -398,7 +468,9 @@ UINT AnsiFromEnvironment()
 {
     char const * const pszValue = std::getenv("KVX_ANSI_CODE_PAGE");
     if (!pszValue)
+    {
         return AnsiDefault;
+    }
     UINT nCodePage = 0;
     char const * const pEnd = pszValue + std::strlen(pszValue);
     auto const [pStop, error] = std::from_chars(pszValue, pEnd, nCodePage);
@@ -411,7 +483,9 @@ UINT AnsiFromEnvironment()
 UINT GetACP()
 {
     if (UINT const nCodePage = g_nAnsiCodePage.load(std::memory_order_relaxed))
+    {
         return nCodePage;
+    }
     UINT nExpected = 0;
     UINT const nCodePage = AnsiFromEnvironment();
     return g_nAnsiCodePage.compare_exchange_strong(nExpected, nCodePage) ? nCodePage : nExpected;
@@ -421,25 +495,39 @@ int MultiByteToWideChar(UINT nCodePage, DWORD dwFlags, LPCSTR pszSource, int nSo
 {
     if (!pszSource || nSource == 0 || nSource < -1 || nTarget < 0 || (nTarget > 0 && !pszTarget) ||
         static_cast<void const *>(pszSource) == pszTarget)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     UINT const nPage = Resolve(nCodePage);
     if (nPage == 0)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     if (dwFlags & ~(MB_ERR_INVALID_CHARS | (nPage == CP_UTF8 ? 0 : MB_PRECOMPOSED)))
+    {
         return Refuse(ERROR_INVALID_FLAGS);
+    }
     std::string_view const source(pszSource,
                                   nSource < 0 ? std::strlen(pszSource) + 1 : static_cast<std::size_t>(nSource));
     bool const bStrict = dwFlags & MB_ERR_INVALID_CHARS;
     Output<char16_t> out(pszTarget, static_cast<std::size_t>(nTarget));
     Result result;
     if (nPage == CP_UTF8)
+    {
         result = DecodeUtf8(source, out, bStrict);
+    }
     else if (IsSingleByte(nPage))
+    {
         result = DecodeSingleByte(nPage, source, out, bStrict);
+    }
     else if (t_toUnicode.Open(nPage, true))
+    {
         result = Decode(t_toUnicode.Get(), source, out, bStrict);
+    }
     else
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     return Finish(result, out.Count());
 }
 
@@ -448,27 +536,43 @@ int WideCharToMultiByte(UINT nCodePage, DWORD dwFlags, LPCWSTR pszSource, int nS
 {
     if (!pszSource || nSource == 0 || nSource < -1 || nTarget < 0 || (nTarget > 0 && !pszTarget) ||
         static_cast<void const *>(pszSource) == pszTarget)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     UINT const nPage = Resolve(nCodePage);
     if (nPage == 0 || (nPage == CP_UTF8 && (pszDefault || pbUsedDefault)))
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     if (dwFlags & ~(nPage == CP_UTF8 ? WC_ERR_INVALID_CHARS : WC_NO_BEST_FIT_CHARS))
+    {
         return Refuse(ERROR_INVALID_FLAGS);
+    }
     std::u16string_view const source(pszSource, nSource < 0 ? std::char_traits<char16_t>::length(pszSource) + 1
                                                             : static_cast<std::size_t>(nSource));
     Output<char> out(pszTarget, static_cast<std::size_t>(nTarget));
     Fallback fallback{pszDefault ? *pszDefault : '?', false};
     Result result;
     if (nPage == CP_UTF8)
+    {
         result = EncodeUtf8(source, out, dwFlags & WC_ERR_INVALID_CHARS);
+    }
     else if (IsSingleByte(nPage))
+    {
         result = EncodeSingleByte(nPage, source, out, fallback);
+    }
     else if (t_fromUnicode.Open(nPage, false))
+    {
         result = Encode(t_fromUnicode.Get(), source, out, fallback);
+    }
     else
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     if (pbUsedDefault)
+    {
         *pbUsedDefault = fallback.bUsed;
+    }
     return Finish(result, out.Count());
 }
 
@@ -478,7 +582,9 @@ namespace kvx::win32
 BOOL SetAnsiCodePage(UINT nCodePage)
 {
     if (nCodePage == CP_THREAD_ACP || (nCodePage != 0 && !IsKnown(nCodePage)))
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     g_nAnsiCodePage.store(nCodePage, std::memory_order_relaxed);
     return TRUE;
 }

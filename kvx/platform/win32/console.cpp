@@ -34,7 +34,9 @@ constinit std::atomic<DebugOutput> g_debugOutput{DebugOutput::Unknown};
 bool IsStdHandle(HANDLE hFile, int nDescriptor)
 {
     if (!hFile)
+    {
         return false;
+    }
     DWORD const dwError = GetLastError();
     Ref<File> const file = FindObject<File>(hFile);
     SetLastError(dwError);
@@ -67,15 +69,21 @@ HANDLE GetStdHandle(DWORD nStdHandle)
     std::atomic<HANDLE> & known = g_stdHandles[nDescriptor];
     HANDLE hBefore = known.load(std::memory_order_acquire);
     if (IsStdHandle(hBefore, nFd))
+    {
         return hBefore;
+    }
     int const nFlags = fcntl(nFd, F_GETFL);
     struct stat info;
     if (nFlags < 0 || (nFlags & O_PATH) != 0 || fstat(nFd, &info) != 0)
+    {
         return nullptr; // closed, also if a LowDescriptorGuard keeps the number
+    }
     int const nAccess = nFlags & O_ACCMODE;
     HANDLE const hNew = OpenHandle(Ref<File>(new File(nFd, nAccess != O_WRONLY, nAccess != O_RDONLY, info.st_mode)));
     if (!hNew || known.compare_exchange_strong(hBefore, hNew, std::memory_order_acq_rel))
+    {
         return hNew;
+    }
     CloseObject(hNew);
     return hBefore; // another thread was first
 }
@@ -83,7 +91,9 @@ HANDLE GetStdHandle(DWORD nStdHandle)
 BOOL AllocConsole()
 {
     if (fcntl(STDOUT_FILENO, F_GETFD) >= 0)
+    {
         return TRUE;
+    }
     SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;
 }
@@ -91,10 +101,14 @@ BOOL AllocConsole()
 BOOL WriteConsoleW(HANDLE hConsole, LPCVOID pText, DWORD nChars, LPDWORD pnWritten, LPVOID pReserved)
 {
     if (pnWritten)
+    {
         *pnWritten = 0;
+    }
     Ref<File> const file = FindObject<File>(hConsole);
     if (!file)
+    {
         return FALSE;
+    }
     if ((!pText && nChars > 0) || pReserved)
     {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -107,14 +121,20 @@ BOOL WriteConsoleW(HANDLE hConsole, LPCVOID pText, DWORD nChars, LPDWORD pnWritt
     {
         std::size_t nUnits = std::min(Piece, text.size() - n);
         if (n + nUnits < text.size() && IsHighSurrogate(text[n + nUnits - 1]))
+        {
             --nUnits;
+        }
         std::string const strBytes = ToUtf8(text.substr(n, nUnits));
         DWORD nBytes = 0;
         if (!file->Write(strBytes.data(), static_cast<DWORD>(strBytes.size()), nBytes, nullptr))
+        {
             return FALSE;
+        }
         n += nUnits;
         if (pnWritten)
+        {
             *pnWritten = static_cast<DWORD>(n);
+        }
     }
     return TRUE;
 }
@@ -123,7 +143,9 @@ BOOL GetConsoleMode(HANDLE hConsole, LPDWORD pdwMode)
 {
     Ref<File> const file = FindObject<File>(hConsole);
     if (!file)
+    {
         return FALSE;
+    }
     if (!pdwMode || !isatty(file->GetDescriptor()))
     {
         SetLastError(pdwMode ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
@@ -138,16 +160,22 @@ BOOL GetConsoleMode(HANDLE hConsole, LPDWORD pdwMode)
 void OutputDebugStringW(LPCWSTR pszText)
 {
     if (!pszText)
+    {
         return;
+    }
     DWORD const dwError = GetLastError();
     if (DebugOutputHook const pHook = g_pDebugHook.load(std::memory_order_acquire))
+    {
         pHook(pszText);
+    }
     else if (IsDebugOutputOn())
     {
         DWORD nWritten = 0;
         std::string const strBytes = ToUtf8(pszText);
         if (Ref<File> const file = FindObject<File>(GetStdHandle(STD_ERROR_HANDLE)))
+        {
             file->Write(strBytes.data(), static_cast<DWORD>(strBytes.size()), nWritten, nullptr);
+        }
     }
     SetLastError(dwError);
 }

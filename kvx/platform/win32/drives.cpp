@@ -28,7 +28,9 @@ DWORD GetLogicalDriveStringsW(DWORD nChars, LPWSTR pszBuffer)
 {
     constexpr std::u16string_view Roots(u"C:\\\0Z:\\\0", 8);
     if (!pszBuffer || nChars <= Roots.size())
+    {
         return static_cast<DWORD>(Roots.size() + 1);
+    }
     *std::ranges::copy(Roots, pszBuffer).out = 0;
     return static_cast<DWORD>(Roots.size());
 }
@@ -41,14 +43,20 @@ UINT GetDriveTypeW(LPCWSTR pszRoot)
 DWORD QueryDosDeviceW(LPCWSTR pszDevice, LPWSTR pszBuffer, DWORD nChars)
 {
     if (!pszDevice)
+    {
         return Fail(ERROR_NOT_SUPPORTED);
+    }
     std::u16string_view const name(pszDevice);
     char16_t const c = name.size() == 2 ? DriveOf(name) : u'\0';
     if (!c)
+    {
         return Fail(ERROR_FILE_NOT_FOUND);
+    }
     constexpr std::u16string_view Device = u"\\Device\\Drive";
     if (!pszBuffer || nChars < Device.size() + 3)
+    {
         return Fail(ERROR_INSUFFICIENT_BUFFER);
+    }
     LPWSTR pszEnd = std::ranges::copy(Device, pszBuffer).out;
     *pszEnd++ = c;
     *pszEnd++ = 0;

@@ -48,15 +48,21 @@ char const * FindValue(std::u16string_view name)
 {
     std::string const strName = ToUtf8(name);
     if (name.empty() || name.find(u'=') != name.npos || strName.find('\0') != strName.npos)
+    {
         return nullptr;
+    }
     if (char const * const pszValue = std::getenv(strName.c_str()))
+    {
         return pszValue;
+    }
     for (char ** pp = environ; pp && *pp; ++pp)
     {
         std::string_view const entry(*pp);
         std::size_t const nEnd = entry.find('=');
         if (nEnd != entry.npos && IsSameName(FromUtf8(entry.substr(0, nEnd)), name))
+        {
             return *pp + nEnd + 1;
+        }
     }
     return nullptr;
 }
@@ -71,7 +77,9 @@ std::u16string ToFolderList(std::string_view folders)
         if (nEnd > 0)
         {
             if (!strList.empty())
+            {
                 strList += u';';
+            }
             strList += FromHost(folders.substr(0, nEnd));
         }
         folders.remove_prefix(std::min(nEnd + 1, folders.size()));
@@ -84,7 +92,9 @@ std::u16string TempFolder()
     std::u16string strPath(MaxPathChars, u'\0');
     strPath.resize(GetTempPathW(static_cast<DWORD>(strPath.size()), strPath.data()));
     while (strPath.size() > 3 && strPath.ends_with(u'\\'))
+    {
         strPath.pop_back();
+    }
     return strPath;
 }
 
@@ -93,12 +103,20 @@ std::u16string TempFolder()
 std::optional<std::u16string> GetVariable(std::u16string_view name)
 {
     if (char const * const pszValue = FindValue(name))
+    {
         return IsSameName(name, u"PATH") ? ToFolderList(pszValue) : FromUtf8(pszValue);
+    }
     for (DefaultVariable const & variable : DefaultVariables)
+    {
         if (IsSameName(name, variable.name))
+        {
             return variable.nFolder == NoFolder ? std::u16string(variable.text) : GetShellFolder(variable.nFolder);
+        }
+    }
     if (IsSameName(name, u"TEMP") || IsSameName(name, u"TMP"))
+    {
         return TempFolder();
+    }
     return std::nullopt;
 }
 
@@ -112,7 +130,9 @@ std::u16string ExpandVariables(std::u16string_view text)
         text.remove_prefix(nStart);
         std::size_t const nEnd = text.find(u'%', 1);
         if (nEnd == text.npos)
+        {
             return strResult.append(text);
+        }
         std::optional<std::u16string> const value = GetVariable(text.substr(1, nEnd - 1));
         strResult += value ? *value : text.substr(0, nEnd);
         text.remove_prefix(value ? nEnd + 1 : nEnd);
@@ -128,7 +148,9 @@ DWORD GetEnvironmentVariableW(LPCWSTR pszName, LPWSTR pszBuffer, DWORD nChars)
     std::optional<std::u16string> const value = GetVariable(pszName ? pszName : u"");
     SetLastError(value ? static_cast<DWORD>(NO_ERROR) : static_cast<DWORD>(ERROR_ENVVAR_NOT_FOUND));
     if (value && value->empty() && pszBuffer && nChars > 0)
+    {
         *pszBuffer = 0;
+    }
     return value ? CopyText(*value, nChars, pszBuffer) : 0;
 }
 

@@ -183,12 +183,18 @@ std::string_view FindText(DWORD dwError) noexcept
 {
     LONG const nError = static_cast<LONG>(dwError);
     if (auto const row = std::ranges::find(TEXT_TABLE, nError, &TextRow::nError); row != TEXT_TABLE.end())
+    {
         return row->strText;
+    }
     auto row = std::ranges::find(ERRNO_TABLE, nError, &ErrnoRow::nError);
     if (row == ERRNO_TABLE.end())
+    {
         row = std::ranges::find(ERRNO_TABLE, nError, &ErrnoRow::nWsaError);
+    }
     if (row == ERRNO_TABLE.end())
+    {
         return {};
+    }
     char const * const pText = ::strerrordesc_np(row->nErrno);
     return pText ? std::string_view(pText) : std::string_view();
 }
@@ -198,7 +204,9 @@ std::string_view FindText(DWORD dwError) noexcept
 DWORD ErrorFromErrno(int nErrno) noexcept
 {
     if (nErrno == 0)
+    {
         return ERROR_SUCCESS;
+    }
     auto const row = std::ranges::find(ERRNO_TABLE, nErrno, &ErrnoRow::nErrno);
     return row == ERRNO_TABLE.end() ? ERROR_GEN_FAILURE : row->nError;
 }

@@ -56,7 +56,9 @@ public:
     explicit PipeSignalGuard(bool bWanted) : m_bWanted(bWanted)
     {
         if (!m_bWanted)
+        {
             return;
+        }
         sigset_t pending;
         sigpending(&pending);
         m_bWasPending = sigismember(&pending, SIGPIPE);
@@ -68,11 +70,15 @@ public:
     ~PipeSignalGuard()
     {
         if (!m_bWanted)
+        {
             return;
+        }
         int const nError = errno;
         timespec const now{};
         if (!m_bWasPending)
+        {
             Retry([&] { return sigtimedwait(&m_pipe, nullptr, &now); });
+        }
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
         errno = nError;
     }
@@ -97,8 +103,12 @@ public:
         std::scoped_lock const lock(m_mutex);
         auto & openings = m_openings[{opening.device, opening.inode}];
         for (Opening const & other : openings)
+        {
             if ((opening.dwAccess & ~other.dwShare) || (other.dwAccess & ~opening.dwShare))
+            {
                 return false;
+            }
+        }
         openings.push_back(opening);
         return true;
     }
@@ -114,7 +124,9 @@ public:
                                  { return other.dwAccess == opening.dwAccess && other.dwShare == opening.dwShare; });
         openings.erase(found);
         if (openings.empty())
+        {
             m_openings.erase(it);
+        }
     }
 
     /// Whether every opening of the file lets it be deleted or renamed.
@@ -148,13 +160,21 @@ DWORD AttributesOf(mode_t nMode)
 {
     DWORD dwAttributes = 0;
     if (S_ISLNK(nMode))
+    {
         return FILE_ATTRIBUTE_REPARSE_POINT; // a link's own permissions mean nothing
+    }
     if (S_ISDIR(nMode))
+    {
         dwAttributes |= FILE_ATTRIBUTE_DIRECTORY;
+    }
     else if (!S_ISREG(nMode))
+    {
         dwAttributes |= FILE_ATTRIBUTE_DEVICE;
+    }
     if (IsReadOnly(nMode))
+    {
         dwAttributes |= FILE_ATTRIBUTE_READONLY;
+    }
     return dwAttributes ? dwAttributes : FILE_ATTRIBUTE_NORMAL;
 }
 
@@ -199,9 +219,13 @@ void SetLastErrorForFolder(int nErrno, std::string const & strHost)
     // With a slash at its end the path would ask for a folder again.
     std::string const strThing = strHost.substr(0, strHost.find_last_not_of('/') + 1);
     if (nErrno == ENOTDIR && lstat(strThing.c_str(), &info) == 0)
+    {
         SetLastError(ERROR_DIRECTORY);
+    }
     else
+    {
         SetLastErrorForPath(nErrno);
+    }
 }
 
 /// The part of a path after its last separator or drive.
@@ -209,7 +233,9 @@ std::size_t NamePosition(std::u16string_view path)
 {
     std::size_t const n = path.find_last_of(u"\\/");
     if (n != path.npos)
+    {
         return n + 1;
+    }
     return path.size() >= 2 && path[1] == u':' ? 2 : 0;
 }
 
@@ -228,7 +254,9 @@ File::~File()
 bool File::Enter(Opening const & opening)
 {
     if (!Shares().Enter(opening))
+    {
         return false;
+    }
     m_opening = opening;
     m_bEntered.store(true, std::memory_order_release);
     return true;
@@ -237,12 +265,16 @@ bool File::Enter(Opening const & opening)
 void File::Leave() noexcept
 {
     if (!m_bEntered.exchange(false, std::memory_order_acq_rel))
+    {
         return;
+    }
     Shares().Leave(m_opening);
     struct stat info;
     if (!m_strDeleted.empty() && lstat(m_strDeleted.c_str(), &info) == 0 && info.st_dev == m_opening.device &&
         info.st_ino == m_opening.inode)
+    {
         unlink(m_strDeleted.c_str());
+    }
 }
 
 void File::OnHandleClosed() noexcept
@@ -253,13 +285,19 @@ void File::OnHandleClosed() noexcept
 BOOL File::Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverlapped)
 {
     if (!m_bRead)
+    {
         return Refuse(ERROR_ACCESS_DENIED);
+    }
     if (pOverlapped && pOverlapped->hEvent)
+    {
         return Refuse(ERROR_NOT_SUPPORTED);
+    }
     auto const nOffset =
         pOverlapped ? static_cast<ULONGLONG>(pOverlapped->OffsetHigh) << 32 | pOverlapped->Offset : 0ULL;
     if (nOffset > INT64_MAX)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     char * const pTarget = static_cast<char *>(pBuffer);
     while (nRead < nBytes)
     {
@@ -273,12 +311,16 @@ BOOL File::Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverl
         if (n < 0)
         {
             if (nRead > 0)
+            {
                 break; // the next call meets the error again
+            }
             return Fail();
         }
         nRead += static_cast<DWORD>(n);
         if (n == 0 || !S_ISREG(m_nMode))
+        {
             break;
+        }
     }
     if (pOverlapped)
     {
@@ -286,7 +328,9 @@ BOOL File::Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverl
         pOverlapped->Internal = 0;
         pOverlapped->InternalHigh = nRead;
         if (nRead == 0 && nBytes > 0)
+        {
             return Refuse(ERROR_HANDLE_EOF);
+        }
     }
     return TRUE;
 }
@@ -294,17 +338,25 @@ BOOL File::Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverl
 BOOL File::Write(void const * pBuffer, DWORD nBytes, DWORD & nWritten, OVERLAPPED * pOverlapped)
 {
     if (!m_bWrite)
+    {
         return Refuse(ERROR_ACCESS_DENIED);
+    }
     if (pOverlapped && pOverlapped->hEvent)
+    {
         return Refuse(ERROR_NOT_SUPPORTED);
+    }
     auto const nOffset =
         pOverlapped ? static_cast<ULONGLONG>(pOverlapped->OffsetHigh) << 32 | pOverlapped->Offset : 0ULL;
     // All ones ask for the end of the file.
     bool const bAtEnd = pOverlapped && nOffset == UINT64_MAX;
     if (!bAtEnd && nOffset > INT64_MAX)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     if (bAtEnd && lseek(m_nDescriptor, 0, SEEK_END) < 0)
+    {
         return Fail();
+    }
     bool const bPositioned = pOverlapped && !bAtEnd;
     PipeSignalGuard const guard(S_ISFIFO(m_nMode) || S_ISSOCK(m_nMode));
     char const * const pSource = static_cast<char const *>(pBuffer);
@@ -319,13 +371,17 @@ BOOL File::Write(void const * pBuffer, DWORD nBytes, DWORD & nWritten, OVERLAPPE
                            : write(m_nDescriptor, pSource + nWritten, nWanted);
             });
         if (n < 0)
+        {
             return Fail();
+        }
         nWritten += static_cast<DWORD>(n);
     }
     if (pOverlapped)
     {
         if (bPositioned)
+        {
             lseek(m_nDescriptor, static_cast<off_t>(nOffset + nWritten), SEEK_SET);
+        }
         pOverlapped->Internal = 0;
         pOverlapped->InternalHigh = nWritten;
     }
@@ -335,16 +391,22 @@ BOOL File::Write(void const * pBuffer, DWORD nBytes, DWORD & nWritten, OVERLAPPE
 BOOL File::Flush()
 {
     if (!m_bWrite)
+    {
         return Refuse(ERROR_ACCESS_DENIED);
+    }
     if (Retry([&] { return fsync(m_nDescriptor); }) == 0 || errno == EINVAL || errno == EROFS)
+    {
         return TRUE; // what can't be synced holds nothing back
+    }
     return Fail();
 }
 
 DWORD File::GetType() const
 {
     if (S_ISCHR(m_nMode))
+    {
         return FILE_TYPE_CHAR;
+    }
     return S_ISFIFO(m_nMode) || S_ISSOCK(m_nMode) ? FILE_TYPE_PIPE : FILE_TYPE_DISK;
 }
 
@@ -372,15 +434,25 @@ Request Translate(DWORD dwAccess, DWORD dwDisposition, DWORD dwFlags)
     // Opening a fifo or a device must not wait for its other side.
     request.nFlags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     if (request.bWrite || request.bTruncate)
+    {
         request.nFlags |= request.bRead || !request.bWrite ? O_RDWR : O_WRONLY;
+    }
     else if (!request.bRead && dwDisposition == OPEN_EXISTING)
+    {
         request.nFlags = O_CLOEXEC | O_PATH | (dwFlags & FILE_FLAG_OPEN_REPARSE_POINT ? O_NOFOLLOW : 0);
+    }
     if (request.bAppend)
+    {
         request.nFlags |= O_APPEND;
+    }
     if (dwFlags & FILE_FLAG_WRITE_THROUGH)
+    {
         request.nFlags |= O_DSYNC;
+    }
     if (dwFlags & FILE_FLAG_OPEN_REPARSE_POINT)
+    {
         request.nFlags |= O_NOFOLLOW;
+    }
     request.nMode = dwFlags & FILE_ATTRIBUTE_READONLY ? 0444 : 0666;
     return request;
 }
@@ -405,20 +477,32 @@ UniqueFd OpenHost(std::string & strHost, Request const & request, DWORD dwDispos
         {
             file = open(request.nFlags);
             if (!file && errno == EISDIR && (dwFlags & FILE_FLAG_BACKUP_SEMANTICS) && !request.bTruncate)
+            {
                 file = open(O_CLOEXEC | O_RDONLY | O_DIRECTORY);
+            }
             if (file || errno != ENOENT)
+            {
                 return file;
+            }
         }
         if (FindInAnyCase(strHost) && dwDisposition != CREATE_NEW)
+        {
             continue;
+        }
         if (!bMayCreate)
+        {
             return file;
+        }
         file = open(request.nFlags | O_CREAT | O_EXCL);
         bCreated = static_cast<bool>(file);
         if (!bCreated && errno == ENOENT)
+        {
             errno = ENOTDIR; // what is missing is the way there
+        }
         if (bCreated || errno != EEXIST || dwDisposition == CREATE_NEW)
+        {
             return file;
+        }
         struct stat info;
         if (lstat(strHost.c_str(), &info) == 0 && S_ISLNK(info.st_mode) && stat(strHost.c_str(), &info) != 0)
         {
@@ -447,15 +531,21 @@ HANDLE CreateFileImpl(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, DWORD dwDi
     }
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return nullptr;
+    }
     bool bCreated = false;
     UniqueFd opened = OpenHost(strHost, request, dwDisposition, dwFlags, bCreated);
     if (!opened)
     {
         if (errno == EEXIST)
+        {
             Refuse(ERROR_FILE_EXISTS);
+        }
         else
+        {
             SetLastErrorForPath(errno);
+        }
         return nullptr;
     }
     int const nDescriptor = opened.Get();
@@ -485,7 +575,9 @@ HANDLE CreateFileImpl(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, DWORD dwDi
             return nullptr;
         }
         if (dwFlags & FILE_FLAG_DELETE_ON_CLOSE)
+        {
             file->DeleteOnClose(strHost);
+        }
     }
     if (bPlain && request.bTruncate && !bCreated && Retry([&] { return ftruncate(nDescriptor, 0); }) != 0)
     {
@@ -493,10 +585,14 @@ HANDLE CreateFileImpl(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, DWORD dwDi
         return nullptr;
     }
     if (!bPlain && !bFolder && !(request.nFlags & O_PATH))
+    {
         fcntl(nDescriptor, F_SETFL, request.nFlags & ~O_NONBLOCK);
+    }
     HANDLE const hFile = OpenHandle(file);
     if (hFile && dwDisposition != OPEN_EXISTING && dwDisposition != TRUNCATE_EXISTING)
+    {
         SetLastError(bCreated ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
+    }
     return hFile;
 }
 
@@ -505,7 +601,9 @@ bool Inspect(LPCWSTR pszPath, WIN32_FILE_ATTRIBUTE_DATA & data)
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return false;
+    }
     struct statx info;
     if (CallOnPath(strHost, [&](char const * p) { return Stat(AT_FDCWD, p, AT_SYMLINK_NOFOLLOW, info); }) != 0)
     {
@@ -529,20 +627,26 @@ bool CopyContents(int nFrom, int nTo)
     {
         ssize_t const n = Retry([&] { return copy_file_range(nFrom, nullptr, nTo, nullptr, MaxTransfer, 0); });
         if (n <= 0)
+        {
             break;
+        }
     }
     std::vector<char> buffer(256 * 1024);
     for (;;)
     {
         ssize_t const nRead = Retry([&] { return read(nFrom, buffer.data(), buffer.size()); });
         if (nRead <= 0)
+        {
             return nRead == 0;
+        }
         for (ssize_t nDone = 0; nDone < nRead;)
         {
             ssize_t const n =
                 Retry([&] { return write(nTo, buffer.data() + nDone, static_cast<std::size_t>(nRead - nDone)); });
             if (n < 0)
+            {
                 return false;
+            }
             nDone += n;
         }
     }
@@ -556,7 +660,9 @@ public:
     ~TransientOpening()
     {
         if (m_bEntered)
+        {
             Shares().Leave(m_opening);
+        }
     }
     TransientOpening(TransientOpening const &) = delete;
     TransientOpening & operator=(TransientOpening const &) = delete;
@@ -580,7 +686,9 @@ bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
         return false;
     }
     if (!S_ISREG(source.st_mode))
+    {
         return Refuse(ERROR_ACCESS_DENIED);
+    }
     FindInAnyCase(strTo);
     // Until it is whole the copy must be writable, and no one else's.
     UniqueFd toFile(open(strTo.c_str(), O_WRONLY | O_CREAT | O_EXCL | Flags, 0600));
@@ -588,11 +696,15 @@ bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
     if (!bCreated && errno == EEXIST)
     {
         if (bFailIfExists)
+        {
             return Refuse(ERROR_FILE_EXISTS);
+        }
         toFile = UniqueFd(open(strTo.c_str(), O_WRONLY | Flags));
     }
     else if (!bCreated && errno == ENOENT)
+    {
         errno = ENOTDIR; // what is missing is the way there
+    }
     int const to = toFile.Get();
     struct stat target;
     if (to < 0 || fstat(to, &target) != 0)
@@ -601,25 +713,35 @@ bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
         return false;
     }
     if (target.st_dev == source.st_dev && target.st_ino == source.st_ino)
+    {
         return Refuse(ERROR_SHARING_VIOLATION);
+    }
     if (!S_ISREG(target.st_mode) || IsReadOnly(target.st_mode))
+    {
         return Refuse(ERROR_ACCESS_DENIED);
+    }
     TransientOpening const reading(
         {source.st_dev, source.st_ino, FILE_SHARE_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE});
     TransientOpening const writing({target.st_dev, target.st_ino, FILE_SHARE_WRITE, 0});
     timespec const times[2] = {source.st_atim, source.st_mtim};
     bool bDone = false;
     if (!reading || !writing)
+    {
         Refuse(ERROR_SHARING_VIOLATION);
+    }
     else if (ftruncate(to, 0) != 0 || !CopyContents(from, to) || (bCreated && fchmod(to, source.st_mode & 0777) != 0))
+    {
         Fail();
+    }
     else
     {
         bDone = true;
         [[maybe_unused]] int const nIgnored = futimens(to, times); // refused to who doesn't own the target
     }
     if (!bDone && bCreated)
+    {
         unlink(strTo.c_str());
+    }
     return bDone;
 }
 
@@ -648,7 +770,9 @@ public:
             char const * const pszName = m_nDots == 0 ? "." : "..";
             ++m_nDots;
             if (m_pattern.Matches(name) && Fill(dirfd(m_pFolder.get()), pszName, name, DT_DIR, data))
+            {
                 return true;
+            }
         }
         while (m_pFolder)
         {
@@ -657,16 +781,22 @@ public:
             if (!pEntry)
             {
                 if (errno != 0)
+                {
                     return Fail();
+                }
                 break;
             }
             std::string_view const bytes(pEntry->d_name);
             if (bytes == "." || bytes == "..")
+            {
                 continue;
+            }
             std::u16string const strName = FromHost(bytes);
             if (m_pattern.Matches(strName) &&
                 Fill(dirfd(m_pFolder.get()), pEntry->d_name, strName, pEntry->d_type, data))
+            {
                 return true;
+            }
         }
         return Refuse(ERROR_NO_MORE_FILES);
     }
@@ -678,16 +808,22 @@ public:
         if (Stat(nFolder, pszName, AT_SYMLINK_NOFOLLOW, info) != 0)
         {
             if (errno != EACCES || nType == DT_UNKNOWN)
+            {
                 return false;
+            }
             // A folder that may be listed but not entered: the name and type are all that can be had.
             info.stx_mode = static_cast<std::uint16_t>(DTTOIF(nType) | S_IWUSR);
         }
         if (name.size() >= MAX_PATH)
+        {
             return false;
+        }
         data = {};
         Describe(info, data);
         if (S_ISLNK(info.stx_mode))
+        {
             data.dwReserved0 = IO_REPARSE_TAG_SYMLINK;
+        }
         std::ranges::copy(name, data.cFileName);
         return true;
     }
@@ -706,7 +842,9 @@ Ref<Find> FindOne(std::u16string_view path, WIN32_FIND_DATAW & data)
 {
     std::string strHost = ToHost(path, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return nullptr;
+    }
     struct stat info;
     if (CallOnPath(strHost, [&](char const * p) { return lstat(p, &info); }) != 0)
     {
@@ -727,16 +865,22 @@ Ref<Find> FindMany(std::u16string_view folder, std::u16string_view pattern, WIN3
 {
     std::string strFolder = folder.empty() ? "." : ToHost(folder, LastComponent::AsWritten);
     if (strFolder.empty())
+    {
         return nullptr;
+    }
     UniqueFd opened(CallOnPath(strFolder, [](char const * p) { return open(p, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
     DIR * const pFolder = opened ? fdopendir(opened.Get()) : nullptr;
     if (pFolder)
+    {
         opened.Detach();
+    }
     else
     {
         SetLastErrorForFolder(errno, strFolder);
         if (GetLastError() == ERROR_FILE_NOT_FOUND)
+        {
             SetLastError(ERROR_PATH_NOT_FOUND);
+        }
         return nullptr;
     }
     bool const bRoot = strFolder == "/" || strFolder == GetDriveCRoot() || strFolder == GetDriveCRoot() + "/";
@@ -744,7 +888,9 @@ Ref<Find> FindMany(std::u16string_view folder, std::u16string_view pattern, WIN3
     if (!find->Next(data))
     {
         if (GetLastError() == ERROR_NO_MORE_FILES)
+        {
             Refuse(ERROR_FILE_NOT_FOUND);
+        }
         return nullptr;
     }
     return find;
@@ -774,9 +920,13 @@ BOOL ReadFile(HANDLE hFile, LPVOID pBuffer, DWORD nBytes, LPDWORD pnRead, LPOVER
     DWORD nRead = 0;
     BOOL bDone = FALSE;
     if (Ref<IoObject> const file = FindObject<IoObject>(hFile))
+    {
         bDone = file->Read(pBuffer, nBytes, nRead, pOverlapped);
+    }
     if (pnRead)
+    {
         *pnRead = nRead;
+    }
     return bDone;
 }
 
@@ -785,9 +935,13 @@ BOOL WriteFile(HANDLE hFile, LPCVOID pBuffer, DWORD nBytes, LPDWORD pnWritten, L
     DWORD nWritten = 0;
     BOOL bDone = FALSE;
     if (Ref<IoObject> const file = FindObject<IoObject>(hFile))
+    {
         bDone = file->Write(pBuffer, nBytes, nWritten, pOverlapped);
+    }
     if (pnWritten)
+    {
         *pnWritten = nWritten;
+    }
     return bDone;
 }
 
@@ -801,15 +955,23 @@ BOOL SetFilePointerEx(HANDLE hFile, LARGE_INTEGER nDistance, LARGE_INTEGER * pnN
 {
     Ref<File> const file = FindObject<File>(hFile);
     if (!file)
+    {
         return FALSE;
+    }
     if (dwMethod > FILE_END)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     constexpr std::array Methods = {SEEK_SET, SEEK_CUR, SEEK_END};
     off_t const nPosition = lseek(file->GetDescriptor(), nDistance.QuadPart, Methods[dwMethod]);
     if (nPosition < 0)
+    {
         return errno == EINVAL ? Refuse(ERROR_NEGATIVE_SEEK) : Fail();
+    }
     if (pnNewPointer)
+    {
         pnNewPointer->QuadPart = nPosition;
+    }
     return TRUE;
 }
 
@@ -824,11 +986,17 @@ DWORD SetFilePointer(HANDLE hFile, LONG nDistance, LONG * pnDistanceHigh, DWORD 
         distance.HighPart = *pnDistanceHigh;
     }
     if (!SetFilePointerEx(hFile, distance, &position, dwMethod))
+    {
         return INVALID_SET_FILE_POINTER;
+    }
     if (pnDistanceHigh)
+    {
         *pnDistanceHigh = position.HighPart;
+    }
     if (position.LowPart == INVALID_SET_FILE_POINTER)
+    {
         SetLastError(NO_ERROR); // tells a position from a failure
+    }
     return position.LowPart;
 }
 
@@ -836,12 +1004,18 @@ BOOL SetEndOfFile(HANDLE hFile)
 {
     Ref<File> const file = FindObject<File>(hFile);
     if (!file)
+    {
         return FALSE;
+    }
     if (!file->CanWrite())
+    {
         return Refuse(ERROR_ACCESS_DENIED);
+    }
     off_t const nPosition = lseek(file->GetDescriptor(), 0, SEEK_CUR);
     if (nPosition < 0 || Retry([&] { return ftruncate(file->GetDescriptor(), nPosition); }) != 0)
+    {
         return Fail();
+    }
     return TRUE;
 }
 
@@ -849,12 +1023,18 @@ BOOL GetFileSizeEx(HANDLE hFile, LARGE_INTEGER * pnSize)
 {
     Ref<File> const file = FindObject<File>(hFile);
     if (!file)
+    {
         return FALSE;
+    }
     if (!pnSize)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     struct stat info;
     if (fstat(file->GetDescriptor(), &info) != 0)
+    {
         return Fail();
+    }
     pnSize->QuadPart = info.st_size;
     return TRUE;
 }
@@ -863,11 +1043,17 @@ DWORD GetFileSize(HANDLE hFile, LPDWORD pnSizeHigh)
 {
     LARGE_INTEGER size;
     if (!GetFileSizeEx(hFile, &size))
+    {
         return INVALID_FILE_SIZE;
+    }
     if (pnSizeHigh)
+    {
         *pnSizeHigh = static_cast<DWORD>(size.HighPart);
+    }
     if (size.LowPart == INVALID_FILE_SIZE)
+    {
         SetLastError(NO_ERROR);
+    }
     return size.LowPart;
 }
 
@@ -875,11 +1061,17 @@ DWORD GetFileType(HANDLE hFile)
 {
     Ref<KernelObject> const object = FindObject<KernelObject>(hFile);
     if (!object)
+    {
         return FILE_TYPE_UNKNOWN;
+    }
     if (object->GetKind() == Kind::Socket)
+    {
         return FILE_TYPE_PIPE;
+    }
     if (IoObject::Matches(object->GetKind()))
+    {
         return static_cast<IoObject const &>(*object).GetType();
+    }
     SetLastError(ERROR_INVALID_HANDLE);
     return FILE_TYPE_UNKNOWN;
 }
@@ -888,12 +1080,18 @@ BOOL GetFileInformationByHandle(HANDLE hFile, BY_HANDLE_FILE_INFORMATION * pInfo
 {
     Ref<File> const file = FindObject<File>(hFile);
     if (!file)
+    {
         return FALSE;
+    }
     if (!pInfo)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     struct statx info;
     if (Stat(file->GetDescriptor(), "", AT_EMPTY_PATH, info) != 0)
+    {
         return Fail();
+    }
     Describe(info, *pInfo);
     pInfo->dwVolumeSerialNumber = info.stx_dev_major << 20 | info.stx_dev_minor;
     pInfo->nNumberOfLinks = info.stx_nlink;
@@ -906,13 +1104,21 @@ BOOL GetFileTime(HANDLE hFile, FILETIME * pCreation, FILETIME * pLastAccess, FIL
 {
     BY_HANDLE_FILE_INFORMATION info;
     if (!GetFileInformationByHandle(hFile, &info))
+    {
         return FALSE;
+    }
     if (pCreation)
+    {
         *pCreation = info.ftCreationTime;
+    }
     if (pLastAccess)
+    {
         *pLastAccess = info.ftLastAccessTime;
+    }
     if (pLastWrite)
+    {
         *pLastWrite = info.ftLastWriteTime;
+    }
     return TRUE;
 }
 
@@ -920,13 +1126,19 @@ BOOL SetFileTime(HANDLE hFile, FILETIME const *, FILETIME const * pLastAccess, F
 {
     Ref<File> const file = FindObject<File>(hFile);
     if (!file)
+    {
         return FALSE;
+    }
     if (!file->CanWrite())
+    {
         return Refuse(ERROR_ACCESS_DENIED);
+    }
     auto const toHost = [](FILETIME const * pTime) { return pTime ? ToHostTime(*pTime) : timespec{0, UTIME_OMIT}; };
     timespec const times[2] = {toHost(pLastAccess), toHost(pLastWrite)};
     if (times[0].tv_nsec < 0 || times[1].tv_nsec < 0)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     return futimens(file->GetDescriptor(), times) == 0 ? TRUE : Fail();
 }
 
@@ -939,7 +1151,9 @@ DWORD GetFileAttributesW(LPCWSTR pszPath)
 BOOL GetFileAttributesExW(LPCWSTR pszPath, GET_FILEEX_INFO_LEVELS level, LPVOID pData)
 {
     if (level != GetFileExInfoStandard || !pData)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     return Inspect(pszPath, *static_cast<WIN32_FILE_ATTRIBUTE_DATA *>(pData));
 }
 
@@ -947,7 +1161,9 @@ BOOL SetFileAttributesW(LPCWSTR pszPath, DWORD dwAttributes)
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return FALSE;
+    }
     struct stat info;
     if (CallOnPath(strHost, [&](char const * p) { return stat(p, &info); }) != 0)
     {
@@ -957,7 +1173,9 @@ BOOL SetFileAttributesW(LPCWSTR pszPath, DWORD dwAttributes)
     bool const bReadOnly = dwAttributes & FILE_ATTRIBUTE_READONLY;
     // On the original the attribute of a folder protects nothing; taking its write permission would.
     if (bReadOnly == IsReadOnly(info.st_mode) || S_ISDIR(info.st_mode))
+    {
         return TRUE;
+    }
     mode_t const nMode =
         bReadOnly ? info.st_mode & ~static_cast<mode_t>(S_IWUSR | S_IWGRP | S_IWOTH) : info.st_mode | S_IWUSR;
     return chmod(strHost.c_str(), nMode & 07777) == 0 ? TRUE : Fail();
@@ -967,7 +1185,9 @@ BOOL DeleteFileW(LPCWSTR pszPath)
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return FALSE;
+    }
     struct stat info;
     if (CallOnPath(strHost, [&](char const * p) { return lstat(p, &info); }) != 0)
     {
@@ -975,9 +1195,13 @@ BOOL DeleteFileW(LPCWSTR pszPath)
         return FALSE;
     }
     if (S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && IsReadOnly(info.st_mode)))
+    {
         return Refuse(ERROR_ACCESS_DENIED);
+    }
     if (!MayDeleteFile(info.st_dev, info.st_ino))
+    {
         return Refuse(ERROR_SHARING_VIOLATION);
+    }
     if (unlink(strHost.c_str()) != 0)
     {
         SetLastErrorForPath(errno);
@@ -990,10 +1214,14 @@ BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo)
 {
     std::string strFrom = ToHost(pszFrom, LastComponent::AsWritten);
     if (strFrom.empty())
+    {
         return FALSE;
+    }
     std::string strTo = ToHost(pszTo, LastComponent::AsWritten);
     if (strTo.empty())
+    {
         return FALSE;
+    }
     struct stat info;
     if (CallOnPath(strFrom, [&](char const * p) { return lstat(p, &info); }) != 0)
     {
@@ -1002,38 +1230,56 @@ BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo)
     }
     FindInAnyCase(strTo);
     if (!MayDeleteFile(info.st_dev, info.st_ino))
+    {
         return Refuse(ERROR_SHARING_VIOLATION);
+    }
     // A file may change the case of its own name.
     if (strTo == strFrom)
+    {
         strTo = ToHost(pszTo, LastComponent::Exact);
+    }
     if (strTo == strFrom)
+    {
         return TRUE;
+    }
     int nResult = renameat2(AT_FDCWD, strFrom.c_str(), AT_FDCWD, strTo.c_str(), RENAME_NOREPLACE);
     if (nResult != 0 && errno == EINVAL && !S_ISDIR(info.st_mode))
     {
         // A file system without that flag: a second link fails in the same way when the name is taken.
         nResult = link(strFrom.c_str(), strTo.c_str());
         if (nResult == 0)
+        {
             nResult = unlink(strFrom.c_str());
+        }
     }
     if (nResult == 0)
+    {
         return TRUE;
+    }
     if (errno == EEXIST)
+    {
         return Refuse(ERROR_ALREADY_EXISTS);
+    }
     if (errno == EXDEV && S_ISREG(info.st_mode))
     {
         if (!CopyHost(strFrom, strTo, true))
         {
             if (GetLastError() == ERROR_FILE_EXISTS)
+            {
                 SetLastError(ERROR_ALREADY_EXISTS);
+            }
             return FALSE;
         }
         return unlink(strFrom.c_str()) == 0 ? TRUE : Fail();
     }
     if (errno == EXDEV)
+    {
         return Refuse(ERROR_NOT_SAME_DEVICE);
+    }
     if (errno == ENOENT)
+    {
         return Refuse(ERROR_PATH_NOT_FOUND);
+    }
     return Fail();
 }
 
@@ -1041,7 +1287,9 @@ BOOL CopyFileW(LPCWSTR pszFrom, LPCWSTR pszTo, BOOL bFailIfExists)
 {
     std::string const strFrom = ToHost(pszFrom, LastComponent::AsWritten);
     if (strFrom.empty())
+    {
         return FALSE;
+    }
     std::string const strTo = ToHost(pszTo, LastComponent::AsWritten);
     return !strTo.empty() && CopyHost(strFrom, strTo, bFailIfExists);
 }
@@ -1050,12 +1298,18 @@ BOOL CreateDirectoryW(LPCWSTR pszPath, LPSECURITY_ATTRIBUTES)
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return FALSE;
+    }
     FindInAnyCase(strHost);
     if (mkdir(strHost.c_str(), 0777) == 0)
+    {
         return TRUE;
+    }
     if (errno == EEXIST)
+    {
         return Refuse(ERROR_ALREADY_EXISTS);
+    }
     return errno == ENOENT || errno == ENOTDIR ? Refuse(ERROR_PATH_NOT_FOUND) : Fail();
 }
 
@@ -1063,19 +1317,29 @@ BOOL RemoveDirectoryW(LPCWSTR pszPath)
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return FALSE;
+    }
     if (CallOnPath(strHost, [](char const * p) { return rmdir(p); }) == 0)
+    {
         return TRUE;
+    }
     int const nError = errno;
     if (nError == ENOTEMPTY || nError == EEXIST)
+    {
         return Refuse(ERROR_DIR_NOT_EMPTY);
+    }
     if (nError == ENOTDIR)
     {
         while (strHost.size() > 1 && strHost.back() == '/')
+        {
             strHost.pop_back();
+        }
         struct stat info;
         if (lstat(strHost.c_str(), &info) == 0 && S_ISLNK(info.st_mode) && IsFolder(strHost))
+        {
             return unlink(strHost.c_str()) == 0 ? TRUE : Fail();
+        }
         return Refuse(lstat(strHost.c_str(), &info) == 0 ? ERROR_DIRECTORY : ERROR_PATH_NOT_FOUND);
     }
     SetLastErrorForPath(nError);
@@ -1093,13 +1357,21 @@ HANDLE FindFirstFileW(LPCWSTR pszPattern, LPWIN32_FIND_DATAW pData)
     std::u16string_view const name = path.substr(NamePosition(path));
     Ref<Find> find;
     if (path.empty())
+    {
         Refuse(ERROR_PATH_NOT_FOUND);
+    }
     else if (name.empty())
+    {
         Refuse(ERROR_FILE_NOT_FOUND);
+    }
     else if (NamePattern::HasWildcards(name))
+    {
         find = FindMany(path.substr(0, path.size() - name.size()), name, *pData);
+    }
     else
+    {
         find = FindOne(path, *pData);
+    }
     HANDLE const hFind = find ? OpenHandle(find) : nullptr;
     return hFind ? hFind : INVALID_HANDLE_VALUE;
 }
@@ -1108,7 +1380,9 @@ BOOL FindNextFileW(HANDLE hFind, LPWIN32_FIND_DATAW pData)
 {
     Ref<Find> const find = FindObject<Find>(hFind);
     if (!find)
+    {
         return FALSE;
+    }
     return pData ? find->Next(*pData) : Refuse(ERROR_INVALID_PARAMETER);
 }
 
@@ -1120,7 +1394,9 @@ BOOL FindClose(HANDLE hFind)
 DWORD GetFullPathNameW(LPCWSTR pszPath, DWORD nChars, LPWSTR pszBuffer, LPWSTR * ppszFilePart)
 {
     if (ppszFilePart)
+    {
         *ppszFilePart = nullptr;
+    }
     if (!pszPath || !*pszPath)
     {
         Refuse(ERROR_INVALID_NAME);
@@ -1130,7 +1406,9 @@ DWORD GetFullPathNameW(LPCWSTR pszPath, DWORD nChars, LPWSTR pszBuffer, LPWSTR *
     DWORD const nResult = CopyText(strFull, nChars, pszBuffer);
     std::size_t const nName = NamePosition(strFull);
     if (ppszFilePart && nResult == strFull.size() && nName < strFull.size())
+    {
         *ppszFilePart = pszBuffer + nName;
+    }
     return nResult;
 }
 
@@ -1150,7 +1428,9 @@ DWORD GetTempPathW(DWORD nChars, LPWSTR pszBuffer)
     char const * const pszFolder = std::getenv("TMPDIR");
     std::u16string strPath = FromHost(pszFolder && *pszFolder == '/' ? pszFolder : "/tmp");
     if (!strPath.ends_with(u'\\'))
+    {
         strPath += u'\\';
+    }
     return CopyText(strPath, nChars, pszBuffer);
 }
 
@@ -1158,9 +1438,13 @@ BOOL SetCurrentDirectoryW(LPCWSTR pszPath)
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
+    {
         return FALSE;
+    }
     if (CallOnPath(strHost, [](char const * p) { return chdir(p); }) == 0)
+    {
         return TRUE;
+    }
     SetLastErrorForFolder(errno, strHost);
     return FALSE;
 }
@@ -1168,18 +1452,28 @@ BOOL SetCurrentDirectoryW(LPCWSTR pszPath)
 UINT GetTempFileNameW(LPCWSTR pszPath, LPCWSTR pszPrefix, UINT nUnique, LPWSTR pszBuffer)
 {
     if (!pszPath || !pszBuffer)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     std::string const strFolder = ToHost(pszPath);
     if (strFolder.empty())
+    {
         return 0;
+    }
     if (!IsFolder(strFolder))
+    {
         return Refuse(ERROR_DIRECTORY);
+    }
     std::u16string strHead(pszPath);
     if (!strHead.ends_with(u'\\') && !strHead.ends_with(u'/'))
+    {
         strHead += u'\\';
+    }
     strHead += std::u16string_view(pszPrefix ? pszPrefix : u"").substr(0, 3);
     if (strHead.size() + 9 > MAX_PATH)
+    {
         return Refuse(ERROR_BUFFER_OVERFLOW);
+    }
     UINT nNumber = nUnique & 0xFFFF;
     if (nUnique == 0)
     {
@@ -1190,7 +1484,9 @@ UINT GetTempFileNameW(LPCWSTR pszPath, LPCWSTR pszPrefix, UINT nUnique, LPWSTR p
     for (UINT nTries = 0; nTries <= 0xFFFF; ++nTries, nNumber = (nNumber + 1) & 0xFFFF)
     {
         if (nNumber == 0 && nUnique == 0)
+        {
             continue;
+        }
         char szNumber[12];
         int const nDigits = std::snprintf(szNumber, sizeof szNumber, "%X.TMP", nNumber);
         std::u16string strName = strHead;
@@ -1199,13 +1495,19 @@ UINT GetTempFileNameW(LPCWSTR pszPath, LPCWSTR pszPrefix, UINT nUnique, LPWSTR p
         {
             std::string strHost = ToHost(strName, LastComponent::AsWritten);
             if (strHost.empty())
+            {
                 return 0;
+            }
             FindInAnyCase(strHost);
             UniqueFd const created(open(strHost.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
             if (!created && errno == EEXIST)
+            {
                 continue;
+            }
             if (!created)
+            {
                 return static_cast<UINT>(Fail());
+            }
         }
         CopyText(strName, MAX_PATH, pszBuffer);
         return nUnique ? nUnique : nNumber;

@@ -27,14 +27,20 @@ void ForEachFolded(std::string_view name, Visit visit)
         }
         DecodedChar const decoded = DecodeUtf8Char(name, n);
         if (!decoded.bValid)
+        {
             for (std::size_t i = 0; i < decoded.nBytes; ++i)
+            {
                 visit(static_cast<char16_t>(0xDC00 + static_cast<unsigned char>(name[n + i])));
+            }
+        }
         else
         {
             char16_t units[2];
             std::size_t const nUnits = EncodeUtf16Char(decoded.nChar, units);
             for (std::size_t i = 0; i < nUnits; ++i)
+            {
                 visit(UpCase(units[i]));
+            }
         }
         n += decoded.nBytes;
     }
@@ -64,9 +70,13 @@ bool IsSameHostName(std::string_view a, std::string_view b)
         auto const cA = static_cast<unsigned char>(a[n]);
         auto const cB = static_cast<unsigned char>(b[n]);
         if ((cA | cB) >= 0x80)
+        {
             return Fold(a.substr(n)) == Fold(b.substr(n));
+        }
         if (UpCase(cA) != UpCase(cB))
+        {
             return false;
+        }
     }
     return a.size() == b.size();
 }
@@ -81,11 +91,17 @@ template <class Visit>
 void FoldedNames::ForEachWithHash(std::uint32_t nHash, Visit visit) const
 {
     if (m_slots.empty())
+    {
         return;
+    }
     std::size_t const nMask = m_slots.size() - 1;
     for (std::size_t n = nHash & nMask; m_slots[n].nOffset != Free; n = (n + 1) & nMask)
+    {
         if (m_slots[n].nHash == nHash && m_slots[n].nOffset != Removed && !visit(m_slots[n]))
+        {
             return;
+        }
+    }
 }
 
 std::string_view FoldedNames::Find(std::string_view name) const
@@ -101,7 +117,9 @@ std::string_view FoldedNames::Find(std::string_view name) const
                             return false;
                         }
                         if ((found.empty() || other < found) && IsSameHostName(other, name))
+                        {
                             found = other;
+                        }
                         return true;
                     });
     return found;
@@ -114,7 +132,9 @@ FoldedNames::Slot * FoldedNames::FindSlot(std::string_view name)
                     [&](Slot const & slot)
                     {
                         if (NameOf(slot) == name)
+                        {
                             pFound = &slot;
+                        }
                         return !pFound;
                     });
     return const_cast<Slot *>(pFound);
@@ -124,14 +144,20 @@ void FoldedNames::Insert(std::string_view name)
 {
     constexpr std::size_t Longest = 255;
     if (name.empty() || name.size() > Longest || FindSlot(name))
+    {
         return;
+    }
     if ((m_nUsed + 1) * 4 > m_slots.size() * 3)
+    {
         Rebuild();
+    }
     std::uint32_t const nHash = HashOf(name);
     std::size_t const nMask = m_slots.size() - 1;
     std::size_t n = nHash & nMask;
     while (m_slots[n].nOffset != Free)
+    {
         n = (n + 1) & nMask;
+    }
     m_slots[n].nHash = nHash;
     m_slots[n].nOffset = static_cast<std::uint32_t>(m_names.size()) & 0x7FFFFFFF;
     m_names += static_cast<char>(name.size());
@@ -150,24 +176,34 @@ void FoldedNames::Remove(Slot & slot)
 void FoldedNames::Erase(std::string_view name)
 {
     if (Slot * const pSlot = FindSlot(name))
+    {
         Remove(*pSlot);
+    }
 }
 
 void FoldedNames::InsertMoved(std::string_view name)
 {
     if (Slot * const pSlot = FindSlot(name))
+    {
         pSlot->bMovedOver = 1;
+    }
     else
+    {
         Insert(name);
+    }
 }
 
 bool FoldedNames::EraseMoved(std::string_view name)
 {
     Slot * const pSlot = FindSlot(name);
     if (!pSlot)
+    {
         return true;
+    }
     if (pSlot->bMovedOver)
+    {
         return false;
+    }
     Remove(*pSlot);
     return true;
 }
@@ -183,10 +219,14 @@ void FoldedNames::Rebuild()
     for (Slot const & slot : m_slots)
     {
         if (slot.nOffset == Free || slot.nOffset == Removed)
+        {
             continue;
+        }
         std::size_t n = slot.nHash & nMask;
         while (slots[n].nOffset != Free)
+        {
             n = (n + 1) & nMask;
+        }
         slots[n] = slot;
         slots[n].nOffset = static_cast<std::uint32_t>(strNames.size()) & 0x7FFFFFFF;
         strNames.append(m_names, slot.nOffset, NameOf(slot).size() + 1);

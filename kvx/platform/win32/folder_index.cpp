@@ -66,7 +66,9 @@ std::optional<Moment> TakeMoment(GetStatus getStatus)
     ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
     struct stat info;
     if (getStatus(info) != 0)
+    {
         return std::nullopt;
+    }
     if (!S_ISDIR(info.st_mode))
     {
         errno = ENOTDIR;
@@ -87,7 +89,9 @@ bool IsLocal(int nDescriptor)
     constexpr int AnyCase = 0x40000000;
     int nAttributes = 0;
     if (::ioctl(nDescriptor, FS_IOC_GETFLAGS, &nAttributes) == 0 && (nAttributes & AnyCase) != 0)
+    {
         return false;
+    }
     constexpr std::array<unsigned long, 12> Local{
         0xEF53,     0x58465342, 0x9123683E, 0x01021994, // ext, XFS, Btrfs, tmpfs
         0x858458F6, 0x794C7630, 0xF2F52010, 0x2FC12FC1, // ramfs, overlays, F2FS, ZFS
@@ -118,13 +122,21 @@ struct Folder
 bool Apply(FoldedNames & names, std::uint32_t nMask, std::string_view name)
 {
     if (nMask & IN_CREATE)
+    {
         names.Insert(name);
+    }
     else if (nMask & IN_MOVED_TO)
+    {
         names.InsertMoved(name);
+    }
     else if (nMask & IN_DELETE)
+    {
         names.Erase(name);
+    }
     else if (nMask & IN_MOVED_FROM)
+    {
         return names.EraseMoved(name);
+    }
     return true;
 }
 
@@ -174,17 +186,23 @@ private:
 FolderIndex & FolderIndex::Get()
 {
     if (FolderIndex * const pInstance = sm_pInstance.load(std::memory_order_acquire)) [[likely]]
+    {
         return *pInstance;
+    }
     // Never destroyed: threads may look for files until the process has ended.
     UninterruptedScope const scope;
     std::unique_ptr<FolderIndex> fresh(new FolderIndex);
     fresh->m_notifications = UniqueFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     FolderIndex * pInstance = nullptr;
     if (!sm_pInstance.compare_exchange_strong(pInstance, fresh.get(), std::memory_order_acq_rel))
+    {
         return *pInstance;
+    }
     static constinit std::atomic<bool> s_bRegistered{false};
     if (!s_bRegistered.exchange(true))
+    {
         ::pthread_atfork(nullptr, nullptr, &OnForked);
+    }
     return *fresh.release();
 }
 
@@ -192,7 +210,9 @@ FolderIndex & FolderIndex::Get()
 void FolderIndex::OnForked() noexcept
 {
     if (FolderIndex * const pParents = sm_pInstance.exchange(nullptr))
+    {
         pParents->m_notifications.Reset();
+    }
 }
 
 bool FolderIndex::Find(Moment const & moment, std::string_view name, std::string & strFound, bool bOnlyUnchanged)
@@ -201,11 +221,15 @@ bool FolderIndex::Find(Moment const & moment, std::string_view name, std::string
     FutexGuard const guard(m_lock);
     auto it = m_folders.find(moment.id);
     if (it == m_folders.end() || it->second.nScan != 0)
+    {
         return false;
+    }
     if (!it->second.stamp.IsStill(moment.stamp))
     {
         if (bOnlyUnchanged)
+        {
             return false;
+        }
         if (it->second.nWatch < 0)
         {
             Drop(it);
@@ -214,7 +238,9 @@ bool FolderIndex::Find(Moment const & moment, std::string_view name, std::string
         Drain();
         it = m_folders.find(moment.id);
         if (it == m_folders.end())
+        {
             return false;
+        }
         it->second.stamp = moment.stamp;
     }
     it->second.nLastUse = ++m_nUses;
@@ -225,33 +251,45 @@ bool FolderIndex::Find(Moment const & moment, std::string_view name, std::string
 std::uint64_t FolderIndex::BeginScan(Moment const & moment, int nDescriptor)
 {
     if (!IsLocal(nDescriptor))
+    {
         return 0;
+    }
     UninterruptedScope const scope;
     FutexGuard const guard(m_lock);
     if (m_folders.contains(moment.id))
+    {
         return 0;
+    }
     if (m_folders.size() >= MaxFolders)
+    {
         DropOldest();
+    }
     auto const it = m_folders.try_emplace(moment.id).first;
     Folder & folder = it->second;
     folder.nScan = folder.nLastUse = ++m_nUses;
     folder.stamp = moment.stamp;
     if (m_notifications)
+    {
         // By way of the descriptor: the path may lead to another folder by now.
         folder.nWatch =
             ::inotify_add_watch(m_notifications.Get(), ("/proc/self/fd/" + std::to_string(nDescriptor)).c_str(),
                                 IN_CREATE | IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_ONLYDIR);
+    }
     if (folder.nWatch < 0)
     {
         if (moment.stamp.bSettled)
+        {
             return folder.nScan;
+        }
         m_folders.erase(it); // what is read now couldn't be relied on
         return 0;
     }
     // The same folder may have had another number, before an overlay copied it.
     auto const before = m_watches.find(folder.nWatch);
     if (before != m_watches.end() && before->second != moment.id)
+    {
         m_folders.erase(before->second);
+    }
     m_watches.insert_or_assign(folder.nWatch, moment.id);
     return folder.nScan;
 }
@@ -263,7 +301,9 @@ void FolderIndex::EndScan(std::uint64_t nScan, Moment const & moment, std::optio
     Drain();
     auto const it = m_folders.find(moment.id);
     if (it == m_folders.end() || it->second.nScan != nScan)
+    {
         return;
+    }
     if (!names)
     {
         Drop(it);
@@ -271,16 +311,20 @@ void FolderIndex::EndScan(std::uint64_t nScan, Moment const & moment, std::optio
     }
     Folder & folder = it->second;
     for (Change const & change : std::exchange(folder.changes, {}))
+    {
         if (!Apply(*names, change.nMask, change.strName))
         {
             Drop(it);
             return;
         }
+    }
     m_nAdded += names->GetCount();
     folder.names = std::move(*names);
     folder.nScan = 0;
     if (m_nAdded > TrimAfter)
+    {
         Trim();
+    }
 }
 
 /// Reads what the kernel has to tell. It tells of a change before the call that makes it returns.
@@ -299,7 +343,9 @@ void FolderIndex::Drain()
         }
     } while (nRead > static_cast<ssize_t>(m_buffer.size() - Longest));
     if (m_nAdded > TrimAfter)
+    {
         Trim();
+    }
 }
 
 void FolderIndex::OnEvent(inotify_event const & event)
@@ -307,12 +353,16 @@ void FolderIndex::OnEvent(inotify_event const & event)
     if (event.mask & IN_Q_OVERFLOW)
     {
         while (!m_folders.empty())
+        {
             Drop(m_folders.begin());
+        }
         return;
     }
     auto const watch = m_watches.find(event.wd);
     if (watch == m_watches.end())
+    {
         return;
+    }
     auto const it = m_folders.find(watch->second);
     if (event.mask & (IN_IGNORED | IN_DELETE_SELF | IN_UNMOUNT))
     {
@@ -325,12 +375,16 @@ void FolderIndex::OnEvent(inotify_event const & event)
     {
         folder.changes.push_back({event.mask, std::string(name)});
         if (folder.changes.size() > MaxPutBy)
+        {
             Drop(it);
+        }
         return;
     }
     ++m_nAdded;
     if (!Apply(folder.names, event.mask, name))
+    {
         Drop(it);
+    }
 }
 
 void FolderIndex::Drop(Folders::iterator it)
@@ -356,9 +410,13 @@ void FolderIndex::Trim()
     {
         std::size_t nNames = 0;
         for (auto const & [id, folder] : m_folders)
+        {
             nNames += folder.names.GetCount();
+        }
         if (nNames <= MaxNames)
+        {
             return;
+        }
         DropOldest();
     }
 }
@@ -380,7 +438,9 @@ NameLookup FindName(char const * pszFolder, std::string_view name, std::string &
     FolderIndex & index = FolderIndex::Get();
     std::optional<Moment> moment = TakeMoment([&](struct stat & info) { return ::stat(pszFolder, &info); });
     if (!moment)
+    {
         return NameLookup::NoFolder;
+    }
     if (name == "." || name == "..")
     {
         strFound = name;
@@ -389,23 +449,33 @@ NameLookup FindName(char const * pszFolder, std::string_view name, std::string &
     if (index.Find(*moment, name, strFound))
     {
         if (strFound != name)
+        {
             g_nRecalled = HashOfPath(pszFolder);
+        }
         return found();
     }
 
     UniqueFd folder(::open(pszFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder)
+    {
         return NameLookup::Missing; // nor could anybody else find out
+    }
     moment = TakeMoment([&](struct stat & info) { return ::fstat(folder.Get(), &info); });
     if (!moment)
+    {
         return NameLookup::Missing;
+    }
     std::uint64_t const nScan = index.BeginScan(*moment, folder.Get());
     std::optional<FoldedNames> names;
     if (nScan != 0)
+    {
         names.emplace();
+    }
     std::unique_ptr<DIR, int (*)(DIR *)> const entries(::fdopendir(folder.Get()), &::closedir);
     if (entries)
+    {
         folder.Detach();
+    }
     for (;;)
     {
         errno = 0;
@@ -413,34 +483,52 @@ NameLookup FindName(char const * pszFolder, std::string_view name, std::string &
         if (!pEntry)
         {
             if (!entries || errno != 0)
+            {
                 names.reset(); // there may be more
+            }
             break;
         }
         std::string_view const entry(pEntry->d_name);
         if (entry == "." || entry == "..")
+        {
             continue;
+        }
         if (names && names->GetCount() < FolderIndex::MaxNames)
+        {
             names->Insert(entry);
+        }
         else
+        {
             names.reset();
+        }
         if (strFound != name && (strFound.empty() || entry == name || entry < strFound) && IsSameHostName(entry, name))
+        {
             strFound = entry;
+        }
     }
     if (nScan != 0)
+    {
         index.EndScan(nScan, *moment, std::move(names));
+    }
     return found();
 }
 
 std::optional<NameLookup> RecallName(char const * pszFolder, std::string_view name, std::string & strFound)
 {
     if (g_nRecalled == 0 || g_nRecalled != HashOfPath(pszFolder) || name == "." || name == "..")
+    {
         return std::nullopt;
+    }
     std::optional<Moment> const moment = TakeMoment([&](struct stat & info) { return ::stat(pszFolder, &info); });
     bool const bKnown = moment && FolderIndex::Get().Find(*moment, name, strFound, true);
     if (!bKnown || strFound == name)
+    {
         g_nRecalled = 0;
+    }
     if (!bKnown)
+    {
         return std::nullopt;
+    }
     return strFound.empty() ? NameLookup::Missing : NameLookup::Found;
 }
 

@@ -35,9 +35,13 @@ timespec ToTimespec(Deadline deadline) noexcept
 void SpinPause(std::uint32_t nTries) noexcept
 {
     if (nTries < PAUSES)
+    {
         _mm_pause();
+    }
     else
+    {
         ::sched_yield();
+    }
 }
 
 Deadline GetMonotonicTime() noexcept
@@ -70,7 +74,9 @@ void FutexWake(FutexWord & word, int nThreads, FutexScope scope) noexcept
 bool FutexWaitAny(std::span<FutexTarget const> targets, Deadline deadline) noexcept
 {
     if (targets.size() == 1)
+    {
         return FutexWait(*targets[0].pWord, targets[0].nExpected, deadline, targets[0].scope);
+    }
     std::array<futex_waitv, FUTEX_WAITV_MAX> words{};
     std::ranges::transform(targets, words.begin(),
                            [](FutexTarget const & target)
@@ -84,13 +90,19 @@ bool FutexWaitAny(std::span<FutexTarget const> targets, Deadline deadline) noexc
     timespec const until = ToTimespec(deadline);
     if (::syscall(SYS_futex_waitv, words.data(), targets.size(), 0, deadline == NEVER ? nullptr : &until,
                   CLOCK_MONOTONIC) >= 0)
+    {
         return true;
+    }
     if (errno != ENOSYS && errno != EPERM)
+    {
         return errno != ETIMEDOUT;
+    }
     // An old kernel, or a sandbox that hides the call: look at the words every few milliseconds.
     Deadline const now = GetMonotonicTime();
     if (now >= deadline)
+    {
         return false;
+    }
     FutexWait(*targets[0].pWord, targets[0].nExpected, std::min(deadline, now + POLL_NS), targets[0].scope);
     return true;
 }
@@ -102,11 +114,15 @@ void FutexMutex::LockContended() noexcept
         std::uint32_t nFree = 0;
         if (m_word.load(std::memory_order_relaxed) == 0 &&
             m_word.compare_exchange_weak(nFree, 1, std::memory_order_acquire, std::memory_order_relaxed))
+        {
             return;
+        }
         _mm_pause();
     }
     while (m_word.exchange(2, std::memory_order_acquire) != 0)
+    {
         FutexWait(m_word, 2, NEVER);
+    }
 }
 
 } // namespace kvx::win32

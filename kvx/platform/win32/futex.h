@@ -47,13 +47,17 @@ public:
     {
         std::uint32_t nFree = 0;
         if (!m_word.compare_exchange_strong(nFree, 1, std::memory_order_acquire, std::memory_order_relaxed))
+        {
             LockContended();
+        }
     }
 
     void Unlock() noexcept
     {
         if (m_word.exchange(0, std::memory_order_release) == 2)
+        {
             FutexWake(m_word, 1);
+        }
     }
 
 private:

@@ -52,9 +52,13 @@ public:
         {
             SpinLockGuard const guard(m_lock);
             if (m_nFree < MIN_FREE && m_nFresh < (1u << INDEX_BITS))
+            {
                 nIndex = TakeFresh();
+            }
             if (nIndex == 0 && m_nFree > 0)
+            {
                 nIndex = TakeFree();
+            }
             if (nIndex == 0)
             {
                 SetLastError(m_nFresh < (1u << INDEX_BITS) ? ERROR_NOT_ENOUGH_MEMORY : ERROR_TOO_MANY_OPEN_FILES);
@@ -89,7 +93,9 @@ public:
             }
         }
         if (!pResult)
+        {
             SetLastError(ERROR_INVALID_HANDLE);
+        }
         return pResult;
     }
 
@@ -104,7 +110,9 @@ public:
             if (Lock(*pSlot, nWord))
             {
                 if (pAccepts && !pAccepts(pSlot->pObject->GetKind()))
+                {
                     pSlot->word.store(nWord, std::memory_order_release);
+                }
                 else
                 {
                     object = Ref<KernelObject>::Adopt(std::exchange(pSlot->pObject, nullptr));
@@ -123,7 +131,9 @@ public:
             return false;
         }
         if (object->m_nHandles.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        {
             object->OnHandleClosed();
+        }
         return true;
     }
 
@@ -144,7 +154,9 @@ private:
     {
         UINT_PTR const nValue = reinterpret_cast<UINT_PTR>(handle);
         if (nValue == 0 || nValue > 0x7FFFFFFF || (nValue & 3) != 0)
+        {
             return nullptr;
+        }
         std::uint32_t const nIndex = static_cast<std::uint32_t>(nValue) >> INDEX_SHIFT & ((1u << INDEX_BITS) - 1);
         Chunk * const pChunk = m_chunks[nIndex >> CHUNK_BITS].load(std::memory_order_acquire);
         return pChunk ? &pChunk->slots[nIndex & (CHUNK_SIZE - 1)] : nullptr;
@@ -163,9 +175,13 @@ private:
             std::uint32_t nExpected = nOpenWord;
             if (slot.word.compare_exchange_strong(nExpected, nOpenWord | SLOT_LOCKED, std::memory_order_acquire,
                                                   std::memory_order_relaxed))
+            {
                 return true;
+            }
             if (nExpected != (nOpenWord | SLOT_LOCKED))
+            {
                 return false;
+            }
             SpinPause(nTries);
         }
     }
@@ -177,7 +193,9 @@ private:
         {
             Chunk * const pNew = new (std::nothrow) Chunk;
             if (!pNew)
+            {
                 return 0;
+            }
             chunk.store(pNew, std::memory_order_release);
         }
         return m_nFresh++;
@@ -195,9 +213,13 @@ private:
     {
         GetSlot(nIndex).nNextFree = 0;
         if (m_nFree++ == 0)
+        {
             m_nFirstFree = nIndex;
+        }
         else
+        {
             GetSlot(m_nLastFree).nNextFree = nIndex;
+        }
         m_nLastFree = nIndex;
     }
 

@@ -47,7 +47,9 @@ public:
     void Release() const noexcept
     {
         if (m_nRefs.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        {
             delete this;
+        }
     }
 
     /// Called once, when the last handle to the object is closed, by the thread that closes it. Calls of other
@@ -79,17 +81,23 @@ public:
     explicit Ref(T * pObject) noexcept : m_pObject(pObject)
     {
         if (m_pObject)
+        {
             m_pObject->AddRef();
+        }
     }
     Ref(Ref const & other) noexcept : Ref(other.m_pObject) {}
     Ref(Ref && other) noexcept : m_pObject(std::exchange(other.m_pObject, nullptr)) {}
     template <class U>
-    requires std::convertible_to<U *, T *> Ref(Ref<U> other)
-    noexcept : m_pObject(other.Detach()) {}
+        requires std::convertible_to<U *, T *>
+    Ref(Ref<U> other) noexcept : m_pObject(other.Detach())
+    {
+    }
     ~Ref()
     {
         if (m_pObject)
+        {
             m_pObject->Release();
+        }
     }
 
     Ref & operator=(Ref other) noexcept
@@ -124,9 +132,13 @@ template <class T>
 constexpr bool IsOfKind(Kind kind) noexcept
 {
     if constexpr (requires { T::Matches(kind); })
+    {
         return T::Matches(kind);
+    }
     else
+    {
         return kind == T::KIND;
+    }
 }
 
 /// Gives the object a handle of its own: a multiple of 4 that fits into 31 bits, never 0. Null with last error
@@ -143,9 +155,13 @@ template <class T>
 Ref<T> FindObject(HANDLE handle) noexcept
 {
     if constexpr (std::same_as<T, KernelObject>)
+    {
         return Ref<T>::Adopt(LookUpHandle(handle, nullptr));
+    }
     else
+    {
         return Ref<T>::Adopt(static_cast<T *>(LookUpHandle(handle, &IsOfKind<T>)));
+    }
 }
 
 /// Closes a handle of a kind that is accepted (a null test accepts all). False with last error

@@ -27,7 +27,9 @@ constinit std::array<bool, LastStandard + 1> g_taken{};
 int AboveStandard(int nFd) noexcept
 {
     if (nFd < 0 || nFd > LastStandard) [[likely]]
+    {
         return nFd;
+    }
     int const nErrno = errno;
     int const nMoved = ::fcntl(nFd, F_DUPFD_CLOEXEC, LastStandard + 1);
     int const nResult = nMoved < 0 ? errno : nErrno;
@@ -44,16 +46,24 @@ LowDescriptorGuard::LowDescriptorGuard() noexcept
     for (int n = 0; n <= LastStandard; ++n)
     {
         if (::fcntl(n, F_GETFD) >= 0)
+        {
             continue;
+        }
         // The lowest free number, so that it is one of these or there is none left among them.
         int const nFd = ::open("/", O_PATH | O_CLOEXEC);
         if (nFd > LastStandard)
+        {
             ::close(nFd);
+        }
         else if (nFd >= 0)
+        {
             g_taken[static_cast<std::size_t>(nFd)] = true;
+        }
     }
     for (bool const bTaken : g_taken)
+    {
         m_bNeeded |= bTaken;
+    }
 }
 
 LowDescriptorGuard::~LowDescriptorGuard()
@@ -61,14 +71,18 @@ LowDescriptorGuard::~LowDescriptorGuard()
     UninterruptedScope const scope;
     FutexGuard const guard(g_lock);
     if (--g_nGuards > 0)
+    {
         return;
+    }
     int const nErrno = errno;
     for (int n = 0; n <= LastStandard; ++n)
     {
         bool & bTaken = g_taken[static_cast<std::size_t>(n)];
         // The program may have opened its stream meanwhile, in place of ours.
         if (int const nFlags = bTaken ? ::fcntl(n, F_GETFL) : -1; nFlags >= 0 && (nFlags & O_PATH) != 0)
+        {
             ::close(n);
+        }
         bTaken = false;
     }
     errno = nErrno;

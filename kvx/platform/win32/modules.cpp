@@ -54,11 +54,13 @@ struct ResourceTables
         UninterruptedScope const scope;
         std::scoped_lock const guard(lock);
         for (ResourceTable ** pp = &pFirst; *pp; pp = &(*pp)->m_pNext)
+        {
             if (*pp == &table)
             {
                 *pp = table.m_pNext;
                 return;
             }
+        }
     }
 
     template <class VISIT>
@@ -109,8 +111,12 @@ std::array<SystemModule, 3> const & GetSystemModules()
 SystemModule const * AsSystemModule(HMODULE hModule)
 {
     for (SystemModule const & module : GetSystemModules())
+    {
         if (reinterpret_cast<HMODULE>(const_cast<SystemModule *>(&module)) == hModule)
+        {
             return &module;
+        }
+    }
     return nullptr;
 }
 
@@ -164,8 +170,12 @@ std::string GetExecutablePath()
     std::string_view path(szPath, static_cast<std::size_t>(nLength));
     // The kernel's mark on an executable that was replaced while it runs.
     if (constexpr std::string_view Deleted = " (deleted)"; path.ends_with(Deleted))
+    {
         if (std::string const strPath(path); access(strPath.c_str(), F_OK) != 0)
+        {
             path.remove_suffix(Deleted.size());
+        }
+    }
     return std::string(path);
 }
 
@@ -192,13 +202,21 @@ std::vector<std::u16string> FileNamesOf(std::u16string_view name)
         return names;
     }
     if (name.find(u'.') != name.npos)
+    {
         names.emplace_back(name);
+    }
     if (EndsWith(name, u".dll"))
+    {
         stem.remove_suffix(4);
+    }
     if (EndsWith(name, u".so"))
+    {
         stem.remove_suffix(3);
+    }
     for (std::u16string_view const prefix : {u"lib", u""})
+    {
         names.push_back(std::u16string(prefix).append(stem).append(u".so"));
+    }
     return names;
 }
 
@@ -209,14 +227,18 @@ std::optional<struct stat> StatusOf(std::string const & strPath)
     {
     };
     if (stat(strPath.c_str(), &status) != 0 || S_ISDIR(status.st_mode))
+    {
         return std::nullopt;
+    }
     return status;
 }
 
 bool IsSameFile(std::string const & strA, std::string const & strB)
 {
     if (strA == strB)
+    {
         return true;
+    }
     auto const a = StatusOf(strA);
     auto const b = a ? StatusOf(strB) : std::nullopt;
     return a && b && a->st_dev == b->st_dev && a->st_ino == b->st_ino;
@@ -227,7 +249,9 @@ bool HasModuleHeader(std::string const & strPath)
 {
     UniqueFd const file(open(strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file)
+    {
         return errno == EACCES;
+    }
     ElfW(Ehdr) header{};
     bool const bRead = read(file.Get(), &header, sizeof header) == static_cast<ssize_t>(sizeof header);
     constexpr unsigned char CLASS = sizeof(void *) == 8 ? ELFCLASS64 : ELFCLASS32;
@@ -238,9 +262,13 @@ bool HasModuleHeader(std::string const & strPath)
 LONG ErrorOfLoader(std::string_view text)
 {
     if (text.find("undefined symbol") != text.npos || text.find("version `") != text.npos)
+    {
         return ERROR_PROC_NOT_FOUND;
+    }
     if (text.find("Permission denied") != text.npos)
+    {
         return ERROR_ACCESS_DENIED;
+    }
     return text.find("cannot open shared object file") != text.npos ? ERROR_MOD_NOT_FOUND : ERROR_BAD_EXE_FORMAT;
 }
 
@@ -269,11 +297,15 @@ void * OpenModuleFile(std::string const & strPath)
         return nullptr;
     }
     if (strPath.starts_with('/'))
+    {
         return OpenModule(strPath.c_str());
+    }
     // The loader would look for a name without a slash where libraries are.
     std::unique_ptr<char, decltype(&std::free)> const pszReal(realpath(strPath.c_str(), nullptr), &std::free);
     if (pszReal)
+    {
         return OpenModule(pszReal.get());
+    }
     SetLastError(ERROR_MOD_NOT_FOUND);
     return nullptr;
 }
@@ -301,9 +333,13 @@ HMODULE Register(void * pLoader)
         {
             auto const it = std::ranges::find(modules, pLoader, &LoadedModule::pLoader);
             if (it == modules.end())
+            {
                 modules.push_back({pLoader, hModule, std::move(strPath), 1});
+            }
             else
+            {
                 ++it->nUses;
+            }
             return hModule;
         });
 }
@@ -311,10 +347,16 @@ HMODULE Register(void * pLoader)
 SystemModule const * FindSystemModule(std::u16string_view name)
 {
     if (EndsWith(name, u".dll"))
+    {
         name.remove_suffix(4);
+    }
     for (SystemModule const & module : GetSystemModules())
+    {
         if (IsSameName(name, module.name))
+        {
             return &module;
+        }
+    }
     return nullptr;
 }
 
@@ -331,9 +373,13 @@ struct ModuleName
     {
         // A folder's name is no module's.
         if (component.find_first_not_of(u'.') == component.npos)
+        {
             return;
+        }
         if (IsBare())
+        {
             pSystem = FindSystemModule(component);
+        }
         files = FileNamesOf(component);
     }
 
@@ -359,7 +405,9 @@ void * LoaderOf(HMODULE hModule)
 std::u16string ResourceNameOf(LPCWSTR pszName)
 {
     if (!IS_INTRESOURCE(pszName))
+    {
         return pszName;
+    }
     std::array<char, 8> digits{};
     auto const [pEnd, error] =
         std::to_chars(digits.data(), digits.data() + digits.size(), reinterpret_cast<ULONG_PTR>(pszName));
@@ -381,9 +429,15 @@ void ResourceTables::ForEach(HMODULE hModule, VISIT visit)
     UninterruptedScope const scope;
     std::scoped_lock const guard(lock);
     for (ResourceTable const * pTable = pFirst; pTable; pTable = pTable->m_pNext)
+    {
         if (ModuleOf(pTable->m_pResources) == hModule)
+        {
             for (std::size_t i = 0; i < pTable->m_nResources; ++i)
+            {
                 visit(pTable->m_pResources[i]);
+            }
+        }
+    }
 }
 
 ResourceTable::ResourceTable(Resource const * pResources, std::size_t nResources) noexcept
@@ -406,7 +460,9 @@ HMODULE LoadLibraryExW(LPCWSTR pszName, HANDLE hFile, DWORD dwFlags)
     }
     ModuleName const name(pszName);
     if (name.pSystem)
+    {
         return AsModule(*name.pSystem);
+    }
     std::string const strProgram = GetExecutablePath();
     std::u16string const strFolder =
         name.IsBare() ? FromHost(strProgram.substr(0, strProgram.rfind('/') + 1)) : std::u16string(name.folder);
@@ -419,20 +475,30 @@ HMODULE LoadLibraryExW(LPCWSTR pszName, HANDLE hFile, DWORD dwFlags)
             return pLoader ? Register(pLoader) : nullptr;
         }
         if (strPath.empty() && GetLastError() == static_cast<DWORD>(ERROR_INVALID_NAME))
+        {
             break; // no file can have that name
+        }
     }
     SetLastError(ERROR_MOD_NOT_FOUND);
     if (!name.IsBare())
+    {
         return nullptr;
+    }
     for (std::u16string const & strFile : name.files)
     {
         // The loader's own search takes what is given as it stands.
         if (std::ranges::any_of(strFile, [](char16_t c) { return c < 0x20 || c > 0x7E; }))
+        {
             continue;
+        }
         if (void * const pLoader = OpenModule(std::string(strFile.begin(), strFile.end()).c_str()))
+        {
             return Register(pLoader);
+        }
         if (GetLastError() != static_cast<DWORD>(ERROR_MOD_NOT_FOUND))
+        {
             return nullptr;
+        }
     }
     return nullptr;
 }
@@ -440,20 +506,28 @@ HMODULE LoadLibraryExW(LPCWSTR pszName, HANDLE hFile, DWORD dwFlags)
 BOOL FreeLibrary(HMODULE hModule)
 {
     if (AsSystemModule(hModule) || (hModule && hModule == ExecutableModule()))
+    {
         return TRUE;
+    }
     void * const pLoader = WithModules(
         [&](std::vector<LoadedModule> & modules) -> void *
         {
             auto const it = std::ranges::find(modules, hModule, &LoadedModule::hModule);
             if (it == modules.end())
+            {
                 return nullptr;
+            }
             void * const pFound = it->pLoader;
             if (--it->nUses == 0)
+            {
                 modules.erase(it);
+            }
             return pFound;
         });
     if (!pLoader)
+    {
         return static_cast<BOOL>(Fail(ERROR_MOD_NOT_FOUND, FALSE));
+    }
     dlclose(pLoader);
     return TRUE;
 }
@@ -469,7 +543,9 @@ FARPROC GetProcAddress(HMODULE hModule, LPCSTR pszName)
     {
         auto const it = std::ranges::find(pSystem->exports, std::string_view(pszName), &SystemExport::name);
         if (it != pSystem->exports.end())
+        {
             return it->pProcedure;
+        }
         SetLastError(ERROR_PROC_NOT_FOUND);
         return nullptr;
     }
@@ -492,26 +568,40 @@ FARPROC GetProcAddress(HMODULE hModule, LPCSTR pszName)
 HMODULE GetModuleHandleW(LPCWSTR pszName)
 {
     if (!pszName)
+    {
         return ExecutableModule();
+    }
     ModuleName const name(pszName);
     if (name.pSystem)
+    {
         return AsModule(*name.pSystem);
+    }
     auto const isNamed = [&](std::string const & strPath, std::u16string_view file)
     {
         if (name.IsBare())
+        {
             return IsSameName(LastComponentOf(FromHost(strPath)), file);
+        }
         std::string const strFull = ToHost(std::u16string(name.folder).append(file));
         return !strFull.empty() && IsSameFile(strFull, strPath);
     };
     HMODULE hFound = nullptr;
     for (LoadedModule const & module : WithModules([](auto & modules) { return modules; }))
+    {
         if (!hFound &&
             std::ranges::any_of(name.files, [&](auto const & file) { return isNamed(module.strPath, file); }))
+        {
             hFound = module.hModule;
+        }
+    }
     if (!hFound && isNamed(GetExecutablePath(), name.component))
+    {
         hFound = ExecutableModule();
+    }
     if (!hFound)
+    {
         SetLastError(ERROR_MOD_NOT_FOUND);
+    }
     return hFound;
 }
 
@@ -527,9 +617,13 @@ DWORD GetModuleFileNameW(HMODULE hModule, LPWSTR pszBuffer, DWORD nChars)
                                               return it == modules.end() ? std::string() : it->strPath;
                                           });
     if (strPath.empty())
+    {
         return Fail(ERROR_MOD_NOT_FOUND, 0);
+    }
     if (!pszBuffer || nChars == 0)
+    {
         return Fail(pszBuffer ? ERROR_INSUFFICIENT_BUFFER : ERROR_INVALID_PARAMETER, 0);
+    }
     std::u16string const strModule = FromHost(strPath);
     std::size_t const nCopied = std::min<std::size_t>(strModule.size(), nChars - 1);
     std::copy_n(strModule.data(), nCopied, pszBuffer);
@@ -553,12 +647,18 @@ HRSRC FindResourceExW(HMODULE hModule, LPCWSTR pszType, LPCWSTR pszName, WORD)
                             {
                                 bool const bType = IsSameName(resource.pszType, strType);
                                 if (bType && !pFound && IsSameName(resource.pszName, strName))
+                                {
                                     pFound = &resource;
+                                }
                                 if (nError != ERROR_RESOURCE_NAME_NOT_FOUND)
+                                {
                                     nError = bType ? ERROR_RESOURCE_NAME_NOT_FOUND : ERROR_RESOURCE_TYPE_NOT_FOUND;
+                                }
                             });
     if (!pFound)
+    {
         SetLastError(static_cast<DWORD>(nError));
+    }
     return reinterpret_cast<HRSRC>(const_cast<Resource *>(pFound));
 }
 

@@ -26,13 +26,21 @@ public:
             char16_t const c = pattern[n];
             char16_t const cNext = n + 1 < pattern.size() ? pattern[n + 1] : u'\0';
             if (c == u'*')
+            {
                 m_tokens.push_back({cNext == u'.' ? Token::RunToLastDot : Token::AnyRun, 0});
+            }
             else if (c == u'?')
+            {
                 m_tokens.push_back({Token::AnyOrNone, 0});
+            }
             else if (c == u'.' && (cNext == u'*' || cNext == u'?' || cNext == 0))
+            {
                 m_tokens.push_back({Token::DotOrEnd, 0});
+            }
             else
+            {
                 m_tokens.push_back({Token::One, UpCase(c)});
+            }
         }
     }
 
@@ -41,7 +49,9 @@ public:
     bool Matches(std::u16string_view name) const
     {
         if (m_tokens.size() == 1 && m_tokens[0].kind == Token::AnyRun)
+        {
             return true;
+        }
         // All positions of the pattern that the name read so far can have reached: no pattern takes more than
         // its length times the name's.
         std::vector<bool> reached(m_tokens.size() + 1);
@@ -51,16 +61,24 @@ public:
         {
             bool const bEnd = n == name.size();
             for (std::size_t i = 0; i < m_tokens.size(); ++i)
+            {
                 if (reached[i] && MayPass(m_tokens[i], bEnd, bEnd ? u'\0' : name[n]))
+                {
                     reached[i + 1] = true;
+                }
+            }
             if (bEnd)
+            {
                 return reached.back();
+            }
             std::vector<bool> next(m_tokens.size() + 1);
             char16_t const c = UpCase(name[n]);
             for (std::size_t i = 0; i < m_tokens.size(); ++i)
             {
                 if (!reached[i])
+                {
                     continue;
+                }
                 switch (m_tokens[i].kind)
                 {
                 case Token::One:

@@ -62,7 +62,9 @@ bool TryLockRobust(pthread_mutex_t & mutex) noexcept
 {
     int const nResult = ::pthread_mutex_trylock(&mutex);
     if (nResult == EOWNERDEAD)
+    {
         ::pthread_mutex_consistent(&mutex);
+    }
     return nResult == 0 || nResult == EOWNERDEAD;
 }
 
@@ -111,7 +113,9 @@ bool ReserveOwnership(ThreadData & thread, std::size_t nMore) noexcept
 {
     std::size_t const nNeeded = thread.nNamedOwned + nMore;
     if (nNeeded <= thread.nNamedCapacity)
+    {
         return true;
+    }
     auto * const pNew = new (std::nothrow) NamedOwnership[nNeeded];
     if (!pNew)
     {
@@ -142,7 +146,9 @@ NamedObject::~NamedObject()
 void NamedObject::Lock() noexcept
 {
     if (::pthread_mutex_lock(&m_pState->lock) == EOWNERDEAD)
+    {
         ::pthread_mutex_consistent(&m_pState->lock);
+    }
 }
 
 void NamedObject::Unlock() noexcept
@@ -159,7 +165,9 @@ bool NamedObject::IsDead(int nSlot) noexcept
 {
     SharedSlot & slot = m_pState->slots[nSlot];
     if (!TryLockRobust(slot.alive))
+    {
         return false;
+    }
     slot.word.store(SLOT_FREE, std::memory_order_relaxed);
     ::pthread_mutex_unlock(&slot.alive);
     return true;
@@ -168,7 +176,9 @@ bool NamedObject::IsDead(int nSlot) noexcept
 void NamedObject::FreeFromDead() noexcept
 {
     if (m_pState->nOwner < 0 || !IsDead(m_pState->nOwner))
+    {
         return;
+    }
     m_pState->nOwner = -1;
     m_pState->bAbandoned = true;
 }
@@ -181,7 +191,9 @@ int NamedObject::TakeSlot(std::uint32_t nWord) noexcept
     if (nSlot == static_cast<int>(MAX_SLOTS))
     {
         for (nSlot = 0; nSlot < static_cast<int>(MAX_SLOTS) && (nSlot == m_pState->nOwner || !IsDead(nSlot));)
+        {
             ++nSlot;
+        }
         if (nSlot == static_cast<int>(MAX_SLOTS))
         {
             SetLastError(ERROR_NO_SYSTEM_RESOURCES);
@@ -221,20 +233,28 @@ void NamedObject::AddOwnership(ThreadData & thread, int nSlot) noexcept
 int NamedObject::Take(ThreadData & thread, int nSlot) noexcept
 {
     if (NamedOwnership * const pOwnership = FindOwnership(thread, m_identity))
+    {
         ++pOwnership->nRecursion;
+    }
     else if (m_type == WaitType::Mutex)
     {
         if (nSlot < 0 && (nSlot = TakeSlot(SLOT_OWNER)) < 0)
+        {
             return -1;
+        }
         GetWord(nSlot).store(SLOT_OWNER, std::memory_order_relaxed);
         m_pState->nOwner = nSlot;
         AddOwnership(thread, nSlot);
         return std::exchange(m_pState->bAbandoned, false);
     }
     else if (GetRow(m_type).rule == WaitRule::Consumed)
+    {
         m_pState->bSignalled = false;
+    }
     if (nSlot >= 0)
+    {
         FreeSlot(nSlot);
+    }
     return 0;
 }
 
@@ -248,7 +268,9 @@ std::optional<int> NamedObject::EndWait(ThreadData & thread, int nSlot) noexcept
         AddOwnership(thread, nSlot);
     }
     else
+    {
         FreeSlot(nSlot);
+    }
     return bSatisfied ? std::optional<int>(nWord == SLOT_GRANTED_ABANDONED) : std::nullopt;
 }
 
@@ -258,11 +280,17 @@ int NamedObject::FindOldest() noexcept
     {
         int nOldest = -1;
         for (int nSlot = 0; nSlot < m_pState->nSlots; ++nSlot)
+        {
             if (GetWord(nSlot).load(std::memory_order_relaxed) == SLOT_WAITING &&
                 (nOldest < 0 || m_pState->slots[nSlot].nTicket < m_pState->slots[nOldest].nTicket))
+            {
                 nOldest = nSlot;
+            }
+        }
         if (nOldest < 0 || !IsDead(nOldest))
+        {
             return nOldest;
+        }
     }
 }
 
@@ -275,12 +303,18 @@ NamedObject::SlotSet NamedObject::HandOver() noexcept
     {
         int const nSlot = FindOldest();
         if (nSlot < 0)
+        {
             break;
+        }
         bool const bAbandoned = rule == WaitRule::Owned && std::exchange(m_pState->bAbandoned, false);
         if (rule == WaitRule::Owned)
+        {
             m_pState->nOwner = nSlot;
+        }
         else if (rule == WaitRule::Consumed)
+        {
             m_pState->bSignalled = false;
+        }
         GetWord(nSlot).store(bAbandoned ? SLOT_GRANTED_ABANDONED : SLOT_GRANTED, std::memory_order_release);
         slots.set(static_cast<std::size_t>(nSlot));
     }
@@ -288,7 +322,9 @@ NamedObject::SlotSet NamedObject::HandOver() noexcept
     {
         std::uint32_t nWord = SLOT_WATCHING;
         if (GetWord(nSlot).compare_exchange_strong(nWord, SLOT_POKED, std::memory_order_release))
+        {
             slots.set(static_cast<std::size_t>(nSlot));
+        }
     }
     return slots;
 }
@@ -296,8 +332,12 @@ NamedObject::SlotSet NamedObject::HandOver() noexcept
 void NamedObject::Wake(SlotSet const & slots) noexcept
 {
     for (std::size_t nSlot = 0; slots.any() && nSlot < MAX_SLOTS; ++nSlot)
+    {
         if (slots.test(nSlot))
+        {
             FutexWake(m_pState->slots[nSlot].word, 1, FutexScope::Shared);
+        }
+    }
 }
 
 void NamedObject::Set() noexcept
@@ -321,9 +361,13 @@ bool NamedObject::ReleaseOwnership(ThreadData & thread, bool bAbandoned) noexcep
 {
     NamedOwnership * const pOwnership = FindOwnership(thread, m_identity);
     if (!pOwnership)
+    {
         return false;
+    }
     if (--pOwnership->nRecursion > 0)
+    {
         return true;
+    }
     // The object that took the ownership has the mapping in which the slot's robust mutex is locked.
     NamedOwnership const ownership = *pOwnership;
     *pOwnership = thread.pNamedOwned[--thread.nNamedOwned];
@@ -364,19 +408,27 @@ public:
     NamedObject * Find(std::u16string const & strKey) const noexcept
     {
         for (std::size_t nIndex = 0; nIndex < m_nObjects; ++nIndex)
+        {
             if (m_pObjects[nIndex]->GetKey() == strKey)
+            {
                 return m_pObjects[nIndex];
+            }
+        }
         return nullptr;
     }
 
     bool Reserve() noexcept
     {
         if (m_nObjects < m_nCapacity)
+        {
             return true;
+        }
         std::size_t const nCapacity = std::max<std::size_t>(16, m_nCapacity * 2);
         auto ** const pObjects = new (std::nothrow) NamedObject *[nCapacity];
         if (!pObjects)
+        {
             return false;
+        }
         std::copy_n(m_pObjects, m_nObjects, pObjects);
         delete[] m_pObjects;
         m_pObjects = pObjects;
@@ -410,19 +462,27 @@ std::optional<std::u16string> MakeKey(std::u16string_view strName)
         return std::nullopt;
     };
     if (strName.size() > static_cast<std::size_t>(MAX_PATH))
+    {
         return fail(ERROR_FILENAME_EXCED_RANGE);
+    }
     char16_t cNamespace = u'l';
     for (std::u16string_view const strPrefix : {u"Global\\", u"Local\\"})
+    {
         if (strName.starts_with(strPrefix))
         {
             cNamespace = strPrefix[0] == u'G' ? u'g' : u'l';
             strName.remove_prefix(strPrefix.size());
             break;
         }
+    }
     if (strName.empty())
+    {
         return fail(ERROR_BAD_PATHNAME);
+    }
     if (strName.find(u'\\') != strName.npos)
+    {
         return fail(ERROR_PATH_NOT_FOUND);
+    }
     return cNamespace + std::u16string(strName);
 }
 
@@ -432,8 +492,12 @@ std::string MakeFileName(std::u16string_view strKey)
     constexpr std::size_t READABLE = 48;
     std::uint64_t nHash = 0xCBF29CE484222325;
     for (char16_t const cUnit : strKey)
+    {
         for (unsigned const nByte : {unsigned(cUnit) & 0xFF, unsigned(cUnit) >> 8})
+        {
             nHash = (nHash ^ nByte) * 0x100000001B3;
+        }
+    }
     std::string strFile = "name.";
     for (char16_t const cUnit : strKey.substr(0, READABLE))
     {
@@ -443,7 +507,9 @@ std::string MakeFileName(std::u16string_view strKey)
     }
     strFile += '.';
     for (int nShift = 60; nShift >= 0; nShift -= 4)
+    {
         strFile += "0123456789abcdef"[nHash >> nShift & 0xF];
+    }
     return strFile;
 }
 
@@ -452,10 +518,16 @@ UniqueFd LockNames(UniqueFd const & folder) noexcept
 {
     UniqueFd lock(::openat(folder.Get(), NAMES_LOCK, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
     while (lock && ::flock(lock.Get(), LOCK_EX) != 0)
+    {
         if (errno != EINTR)
+        {
             lock = UniqueFd();
+        }
+    }
     if (!lock)
+    {
         SetLastErrorFromErrno();
+    }
     return lock;
 }
 
@@ -492,18 +564,28 @@ UniqueFd OpenFile(UniqueFd const & folder, char const * pFile, bool bMayCreate, 
     }
     bExisted = static_cast<bool>(file);
     if (!file && errno == ENOENT && bMayCreate)
+    {
         file = UniqueFd(
             ::openat(folder.Get(), pFile, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    }
     // Room on the disk is taken now: a full disk must not kill whoever touches the mapping later.
     int nError = file ? 0 : errno;
     if (file && ::flock(file.Get(), LOCK_SH) != 0)
+    {
         nError = errno;
+    }
     else if (file && !bExisted)
+    {
         nError = ::posix_fallocate(file.Get(), 0, sizeof(SharedState));
+    }
     if (nError == 0)
+    {
         return file;
+    }
     if (file && !bExisted)
+    {
         ::unlinkat(folder.Get(), pFile, 0);
+    }
     errno = nError;
     return {};
 }
@@ -514,7 +596,9 @@ std::optional<OpenedName> OpenName(WaitType type, std::u16string_view strKey, st
     UniqueFd const folder = OpenRuntimeFolder();
     UniqueFd const lock = folder ? LockNames(folder) : UniqueFd();
     if (!lock)
+    {
         return std::nullopt;
+    }
     OpenedName result;
     result.file = OpenFile(folder, strFile.c_str(), bMayCreate, result.bExisted);
     struct stat info
@@ -535,7 +619,9 @@ std::optional<OpenedName> OpenName(WaitType type, std::u16string_view strKey, st
     {
         SetLastErrorFromErrno();
         if (result.file && !result.bExisted)
+        {
             ::unlinkat(folder.Get(), strFile.c_str(), 0);
+        }
         return std::nullopt;
     }
     result.pState = static_cast<SharedState *>(pMemory);
@@ -548,7 +634,9 @@ std::optional<OpenedName> OpenName(WaitType type, std::u16string_view strKey, st
     bool const bWhole = state.nMagic == STATE_MAGIC && state.type <= WaitType::Mutex && state.nNameLength <= MAX_PATH &&
                         std::u16string_view(state.name, state.nNameLength) == strKey;
     if (bWhole && GetRow(state.type).namedKind == GetRow(type).namedKind)
+    {
         return result;
+    }
     ::munmap(pMemory, sizeof(SharedState));
     SetLastError(bWhole ? ERROR_INVALID_HANDLE : ERROR_INVALID_DATA);
     return std::nullopt;
@@ -562,7 +650,9 @@ Ref<NamedObject> FindOrOpen(WaitType type, std::u16string const & strKey, bool b
     {
         bExisted = true;
         if (GetRow(pFound->GetType()).namedKind == GetRow(type).namedKind)
+        {
             return Ref<NamedObject>(pFound);
+        }
         SetLastError(ERROR_INVALID_HANDLE);
         return {};
     }
@@ -574,7 +664,9 @@ Ref<NamedObject> FindOrOpen(WaitType type, std::u16string const & strKey, bool b
     std::string strFile = MakeFileName(strKey);
     std::optional<OpenedName> opened = OpenName(type, strKey, strFile, bSignalled, bMayCreate);
     if (!opened)
+    {
         return {};
+    }
     bExisted = opened->bExisted;
     auto * const pObject = new (std::nothrow) NamedObject(opened->pState->type, strKey, std::move(strFile),
                                                           std::move(opened->file), opened->pState, opened->identity);
@@ -594,7 +686,9 @@ void NamedObject::OnHandleClosed() noexcept
 {
     FutexGuard const guard(g_registry.m_mutex);
     if (!m_bOpen || GetHandleCount() != 0)
+    {
         return;
+    }
     m_bOpen = false;
     g_registry.Remove(*this);
     // In a forked child the lock is the parent's as well, and the name with it.
@@ -608,11 +702,15 @@ void NamedObject::OnHandleClosed() noexcept
         if (lock && ::flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0 &&
             ::fstatat(folder.Get(), m_strFile.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
             Identity{info.st_dev, info.st_ino} == m_identity)
+        {
             ::unlinkat(folder.Get(), m_strFile.c_str(), 0);
+        }
         m_file = UniqueFd();
     }
     else
+    {
         m_file = UniqueFd();
+    }
 }
 
 HANDLE OpenNamedHandle(WaitType type, LPCWSTR pName, bool bInitial, bool bMayCreate) noexcept
@@ -621,7 +719,9 @@ try
     ThreadData * const pThread = GetThreadData();
     std::optional<std::u16string> const strKey = MakeKey(pName);
     if (!pThread || !strKey || !ReserveOwnership(*pThread, 1))
+    {
         return nullptr;
+    }
     Ref<NamedObject> object;
     HANDLE hObject = nullptr;
     bool bExisted = false;
@@ -630,7 +730,9 @@ try
         FutexGuard const guard(g_registry.m_mutex);
         object = FindOrOpen(type, *strKey, bInitial, bMayCreate, bExisted);
         if (!object)
+        {
             return nullptr;
+        }
         hObject = OpenHandle(object);
         if (hObject && bOwn && !bExisted)
         {
@@ -693,22 +795,30 @@ public:
             UninterruptedScope const scope;
             bool const bQueue = !IsExpired(deadline);
             if (!ReserveOwnership(m_thread, m_nodes.size()))
+            {
                 return Finish(true);
+            }
             for (WaitNode & node : m_nodes)
             {
                 Step const step = AsNamed(node) ? TryNamed(node, bQueue) : TryLocal(node, bQueue);
                 if (step != Step::Next)
+                {
                     return Finish(step == Step::Failed);
+                }
             }
             if (!bQueue)
+            {
                 return Finish(false);
+            }
         }
         for (;;)
         {
             Sleep(deadline);
             UninterruptedScope const scope;
             if (IsSatisfied() || IsExpired(deadline))
+            {
                 return Finish(false);
+            }
             PassOnFromDead();
         }
     }
@@ -720,7 +830,9 @@ public:
             {
                 UninterruptedScope const scope;
                 if (!ReserveOwnership(m_thread, m_nodes.size()))
+                {
                     return Finish(true);
+                }
                 DWORD dwResult = 0;
                 switch (TryAll(dwResult))
                 {
@@ -731,7 +843,9 @@ public:
                     return Finish(true);
                 case Step::Next:
                     if (IsExpired(deadline))
+                    {
                         return Finish(false);
+                    }
                 }
             }
             Sleep(deadline);
@@ -767,7 +881,9 @@ private:
         {
             node.nSlot = static_cast<std::int16_t>(object.TakeSlot(SLOT_WAITING));
             if (node.nSlot < 0)
+            {
                 return Step::Failed;
+            }
         }
         return Step::Next;
     }
@@ -776,7 +892,9 @@ private:
     {
         FutexGuard const guard(g_waitLock);
         if (m_waiter.word.load(std::memory_order_relaxed) == Waiter::DONE)
+        {
             return Step::Done;
+        }
         Waitable & object = AsLocal(node);
         if (object.IsAvailable(m_thread))
         {
@@ -784,7 +902,9 @@ private:
             return Step::Done;
         }
         if (bQueue)
+        {
             object.Enqueue(node);
+        }
         return Step::Next;
     }
 
@@ -795,15 +915,21 @@ private:
         std::array<NamedObject *, MAXIMUM_WAIT_OBJECTS> named{};
         std::size_t nNamed = 0;
         for (WaitNode const & node : m_nodes)
+        {
             if (NamedObject * const pObject = AsNamed(node))
+            {
                 named[nNamed++] = pObject;
+            }
+        }
         auto const objects = std::span(named).first(nNamed);
         std::ranges::sort(objects, {}, &NamedObject::GetIdentity);
         auto const isSame = [](NamedObject const * pOne, NamedObject const * pOther)
         { return pOne->GetIdentity() == pOther->GetIdentity(); };
         auto const distinct = std::span(objects.begin(), std::unique(objects.begin(), objects.end(), isSame));
         for (NamedObject * const pObject : distinct)
+        {
             pObject->Lock();
+        }
         g_waitLock.Lock();
         Step step = PrepareAll();
         if (step == Step::Next && std::ranges::all_of(m_nodes, [&](WaitNode & node) { return IsAvailable(node); }))
@@ -811,15 +937,23 @@ private:
             step = Step::Done;
             bool bAbandoned = false;
             for (WaitNode & node : m_nodes)
+            {
                 if (NamedObject * const pObject = AsNamed(node))
+                {
                     bAbandoned |= pObject->Take(m_thread, std::exchange(node.nSlot, std::int16_t(-1))) > 0;
+                }
                 else
+                {
                     bAbandoned |= AsLocal(node).Take(m_thread);
+                }
+            }
             dwResult = bAbandoned ? WAIT_ABANDONED_0 : WAIT_OBJECT_0;
         }
         g_waitLock.Unlock();
         for (NamedObject * const pObject : distinct)
+        {
             pObject->Unlock();
+        }
         return step;
     }
 
@@ -833,14 +967,20 @@ private:
             if (!pObject)
             {
                 if (!node.bQueued)
+                {
                     AsLocal(node).Enqueue(node);
+                }
                 continue;
             }
             pObject->FreeFromDead();
             if (node.nSlot >= 0)
+            {
                 pObject->GetWord(node.nSlot).store(SLOT_WATCHING, std::memory_order_relaxed);
+            }
             else if ((node.nSlot = static_cast<std::int16_t>(pObject->TakeSlot(SLOT_WATCHING))) < 0)
+            {
                 return Step::Failed;
+            }
         }
         return Step::Next;
     }
@@ -861,18 +1001,24 @@ private:
             std::uint32_t nWord = Waiter::PENDING;
             if (!m_waiter.word.compare_exchange_strong(nWord, Waiter::ASLEEP, std::memory_order_acq_rel) &&
                 nWord != Waiter::ASLEEP)
+            {
                 return;
+            }
             targets[nTargets++] = {&m_waiter.word, Waiter::ASLEEP, FutexScope::Process};
         }
         for (WaitNode const & node : m_nodes)
+        {
             if (NamedObject * const pObject = AsNamed(node))
             {
                 FutexWord & word = pObject->GetWord(node.nSlot);
                 std::uint32_t const nWord = word.load(std::memory_order_acquire);
                 if (nWord != SLOT_WAITING && nWord != SLOT_WATCHING)
+                {
                     return;
+                }
                 targets[nTargets++] = {&word, nWord, FutexScope::Shared};
             }
+        }
         Deadline const wake = m_bHasMutex ? std::min(deadline, GetMonotonicTime() + DEATH_POLL_NS) : deadline;
         FutexWaitAny(std::span(targets).first(nTargets), wake);
     }
@@ -892,6 +1038,7 @@ private:
     void PassOnFromDead() noexcept
     {
         for (WaitNode const & node : m_nodes)
+        {
             if (NamedObject * const pObject = AsNamed(node); pObject && pObject->GetType() == WaitType::Mutex)
             {
                 NamedObject::SlotSet slots;
@@ -902,6 +1049,7 @@ private:
                 }
                 pObject->Wake(slots);
             }
+        }
     }
 
     /// Leaves all queues, keeps the lowest index that was satisfied, and gives back what else was.
@@ -920,27 +1068,39 @@ private:
             m_waiter.word.store(Waiter::IDLE, std::memory_order_relaxed);
         }
         for (WaitNode & node : m_nodes)
+        {
             if (node.nSlot >= 0)
             {
                 NamedObject & object = *AsNamed(node);
                 NamedGuard const guard(object);
                 if (std::optional<int> const got = object.EndWait(m_thread, node.nSlot))
+                {
                     m_got[node.nIndex] = static_cast<std::int8_t>(*got);
+                }
                 node.nSlot = -1;
             }
+        }
         DWORD dwResult = bFailed ? WAIT_FAILED : WAIT_TIMEOUT;
         for (WaitNode const & node : m_nodes)
         {
             bool const bAbandoned = m_got[node.nIndex] == GOT_ABANDONED;
             if (m_got[node.nIndex] == NOTHING)
+            {
                 continue;
+            }
             if (dwResult == WAIT_TIMEOUT)
+            {
                 dwResult = (bAbandoned ? WAIT_ABANDONED_0 : WAIT_OBJECT_0) + node.nIndex;
+            }
             else
+            {
                 GiveBack(node, bAbandoned);
+            }
         }
         while (m_waiter.nNodes > 0)
+        {
             m_waiter.pNodes[--m_waiter.nNodes].pObject->Release();
+        }
         m_waiter.bNamed = false;
         return dwResult;
     }
@@ -950,9 +1110,13 @@ private:
         if (NamedObject * const pObject = AsNamed(node))
         {
             if (pObject->GetType() == WaitType::Mutex)
+            {
                 pObject->ReleaseOwnership(m_thread, bAbandoned);
+            }
             else if (GetRow(pObject->GetType()).rule == WaitRule::Consumed)
+            {
                 pObject->Set();
+            }
             return;
         }
         WakeList wakes;
@@ -973,7 +1137,9 @@ void BeginNamedWait(ThreadData & thread, std::span<KernelObject * const> objects
 {
     Waiter & waiter = thread.waiter;
     for (DWORD nIndex = 0; nIndex < objects.size(); ++nIndex)
+    {
         waiter.pNodes[nIndex] = {objects[nIndex], nullptr, nullptr, &thread, nIndex, false, -1};
+    }
     waiter.nNodes = static_cast<DWORD>(objects.size());
     waiter.mode = Waiter::Mode::Any;
     waiter.bNamed = true;

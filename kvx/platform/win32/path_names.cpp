@@ -24,7 +24,9 @@ using View = std::u16string_view;
 DWORD GiveExisting(LPCWSTR pszPath, LPWSTR pszBuffer, DWORD nChars)
 {
     if (GetFileAttributesW(pszPath) == INVALID_FILE_ATTRIBUTES)
+    {
         return 0;
+    }
     return CopyText(pszPath, nChars, pszBuffer);
 }
 
@@ -48,7 +50,9 @@ void SplitFolders(View folders, std::vector<std::u16string> & list)
     {
         std::size_t const nEnd = std::min(folders.find(u';'), folders.size());
         if (nEnd > 0)
+        {
             list.emplace_back(folders.substr(0, nEnd));
+        }
         folders.remove_prefix(std::min(nEnd + 1, folders.size()));
     }
 }
@@ -77,7 +81,9 @@ bool IsPlaced(View name)
 {
     auto const isSeparator = [](char16_t c) { return c == u'\\' || c == u'/'; };
     if (isSeparator(name[0]) || (name.size() > 1 && name[1] == u':'))
+    {
         return true;
+    }
     std::size_t const nDots = std::min(name.find_first_not_of(u'.'), name.size());
     return nDots >= 1 && nDots <= 2 && nDots < name.size() && isSeparator(name[nDots]);
 }
@@ -87,14 +93,20 @@ std::u16string Compact(View path, std::size_t nRoom)
 {
     constexpr View Dots = u"...";
     if (path.size() <= nRoom)
+    {
         return std::u16string(path);
+    }
     std::size_t const nName = path.find_last_of(u"\\/", path.size() - 2);
     View const name = nName == path.npos ? View() : path.substr(nName);
     std::u16string strResult;
     if (!name.empty() && name.size() + Dots.size() <= nRoom)
+    {
         return strResult.append(path.substr(0, nRoom - Dots.size() - name.size())).append(Dots).append(name);
+    }
     if (!name.empty())
+    {
         strResult.append(Dots).append(name.substr(0, 1));
+    }
     View const title = name.empty() ? path : name.substr(1);
     std::size_t const nTaken = strResult.size() + Dots.size();
     strResult.append(title.substr(0, nRoom > nTaken ? nRoom - nTaken : 0)).append(Dots);
@@ -125,7 +137,9 @@ DWORD SearchPathW(LPCWSTR pszFolders, LPCWSTR pszName, LPCWSTR pszExtension, DWO
                   LPWSTR * ppszFilePart)
 {
     if (ppszFilePart)
+    {
         *ppszFilePart = nullptr;
+    }
     if (!pszName || !*pszName)
     {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -137,7 +151,9 @@ DWORD SearchPathW(LPCWSTR pszFolders, LPCWSTR pszName, LPCWSTR pszExtension, DWO
     if (pszExtension && strName.find(u'.', nTitle) == strName.npos)
     {
         if (IsSameName(pszExtension, u".exe"))
+        {
             strBare = strName;
+        }
         strName += pszExtension;
     }
     auto const give = [&](std::u16string const & strPath)
@@ -145,26 +161,38 @@ DWORD SearchPathW(LPCWSTR pszFolders, LPCWSTR pszName, LPCWSTR pszExtension, DWO
         std::u16string const strFull = ToFullPath(strPath);
         DWORD const nResult = CopyText(strFull, nChars, pszBuffer);
         if (ppszFilePart && nResult == strFull.size())
+        {
             *ppszFilePart = pszBuffer + strFull.rfind(u'\\') + 1;
+        }
         return nResult;
     };
     if (IsPlaced(strName))
     {
         if (IsFile(strName))
+        {
             return give(strName);
+        }
         if (!strBare.empty() && IsProgram(strBare))
+        {
             return give(strBare);
+        }
     }
     else
     {
         for (std::u16string & strFolder : SearchedFolders(pszFolders))
         {
             if (!strFolder.ends_with(u'\\') && !strFolder.ends_with(u'/'))
+            {
                 strFolder += u'\\';
+            }
             if (std::u16string const strPath = strFolder + strName; IsFile(strPath))
+            {
                 return give(strPath);
+            }
             if (!strBare.empty() && IsProgram(strFolder += strBare))
+            {
                 return give(strFolder);
+            }
         }
     }
     SetLastError(ERROR_FILE_NOT_FOUND);
@@ -174,7 +202,9 @@ DWORD SearchPathW(LPCWSTR pszFolders, LPCWSTR pszName, LPCWSTR pszExtension, DWO
 BOOL PathCompactPathExW(LPWSTR pszOut, LPCWSTR pszPath, UINT nMax, DWORD)
 {
     if (!pszOut || !pszPath || nMax == 0)
+    {
         return FALSE;
+    }
     return PutCompact(pszOut, pszPath, nMax - 1);
 }
 
@@ -182,7 +212,9 @@ BOOL PathCompactPathW(HDC, LPWSTR pszPath, UINT nPixels)
 {
     constexpr UINT PixelsOfCharacter = 7;
     if (!pszPath)
+    {
         return FALSE;
+    }
     return PutCompact(pszPath, std::u16string(pszPath),
                       std::min<std::size_t>(nPixels / PixelsOfCharacter, MAX_PATH - 1));
 }

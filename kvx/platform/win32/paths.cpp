@@ -51,15 +51,21 @@ bool AppendName(std::string & strTarget, std::u16string_view name)
     std::size_t const nBefore = strTarget.size();
     strTarget.resize(nBefore + name.size());
     for (; n < name.size() && name[n] != 0 && name[n] < 0x80; ++n)
+    {
         strTarget[nBefore + n] = static_cast<char>(name[n]);
+    }
     strTarget.resize(nBefore + n);
     for (; n < name.size(); ++n)
     {
         char32_t c = name[n];
         if (c == 0)
+        {
             return false;
+        }
         if (c == NamedBackslash)
+        {
             c = U'\\';
+        }
         else if (IsHighSurrogate(name[n]) && n + 1 < name.size() && IsLowSurrogate(name[n + 1]))
         {
             c = JoinSurrogates(name[n], name[n + 1]);
@@ -71,7 +77,9 @@ bool AppendName(std::string & strTarget, std::u16string_view name)
             continue;
         }
         else if ((c & 0xF800) == 0xD800)
+        {
             return false;
+        }
         char szBytes[4];
         strTarget.append(szBytes, EncodeUtf8Char(c, szBytes));
     }
@@ -85,12 +93,20 @@ void AppendHost(std::u16string & strTarget, std::string_view host)
     {
         DecodedChar const decoded = DecodeUtf8Char(host, n);
         if (!decoded.bValid)
+        {
             for (std::size_t i = 0; i < decoded.nBytes; ++i)
+            {
                 strTarget += static_cast<char16_t>(0xDC00 + static_cast<unsigned char>(host[n + i]));
+            }
+        }
         else if (decoded.nChar == U'/')
+        {
             strTarget += u'\\';
+        }
         else if (decoded.nChar == U'\\')
+        {
             strTarget += NamedBackslash;
+        }
         else
         {
             char16_t units[2];
@@ -107,9 +123,13 @@ bool MakeFolders(std::string const & strPath)
         n = strPath.find('/', n);
         std::string const strPart = strPath.substr(0, n);
         if (mkdir(strPart.c_str(), 0700) != 0 && errno != EEXIST)
+        {
             return false;
+        }
         if (n != std::string::npos)
+        {
             ++n;
+        }
     }
     return true;
 }
@@ -117,7 +137,9 @@ bool MakeFolders(std::string const & strPath)
 std::string DataFolder()
 {
     if (char const * const pszData = std::getenv("XDG_DATA_HOME"); pszData && *pszData == '/')
+    {
         return std::string(pszData) + "/kvx";
+    }
     return GetHomeFolder() + "/.local/share/kvx";
 }
 
@@ -125,16 +147,24 @@ std::string FindDriveC()
 {
     std::string strRoot;
     if (char const * const pszRoot = std::getenv("KVX_DRIVE_C"); pszRoot && *pszRoot == '/')
+    {
         strRoot = pszRoot;
+    }
     else
+    {
         strRoot = DataFolder() + "/drive_c";
+    }
     MakeFolders(strRoot);
     // getcwd tells the real path, by which the current directory is recognised as one on drive C.
     if (std::unique_ptr<char, decltype(&std::free)> const pszReal(realpath(strRoot.c_str(), nullptr), &std::free);
         pszReal)
+    {
         strRoot = pszReal.get();
+    }
     while (!strRoot.empty() && strRoot.back() == '/')
+    {
         strRoot.pop_back();
+    }
     return strRoot;
 }
 
@@ -147,7 +177,9 @@ std::string CurrentDirectory()
 {
     char szBuffer[PATH_MAX];
     if (!getcwd(szBuffer, sizeof szBuffer) || szBuffer[0] != '/')
+    {
         return {};
+    }
     return szBuffer;
 }
 
@@ -158,9 +190,13 @@ public:
     FolderPath(std::string_view path, std::size_t nName) : m_bFits(nName < sizeof m_szPath)
     {
         if (nName == 0)
+        {
             path = ".", nName = 1;
+        }
         if (m_bFits)
+        {
             m_szPath[path.copy(m_szPath, nName)] = '\0';
+        }
     }
     explicit operator bool() const { return m_bFits; }
     char const * Get() const { return m_szPath; }
@@ -219,19 +255,29 @@ std::optional<Start> Analyse(std::u16string_view path)
         }
     }
     if (path.starts_with(u"\\\\"))
+    {
         return Start{Start::Base::Server, 0, path};
+    }
     if (StartsWithDrive(path))
     {
         Start start{Start::Base::Drive, UpCase(path[0]), path.substr(2)};
         if (start.rest.empty() || !IsSeparator(start.rest[0]))
+        {
             if (start.nDrive == CurrentDrive(CurrentDirectory()))
+            {
                 start.base = Start::Base::Relative;
+            }
+        }
         return start;
     }
     if (path[0] == u'/')
+    {
         return Start{Start::Base::Posix, 0, path};
+    }
     if (path[0] == u'\\')
+    {
         return Start{Start::Base::Drive, CurrentDrive(CurrentDirectory()), path};
+    }
     return Start{Start::Base::Relative, 0, path};
 }
 
@@ -244,9 +290,13 @@ bool ForEachComponent(std::basic_string_view<Char> path, Visit visit)
     {
         std::size_t nEnd = n;
         while (nEnd < path.size() && !isSeparator(path[nEnd]))
+        {
             ++nEnd;
+        }
         if (nEnd > n && !visit(path.substr(n, nEnd - n)))
+        {
             return false;
+        }
         n = nEnd + 1;
     }
     return true;
@@ -256,7 +306,9 @@ bool ForEachComponent(std::basic_string_view<Char> path, Visit visit)
 bool DropLast(std::string & strPath, std::size_t nKept)
 {
     if (strPath.size() <= nKept)
+    {
         return false;
+    }
     std::size_t const n = strPath.rfind('/');
     strPath.resize(n == std::string::npos || n < nKept ? nKept : n);
     return true;
@@ -273,22 +325,30 @@ bool Exists(std::string const & strPath)
 std::string GetHomeFolder()
 {
     if (char const * const pszHome = std::getenv("HOME"); pszHome && *pszHome == '/')
+    {
         return pszHome;
+    }
     std::vector<char> buffer(16384);
     passwd entry;
     passwd * pEntry = nullptr;
     LowDescriptorGuard const guard;
     if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &pEntry) == 0 && pEntry && pEntry->pw_dir)
+    {
         return pEntry->pw_dir;
+    }
     return "/nonexistent";
 }
 
 DWORD CopyText(std::u16string_view text, DWORD nChars, LPWSTR pszBuffer)
 {
     if (text.empty())
+    {
         return 0;
+    }
     if (!pszBuffer || nChars <= text.size())
+    {
         return static_cast<DWORD>(text.size() + 1);
+    }
     *std::ranges::copy(text, pszBuffer).out = 0;
     return static_cast<DWORD>(text.size());
 }
@@ -297,7 +357,9 @@ std::string GetDataFolder()
 {
     std::string strFolder = DataFolder();
     if (MakeFolders(strFolder))
+    {
         return strFolder;
+    }
     SetLastErrorFromErrno();
     return {};
 }
@@ -316,10 +378,14 @@ bool IsKnownMissing(std::string & strHost)
     FolderPath const folder(strHost, nBegin);
     std::string strFound;
     if (!folder || nBegin == strHost.size())
+    {
         return false;
+    }
     auto const lookup = RecallName(folder.Get(), std::string_view(strHost).substr(nBegin), strFound);
     if (lookup == NameLookup::Found)
+    {
         strHost.replace(nBegin, std::string::npos, strFound);
+    }
     return lookup == NameLookup::Missing;
 }
 
@@ -344,7 +410,9 @@ bool FindInAnyCase(std::string & strHost, LastComponent last)
         }
         std::string_view const name = std::string_view(strHost).substr(nBegin, nEnd - nBegin);
         if (FolderPath const folder(strHost, nBegin); folder)
+        {
             return FindName(folder.Get(), name, strFound);
+        }
         errno = ENAMETOOLONG;
         return NameLookup::NoFolder;
     };
@@ -354,7 +422,9 @@ bool FindInAnyCase(std::string & strHost, LastComponent last)
     {
         std::size_t const nFolderEnd = strHost.find_last_not_of('/', nBegin - 1);
         if (nFolderEnd == std::string::npos)
+        {
             break;
+        }
         nEnd = nFolderEnd + 1;
         nBegin = strHost.rfind('/', nFolderEnd) + 1;
         bLast = false;
@@ -367,7 +437,9 @@ bool FindInAnyCase(std::string & strHost, LastComponent last)
         bChanged |= std::string_view(strHost).substr(nBegin, nEnd - nBegin) != strFound;
         strHost.replace(nBegin, nEnd - nBegin, strFound);
         if (bLast)
+        {
             break;
+        }
         // A name in another case can be of another length.
         nBegin = strHost.find_first_not_of('/', nBegin + strFound.size());
         nEnd = std::min(strHost.find('/', nBegin), strHost.size());
@@ -382,7 +454,9 @@ std::string ToHost(std::u16string_view path, LastComponent last)
 {
     std::optional<Start> const start = Analyse(path);
     if (!start)
+    {
         return {};
+    }
     if (start->base == Start::Base::Server)
     {
         Refuse(path.starts_with(u"\\\\.\\") ? ERROR_INVALID_NAME : ERROR_BAD_NETPATH);
@@ -395,7 +469,9 @@ std::string ToHost(std::u16string_view path, LastComponent last)
     }
     std::string strHost;
     if (start->base == Start::Base::Drive && start->nDrive == u'C')
+    {
         strHost = GetDriveCRoot();
+    }
     strHost.reserve(strHost.size() + start->rest.size() + 2);
     std::size_t nKept = strHost.size();
     // Whether a component put now needs a slash before it: only at the head of a relative path it doesn't.
@@ -406,7 +482,9 @@ std::string ToHost(std::u16string_view path, LastComponent last)
                                             if (start->base != Start::Base::Posix)
                                             {
                                                 if (name == u".")
+                                                {
                                                     return true;
+                                                }
                                                 if (name == u"..")
                                                 {
                                                     if (!DropLast(strHost, nKept) && !bAbsolute)
@@ -415,34 +493,48 @@ std::string ToHost(std::u16string_view path, LastComponent last)
                                                         // absolute one.
                                                         strHost = CurrentDirectory();
                                                         if (strHost.empty())
+                                                        {
                                                             return Refuse(ERROR_PATH_NOT_FOUND);
+                                                        }
                                                         nKept =
                                                             CurrentDrive(strHost) == u'C' ? GetDriveCRoot().size() : 0;
                                                         bAbsolute = true;
                                                         if (strHost == "/")
+                                                        {
                                                             strHost.clear();
+                                                        }
                                                         DropLast(strHost, nKept);
                                                     }
                                                     return true;
                                                 }
                                             }
                                             if (bAbsolute || !strHost.empty())
+                                            {
                                                 strHost += '/';
+                                            }
                                             return AppendName(strHost, name) || Refuse(ERROR_INVALID_NAME);
                                         });
     if (!bDone)
+    {
         return {};
+    }
     if (strHost.empty())
+    {
         strHost = bAbsolute ? "/" : ".";
+    }
     else if (strHost.size() > nKept && !start->rest.empty() && IsSeparator(start->rest.back()))
+    {
         strHost += '/'; // keeps saying that this must be a folder
+    }
     if (strHost.size() >= PATH_MAX)
     {
         Refuse(ERROR_FILENAME_EXCED_RANGE);
         return {};
     }
     if (last != LastComponent::AsWritten && !Exists(strHost) && errno == ENOENT)
+    {
         FindInAnyCase(strHost, last);
+    }
     return strHost;
 }
 
@@ -461,9 +553,13 @@ std::u16string FromHost(std::string_view path)
         bool const bDriveC = !strRoot.empty() && IsBelow(path, strRoot);
         strResult = bDriveC ? u"C:" : u"Z:";
         if (bDriveC)
+        {
             path.remove_prefix(strRoot.size());
+        }
         if (path.empty())
+        {
             strResult += u'\\';
+        }
     }
     AppendHost(strResult, path);
     return strResult;
@@ -472,30 +568,40 @@ std::u16string FromHost(std::string_view path)
 std::u16string ToFullPath(std::u16string_view path)
 {
     if (path.starts_with(u"\\\\?\\") || path.starts_with(u"\\\\.\\"))
+    {
         return std::u16string(path);
+    }
     std::optional<Start> const start = Analyse(path);
     if (!start)
+    {
         return {};
+    }
     if (path.find(u'\0') != path.npos)
     {
         Refuse(ERROR_INVALID_NAME);
         return {};
     }
     if (start->base == Start::Base::Server)
+    {
         return std::u16string(path);
+    }
     std::u16string strResult;
     switch (start->base)
     {
     case Start::Base::Relative:
         if (std::string const strCurrent = CurrentDirectory(); !strCurrent.empty())
+        {
             strResult = FromHost(strCurrent);
+        }
         else
         {
             Refuse(ERROR_PATH_NOT_FOUND); // the folder is gone
             return {};
         }
         if (strResult.ends_with(u'\\'))
+        {
             strResult.pop_back();
+        }
         break;
     case Start::Base::Drive:
         strResult = {StartsWithDrive(path) ? path[0] : start->nDrive, u':'};
@@ -510,24 +616,34 @@ std::u16string ToFullPath(std::u16string_view path)
                          if (name == u"..")
                          {
                              if (std::size_t const n = strResult.rfind(u'\\'); n != strResult.npos)
+                             {
                                  strResult.resize(n);
+                             }
                          }
                          else if (name != u".")
+                         {
                              strResult.append(1, u'\\').append(name);
+                         }
                          return true;
                      });
     bool const bFolder = !start->rest.empty() && IsSeparator(start->rest.back());
     if (strResult.size() == 2 || bFolder)
+    {
         strResult += u'\\';
+    }
     if (start->base == Start::Base::Posix)
     {
         std::u16string strDriveC = u"Z:";
         AppendHost(strDriveC, GetDriveCRoot());
         if (strDriveC.size() > 2 && strResult.starts_with(strDriveC) &&
             (strResult.size() == strDriveC.size() || strResult[strDriveC.size()] == u'\\'))
+        {
             strResult.replace(0, strDriveC.size(), u"C:");
+        }
         if (strResult.size() == 2)
+        {
             strResult += u'\\';
+        }
     }
     return strResult;
 }

@@ -83,7 +83,9 @@ auto CallOnPath(std::string & strHost, Call call)
     }
     nResult = call(strHost.c_str());
     if (nResult < 0 && errno == ENOENT && FindInAnyCase(strHost))
+    {
         nResult = call(strHost.c_str());
+    }
     return nResult;
 }
 

@@ -73,23 +73,31 @@ struct PipePath
 std::optional<PipePath> SplitPipePath(std::u16string_view path) noexcept
 {
     if (path.size() < 2 || !IsSeparator(path[0]) || !IsSeparator(path[1]))
+    {
         return std::nullopt;
+    }
     path.remove_prefix(2);
     std::size_t const nMachine = path.find_first_of(u"\\/");
     if (nMachine == path.npos || nMachine == 0)
+    {
         return std::nullopt;
+    }
     constexpr std::u16string_view Folder = u"pipe";
     std::u16string_view const rest = path.substr(nMachine + 1);
     if (!IsSameName(rest.substr(0, Folder.size()), Folder) || rest.size() <= Folder.size() ||
         !IsSeparator(rest[Folder.size()]))
+    {
         return std::nullopt;
+    }
     return PipePath{path.substr(0, nMachine), rest.substr(Folder.size() + 1)};
 }
 
 bool IsThisMachine(std::u16string_view name)
 {
     if (name == u".")
+    {
         return true;
+    }
     char szHost[256] = "";
     gethostname(szHost, sizeof szHost - 1);
     std::string_view const host(szHost);
@@ -108,11 +116,17 @@ std::string MakeFileName(std::u16string_view name)
     {
         char32_t c = name[n] == u'/' ? u'\\' : UpCase(name[n]);
         if (IsHighSurrogate(name[n]) && n + 1 < name.size() && IsLowSurrogate(name[n + 1]))
+        {
             c = JoinSurrogates(name[n], name[n + 1]), ++n;
+        }
         if (c >= U'A' && c <= U'Z')
+        {
             strFile += static_cast<char>(c - U'A' + U'a');
+        }
         else if ((c >= U'0' && c <= U'9') || c == U'-' || c == U'_' || c == U'.')
+        {
             strFile += static_cast<char>(c);
+        }
         else
         {
             char bytes[4];
@@ -127,11 +141,15 @@ std::string MakeFileName(std::u16string_view name)
     {
         std::uint64_t nHash = 0xCBF29CE484222325;
         for (char const c : strFile)
+        {
             nHash = (nHash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+        }
         strFile.resize(Readable);
         strFile += '~';
         for (int nShift = 60; nShift >= 0; nShift -= 4)
+        {
             strFile += Digits[nHash >> nShift & 0xF];
+        }
     }
     return "pipe." + strFile;
 }
@@ -143,13 +161,21 @@ std::string FileOfPipe(LPCWSTR pszPath)
     std::u16string_view const path(pszPath ? pszPath : u"");
     std::optional<PipePath> const parts = SplitPipePath(path);
     if (!parts || parts->name.empty())
+    {
         SetLastError(ERROR_INVALID_NAME);
+    }
     else if (path.size() > LongestPath)
+    {
         SetLastError(ERROR_FILENAME_EXCED_RANGE);
+    }
     else if (!IsThisMachine(parts->machine))
+    {
         SetLastError(ERROR_BAD_NETPATH);
+    }
     else
+    {
         return MakeFileName(parts->name);
+    }
     return {};
 }
 
@@ -216,9 +242,13 @@ NameState LookForPipe(UniqueFd const & folder, std::string const & strFile)
     {
         SlotFiles const files(strFile, nSlot);
         if (!IsServed(folder, files))
+        {
             continue;
+        }
         if (IsThere(folder, files.strSocket))
+        {
             return NameState::Free;
+        }
         state = NameState::Busy;
     }
     return state;
@@ -240,7 +270,9 @@ public:
         UniqueFd folder = OpenRuntimeFolder();
         struct stat info;
         if (!folder || ::fstat(folder.Get(), &info) != 0)
+        {
             return nullptr;
+        }
         Key key(info.st_dev, info.st_ino, strFile);
         auto & all = GetAll();
         auto const it = all.find(key);
@@ -249,7 +281,9 @@ public:
             auto const server =
                 std::make_shared<PipeServer>(std::move(key), std::move(folder), dwAccess, nMaxInstances);
             if (!server->Open())
+            {
                 return nullptr;
+            }
             all.emplace(server->m_key, server);
             server->m_nInstances = server->m_nFree = 1;
             return server;
@@ -283,19 +317,25 @@ public:
     void AddFree()
     {
         if (m_nFree++ == 0)
+        {
             ::renameat(m_folder.Get(), m_files.strBusy.c_str(), m_folder.Get(), m_files.strSocket.c_str());
+        }
     }
 
     void TakeFree()
     {
         if (--m_nFree == 0)
+        {
             ::renameat(m_folder.Get(), m_files.strSocket.c_str(), m_folder.Get(), m_files.strBusy.c_str());
+        }
     }
 
     void Leave()
     {
         if (--m_nInstances > 0)
+        {
             return;
+        }
         ::unlinkat(m_folder.Get(), m_files.strSocket.c_str(), 0);
         ::unlinkat(m_folder.Get(), m_files.strBusy.c_str(), 0);
         ::unlinkat(m_folder.Get(), m_files.strLock.c_str(), 0);
@@ -326,7 +366,9 @@ private:
             {
             case Slot::Taken:
                 if (Listen())
+                {
                     return true;
+                }
                 SetLastErrorFromErrno();
                 ::unlinkat(m_folder.Get(), m_files.strNew.c_str(), 0);
                 ::unlinkat(m_folder.Get(), m_files.strLock.c_str(), 0);
@@ -351,17 +393,25 @@ private:
             m_lock = UniqueFd(::openat(m_folder.Get(), m_files.strLock.c_str(),
                                        O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
             if (!m_lock)
+            {
                 return Slot::Failed;
+            }
             flock lock = WholeFile();
             if (::fcntl(m_lock.Get(), F_OFD_SETLK, &lock) != 0)
+            {
                 return errno == EAGAIN || errno == EACCES ? Slot::Living : Slot::Failed;
+            }
             struct stat mine;
             struct stat there;
             if (::fstat(m_lock.Get(), &mine) != 0)
+            {
                 return Slot::Failed;
+            }
             if (::fstatat(m_folder.Get(), m_files.strLock.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
                 mine.st_ino == there.st_ino && mine.st_dev == there.st_dev)
+            {
                 return Slot::Taken;
+            }
         }
     }
 
@@ -370,7 +420,9 @@ private:
     {
         m_listener = UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         if (!m_listener)
+        {
             return false;
+        }
         ::unlinkat(m_folder.Get(), m_files.strNew.c_str(), 0);
         ::unlinkat(m_folder.Get(), m_files.strBusy.c_str(), 0);
         sockaddr_un const address = AddressOf(m_folder, m_files.strNew);
@@ -410,7 +462,9 @@ public:
     BOOL Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverlapped) override
     {
         if (!m_bRead)
+        {
             return Refuse(ERROR_ACCESS_DENIED);
+        }
         bool const bDone = nBytes == 0 || Receive(pBuffer, nBytes, nRead); // before the count is handed on
         return Finish(bDone, nRead, pOverlapped);
     }
@@ -418,7 +472,9 @@ public:
     BOOL Write(void const * pBuffer, DWORD nBytes, DWORD & nWritten, OVERLAPPED * pOverlapped) override
     {
         if (!m_bWrite)
+        {
             return Refuse(ERROR_ACCESS_DENIED);
+        }
         bool const bDone = nBytes == 0 || Send(pBuffer, nBytes, nWritten);
         return Finish(bDone, nWritten, pOverlapped);
     }
@@ -442,7 +498,9 @@ private:
             pOverlapped->Internal = bDone ? ERROR_SUCCESS : GetLastError();
             pOverlapped->InternalHigh = nTransferred;
             if (pOverlapped->hEvent && bDone)
+            {
                 SetEvent(pOverlapped->hEvent);
+            }
         }
         return bDone;
     }
@@ -468,9 +526,13 @@ public:
     BOOL Peek(void * pBuffer, DWORD nSize, DWORD & nRead, DWORD * pnAvailable) override
     {
         if (!CanRead())
+        {
             return Refuse(ERROR_ACCESS_DENIED);
+        }
         if (!IsConnected())
+        {
             return Refuse(m_state.load() == State::Free ? ERROR_BAD_PIPE : GetStateError());
+        }
         int const nDescriptor = m_nDescriptor.load(std::memory_order_relaxed);
         char cFirst;
         bool const bCopies = pBuffer && nSize > 0;
@@ -478,7 +540,9 @@ public:
             [&]
             { return ::recv(nDescriptor, bCopies ? pBuffer : &cFirst, bCopies ? nSize : 1, MSG_PEEK | MSG_DONTWAIT); });
         if (nGot == 0 || (nGot < 0 && errno != EAGAIN))
+        {
             return Refuse(IsConnected() ? ERROR_BROKEN_PIPE : GetStateError());
+        }
         nRead = bCopies && nGot > 0 ? static_cast<DWORD>(nGot) : 0;
         if (pnAvailable)
         {
@@ -517,13 +581,17 @@ protected:
     {
         m_state.store(state, std::memory_order_seq_cst);
         if (int const nDescriptor = m_nDescriptor.load(std::memory_order_seq_cst); nDescriptor >= 0)
+        {
             ::shutdown(nDescriptor, SHUT_RDWR);
+        }
     }
 
     BOOL Receive(void * pBuffer, DWORD nBytes, DWORD & nRead) override
     {
         if (!IsConnected())
+        {
             return Refuse(GetStateError());
+        }
         ssize_t const nGot =
             Retry([&] { return ::recv(m_nDescriptor.load(std::memory_order_relaxed), pBuffer, nBytes, 0); });
         if (nGot > 0) [[likely]]
@@ -532,7 +600,9 @@ protected:
             return TRUE;
         }
         if (!IsConnected())
+        {
             return Refuse(GetStateError());
+        }
         return Refuse(nGot == 0 ? static_cast<DWORD>(ERROR_BROKEN_PIPE) : ErrorFromErrno(errno));
     }
 
@@ -541,7 +611,9 @@ protected:
         while (nWritten < nBytes)
         {
             if (!IsConnected())
+            {
                 return Refuse(GetStateError());
+            }
             ssize_t const nSent = Retry(
                 [&]
                 {
@@ -549,9 +621,11 @@ protected:
                                   static_cast<char const *>(pBuffer) + nWritten, nBytes - nWritten, MSG_NOSIGNAL);
                 });
             if (nSent < 0)
+            {
                 return Refuse(!IsConnected()                          ? GetStateError()
                               : errno == EPIPE || errno == ECONNRESET ? static_cast<DWORD>(ERROR_NO_DATA)
                                                                       : ErrorFromErrno(errno));
+            }
             nWritten += static_cast<DWORD>(nSent);
         }
         return TRUE;
@@ -608,9 +682,13 @@ public:
             FutexGuard const guard(g_pipesLock);
             State const state = m_state.load();
             if (state == State::Connected || state == State::Closed)
+            {
                 return Refuse(state == State::Connected ? ERROR_PIPE_CONNECTED : ERROR_INVALID_HANDLE);
+            }
             if (!m_wake)
+            {
                 m_wake = std::make_shared<UniqueFd>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+            }
             if (!*m_wake)
             {
                 m_wake.reset();
@@ -624,15 +702,23 @@ public:
             }
         }
         if (AcceptClient(false))
+        {
             return Refuse(ERROR_PIPE_CONNECTED);
+        }
         if (GetLastError() != ERROR_IO_INCOMPLETE)
+        {
             return FALSE;
+        }
         if (!pOverlapped || !m_bOverlapped)
+        {
             return AcceptClient(true);
+        }
         pOverlapped->Internal = Pending;
         pOverlapped->InternalHigh = 0;
         if (pOverlapped->hEvent)
+        {
             ResetEvent(pOverlapped->hEvent);
+        }
         return Refuse(ERROR_IO_PENDING);
     }
 
@@ -640,10 +726,14 @@ public:
     {
         BOOL const bDone = AcceptClient(bWait);
         if (!bDone && GetLastError() == ERROR_IO_INCOMPLETE)
+        {
             return FALSE;
+        }
         overlapped.Internal = bDone ? ERROR_SUCCESS : GetLastError();
         if (overlapped.hEvent)
+        {
             SetEvent(overlapped.hEvent);
+        }
         return bDone;
     }
 
@@ -654,9 +744,13 @@ private:
         bool const bWasFree = m_state.load() == State::Free;
         End(state);
         if (bWasFree)
+        {
             m_server->TakeFree();
+        }
         if (m_wake)
+        {
             ::eventfd_write(m_wake->Get(), 1);
+        }
         m_wake.reset();
     }
 
@@ -675,17 +769,23 @@ private:
         {
             UniqueFd client(::accept4(m_server->GetListener(), nullptr, nullptr, SOCK_CLOEXEC));
             if (client)
+            {
                 return Establish(std::move(client));
+            }
             bool const bShort = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
             if (errno == EINTR || errno == ECONNABORTED)
+            {
                 continue;
+            }
             if (errno != EAGAIN && !bShort)
             {
                 SetLastErrorFromErrno();
                 return FALSE;
             }
             if (!bWait)
+            {
                 return Refuse(ERROR_IO_INCOMPLETE);
+            }
             pollfd polled[] = {{wake->Get(), POLLIN, 0}, {m_server->GetListener(), POLLIN, 0}};
             ::poll(polled, bShort ? 1 : 2, bShort ? ShortOfDescriptors : -1);
         }
@@ -697,10 +797,14 @@ private:
         UninterruptedScope const scope;
         FutexGuard const guard(g_pipesLock);
         if (m_state.load() != State::Free)
+        {
             return Refuse(ERROR_OPERATION_ABORTED);
+        }
         int const nDescriptor = m_nDescriptor.load();
         if (nDescriptor < 0)
+        {
             m_nDescriptor.store(client.Detach());
+        }
         else if (::dup3(client.Get(), nDescriptor, O_CLOEXEC) < 0)
         {
             SetLastErrorFromErrno();
@@ -733,7 +837,9 @@ public:
         int const nError = errno;
         timespec const now{};
         if (m_bRaised && !sigismember(&m_before, SIGPIPE))
+        {
             Retry([&] { return sigtimedwait(&m_pipe, nullptr, &now); });
+        }
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
         errno = nError;
     }
@@ -761,15 +867,21 @@ public:
     {
         m_bClosed.store(true, std::memory_order_seq_cst);
         if (int const nWake = m_nWake.load(std::memory_order_seq_cst); nWake >= 0)
+        {
             ::eventfd_write(nWake, 1);
+        }
     }
 
     BOOL Peek(void * pBuffer, DWORD nSize, DWORD & nRead, DWORD * pnAvailable) override
     {
         if (!CanRead())
+        {
             return Refuse(ERROR_ACCESS_DENIED);
+        }
         if (pBuffer && nSize > 0)
+        {
             return Refuse(ERROR_NOT_SUPPORTED);
+        }
         nRead = 0;
         pollfd polled = {m_fifo.Get(), POLLIN, 0};
         int nAvailable = 0;
@@ -779,9 +891,13 @@ public:
             return FALSE;
         }
         if (nAvailable == 0 && (polled.revents & POLLHUP) != 0)
+        {
             return Refuse(ERROR_BROKEN_PIPE);
+        }
         if (pnAvailable)
+        {
             *pnAvailable = static_cast<DWORD>(nAvailable);
+        }
         return TRUE;
     }
 
@@ -792,14 +908,18 @@ private:
         {
             ssize_t const nGot = ::read(m_fifo.Get(), pBuffer, std::min<std::size_t>(nBytes, MaxTransfer));
             if (m_bClosed.load(std::memory_order_seq_cst))
+            {
                 return Refuse(ERROR_OPERATION_ABORTED);
+            }
             if (nGot >= 0)
             {
                 nRead = static_cast<DWORD>(nGot);
                 return nGot > 0 ? TRUE : Refuse(ERROR_BROKEN_PIPE);
             }
             if (!WaitFor(POLLIN))
+            {
                 return FALSE;
+            }
         }
     }
 
@@ -809,18 +929,24 @@ private:
         while (nWritten < nBytes)
         {
             if (m_bClosed.load(std::memory_order_seq_cst))
+            {
                 return Refuse(ERROR_OPERATION_ABORTED);
+            }
             ssize_t const nSent = ::write(m_fifo.Get(), static_cast<char const *>(pBuffer) + nWritten,
                                           std::min<std::size_t>(nBytes - nWritten, MaxTransfer));
             if (nSent > 0)
+            {
                 nWritten += static_cast<DWORD>(nSent);
+            }
             else if (errno == EPIPE)
             {
                 guard.Raised();
                 return Refuse(ERROR_NO_DATA);
             }
             else if (!WaitFor(POLLOUT))
+            {
                 return FALSE;
+            }
         }
         return TRUE;
     }
@@ -829,7 +955,9 @@ private:
     BOOL WaitFor(short nEvents)
     {
         if (errno == EINTR)
+        {
             return TRUE;
+        }
         if (errno != EAGAIN)
         {
             SetLastErrorFromErrno();
@@ -845,12 +973,16 @@ private:
                 return FALSE;
             }
             if (m_nWake.compare_exchange_strong(nWake, wake.Get(), std::memory_order_seq_cst))
+            {
                 nWake = wake.Detach();
+            }
         }
         pollfd polled[] = {{m_fifo.Get(), nEvents, 0}, {nWake, POLLIN, 0}};
         // A close before this look has set the flag; one after it finds the event.
         if (!m_bClosed.load(std::memory_order_seq_cst))
+        {
             ::poll(polled, 2, -1);
+        }
         return m_bClosed.load(std::memory_order_seq_cst) ? Refuse(ERROR_OPERATION_ABORTED) : TRUE;
     }
 
@@ -880,12 +1012,16 @@ std::optional<FifoHandles> ParseFifoLink(std::string_view link, int nProcess)
     std::string const strHead = "/anonymous." + std::to_string(nProcess) + '.';
     std::size_t const nHead = link.rfind(strHead);
     if (nHead == link.npos)
+    {
         return std::nullopt;
+    }
     char const * const pEnd = link.data() + link.size();
     FifoHandles handles{};
     auto const read = std::from_chars(link.data() + nHead + strHead.size(), pEnd, handles.nRead);
     if (read.ec != std::errc() || read.ptr == pEnd || *read.ptr != '.')
+    {
         return std::nullopt;
+    }
     auto const write = std::from_chars(read.ptr + 1, pEnd, handles.nWrite);
     return write.ec == std::errc() ? std::optional(handles) : std::nullopt;
 }
@@ -923,7 +1059,9 @@ UniqueFd ConnectToServer(UniqueFd const & folder, std::string const & strFile)
         int nResult = Retry([&] { return ::connect(socket.Get(), Generic(address), sizeof address); });
         bool const bQueueFull = nResult != 0 && errno == EAGAIN;
         if (nResult == 0 || bQueueFull)
+        {
             ::fcntl(socket.Get(), F_SETFL, 0);
+        }
         if (bQueueFull)
         {
             // Thousands wait already: a place may come free.
@@ -935,7 +1073,9 @@ UniqueFd ConnectToServer(UniqueFd const & folder, std::string const & strFile)
             errno = nError;
         }
         if (nResult == 0)
+        {
             return socket;
+        }
         // ENOENT: nobody, or nobody free. ECONNREFUSED: a dead one's.
         if (errno == EAGAIN)
         {
@@ -955,7 +1095,9 @@ UniqueFd ConnectToServer(UniqueFd const & folder, std::string const & strFile)
 Ref<PipeEnd> FindPipe(HANDLE hPipe)
 {
     if (Ref<PipeEnd> pipe = FindObject<PipeEnd>(hPipe))
+    {
         return pipe;
+    }
     SetLastError(FindObject<KernelObject>(hPipe) ? ERROR_BAD_PIPE : ERROR_INVALID_HANDLE);
     return nullptr;
 }
@@ -980,7 +1122,9 @@ HANDLE OpenNamedPipe(LPCWSTR pszPath, DWORD dwAccess, DWORD dwDisposition)
     UniqueFd const folder = strFile.empty() ? UniqueFd() : OpenRuntimeFolder();
     UniqueFd socket = folder ? ConnectToServer(folder, strFile) : UniqueFd();
     if (!socket)
+    {
         return nullptr;
+    }
     return OpenHandle(Ref<KernelObject>(new SocketEnd(std::move(socket), bRead, bWrite)));
 }
 
@@ -994,7 +1138,9 @@ Ref<KernelObject> OpenForeignPipe(int nProcess, HANDLE hForeign)
     UniqueFd opened(::open((strProcess + "/fd").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::unique_ptr<DIR, Closer> const folder(opened ? ::fdopendir(opened.Get()) : nullptr);
     if (folder)
+    {
         opened.Detach();
+    }
     else
     {
         SetLastError(errno == ENOENT ? static_cast<DWORD>(ERROR_INVALID_HANDLE) : ErrorFromErrno(errno));
@@ -1008,16 +1154,24 @@ Ref<KernelObject> OpenForeignPipe(int nProcess, HANDLE hForeign)
         char link[4096];
         ssize_t const nLink = ::readlinkat(nFolder, pEntry->d_name, link, sizeof link);
         if (nLink <= 0)
+        {
             continue;
+        }
         auto const handles = ParseFifoLink({link, static_cast<std::size_t>(nLink)}, nProcess);
         if (!handles || (handles->nRead != nForeign && handles->nWrite != nForeign))
+        {
             continue;
+        }
         bool const bRead = handles->nRead == nForeign;
         if (!HasAccess(info.Get(), pEntry->d_name, bRead ? O_RDONLY : O_WRONLY))
+        {
             continue;
+        }
         UniqueFd fifo(::openat(nFolder, pEntry->d_name, (bRead ? O_RDONLY : O_WRONLY) | O_NONBLOCK | O_CLOEXEC));
         if (fifo)
+        {
             return Ref<KernelObject>(new FifoEnd(std::move(fifo), bRead));
+        }
     }
     SetLastError(ERROR_INVALID_HANDLE);
     return nullptr;
@@ -1028,7 +1182,9 @@ Ref<KernelObject> OpenForeignPipe(int nProcess, HANDLE hForeign)
 void kvx::EndPipeCalls(HANDLE hPipe)
 {
     if (auto const pipe = win32::FindPipe(hPipe))
+    {
         pipe->EndCalls();
+    }
 }
 
 using namespace kvx::win32;
@@ -1054,7 +1210,9 @@ HANDLE CreateNamedPipeW(LPCWSTR pszName, DWORD dwOpenMode, DWORD dwPipeMode, DWO
     if (strFile.empty())
     {
         if (GetLastError() == ERROR_BAD_NETPATH)
+        {
             SetLastError(ERROR_INVALID_NAME); // instances are local
+        }
         return INVALID_HANDLE_VALUE;
     }
     std::shared_ptr<PipeServer> server;
@@ -1063,7 +1221,9 @@ HANDLE CreateNamedPipeW(LPCWSTR pszName, DWORD dwOpenMode, DWORD dwPipeMode, DWO
         server = PipeServer::Join(strFile, dwAccess, nMaxInstances);
     }
     if (!server)
+    {
         return INVALID_HANDLE_VALUE;
+    }
     Ref<PipeInstance> const instance(new PipeInstance(std::move(server), dwAccess & PIPE_ACCESS_INBOUND,
                                                       dwAccess & PIPE_ACCESS_OUTBOUND, bOverlapped));
     HANDLE const hPipe = OpenHandle(instance);
@@ -1092,10 +1252,14 @@ BOOL WaitNamedPipeW(LPCWSTR pszName, DWORD nTimeOut)
     constexpr DWORD LookAgain = 5; // milliseconds
     std::string const strFile = FileOfPipe(pszName);
     if (strFile.empty())
+    {
         return FALSE;
+    }
     UniqueFd const folder = OpenRuntimeFolder();
     if (!folder)
+    {
         return FALSE;
+    }
     Deadline const deadline = MakeDeadline(nTimeOut == NMPWAIT_USE_DEFAULT_WAIT ? DefaultWait : nTimeOut);
     for (;;)
     {
@@ -1109,7 +1273,9 @@ BOOL WaitNamedPipeW(LPCWSTR pszName, DWORD nTimeOut)
             break;
         }
         if (GetMonotonicTime() >= deadline)
+        {
             return Refuse(ERROR_SEM_TIMEOUT);
+        }
         ::poll(nullptr, 0, LookAgain);
     }
 }
@@ -1120,11 +1286,17 @@ BOOL PeekNamedPipe(HANDLE hPipe, LPVOID pBuffer, DWORD nSize, LPDWORD pnRead, LP
     Ref<PipeEnd> const pipe = FindPipe(hPipe);
     DWORD nRead = 0;
     if (!pipe || !pipe->Peek(pBuffer, nSize, nRead, pnAvailable))
+    {
         return FALSE;
+    }
     if (pnRead)
+    {
         *pnRead = nRead;
+    }
     if (pnLeftInMessage)
+    {
         *pnLeftInMessage = 0;
+    }
     return TRUE;
 }
 
@@ -1132,11 +1304,15 @@ BOOL CreatePipe(HANDLE * phRead, HANDLE * phWrite, LPSECURITY_ATTRIBUTES, DWORD 
 {
     static constinit std::atomic<unsigned> s_nPipes{0};
     if (!phRead || !phWrite)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     UninterruptedScope const scope;
     UniqueFd const folder = OpenRuntimeFolder();
     if (!folder)
+    {
         return FALSE;
+    }
     // The file has a name for as long as it takes to open both ends and to give it its last one.
     std::string strName = "anonymous." + std::to_string(::getpid()) + ".new." + std::to_string(s_nPipes++);
     ::unlinkat(folder.Get(), strName.c_str(), 0); // a dead process's, which had the same number
@@ -1151,11 +1327,15 @@ BOOL CreatePipe(HANDLE * phRead, HANDLE * phWrite, LPSECURITY_ATTRIBUTES, DWORD 
     HANDLE hRead = nullptr;
     HANDLE hWrite = nullptr;
     if (!write)
+    {
         SetLastErrorFromErrno();
+    }
     else
     {
         if (nSize > 65536)
+        {
             ::fcntl(write.Get(), F_SETPIPE_SZ, static_cast<int>(std::min<DWORD>(nSize, 1 << 30)));
+        }
         hRead = OpenHandle(Ref<KernelObject>(new FifoEnd(std::move(read), true)));
         hWrite = hRead ? OpenHandle(Ref<KernelObject>(new FifoEnd(std::move(write), false))) : nullptr;
     }
@@ -1163,13 +1343,17 @@ BOOL CreatePipe(HANDLE * phRead, HANDLE * phWrite, LPSECURITY_ATTRIBUTES, DWORD 
     {
         std::string const strLast = FifoName(::getpid(), hRead, hWrite);
         if (::renameat(folder.Get(), strName.c_str(), folder.Get(), strLast.c_str()) == 0)
+        {
             strName = strLast;
+        }
     }
     ::unlinkat(folder.Get(), strName.c_str(), 0);
     if (!hWrite)
     {
         if (hRead)
+        {
             CloseObject(hRead);
+        }
         return FALSE;
     }
     *phRead = hRead;
@@ -1180,14 +1364,20 @@ BOOL CreatePipe(HANDLE * phRead, HANDLE * phWrite, LPSECURITY_ATTRIBUTES, DWORD 
 BOOL GetOverlappedResult(HANDLE hFile, LPOVERLAPPED pOverlapped, LPDWORD pnTransferred, BOOL bWait)
 {
     if (!pOverlapped)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     if (pOverlapped->Internal == Pending)
     {
         Ref<PipeEnd> const pipe = FindPipe(hFile);
         if (!pipe || !pipe->FinishConnect(*pOverlapped, bWait != FALSE))
+        {
             return FALSE;
+        }
     }
     if (pnTransferred)
+    {
         *pnTransferred = static_cast<DWORD>(pOverlapped->InternalHigh);
+    }
     return pOverlapped->Internal == ERROR_SUCCESS ? TRUE : Refuse(static_cast<DWORD>(pOverlapped->Internal));
 }

@@ -41,9 +41,13 @@ public:
             timespec const time = {static_cast<time_t>(nLeft / 1000000000), static_cast<long>(nLeft % 1000000000)};
             pollfd polled = {m_fd.Get(), POLLIN, 0};
             if (::ppoll(&polled, 1, deadline == NEVER ? nullptr : &time, nullptr) > 0)
+            {
                 return true;
+            }
             if (nLeft == 0)
+            {
                 return false;
+            }
         }
     }
 
@@ -75,7 +79,9 @@ HANDLE OpenProcess(DWORD, BOOL, DWORD dwProcessId) noexcept
 DWORD GetProcessId(HANDLE hProcess) noexcept
 {
     if (hProcess == GetCurrentProcess())
+    {
         return GetCurrentProcessId();
+    }
     Ref<Process> const process = FindObject<Process>(hProcess);
     return process ? static_cast<DWORD>(process->GetId()) : 0;
 }
@@ -91,19 +97,27 @@ DWORD WaitForProcess(HANDLE hProcess, DWORD dwMilliseconds) noexcept
         process = FindObject<Process>(hProcess);
     }
     if (!process)
+    {
         return WAIT_FAILED;
+    }
     return process->Wait(MakeDeadline(dwMilliseconds)) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
 }
 
 Ref<KernelObject> TakeFromProcess(HANDLE hProcess, HANDLE hSource) noexcept
 {
     if (hProcess == GetCurrentProcess())
+    {
         return hSource == GetCurrentThread() ? GetCurrentThreadObject() : FindObject<KernelObject>(hSource);
+    }
     Ref<Process> const process = FindObject<Process>(hProcess);
     if (!process)
+    {
         return nullptr;
+    }
     if (process->GetId() == ::getpid())
+    {
         return FindObject<KernelObject>(hSource);
+    }
     Ref<KernelObject> object = OpenForeignPipe(process->GetId(), hSource);
     if (object && process->Wait(GetMonotonicTime()))
     {

@@ -41,9 +41,13 @@ bool IsBlank(char16_t c)
 std::u16string_view Trim(std::u16string_view text)
 {
     while (!text.empty() && IsBlank(text.front()))
+    {
         text.remove_prefix(1);
+    }
     while (!text.empty() && IsBlank(text.back()))
+    {
         text.remove_suffix(1);
+    }
     return text;
 }
 
@@ -53,7 +57,9 @@ bool IsUtf8(std::string_view bytes)
     {
         DecodedChar const decoded = DecodeUtf8Char(bytes, n);
         if (!decoded.bValid)
+        {
             return false;
+        }
         n += decoded.nBytes;
     }
     return true;
@@ -80,7 +86,9 @@ bool IsKeyName(std::u16string_view key)
 std::string ProfilePath(std::u16string_view path)
 {
     if (path.find_first_of(u"/\\:") != std::u16string_view::npos)
+    {
         return ToHost(path);
+    }
     return ToHost(u"C:\\Windows\\" + std::u16string(path));
 }
 
@@ -95,11 +103,17 @@ LONG ReadAll(int nFile, std::string & strBytes)
     {
     };
     if (::fstat(nFile, &info) != 0)
+    {
         return CurrentError();
+    }
     if (!S_ISREG(info.st_mode))
+    {
         return ERROR_ACCESS_DENIED;
+    }
     if (info.st_size > static_cast<off_t>(MAX_FILE))
+    {
         return ERROR_FILE_TOO_LARGE;
+    }
     strBytes.resize(static_cast<std::size_t>(info.st_size));
     std::size_t nRead = 0;
     while (nRead < strBytes.size())
@@ -107,9 +121,13 @@ LONG ReadAll(int nFile, std::string & strBytes)
         ssize_t const nGot =
             ::pread(nFile, strBytes.data() + nRead, strBytes.size() - nRead, static_cast<off_t>(nRead));
         if (nGot < 0 && errno != EINTR)
+        {
             return CurrentError();
+        }
         if (nGot == 0)
+        {
             break;
+        }
         nRead += nGot > 0 ? static_cast<std::size_t>(nGot) : 0;
     }
     strBytes.resize(nRead);
@@ -120,7 +138,9 @@ LONG LoadProfile(LPCWSTR pszPath, std::string & strBytes)
 {
     std::string const strHost = ProfilePath(pszPath);
     if (strHost.empty())
+    {
         return static_cast<LONG>(GetLastError());
+    }
     UniqueFd const file(::open(strHost.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     return file ? ReadAll(file.Get(), strBytes) : CurrentError();
 }
@@ -131,10 +151,14 @@ LONG ReplaceFile(std::string const & strHost, struct stat const & info, std::str
     std::string strNew = strHost + ".XXXXXX";
     UniqueFd const file(::mkostemp(strNew.data(), O_CLOEXEC));
     if (!file)
+    {
         return CurrentError();
+    }
     bool bGood = ::fchmod(file.Get(), info.st_mode & 07777) == 0;
     if (info.st_uid != ::geteuid() || info.st_gid != ::getegid())
+    {
         bGood = bGood && ::fchown(file.Get(), info.st_uid, info.st_gid) == 0;
+    }
     while (bGood && !bytes.empty())
     {
         ssize_t const nWritten = ::write(file.Get(), bytes.data(), bytes.size());
@@ -144,7 +168,9 @@ LONG ReplaceFile(std::string const & strHost, struct stat const & info, std::str
     bGood = bGood && ::fdatasync(file.Get()) == 0 && ::rename(strNew.c_str(), strHost.c_str()) == 0;
     LONG const nError = bGood ? 0 : CurrentError();
     if (!bGood)
+    {
         ::unlink(strNew.c_str());
+    }
     return nError;
 }
 
@@ -156,11 +182,15 @@ LONG LockProfile(std::string & strHost, bool bCreate, UniqueFd & file, struct st
     {
         if (std::unique_ptr<char, decltype(&std::free)> const pszReal(::realpath(strHost.c_str(), nullptr), &std::free);
             pszReal)
+        {
             strHost = pszReal.get();
+        }
         file = UniqueFd(
             ::open(strHost.c_str(), O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (bCreate ? O_CREAT : 0), 0666));
         if (!file)
+        {
             return CurrentError();
+        }
         int nResult = 0;
         while ((nResult = ::flock(file.Get(), LOCK_EX)) != 0 && errno == EINTR)
         {
@@ -169,24 +199,34 @@ LONG LockProfile(std::string & strHost, bool bCreate, UniqueFd & file, struct st
         {
         };
         if (nResult != 0 || ::fstat(file.Get(), &info) != 0)
+        {
             return CurrentError();
+        }
         // The writer before may have put another file in its place.
         if (::stat(strHost.c_str(), &current) == 0 && current.st_ino == info.st_ino && current.st_dev == info.st_dev)
+        {
             return 0;
+        }
     }
 }
 
 LONG ChangeProfile(LPCWSTR pszSection, LPCWSTR pszKey, LPCWSTR pszValue, LPCWSTR pszPath)
 {
     if (!IsSectionName(pszSection) || (pszKey && !IsKeyName(pszKey)) || (pszKey && pszValue && HasLineEnd(pszValue)))
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     std::u16string_view const path(pszPath);
     std::string strHost = ProfilePath(path);
     if (strHost.empty())
+    {
         return static_cast<LONG>(GetLastError());
+    }
     bool const bCreate = pszKey && pszValue;
     if (bCreate && path.find_first_of(u"/\\:") == std::u16string_view::npos)
+    {
         ::mkdir(strHost.substr(0, strHost.rfind('/')).c_str(), 0777);
+    }
     UniqueFd file;
     struct stat info
     {
@@ -195,23 +235,37 @@ LONG ChangeProfile(LPCWSTR pszSection, LPCWSTR pszKey, LPCWSTR pszValue, LPCWSTR
     if (nError == ERROR_FILE_NOT_FOUND)
     {
         if (bCreate)
+        {
             return ERROR_PATH_NOT_FOUND;
+        }
         return 0; // what isn't there has been removed
     }
     std::string strBytes;
     if (nError == 0)
+    {
         nError = ReadAll(file.Get(), strBytes);
+    }
     if (nError != 0)
+    {
         return nError;
+    }
     IniText text(strBytes);
     if (!pszKey)
+    {
         nError = text.RemoveSection(pszSection);
+    }
     else if (!pszValue)
+    {
         nError = text.RemoveKey(pszSection, pszKey);
+    }
     else
+    {
         nError = text.Set(pszSection, pszKey, pszValue);
+    }
     if (nError == 0 && text.GetBytes().size() > MAX_FILE)
+    {
         nError = ERROR_FILE_TOO_LARGE;
+    }
     return nError != 0 || text.GetBytes() == strBytes ? nError : ReplaceFile(strHost, info, text.GetBytes());
 }
 
@@ -259,7 +313,9 @@ DWORD CopyList(std::u16string_view list, LPWSTR pszBuffer, DWORD nSize)
     {
         *std::ranges::copy(list, pszBuffer).out = u'\0';
         if (list.empty() && nSize > 1)
+        {
             pszBuffer[1] = u'\0';
+        }
         return static_cast<DWORD>(list.size());
     }
     SetLastError(ERROR_MORE_DATA);
@@ -292,7 +348,9 @@ UINT ToNumber(std::u16string_view text)
                                 : cLower >= u'a' && cLower <= u'f' ? cLower - u'a' + 10u
                                                                    : 16u;
         if (nDigit >= nBase)
+        {
             break;
+        }
         nResult = nResult * nBase + nDigit;
     }
     return bNegative ? 0u - nResult : nResult;
@@ -330,7 +388,9 @@ void IniText::Read()
         nBegin = UTF8_MARK.size();
     }
     else
+    {
         m_encoding = IsUtf8(bytes) ? Encoding::Utf8 : Encoding::Ansi;
+    }
 
     auto const isUnit = [&](std::size_t nAt, char c)
     { return bytes[nAt] == c && (nUnit == 1 || (nAt + 1 < bytes.size() && bytes[nAt + 1] == 0)); };
@@ -338,11 +398,15 @@ void IniText::Read()
     {
         std::size_t nEnd = nBegin;
         while (nEnd < bytes.size() && !isUnit(nEnd, '\n'))
+        {
             nEnd += nUnit;
+        }
         nEnd = std::min(nEnd, bytes.size());
         std::size_t const nNext = std::min(nEnd + nUnit, bytes.size());
         if (nEnd >= nBegin + nUnit && nEnd < bytes.size() && isUnit(nEnd - nUnit, '\r'))
+        {
             nEnd -= nUnit;
+        }
         m_lines.push_back(ReadLine(nBegin, nEnd, nNext));
         nBegin = nNext;
     }
@@ -354,7 +418,9 @@ IniText::Line IniText::ReadLine(std::size_t nBegin, std::size_t nEnd, std::size_
     std::u16string const strText = Decode(nBegin, nEnd);
     std::u16string_view const text = Trim(strText);
     if (text.empty())
+    {
         line.kind = Kind::Blank;
+    }
     else if (text.front() == u'[')
     {
         std::size_t const nClose = text.find(u']');
@@ -368,7 +434,9 @@ IniText::Line IniText::ReadLine(std::size_t nBegin, std::size_t nEnd, std::size_
     {
         std::u16string_view const name = Trim(text.substr(0, nEqual));
         if (name.empty())
+        {
             return line;
+        }
         line.kind = Kind::Entry;
         line.strName = name;
         // In each encoding the sign is found among the bytes as well, whatever the text around it decodes to.
@@ -377,10 +445,14 @@ IniText::Line IniText::ReadLine(std::size_t nBegin, std::size_t nEnd, std::size_
         std::size_t nAt = nBegin;
         auto const isUnit = [&](char c) { return bytes[nAt] == c && (nUnit == 1 || bytes[nAt + 1] == 0); };
         while (nAt + nUnit <= nEnd && !isUnit('='))
+        {
             nAt += nUnit;
+        }
         nAt = std::min(nAt + nUnit, nEnd);
         while (nAt + nUnit <= nEnd && (isUnit(' ') || isUnit('\t')))
+        {
             nAt += nUnit;
+        }
         line.nValue = nAt;
     }
     return line;
@@ -418,9 +490,13 @@ LONG IniText::Encode(std::u16string_view text, Encoding encoding, std::string & 
 {
     strBytes.clear();
     if (text.empty())
+    {
         return 0;
+    }
     if (encoding == Encoding::Foreign)
+    {
         return ERROR_BAD_FORMAT;
+    }
     if (encoding == Encoding::Utf16)
     {
         strBytes.assign(reinterpret_cast<char const *>(text.data()), 2 * text.size());
@@ -434,7 +510,9 @@ LONG IniText::Encode(std::u16string_view text, Encoding encoding, std::string & 
     int const nUnits = static_cast<int>(text.size());
     int const nBytes = WideCharToMultiByte(nPage, dwFlags, text.data(), nUnits, nullptr, 0, nullptr, pbLost);
     if (nBytes <= 0 || bLost)
+    {
         return ERROR_NO_UNICODE_TRANSLATION;
+    }
     strBytes.resize(static_cast<std::size_t>(nBytes));
     WideCharToMultiByte(nPage, dwFlags, text.data(), nUnits, strBytes.data(), nBytes, nullptr, pbLost);
     return bLost ? ERROR_NO_UNICODE_TRANSLATION : 0;
@@ -447,14 +525,18 @@ IniText::Range IniText::FindSection(std::u16string_view section) const
     for (std::size_t n = 0; n < m_lines.size(); ++n)
     {
         if (m_lines[n].kind != Kind::Section)
+        {
             continue;
+        }
         if (range.nFirst != NONE)
         {
             range.nLast = n;
             return range;
         }
         if (IsSameName(m_lines[n].strName, section))
+        {
             range = {n, m_lines.size()};
+        }
     }
     return range;
 }
@@ -463,9 +545,15 @@ std::size_t IniText::FindKey(Range const & range, std::u16string_view key) const
 {
     key = Trim(key);
     if (range.nFirst != NONE)
+    {
         for (std::size_t n = range.nFirst + 1; n < range.nLast; ++n)
+        {
             if (m_lines[n].kind == Kind::Entry && IsSameName(m_lines[n].strName, key))
+            {
                 return n;
+            }
+        }
+    }
     return NONE;
 }
 
@@ -473,8 +561,12 @@ std::vector<std::u16string> IniText::GetSections() const
 {
     std::vector<std::u16string> names;
     for (Line const & line : m_lines)
+    {
         if (line.kind == Kind::Section)
+        {
             names.push_back(line.strName);
+        }
+    }
     return names;
 }
 
@@ -483,9 +575,15 @@ std::vector<std::u16string> IniText::GetKeys(std::u16string_view section) const
     std::vector<std::u16string> names;
     Range const range = FindSection(section);
     if (range.nFirst != NONE)
+    {
         for (std::size_t n = range.nFirst; n < range.nLast; ++n)
+        {
             if (m_lines[n].kind == Kind::Entry)
+            {
                 names.push_back(m_lines[n].strName);
+            }
+        }
+    }
     return names;
 }
 
@@ -493,7 +591,9 @@ bool IniText::Find(std::u16string_view section, std::u16string_view key, std::u1
 {
     std::size_t const n = FindKey(FindSection(section), key);
     if (n == NONE)
+    {
         return false;
+    }
     std::u16string const strText = Decode(m_lines[n].nValue, m_lines[n].nEnd);
     strValue = Trim(strText);
     return true;
@@ -502,22 +602,30 @@ bool IniText::Find(std::u16string_view section, std::u16string_view key, std::u1
 std::u16string IniText::GetLineEnd() const
 {
     for (Line const & line : m_lines)
+    {
         if (line.nNext > line.nEnd)
+        {
             return Decode(line.nEnd, line.nNext);
+        }
+    }
     return u"\r\n";
 }
 
 LONG IniText::Replace(std::size_t nBegin, std::size_t nEnd, std::u16string_view text)
 {
     if (m_encoding == Encoding::Utf16 && nBegin % 2 != 0)
+    {
         --nBegin; // half a character at the end would put all behind it out of step
+    }
     // The bytes that told the encoding may be the ones that go.
     Encoding encoding = m_encoding;
     for (int nTry = 0; nTry < 2; ++nTry)
     {
         std::string strText;
         if (LONG const nError = Encode(text, encoding, strText); nError != 0)
+        {
             return nError;
+        }
         IniText changed(std::string(m_strBytes).replace(nBegin, nEnd - nBegin, strText));
         if (changed.m_encoding == encoding || text.empty())
         {
@@ -532,13 +640,19 @@ LONG IniText::Replace(std::size_t nBegin, std::size_t nEnd, std::u16string_view 
 LONG IniText::Set(std::u16string_view section, std::u16string_view key, std::u16string_view value)
 {
     if (!IsSectionName(section) || !IsKeyName(key) || HasLineEnd(value))
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     if (m_encoding == Encoding::Foreign)
+    {
         return ERROR_BAD_FORMAT;
+    }
     value = Trim(value);
     Range const range = FindSection(section);
     if (std::size_t const n = FindKey(range, key); n != NONE)
+    {
         return Replace(m_lines[n].nValue, m_lines[n].nEnd, value);
+    }
 
     std::u16string const strEnd = GetLineEnd();
     std::u16string strNew;
@@ -548,13 +662,19 @@ LONG IniText::Set(std::u16string_view section, std::u16string_view key, std::u16
     {
         nLast = range.nLast;
         while (m_lines[nLast - 1].kind == Kind::Blank)
+        {
             --nLast;
+        }
         nAt = m_lines[nLast - 1].nNext;
     }
     if (nLast > 0 && m_lines[nLast - 1].nNext == m_lines[nLast - 1].nEnd)
+    {
         strNew = strEnd;
+    }
     if (range.nFirst == NONE)
+    {
         strNew.append(u"[").append(section).append(u"]").append(strEnd);
+    }
     strNew.append(Trim(key)).append(u"=").append(value).append(strEnd);
     return Replace(nAt, nAt, strNew);
 }
@@ -592,14 +712,18 @@ DWORD GetPrivateProfileStringW(LPCWSTR pszSection, LPCWSTR pszKey, LPCWSTR pszDe
             if (!pszSection || !pszKey)
             {
                 for (std::u16string const & strName : pszSection ? text.GetKeys(pszSection) : text.GetSections())
+                {
                     strFound.append(strName).append(1, u'\0');
+                }
                 SetLastError(static_cast<DWORD>(nReason));
                 nCopied = CopyList(strFound, pszBuffer, nSize);
                 return LONG{0};
             }
             std::u16string_view value;
             if (nReason == 0 && text.Find(pszSection, pszKey, strFound))
+            {
                 value = WithoutQuotes(strFound);
+            }
             else
             {
                 nReason = nReason == 0 ? ERROR_FILE_NOT_FOUND : nReason;
@@ -637,6 +761,8 @@ BOOL WritePrivateProfileStringW(LPCWSTR pszSection, LPCWSTR pszKey, LPCWSTR pszV
                             ? ERROR_INVALID_PARAMETER
                             : Guarded([&] { return ChangeProfile(pszSection, pszKey, pszValue, pszPath); });
     if (nError != 0)
+    {
         SetLastError(static_cast<DWORD>(nError));
+    }
     return nError == 0;
 }

@@ -47,7 +47,9 @@ public:
     explicit FoldedName(Name name) : m_nSize(2 * name.size())
     {
         if (m_nSize > sizeof m_short)
+        {
             m_strLong.resize(m_nSize);
+        }
         char * pByte = m_nSize > sizeof m_short ? m_strLong.data() : m_short;
         for (char16_t const c : name)
         {
@@ -77,10 +79,14 @@ std::string_view AsBytes(Name name) noexcept
 std::optional<std::u16string> ToName(std::string_view bytes, std::size_t nLongest)
 {
     if (bytes.size() % 2 != 0 || bytes.size() / 2 > nLongest)
+    {
         return {};
+    }
     std::u16string strName(bytes.size() / 2, u'\0');
     if (!bytes.empty())
+    {
         std::memcpy(strName.data(), bytes.data(), bytes.size());
+    }
     return strName;
 }
 
@@ -91,7 +97,9 @@ struct NameHash
     {
         std::uint64_t nHash = 0xCBF29CE484222325;
         for (char16_t const c : name)
+        {
             nHash = (nHash ^ Fold(c)) * 0x100000001B3;
+        }
         return nHash ^ nHash >> 32;
     }
 };
@@ -208,14 +216,22 @@ LONG RegistryKey::UseValue(RegistryStore & store, Name name, std::size_t nRoom, 
     {
         std::scoped_lock const lock(m_mutex);
         if (m_cachedVersion == version)
+        {
             if (auto const found = m_cached.find(name); found != m_cached.end())
+            {
                 return found->second.bExists ? use(found->second) : ERROR_FILE_NOT_FOUND;
+            }
+        }
     }
     Value value;
     if (LONG const nError = ReadValue(store, name, std::max(nRoom, MAX_CACHED_DATA), value); nError != 0)
+    {
         return nError;
+    }
     if (version.IsReliable() && value.HasData() && value.nSize <= MAX_CACHED_DATA && name.size() <= MAX_CACHED_DATA)
+    {
         Keep(version, name, value);
+    }
     return value.bExists ? use(value) : ERROR_FILE_NOT_FOUND;
 }
 
@@ -227,7 +243,9 @@ LONG RegistryKey::ReadValue(RegistryStore & store, Name name, std::size_t nRoom,
         {
             StoreQuery query(connection, Sql::FindValue);
             if (!query.Bind(m_id).Bind(folded).Bind(static_cast<std::int64_t>(nRoom)).Next())
+            {
                 return query.GetError() != 0 ? query.GetError() : CheckKey(connection, m_id);
+            }
             value.bExists = true;
             value.dwType = static_cast<DWORD>(query.GetNumber(0));
             value.nSize = static_cast<DWORD>(query.GetNumber(1));
@@ -243,7 +261,9 @@ void RegistryKey::Keep(KeyVersion version, Name name, Value const & value)
     bool const bFull = m_nCachedBytes + nBytes > MAX_CACHED;
     // Of a walk through more than there is room for, a part may as well stay.
     if (m_cachedVersion == version && bFull && ++m_nRefused < REFUSALS * m_cached.size())
+    {
         return;
+    }
     if (m_cachedVersion != version || bFull)
     {
         m_cached.clear();
@@ -252,7 +272,9 @@ void RegistryKey::Keep(KeyVersion version, Name name, Value const & value)
         m_cachedVersion = version;
     }
     if (m_cached.try_emplace(std::u16string(name), value).second)
+    {
         m_nCachedBytes += nBytes;
+    }
 }
 
 template <class ITEM, class F>
@@ -268,18 +290,26 @@ LONG RegistryKey::UseItem(RegistryStore & store, Window<ITEM> RegistryKey::*pWin
         {
             std::size_t const nAt = nIndex - window.nFirst;
             if (nAt < window.items.size())
+            {
                 return use(window.items[nAt]);
+            }
             if (window.bLast)
+            {
                 return ERROR_NO_MORE_ITEMS;
+            }
             if (nAt == window.items.size()) // a walk: it reads more and more at once
+            {
                 nItems = std::min(LAST_WINDOW, 2 * window.items.size());
+            }
         }
     }
     Window<ITEM> window;
     LONG nError = store.Read([&](StoreConnection & connection)
                              { return ReadWindow(connection, nIndex, version.IsReliable() ? nItems : 1, window); });
     if (nError != 0)
+    {
         return nError;
+    }
     nError = window.items.empty() ? ERROR_NO_MORE_ITEMS : use(window.items.front());
     if (version.IsReliable())
     {
@@ -299,13 +329,17 @@ LONG RegistryKey::ReadWindow(StoreConnection & connection, std::size_t nFirst, s
     {
         std::optional<std::u16string> name = ToName(query.GetBytes(0), MAX_KEY_NAME);
         if (!name)
+        {
             return ERROR_BADDB;
+        }
         window.items.push_back(std::move(*name));
     }
     window.nFirst = nFirst;
     window.bLast = window.items.size() < nItems;
     if (query.GetError() != 0)
+    {
         return query.GetError();
+    }
     return window.items.empty() ? CheckKey(connection, m_id) : 0;
 }
 
@@ -319,7 +353,9 @@ LONG RegistryKey::ReadWindow(StoreConnection & connection, std::size_t nFirst, s
     {
         std::optional<std::u16string> name = ToName(query.GetBytes(1), MAX_VALUE_NAME);
         if (!name)
+        {
             return ERROR_BADDB;
+        }
         ListedValue & item = window.items.emplace_back();
         item.nRow = query.GetNumber(0);
         item.strName = std::move(*name);
@@ -328,12 +364,16 @@ LONG RegistryKey::ReadWindow(StoreConnection & connection, std::size_t nFirst, s
         item.value.nSize = static_cast<DWORD>(query.GetNumber(3));
         item.value.strData = query.GetBytes(4);
         if (!item.value.HasData() && !item.value.strData.empty())
+        {
             return ERROR_BADDB;
+        }
     }
     window.nFirst = nFirst;
     window.bLast = window.items.size() < nItems;
     if (query.GetError() != 0)
+    {
         return query.GetError();
+    }
     return window.items.empty() ? CheckKey(connection, m_id) : 0;
 }
 
@@ -353,11 +393,15 @@ LONG RegistryKey::GetCounts(RegistryStore & store, Counts & counts)
         [&](StoreConnection & connection) -> LONG
         {
             if (LONG const nMissing = CheckKey(connection, m_id); nMissing != 0)
+            {
                 return nMissing;
+            }
             StoreQuery keys(connection, Sql::CountKeys);
             StoreQuery values(connection, Sql::CountValues);
             if (!keys.Bind(m_id).Next() || !values.Bind(m_id).Next())
+            {
                 return keys.GetError() != 0 ? keys.GetError() : values.GetError();
+            }
             counts = {static_cast<DWORD>(keys.GetNumber(0)), static_cast<DWORD>(keys.GetNumber(1) / 2),
                       static_cast<DWORD>(values.GetNumber(0)), static_cast<DWORD>(values.GetNumber(1) / 2),
                       static_cast<DWORD>(values.GetNumber(2))};
@@ -390,8 +434,12 @@ struct Roots
         constexpr Place PLACES[NONE] = {
             {KEY_CLASSES, 2}, {KEY_USER, 1}, {KEY_MACHINE, 0}, {KEY_USERS, 0}, {}, {KEY_CONFIG, 0}, {}};
         for (std::size_t i = 0; i < NONE; ++i)
+        {
             if (PLACES[i].id != 0)
+            {
                 keys[i] = Ref<RegistryKey>(new RegistryKey(PLACES[i].id, PLACES[i].nDepth, KEY_ALL_ACCESS));
+            }
+        }
     }
 };
 
@@ -405,7 +453,9 @@ LONG FindKey(HKEY hKey, Ref<RegistryKey> & key)
         return key ? 0 : ERROR_INVALID_HANDLE;
     }
     if (nValue - PREDEFINED >= Roots::NONE)
+    {
         return ERROR_INVALID_HANDLE;
+    }
     static Roots & s_roots = *new Roots; // threads may use them until the process has ended
     key = s_roots.keys[nValue - PREDEFINED];
     return key ? 0 : ERROR_NOT_SUPPORTED;
@@ -421,12 +471,18 @@ LONG WithKey(HKEY hKey, REGSAM needed, F const & body) noexcept
     {
         Ref<RegistryKey> key;
         if (LONG const nError = FindKey(hKey, key); nError != 0)
+        {
             return nError;
+        }
         if (needed != 0 && !key->Allows(needed))
+        {
             return ERROR_ACCESS_DENIED;
+        }
         RegistryStore * pStore = nullptr;
         if (LONG const nError = RegistryStore::Get(pStore); nError != 0)
+        {
             return nError;
+        }
         return body(*pStore, *key);
     }
     catch (std::bad_alloc const &)
@@ -448,16 +504,24 @@ Name ToView(LPCWSTR pszText) noexcept
 LONG SplitPath(Name path, std::vector<Name> & names)
 {
     if (path.starts_with(u'\\'))
+    {
         return ERROR_BAD_PATHNAME;
+    }
     while (!path.empty())
     {
         std::size_t const nEnd = std::min(path.find(u'\\'), path.size());
         if (nEnd > MAX_KEY_NAME)
+        {
             return ERROR_INVALID_PARAMETER;
+        }
         if (nEnd > 0)
+        {
             names.push_back(path.substr(0, nEnd));
+        }
         if (names.size() > MAX_KEY_DEPTH)
+        {
             return ERROR_INVALID_PARAMETER;
+        }
         path.remove_prefix(std::min(nEnd + 1, path.size()));
     }
     return 0;
@@ -473,7 +537,9 @@ LONG Walk(StoreConnection & connection, std::vector<Name> const & names, Place &
         if (!query.Bind(place.id).Bind(folded).Next())
         {
             if (query.GetError() != 0)
+            {
                 return query.GetError();
+            }
             break;
         }
         place = {query.GetNumber(0), place.nDepth + 1};
@@ -496,22 +562,30 @@ LONG MakePlace(RegistryStore & store, std::vector<Name> const & names, Place & p
     LONG const nError =
         store.Read([&](StoreConnection & connection) { return Walk(connection, names, place, nFound); });
     if (nError != 0 || nFound == names.size())
+    {
         return nError;
+    }
     if (start.nDepth + names.size() > MAX_KEY_DEPTH)
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     return store.Write(
         [&](StoreConnection & connection, RegistryStore::Changes & changes) -> LONG
         {
             place = start;
             if (LONG const nFailure = Walk(connection, names, place, nFound); nFailure != 0)
+            {
                 return nFailure;
+            }
             for (; nFound < names.size(); ++nFound)
             {
                 FoldedName const folded(names[nFound]);
                 StoreQuery query(connection, Sql::InsertKey);
                 LONG const nFailure = query.Bind(place.id).Bind(folded).Bind(AsBytes(names[nFound])).Run();
                 if (nFailure != 0)
+                {
                     return nFailure;
+                }
                 changes.Add(place.id);
                 place = {connection.GetLastId(), place.nDepth + 1};
                 bCreated = true;
@@ -534,48 +608,68 @@ LONG DeleteKey(HKEY hKey, LPCWSTR pszSubKey, bool bRecursive) noexcept
                    {
                        std::vector<Name> names;
                        if (LONG const nError = SplitPath(ToView(pszSubKey), names); nError != 0)
+                       {
                            return nError;
+                       }
                        return store.Write(
                            [&](StoreConnection & connection, RegistryStore::Changes & changes) -> LONG
                            {
                                Place parent{key.GetId(), key.GetDepth()};
                                Place place = parent;
                                if (LONG const nError = FindPlace(connection, names, place); nError != 0)
+                               {
                                    return nError;
+                               }
                                std::vector<KeyId> tree;
                                {
                                    StoreQuery query(connection, bRecursive ? Sql::ListTree : Sql::HasSubKeys);
                                    query.Bind(place.id);
                                    while (query.Next())
+                                   {
                                        tree.push_back(query.GetNumber(0));
+                                   }
                                    if (query.GetError() != 0)
+                                   {
                                        return query.GetError();
+                                   }
                                }
                                if (!bRecursive)
                                {
                                    if (!tree.empty())
+                                   {
                                        return ERROR_ACCESS_DENIED;
+                                   }
                                    tree.push_back(place.id);
                                }
                                if (std::ranges::any_of(tree, [](KeyId id) { return id <= KEY_LAST_FIXED; }))
+                               {
                                    return ERROR_ACCESS_DENIED;
+                               }
                                {
                                    StoreQuery query(connection, Sql::FindParent);
                                    if (query.Bind(place.id).Next())
+                                   {
                                        changes.Add(query.GetNumber(0));
+                                   }
                                    if (query.GetError() != 0)
+                                   {
                                        return query.GetError();
+                                   }
                                }
                                for (KeyId const id : tree)
                                {
                                    changes.Add(id);
                                    bool const bKeep = bRecursive && names.empty() && id == place.id;
                                    for (Sql const sql : {Sql::DeleteValues, Sql::DeleteKey})
+                                   {
                                        if (LONG const nError = bKeep && sql == Sql::DeleteKey
                                                                    ? 0
                                                                    : StoreQuery(connection, sql).Bind(id).Run();
                                            nError != 0)
+                                       {
                                            return nError;
+                                       }
+                                   }
                                }
                                return 0;
                            });
@@ -603,9 +697,13 @@ LONG SetValue(RegistryStore & store, KeyId id, Name name, DWORD dwType, std::str
 LONG CheckValue(Name name, void const * pData, DWORD nSize) noexcept
 {
     if (name.size() > MAX_VALUE_NAME)
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     if (!pData && nSize > 0)
+    {
         return ERROR_NOACCESS;
+    }
     return nSize > MAX_VALUE_SIZE ? ERROR_NOT_ENOUGH_MEMORY : 0;
 }
 
@@ -613,14 +711,22 @@ LONG CheckValue(Name name, void const * pData, DWORD nSize) noexcept
 LONG CopyValue(Value const & value, DWORD * pdwType, BYTE * pData, DWORD * pdwSize)
 {
     if (pdwType)
+    {
         *pdwType = value.dwType;
+    }
     if (!pdwSize)
+    {
         return 0;
+    }
     DWORD const nRoom = std::exchange(*pdwSize, value.nSize);
     if (!pData)
+    {
         return 0;
+    }
     if (nRoom < value.nSize)
+    {
         return ERROR_MORE_DATA;
+    }
     std::copy_n(value.strData.data(), value.nSize, reinterpret_cast<char *>(pData));
     return 0;
 }
@@ -628,7 +734,9 @@ LONG CopyValue(Value const & value, DWORD * pdwType, BYTE * pData, DWORD * pdwSi
 bool CopyName(Name name, LPWSTR pszName, DWORD & nName) noexcept
 {
     if (nName <= name.size())
+    {
         return false;
+    }
     *std::ranges::copy(name, pszName).out = u'\0';
     nName = static_cast<DWORD>(name.size());
     return true;
@@ -637,7 +745,9 @@ bool CopyName(Name name, LPWSTR pszName, DWORD & nName) noexcept
 void FinishText(Value & value)
 {
     if (value.dwType != REG_SZ && value.dwType != REG_EXPAND_SZ)
+    {
         return;
+    }
     std::u16string strText(value.strData.size() / 2, u'\0');
     std::memcpy(strText.data(), value.strData.data(), 2 * strText.size());
     if (value.dwType == REG_EXPAND_SZ)
@@ -646,7 +756,9 @@ void FinishText(Value & value)
         value.dwType = REG_SZ;
     }
     if (!strText.ends_with(u'\0'))
+    {
         strText += u'\0';
+    }
     value.strData = AsBytes(strText);
     value.nSize = static_cast<DWORD>(value.strData.size());
 }
@@ -656,16 +768,22 @@ void FinishText(Value & value)
 LONG RegOpenKeyExW(HKEY hKey, LPCWSTR pszSubKey, DWORD dwOptions, REGSAM samDesired, PHKEY phResult) noexcept
 {
     if (!phResult)
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     *phResult = nullptr;
     return WithKey(hKey, 0,
                    [&](RegistryStore & store, RegistryKey & key) -> LONG
                    {
                        std::vector<Name> names;
                        if (dwOptions != 0 || (samDesired & BOTH_VIEWS) == BOTH_VIEWS)
+                       {
                            return ERROR_INVALID_PARAMETER;
+                       }
                        if (LONG const nError = SplitPath(ToView(pszSubKey), names); nError != 0)
+                       {
                            return nError;
+                       }
                        Place place{key.GetId(), key.GetDepth()};
                        LONG const nError = store.Read([&](StoreConnection & connection)
                                                       { return FindPlace(connection, names, place); });
@@ -677,25 +795,37 @@ LONG RegCreateKeyExW(HKEY hKey, LPCWSTR pszSubKey, DWORD dwReserved, LPWSTR pszC
                      REGSAM samDesired, SECURITY_ATTRIBUTES const *, PHKEY phResult, DWORD * pdwDisposition) noexcept
 {
     if (!phResult)
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     *phResult = nullptr;
     return WithKey(hKey, 0,
                    [&](RegistryStore & store, RegistryKey & key) -> LONG
                    {
                        std::vector<Name> names;
                        if (!pszSubKey || dwReserved != 0 || (samDesired & BOTH_VIEWS) == BOTH_VIEWS)
+                       {
                            return ERROR_INVALID_PARAMETER;
+                       }
                        if (dwOptions != REG_OPTION_NON_VOLATILE || (pszClass && *pszClass))
+                       {
                            return ERROR_NOT_SUPPORTED;
+                       }
                        if (LONG const nError = SplitPath(pszSubKey, names); nError != 0)
+                       {
                            return nError;
+                       }
                        Place place{key.GetId(), key.GetDepth()};
                        bool bCreated = false;
                        LONG nError = MakePlace(store, names, place, bCreated);
                        if (nError == 0)
+                       {
                            nError = MakeHandle(place, samDesired, *phResult);
+                       }
                        if (nError == 0 && pdwDisposition)
+                       {
                            *pdwDisposition = bCreated ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
+                       }
                        return nError;
                    });
 }
@@ -704,7 +834,9 @@ LONG RegCloseKey(HKEY hKey) noexcept
 {
     auto const nValue = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(hKey));
     if (nValue >= 0x80000000 && nValue - 0x80000000 < Roots::NONE)
+    {
         return 0;
+    }
     return CloseObject(hKey, &IsOfKind<RegistryKey>) ? 0 : ERROR_INVALID_HANDLE;
 }
 
@@ -722,7 +854,9 @@ LONG RegQueryValueExW(HKEY hKey, LPCWSTR pszName, DWORD * pdwReserved, DWORD * p
                       DWORD * pdwSize) noexcept
 {
     if (pdwReserved || (pData && !pdwSize))
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     return WithKey(hKey, KEY_QUERY_VALUE,
                    [&](RegistryStore & store, RegistryKey & key)
                    {
@@ -736,7 +870,9 @@ LONG SHQueryValueExW(HKEY hKey, LPCWSTR pszName, DWORD * pdwReserved, DWORD * pd
                      DWORD * pdwSize) noexcept
 {
     if (pdwReserved || (pData && !pdwSize))
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     return WithKey(hKey, KEY_QUERY_VALUE,
                    [&](RegistryStore & store, RegistryKey & key)
                    {
@@ -754,7 +890,9 @@ LONG RegSetValueExW(HKEY hKey, LPCWSTR pszName, DWORD dwReserved, DWORD dwType, 
                     DWORD nSize) noexcept
 {
     if (dwReserved != 0)
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     return WithKey(hKey, KEY_SET_VALUE,
                    [&](RegistryStore & store, RegistryKey & key)
                    {
@@ -769,7 +907,9 @@ LONG RegSetValueExW(HKEY hKey, LPCWSTR pszName, DWORD dwReserved, DWORD dwType, 
 LONG kvx::SetRegistryValues(std::span<RegistryValue const> values)
 {
     if (values.empty())
+    {
         return 0;
+    }
     auto const setAll = [&](StoreConnection & connection, RegistryStore::Changes & changes) -> LONG
     {
         Ref<RegistryKey> key;
@@ -779,11 +919,17 @@ LONG kvx::SetRegistryValues(std::span<RegistryValue const> values)
             if (value.key != hOpen)
             {
                 if (LONG const nError = FindKey(value.key, key); nError != 0)
+                {
                     return nError;
+                }
                 if (!key->Allows(KEY_SET_VALUE))
+                {
                     return ERROR_ACCESS_DENIED;
+                }
                 if (LONG const nError = CheckKey(connection, key->GetId()); nError != 0)
+                {
                     return nError;
+                }
                 changes.Add(key->GetId());
                 hOpen = value.key;
             }
@@ -792,7 +938,9 @@ LONG kvx::SetRegistryValues(std::span<RegistryValue const> values)
             LONG nError = CheckValue(name, data.data(), static_cast<DWORD>(data.size()));
             nError = nError != 0 ? nError : PutValue(connection, key->GetId(), name, value.nType, data);
             if (nError != 0)
+            {
                 return nError;
+            }
         }
         return 0;
     };
@@ -813,7 +961,9 @@ LONG kvx::RegistryValueReader::Read(std::vector<RegistryValue> & values)
         {
             std::optional<std::u16string> name = ToName(query.GetBytes(1), MAX_VALUE_NAME);
             if (!name)
+            {
                 return ERROR_BADDB;
+            }
             RegistryValue & value = values.emplace_back();
             m_nNext = query.GetNumber(0);
             value.strName = std::move(*name);
@@ -827,7 +977,9 @@ LONG kvx::RegistryValueReader::Read(std::vector<RegistryValue> & values)
             nBytes += sizeof(value) + 2 * value.strName.size() + value.data.size();
         }
         if (query.GetError() != 0)
+        {
             return query.GetError();
+        }
         return values.empty() ? CheckKey(connection, id) : 0;
     };
     return WithKey(
@@ -844,13 +996,19 @@ LONG SHSetValueW(HKEY hKey, LPCWSTR pszSubKey, LPCWSTR pszName, DWORD dwType, vo
                        std::vector<Name> names;
                        Name const name = ToView(pszName);
                        if (LONG const nError = CheckValue(name, pData, nSize); nError != 0)
+                       {
                            return nError;
+                       }
                        if (LONG const nError = SplitPath(ToView(pszSubKey), names); nError != 0)
+                       {
                            return nError;
+                       }
                        Place place{key.GetId(), key.GetDepth()};
                        bool bCreated = false;
                        if (LONG const nError = MakePlace(store, names, place, bCreated); nError != 0)
+                       {
                            return nError;
+                       }
                        return SetValue(store, place.id, name, dwType, {static_cast<char const *>(pData), nSize});
                    });
 }
@@ -865,7 +1023,9 @@ LONG RegDeleteValueW(HKEY hKey, LPCWSTR pszName) noexcept
                            [&](StoreConnection & connection, RegistryStore::Changes & changes) -> LONG
                            {
                                if (LONG const nError = CheckKey(connection, key.GetId()); nError != 0)
+                               {
                                    return nError;
+                               }
                                changes.Add(key.GetId());
                                StoreQuery query(connection, Sql::DeleteValue);
                                LONG const nError = query.Bind(key.GetId()).Bind(folded).Run();
@@ -878,9 +1038,13 @@ LONG RegEnumKeyExW(HKEY hKey, DWORD nIndex, LPWSTR pszName, DWORD * pnName, DWOR
                    DWORD * pnClass, FILETIME * pLastWrite) noexcept
 {
     if (!pszName || !pnName || pdwReserved || (pszClass && !pnClass))
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     if (pLastWrite)
+    {
         return ERROR_NOT_SUPPORTED;
+    }
     return WithKey(hKey, KEY_ENUMERATE_SUB_KEYS,
                    [&](RegistryStore & store, RegistryKey & key)
                    {
@@ -888,11 +1052,17 @@ LONG RegEnumKeyExW(HKEY hKey, DWORD nIndex, LPWSTR pszName, DWORD * pnName, DWOR
                                           [&](std::u16string const & strName) -> LONG
                                           {
                                               if (!CopyName(strName, pszName, *pnName))
+                                              {
                                                   return ERROR_MORE_DATA;
+                                              }
                                               if (pszClass && *pnClass > 0)
+                                              {
                                                   *pszClass = u'\0';
+                                              }
                                               if (pnClass)
+                                              {
                                                   *pnClass = 0;
+                                              }
                                               return 0;
                                           });
                    });
@@ -902,7 +1072,9 @@ LONG RegEnumValueW(HKEY hKey, DWORD nIndex, LPWSTR pszName, DWORD * pnName, DWOR
                    BYTE * pData, DWORD * pdwSize) noexcept
 {
     if (!pszName || !pnName || pdwReserved || (pData && !pdwSize))
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     return WithKey(hKey, KEY_QUERY_VALUE,
                    [&](RegistryStore & store, RegistryKey & key) -> LONG
                    {
@@ -922,20 +1094,28 @@ LONG RegEnumValueW(HKEY hKey, DWORD nIndex, LPWSTR pszName, DWORD * pnName, DWOR
                                                      return bNamed && bFits ? nCopied : ERROR_MORE_DATA;
                                                  });
                        if (nError != 0 || nRow == 0)
+                       {
                            return nError;
+                       }
                        return store.Read(
                            [&](StoreConnection & connection) -> LONG
                            {
                                StoreQuery query(connection, Sql::ReadValue);
                                if (!query.Bind(nRow).Next())
+                               {
                                    return query.GetError() != 0 ? query.GetError()
                                                                 : ERROR_NO_MORE_ITEMS; // deleted just now
+                               }
                                std::string_view const data = query.GetBytes(1);
                                if (pdwType)
+                               {
                                    *pdwType = static_cast<DWORD>(query.GetNumber(0));
+                               }
                                DWORD const nRoom = std::exchange(*pdwSize, static_cast<DWORD>(data.size()));
                                if (nRoom < data.size())
+                               {
                                    return ERROR_MORE_DATA;
+                               }
                                std::ranges::copy(data, reinterpret_cast<char *>(pData));
                                return 0;
                            });
@@ -947,17 +1127,25 @@ LONG RegQueryInfoKeyW(HKEY hKey, LPWSTR pszClass, DWORD * pnClass, DWORD * pdwRe
                       DWORD * pnMaxValue, DWORD * pnSecurityDescriptor, FILETIME * pLastWrite) noexcept
 {
     if (pdwReserved || (pszClass && !pnClass))
+    {
         return ERROR_INVALID_PARAMETER;
+    }
     if (pnSecurityDescriptor || pLastWrite)
+    {
         return ERROR_NOT_SUPPORTED;
+    }
     return WithKey(hKey, KEY_QUERY_VALUE,
                    [&](RegistryStore & store, RegistryKey & key) -> LONG
                    {
                        Counts counts;
                        if (LONG const nError = key.GetCounts(store, counts); nError != 0)
+                       {
                            return nError;
+                       }
                        if (pszClass && *pnClass > 0)
+                       {
                            *pszClass = u'\0';
+                       }
                        for (auto const & [pTarget, nValue] : {std::pair<DWORD *, DWORD>{pnClass, 0},
                                                               {pnMaxClass, 0},
                                                               {pnSubKeys, counts.nSubKeys},
@@ -965,8 +1153,12 @@ LONG RegQueryInfoKeyW(HKEY hKey, LPWSTR pszClass, DWORD * pnClass, DWORD * pdwRe
                                                               {pnValues, counts.nValues},
                                                               {pnMaxValueName, counts.nLongestName},
                                                               {pnMaxValue, counts.nLongestData}})
+                       {
                            if (pTarget)
+                           {
                                *pTarget = nValue;
+                           }
+                       }
                        return 0;
                    });
 }

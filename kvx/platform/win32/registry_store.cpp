@@ -88,7 +88,9 @@ std::string StorePath()
         return strFolder.empty() ? strFolder : strFolder + "/registry.db";
     }
     if (*pszPath == '/')
+    {
         return pszPath;
+    }
     std::unique_ptr<char, decltype(&std::free)> const pszFolder(::getcwd(nullptr, 0), &std::free);
     if (!pszFolder)
     {
@@ -131,7 +133,9 @@ LONG StoreConnection::Open(std::string const & strUri, int nFlags)
 void StoreConnection::Close() noexcept
 {
     for (sqlite3_stmt *& pStatement : m_statements)
+    {
         ::sqlite3_finalize(std::exchange(pStatement, nullptr));
+    }
     ::sqlite3_close(std::exchange(m_pDatabase, nullptr));
 }
 
@@ -148,7 +152,9 @@ LONG StoreConnection::ReadNumber(char const * pszSql, std::int64_t & nResult)
     {
         nCode = ::sqlite3_step(pStatement);
         if (nCode == SQLITE_ROW)
+        {
             nResult = ::sqlite3_column_int64(pStatement, 0);
+        }
     }
     LONG const nError = nCode == SQLITE_ROW ? 0 : nCode == SQLITE_DONE ? ERROR_BADDB : GetError(nCode);
     ::sqlite3_finalize(pStatement);
@@ -160,12 +166,18 @@ LONG StoreConnection::PrepareAll()
     static_assert(static_cast<std::size_t>(Sql::COUNT) <= STATEMENTS);
     // No files of its own besides the store's, which are opened by now.
     if (LONG const nError = Run("PRAGMA temp_store=MEMORY"); nError != 0)
+    {
         return nError;
+    }
     for (std::size_t i = 0; i < SQL_TEXTS.size(); ++i)
+    {
         if (int const nCode = ::sqlite3_prepare_v3(m_pDatabase, SQL_TEXTS[i], -1, SQLITE_PREPARE_PERSISTENT,
                                                    &m_statements[i], nullptr);
             nCode != SQLITE_OK)
+        {
             return GetError(nCode);
+        }
+    }
     return 0;
 }
 
@@ -253,14 +265,18 @@ StoreQuery & StoreQuery::Bind(std::string_view bytes) noexcept
     if (int const nCode = ::sqlite3_bind_blob64(m_pStatement, ++m_nBound, bytes.empty() ? "" : bytes.data(),
                                                 bytes.size(), SQLITE_STATIC);
         nCode != SQLITE_OK)
+    {
         m_nError = m_connection.GetError(nCode);
+    }
     return *this;
 }
 
 bool StoreQuery::Next() noexcept
 {
     if (m_nError != 0)
+    {
         return false;
+    }
     int const nCode = ::sqlite3_step(m_pStatement);
     m_nError = m_connection.GetError(nCode);
     return nCode == SQLITE_ROW;
@@ -295,15 +311,21 @@ LONG RegistryStore::Get(RegistryStore *& pStore)
 
     pStore = s_pStore.load(std::memory_order_acquire);
     if (pStore)
+    {
         return 0;
+    }
     std::scoped_lock const lock(s_mutex);
     pStore = s_pStore.load(std::memory_order_relaxed);
     if (pStore)
+    {
         return 0;
+    }
     std::unique_ptr<RegistryStore> opened(new RegistryStore);
     LONG const nError = opened->Open();
     if (nError != 0)
+    {
         return nError;
+    }
     pStore = opened.release();
     s_pStore.store(pStore, std::memory_order_release);
     return 0;
@@ -313,17 +335,27 @@ LONG RegistryStore::Open()
 {
     std::string strPath = StorePath();
     if (strPath.empty())
+    {
         return static_cast<LONG>(GetLastError());
+    }
     LONG nError = OpenFiles(strPath);
     bool const bLocked = nError == 0 && m_nReadOnly == 0;
     if (bLocked && !LockFile())
+    {
         return CurrentError();
+    }
     if (nError == 0)
+    {
         nError = OpenDatabase(strPath);
+    }
     if (bLocked)
+    {
         UnlockFile();
+    }
     if (nError != 0 && m_pShared)
+    {
         ::munmap(m_pShared, sizeof(Shared));
+    }
     return nError;
 }
 
@@ -338,19 +370,27 @@ LONG RegistryStore::OpenFiles(std::string & strPath)
         m_nReadOnly = CurrentError();
         file = UniqueFd(::open(strPath.c_str(), O_RDONLY | COMMON));
         if (!file)
+        {
             return m_nReadOnly;
+        }
     }
     struct stat info
     {
     };
     if (!file || ::fstat(file.Get(), &info) != 0)
+    {
         return errno == ENOENT || errno == ENOTDIR ? ERROR_PATH_NOT_FOUND : CurrentError();
+    }
     if (!S_ISREG(info.st_mode))
+    {
         return ERROR_BADDB;
+    }
     // Whatever links lead to it, there is one lock file to one store.
     std::unique_ptr<char, decltype(&std::free)> const pszReal(::realpath(strPath.c_str(), nullptr), &std::free);
     if (!pszReal)
+    {
         return CurrentError();
+    }
     strPath = pszReal.get();
 
     std::string const strLock = strPath + LOCK_SUFFIX;
@@ -363,18 +403,26 @@ LONG RegistryStore::OpenFiles(std::string & strPath)
     if (m_nReadOnly == 0)
     {
         if (!bUsable)
+        {
             return m_lockFile ? ERROR_BADDB : CurrentError();
+        }
         // Only ever made longer: so it may be done by several processes at once.
         if (lockInfo.st_size < static_cast<off_t>(sizeof(Shared)) &&
             ::ftruncate(m_lockFile.Get(), static_cast<off_t>(sizeof(Shared))) != 0)
+        {
             return CurrentError();
+        }
     }
     else if (!bUsable || lockInfo.st_size < static_cast<off_t>(sizeof(Shared)))
+    {
         return 0; // then versions come from the database
+    }
     void * const pMapped = ::mmap(nullptr, sizeof(Shared), m_nReadOnly != 0 ? PROT_READ : PROT_READ | PROT_WRITE,
                                   MAP_SHARED, m_lockFile.Get(), 0);
     if (pMapped == MAP_FAILED)
+    {
         return CurrentError();
+    }
     m_pShared = static_cast<Shared *>(pMapped);
     return 0;
 }
@@ -387,7 +435,9 @@ LONG RegistryStore::OpenDatabase(std::string const & strPath)
     int const nFlags = m_nReadOnly != 0 ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
     LONG nError = m_writer.Open(strPath, nFlags);
     if (nError == 0)
+    {
         nError = Initialise();
+    }
     std::string strReader = strPath;
     int nReaderFlags = nFlags;
     if (nError == ERROR_ACCESS_DENIED && m_nReadOnly != 0)
@@ -397,30 +447,44 @@ LONG RegistryStore::OpenDatabase(std::string const & strPath)
         {
         };
         if (::stat((strPath + "-wal").c_str(), &log) == 0 && log.st_size > 0)
+        {
             return nError;
+        }
         strReader = "file:";
         for (char const c : strPath)
         {
             constexpr char const * HEX = "0123456789ABCDEF";
             auto const n = static_cast<unsigned char>(c);
             if (c == '?' || c == '#' || c == '%')
+            {
                 (strReader += '%').append({HEX[n >> 4], HEX[n & 15]});
+            }
             else
+            {
                 strReader += c;
+            }
         }
         strReader += "?immutable=1";
         nReaderFlags |= SQLITE_OPEN_URI;
         m_writer.Close();
         nError = m_writer.Open(strReader, nReaderFlags);
         if (nError == 0)
+        {
             nError = Initialise();
+        }
     }
     if (nError == 0)
+    {
         nError = m_writer.PrepareAll();
+    }
     if (nError == 0)
+    {
         nError = m_reader.Open(strReader, nReaderFlags);
+    }
     if (nError == 0)
+    {
         nError = m_reader.PrepareAll();
+    }
     return nError;
 }
 
@@ -431,26 +495,42 @@ LONG RegistryStore::Initialise()
     std::int64_t nTables = 0;
     LONG nError = m_writer.ReadNumber("PRAGMA application_id", nApplication);
     if (nError == 0)
+    {
         nError = m_writer.ReadNumber("PRAGMA user_version", nVersion);
+    }
     if (nError == 0)
+    {
         nError = m_writer.ReadNumber("SELECT count(*) FROM sqlite_master", nTables);
+    }
     if (nError != 0)
+    {
         return nError;
+    }
     bool const bNew = nApplication == 0 && nVersion == 0 && nTables == 0;
     if (bNew && m_nReadOnly != 0)
+    {
         return m_nReadOnly;
+    }
     if (!bNew && (nApplication != APPLICATION_ID || nVersion != FORMAT_VERSION))
+    {
         return ERROR_BADDB;
+    }
     if (m_nReadOnly != 0)
+    {
         return 0;
+    }
     // No sooner than now: it would change a file that isn't ours.
     nError = m_writer.Run("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA journal_size_limit=16777216");
     if (nError != 0 || !bNew)
+    {
         return nError;
+    }
 
     nError = m_writer.Run("BEGIN IMMEDIATE");
     if (nError == 0)
+    {
         nError = m_writer.Run(SCHEMA);
+    }
     std::string const strUser = "S-1-22-1-" + std::to_string(::getuid());
     struct
     {
@@ -461,6 +541,7 @@ LONG RegistryStore::Initialise()
                       {KEY_CONFIG, 0, "HKEY_CURRENT_CONFIG"}, {KEY_SOFTWARE, KEY_MACHINE, "SOFTWARE"},
                       {KEY_CLASSES, KEY_SOFTWARE, "Classes"}, {KEY_USER, KEY_USERS, strUser}};
     for (auto const & key : keys)
+    {
         if (nError == 0)
         {
             auto const hex = [](std::string const & strBytes)
@@ -468,7 +549,9 @@ LONG RegistryStore::Initialise()
                 constexpr char const * HEX = "0123456789ABCDEF";
                 std::string strHex = "x'";
                 for (char const c : strBytes)
+                {
                     strHex.append({HEX[static_cast<unsigned char>(c) >> 4], HEX[c & 15]});
+                }
                 return strHex + "'";
             };
             std::string const strSql = "INSERT INTO keys(id, parent, folded, name) VALUES(" + std::to_string(key.id) +
@@ -476,17 +559,24 @@ LONG RegistryStore::Initialise()
                                        hex(Ascii(key.name, false)) + ")";
             nError = m_writer.Run(strSql.c_str());
         }
+    }
     if (nError == 0)
+    {
         nError = m_writer.Run("COMMIT");
+    }
     if (nError != 0)
+    {
         m_writer.Run("ROLLBACK");
+    }
     return nError;
 }
 
 KeyVersion RegistryStore::GetVersion(KeyId key) noexcept
 {
     if (m_pShared)
+    {
         return {m_pShared->counters[static_cast<std::uint32_t>(key) % COUNTERS].load(std::memory_order_acquire)};
+    }
     std::scoped_lock const lock(m_readMutex);
     StoreQuery query(m_reader, Sql::DataVersion);
     return query.Next() ? KeyVersion{static_cast<std::uint64_t>(query.GetNumber(0)) << 1} : KeyVersion();
@@ -512,7 +602,9 @@ bool RegistryStore::LockFile() const noexcept
         return nResult == 0;
     };
     if (!set(F_WRLCK, 0))
+    {
         return false;
+    }
     bool const bLocked = set(F_WRLCK, 1);
     int const nErrno = errno;
     set(F_UNLCK, 0);
@@ -536,31 +628,43 @@ void RegistryStore::MarkChanged(Changes & changes) noexcept
     changes.m_slots.erase(std::unique(changes.m_slots.begin(), changes.m_slots.end()), changes.m_slots.end());
     m_pShared->bWriting.store(1);
     for (std::uint32_t const nSlot : changes.m_slots)
+    {
         m_pShared->counters[nSlot].fetch_add(1);
+    }
 }
 
 void RegistryStore::SettleChanged(Changes const & changes) noexcept
 {
     for (std::uint32_t const nSlot : changes.m_slots)
+    {
         m_pShared->counters[nSlot].fetch_add(1);
+    }
     m_pShared->bWriting.store(0);
 }
 
 void RegistryStore::Repair() noexcept
 {
     for (std::atomic<std::uint32_t> & counter : m_pShared->counters)
+    {
         if ((counter.load() & 1) != 0)
+        {
             counter.fetch_add(1);
+        }
+    }
     m_pShared->bWriting.store(0);
 }
 
 LONG RegistryStore::Transaction::Begin()
 {
     if (!m_store.LockFile())
+    {
         return CurrentError();
+    }
     m_bLocked = true;
     if (m_store.m_pShared->bWriting.load() != 0)
+    {
         m_store.Repair();
+    }
     LONG const nError = StoreQuery(m_store.m_writer, Sql::Begin).Run();
     m_bOpen = nError == 0;
     return nError;
@@ -569,11 +673,15 @@ LONG RegistryStore::Transaction::Begin()
 LONG RegistryStore::Transaction::End(LONG nResult)
 {
     if (nResult != 0)
+    {
         return nResult;
+    }
     m_store.MarkChanged(changes);
     std::optional<LowDescriptorGuard> guard; // of the folder, which is opened at times to be synced
     if (m_store.m_bGuardsCommits)
+    {
         guard.emplace();
+    }
     LONG const nError = StoreQuery(m_store.m_writer, Sql::Commit).Run();
     m_bOpen = nError != 0;
     if (m_bOpen)
@@ -588,9 +696,13 @@ LONG RegistryStore::Transaction::End(LONG nResult)
 RegistryStore::Transaction::~Transaction()
 {
     if (m_bOpen)
+    {
         StoreQuery(m_store.m_writer, Sql::Rollback).Run();
+    }
     if (m_bLocked)
+    {
         m_store.UnlockFile();
+    }
 }
 
 } // namespace kvx::win32

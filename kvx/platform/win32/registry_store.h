@@ -166,7 +166,9 @@ public:
     LONG Write(F const & write)
     {
         if (m_nReadOnly != 0)
+        {
             return m_nReadOnly;
+        }
         std::scoped_lock const lock(m_writeMutex);
         Transaction transaction(*this);
         LONG const nError = transaction.Begin();

@@ -13,8 +13,9 @@ auto Retry(Call call)
 {
     decltype(call()) nResult;
     do
+    {
         nResult = call();
-    while (nResult < 0 && errno == EINTR);
+    } while (nResult < 0 && errno == EINTR);
     return nResult;
 }
 

@@ -54,12 +54,16 @@ std::string MakePath()
             strPath = StartFolder() + '/' + pFolder;
         }
         while (strPath.size() > 1 && strPath.back() == '/')
+        {
             strPath.pop_back();
+        }
         return strPath;
     }
     // A program that runs for another user than the one who started it may still see that one's folder.
     if (char const * const pFolder = std::getenv("XDG_RUNTIME_DIR"); pFolder && *pFolder == '/' && IsOwn(pFolder))
+    {
         return std::string(pFolder) + "/kvx";
+    }
     return "/tmp/kvx-" + std::to_string(::geteuid());
 }
 

@@ -28,7 +28,9 @@ SECURITY_DESCRIPTOR * AsDescriptor(PSECURITY_DESCRIPTOR pDescriptor)
 {
     auto * const pFound = static_cast<SECURITY_DESCRIPTOR *>(pDescriptor);
     if (pFound && pFound->Revision == SECURITY_DESCRIPTOR_REVISION)
+    {
         return pFound;
+    }
     SetLastError(pFound ? ERROR_UNKNOWN_REVISION : ERROR_INVALID_PARAMETER);
     return nullptr;
 }
@@ -68,9 +70,13 @@ bool IsToken(HANDLE hToken)
 BOOL InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR pDescriptor, DWORD dwRevision)
 {
     if (!pDescriptor)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     if (dwRevision != SECURITY_DESCRIPTOR_REVISION)
+    {
         return Refuse(ERROR_UNKNOWN_REVISION);
+    }
     *static_cast<SECURITY_DESCRIPTOR *>(pDescriptor) = {
         SECURITY_DESCRIPTOR_REVISION, 0, 0, nullptr, nullptr, nullptr, nullptr};
     return TRUE;
@@ -80,7 +86,9 @@ BOOL SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR pDescriptor, BOOL bPresent, 
 {
     SECURITY_DESCRIPTOR * const pTarget = AsDescriptor(pDescriptor);
     if (!pTarget)
+    {
         return FALSE;
+    }
     SetBits(pTarget->Control, SE_DACL_PRESENT, bPresent);
     SetBits(pTarget->Control, SE_DACL_DEFAULTED, bPresent && bDefaulted);
     pTarget->Dacl = bPresent ? pDacl : nullptr;
@@ -91,7 +99,9 @@ BOOL SetSecurityDescriptorSacl(PSECURITY_DESCRIPTOR pDescriptor, BOOL bPresent, 
 {
     SECURITY_DESCRIPTOR * const pTarget = AsDescriptor(pDescriptor);
     if (!pTarget)
+    {
         return FALSE;
+    }
     SetBits(pTarget->Control, SE_SACL_PRESENT, bPresent);
     SetBits(pTarget->Control, SE_SACL_DEFAULTED, bPresent && bDefaulted);
     pTarget->Sacl = bPresent ? pSacl : nullptr;
@@ -102,9 +112,13 @@ BOOL GetSecurityDescriptorSacl(PSECURITY_DESCRIPTOR pDescriptor, BOOL * pbPresen
 {
     SECURITY_DESCRIPTOR const * const pSource = AsDescriptor(pDescriptor);
     if (!pSource)
+    {
         return FALSE;
+    }
     if (!pbPresent || !ppSacl || !pbDefaulted)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     *pbPresent = (pSource->Control & SE_SACL_PRESENT) != 0;
     if (*pbPresent)
     {
@@ -118,56 +132,76 @@ BOOL ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCWSTR pszText, DWORD
                                                           PSECURITY_DESCRIPTOR * ppDescriptor, ULONG * pnSize)
 {
     if (!pszText || !ppDescriptor)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     *ppDescriptor = nullptr;
     if (pnSize)
+    {
         *pnSize = 0;
+    }
     return Refuse(dwRevision == SDDL_REVISION_1 ? ERROR_NOT_SUPPORTED : ERROR_UNKNOWN_REVISION);
 }
 
 HLOCAL LocalFree(HLOCAL hMemory)
 {
     if (hMemory)
+    {
         SetLastError(ERROR_INVALID_HANDLE);
+    }
     return hMemory;
 }
 
 BOOL CreateWellKnownSid(WELL_KNOWN_SID_TYPE type, PSID pDomain, PSID pSid, DWORD * pnSize)
 {
     for (WellKnownSid const & sid : WELL_KNOWN_SIDS)
+    {
         if (sid.type == type && !pDomain && pnSize)
         {
             DWORD const nRoom = *pnSize;
             *pnSize = sid.nSize;
             if (!pSid || nRoom < sid.nSize)
+            {
                 return Refuse(ERROR_INSUFFICIENT_BUFFER);
+            }
             std::memcpy(pSid, sid.bytes, sid.nSize);
             return TRUE;
         }
+    }
     return Refuse(ERROR_INVALID_PARAMETER);
 }
 
 BOOL CheckTokenMembership(HANDLE hToken, PSID pSid, BOOL * pbMember)
 {
     if (!pSid || !pbMember)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     if (hToken && !IsToken(hToken))
+    {
         return FALSE;
+    }
     for (WellKnownSid const & sid : WELL_KNOWN_SIDS)
+    {
         if (std::memcmp(pSid, sid.bytes, 2) == 0 && std::memcmp(pSid, sid.bytes, sid.nSize) == 0)
         {
             *pbMember = sid.type == WinWorldSid || geteuid() == 0;
             return TRUE;
         }
+    }
     return Refuse(ERROR_INVALID_SID);
 }
 
 BOOL OpenProcessToken(HANDLE hProcess, DWORD, HANDLE * phToken)
 {
     if (!phToken)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     if (hProcess != GetCurrentProcess())
+    {
         return Refuse(ERROR_NOT_SUPPORTED);
+    }
     *phToken = OpenHandle(Ref<TokenObject>(new TokenObject));
     return *phToken != nullptr;
 }
@@ -175,8 +209,12 @@ BOOL OpenProcessToken(HANDLE hProcess, DWORD, HANDLE * phToken)
 BOOL GetTokenInformation(HANDLE hToken, TOKEN_INFORMATION_CLASS kind, LPVOID, DWORD, DWORD * pnNeeded)
 {
     if (!IsToken(hToken))
+    {
         return FALSE;
+    }
     if (pnNeeded)
+    {
         *pnNeeded = 0;
+    }
     return Refuse(kind == TokenLinkedToken ? ERROR_NO_SUCH_LOGON_SESSION : ERROR_NOT_SUPPORTED);
 }

@@ -115,7 +115,9 @@ std::string UserName()
     passwd * pEntry = nullptr;
     LowDescriptorGuard const guard;
     if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &pEntry) == 0 && pEntry && *pEntry->pw_name)
+    {
         return pEntry->pw_name;
+    }
     return std::to_string(getuid());
 }
 
@@ -127,15 +129,21 @@ std::optional<std::string> ReadUserDir(std::string_view line, std::string_view n
     { text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size())); };
     trimLeft(line);
     if (!line.starts_with(name))
+    {
         return std::nullopt;
+    }
     line.remove_prefix(name.size());
     trimLeft(line);
     if (!line.starts_with('='))
+    {
         return std::nullopt;
+    }
     line.remove_prefix(1);
     trimLeft(line);
     if (!line.starts_with('"'))
+    {
         return std::nullopt;
+    }
     line.remove_prefix(1);
     std::string strPath;
     if (line.starts_with("$HOME") && line.size() > 5 && (line[5] == '/' || line[5] == '"'))
@@ -144,15 +152,21 @@ std::optional<std::string> ReadUserDir(std::string_view line, std::string_view n
         line.remove_prefix(5);
     }
     else if (!line.starts_with('/'))
+    {
         return std::nullopt;
+    }
     for (std::size_t n = 0; n < line.size() && line[n] != '"'; ++n)
     {
         if (line[n] == '\\' && n + 1 < line.size())
+        {
             ++n;
+        }
         strPath += line[n];
     }
     while (strPath.size() > 1 && strPath.ends_with('/'))
+    {
         strPath.pop_back();
+    }
     return strPath;
 }
 
@@ -173,7 +187,9 @@ std::string UserDir(ShellFolder const & row)
     {
         std::size_t const nEnd = std::min(rest.find('\n'), rest.size());
         if (std::optional<std::string> set = ReadUserDir(rest.substr(0, nEnd), row.strUserDir))
+        {
             strFolder = std::move(*set);
+        }
         rest.remove_prefix(std::min(nEnd + 1, rest.size()));
     }
     return strFolder;
@@ -182,9 +198,13 @@ std::string UserDir(ShellFolder const & row)
 std::string JoinHost(std::string strFolder, std::string_view path)
 {
     while (strFolder.size() > 1 && strFolder.ends_with('/'))
+    {
         strFolder.pop_back();
+    }
     if (!path.empty())
+    {
         strFolder.append("/").append(path);
+    }
     return strFolder;
 }
 
@@ -198,7 +218,9 @@ std::string DriveFolder(std::string const & strPath)
         strFolder.append("/").append(rest.substr(0, nEnd));
         struct stat info;
         if (stat(strFolder.c_str(), &info) != 0 && !FindInAnyCase(strFolder))
+        {
             mkdir(strFolder.c_str(), 0777);
+        }
         rest.remove_prefix(std::min(nEnd + 1, rest.size()));
     }
     return strFolder;
@@ -258,15 +280,23 @@ HRESULT SHGetFolderPathW(HWND, int nFolder, HANDLE, DWORD, LPWSTR pszPath)
 {
     constexpr auto TooLong = static_cast<HRESULT>(0x80070000u | static_cast<DWORD>(ERROR_FILENAME_EXCED_RANGE));
     if (!pszPath)
+    {
         return E_INVALIDARG;
+    }
     *pszPath = 0;
     if (!FindRow(nFolder))
+    {
         return E_INVALIDARG;
+    }
     std::u16string const strPath = GetShellFolder(nFolder);
     if (strPath.empty())
+    {
         return E_FAIL;
+    }
     if (strPath.size() >= MAX_PATH)
+    {
         return TooLong;
+    }
     CopyText(strPath, MAX_PATH, pszPath);
     return S_OK;
 }

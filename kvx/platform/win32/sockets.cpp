@@ -70,7 +70,9 @@ Ref<Socket> FindSocket(SOCKET hSocket)
 {
     Ref<Socket> socket = FindObject<Socket>(reinterpret_cast<HANDLE>(hSocket));
     if (!socket) [[unlikely]]
+    {
         SetLastError(WSAENOTSOCK);
+    }
     return socket;
 }
 
@@ -109,7 +111,9 @@ bool IsAddress(winsock::SockAddr const * pAddress, int nLength)
 bool HasRoom(winsock::SockAddr const * pAddress, int const * pnLength)
 {
     if (pAddress && pnLength && *pnLength >= static_cast<int>(sizeof(winsock::SockAddrIn)))
+    {
         return true;
+    }
     SetLastError(WSAEFAULT);
     return false;
 }
@@ -125,11 +129,15 @@ int NameOf(SOCKET hSocket, winsock::SockAddr * pAddress, int * pnLength, int (*p
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket || !HasRoom(pAddress, pnLength))
+    {
         return SOCKET_ERROR;
+    }
     sockaddr_in address{};
     socklen_t nLength = sizeof address;
     if (pCall(socket->Get(), reinterpret_cast<sockaddr *>(&address), &nLength) != 0)
+    {
         return FailFromErrno(*socket);
+    }
     CopyAddress(address, pAddress, pnLength);
     return 0;
 }
@@ -169,13 +177,17 @@ public:
     void Add(in_addr address)
     {
         if (m_nAddresses < MaxAddresses)
+        {
             m_addresses[m_nAddresses++] = address;
+        }
     }
 
     winsock::HostEnt * Finish()
     {
         for (std::size_t i = 0; i < m_nAddresses; ++i)
+        {
             m_list[i] = reinterpret_cast<char *>(&m_addresses[i]);
+        }
         m_list[m_nAddresses] = nullptr;
         m_entry = {m_strName.data(), &m_pNoAlias, AF_INET, sizeof(in_addr), m_list.data()};
         return &m_entry;
@@ -195,7 +207,9 @@ thread_local std::unique_ptr<HostAnswer> t_hostAnswer;
 HostAnswer & GetHostAnswer()
 {
     if (!t_hostAnswer)
+    {
         t_hostAnswer = std::make_unique<HostAnswer>();
+    }
     return *t_hostAnswer;
 }
 
@@ -223,7 +237,9 @@ public:
     {
         constexpr short Events[SetCount] = {POLLIN, POLLOUT, POLLPRI};
         if (!pSockets)
+        {
             return true;
+        }
         if (pSockets->fd_count > std::size(pSockets->fd_array))
         {
             SetLastError(WSAEINVAL);
@@ -233,7 +249,9 @@ public:
         {
             m_sockets[m_nCount] = FindSocket(pSockets->fd_array[i]);
             if (!m_sockets[m_nCount])
+            {
                 return false;
+            }
             m_polled[m_nCount] = {m_sockets[m_nCount]->Get(), Events[set], 0};
             m_sets[m_nCount] = set;
             m_numbers[m_nCount++] = pSockets->fd_array[i];
@@ -265,8 +283,12 @@ public:
     bool IsAnyReady() const
     {
         for (std::size_t n = 0; n < m_nCount; ++n)
+        {
             if (IsReady(n))
+            {
                 return true;
+            }
+        }
         return false;
     }
 
@@ -274,11 +296,13 @@ public:
     bool IgnoreHangUps()
     {
         for (std::size_t n = 0; n < m_nCount; ++n)
+        {
             if (m_polled[n].revents)
             {
                 m_polled[n].fd = -1;
                 m_bIgnoring = true;
             }
+        }
         return m_bIgnoring;
     }
 
@@ -286,16 +310,22 @@ public:
     int Answer(winsock::FdSet * const (&sets)[SetCount]) const
     {
         for (winsock::FdSet * const pSet : sets)
+        {
             if (pSet)
+            {
                 winsock::FdZero(*pSet);
+            }
+        }
         int nReady = 0;
         for (std::size_t n = 0; n < m_nCount; ++n)
+        {
             if (IsReady(n))
             {
                 winsock::FdSet & set = *sets[m_sets[n]];
                 set.fd_array[set.fd_count++] = m_numbers[n];
                 ++nReady;
             }
+        }
         return nReady;
     }
 
@@ -317,11 +347,15 @@ int AwaitConnection(Socket const & socket)
     // ends the wait.
     pollfd polled = {socket.Get(), POLLOUT, 0};
     if (socket.IsClosed() || Retry([&] { return poll(&polled, 1, -1); }) < 0 || socket.IsClosed())
+    {
         return EINTR;
+    }
     int nError = 0;
     socklen_t nLength = sizeof nError;
     if (getsockopt(socket.Get(), SOL_SOCKET, SO_ERROR, &nError, &nLength) != 0)
+    {
         return errno;
+    }
     return nError;
 }
 
@@ -330,7 +364,9 @@ int AwaitConnection(Socket const & socket)
 int WSAStartup(WORD wVersion, LPWSADATA pData)
 {
     if (!pData)
+    {
         return WSAEFAULT;
+    }
     *pData = {};
     pData->wVersion = wVersion;
     pData->wHighVersion = 0x0202;
@@ -376,13 +412,19 @@ int bind(SOCKET hSocket, SockAddr const * pAddress, int nLength)
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket || !IsAddress(pAddress, nLength))
+    {
         return SOCKET_ERROR;
+    }
     int const nOn = 1;
     // On a datagram socket the option would let another program take the address.
     if (socket->IsStream() && setsockopt(socket->Get(), SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof nOn) != 0)
+    {
         return FailFromErrno(*socket);
+    }
     if (::bind(socket->Get(), ToHostAddress(pAddress), sizeof(sockaddr_in)) != 0)
+    {
         return FailFromErrno(*socket);
+    }
     return 0;
 }
 
@@ -390,7 +432,9 @@ int listen(SOCKET hSocket, int nBacklog)
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket)
+    {
         return SOCKET_ERROR;
+    }
     // A full queue makes this system drop the next client's first packet, which that client notices a second later; the
     // original turns clients away at once, and they come again. So small queues are made as long as a burst of clients.
     constexpr int SHORTEST_QUEUE = 128;
@@ -401,7 +445,9 @@ SOCKET accept(SOCKET hSocket, SockAddr * pAddress, int * pnLength)
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket || (pAddress && !HasRoom(pAddress, pnLength)))
+    {
         return INVALID_SOCKET;
+    }
     sockaddr_in address{};
     UniqueFd client;
     do
@@ -417,9 +463,13 @@ SOCKET accept(SOCKET hSocket, SockAddr * pAddress, int * pnLength)
     Ref<Socket> const accepted(new Socket(std::move(client), SOCK_STREAM));
     HANDLE const handle = OpenHandle(accepted);
     if (!handle)
+    {
         return INVALID_SOCKET;
+    }
     if (pAddress)
+    {
         CopyAddress(address, pAddress, pnLength);
+    }
     return reinterpret_cast<SOCKET>(handle);
 }
 
@@ -427,20 +477,30 @@ int connect(SOCKET hSocket, SockAddr const * pAddress, int nLength)
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket || !IsAddress(pAddress, nLength))
+    {
         return SOCKET_ERROR;
+    }
     if (!socket->IsStream())
+    {
         return ::connect(socket->Get(), ToHostAddress(pAddress), sizeof(sockaddr_in)) == 0 ? 0 : FailFromErrno(*socket);
+    }
     // A shutdown just before a blocking connect would be lost on it; so the connection is begun without blocking.
     int const nFlags = fcntl(socket->Get(), F_GETFL);
     if (nFlags < 0 || fcntl(socket->Get(), F_SETFL, nFlags | O_NONBLOCK) != 0)
+    {
         return FailFromErrno(*socket);
+    }
     int nError = ::connect(socket->Get(), ToHostAddress(pAddress), sizeof(sockaddr_in)) == 0 ? 0 : errno;
     // Broken off by a signal it goes on in the background all the same.
     if (nError == EINPROGRESS || nError == EINTR)
+    {
         nError = AwaitConnection(*socket);
+    }
     fcntl(socket->Get(), F_SETFL, nFlags);
     if (nError == 0 && !socket->IsClosed())
+    {
         return 0;
+    }
     return Fail(socket->IsClosed() ? WSAEINTR : WsaErrorFromErrno(nError));
 }
 
@@ -448,9 +508,13 @@ int send(SOCKET hSocket, char const * pBuffer, int nLength, int nFlags)
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket)
+    {
         return SOCKET_ERROR;
+    }
     if (nLength < 0 || (nFlags & ~SendMore) != 0)
+    {
         return Fail(nLength < 0 ? WSAEINVAL : WSAEOPNOTSUPP);
+    }
     int const nHostFlags = MSG_NOSIGNAL | (nFlags & SendMore ? MSG_MORE : 0);
     ssize_t const nSent =
         Retry([&] { return ::send(socket->Get(), pBuffer, static_cast<std::size_t>(nLength), nHostFlags); });
@@ -461,9 +525,13 @@ int recv(SOCKET hSocket, char * pBuffer, int nLength, int nFlags)
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket)
+    {
         return SOCKET_ERROR;
+    }
     if (nLength < 0 || (nFlags & ~(ReceivePeek | ReceiveWaitAll | ReceiveAcknowledge)) != 0)
+    {
         return Fail(nLength < 0 ? WSAEINVAL : WSAEOPNOTSUPP);
+    }
     if (nFlags & ReceiveAcknowledge)
     {
         int const bAtOnce = 1;
@@ -473,10 +541,14 @@ int recv(SOCKET hSocket, char * pBuffer, int nLength, int nFlags)
     ssize_t const nReceived =
         Retry([&] { return ::recv(socket->Get(), pBuffer, static_cast<std::size_t>(nLength), nHostFlags); });
     if (nReceived > 0)
+    {
         return static_cast<int>(nReceived);
+    }
     // A socket that was closed under the call reads as if the peer had closed.
     if (nReceived < 0 || socket->IsClosed())
+    {
         return FailFromErrno(*socket);
+    }
     return 0;
 }
 
@@ -484,9 +556,13 @@ int shutdown(SOCKET hSocket, int nHow)
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket)
+    {
         return SOCKET_ERROR;
+    }
     if (nHow < ShutdownReceive || nHow > ShutdownBoth)
+    {
         return Fail(WSAEINVAL);
+    }
     return ::shutdown(socket->Get(), nHow) == 0 ? 0 : FailFromErrno(*socket);
 }
 
@@ -500,9 +576,13 @@ int select(int, FdSet * pRead, FdSet * pWrite, FdSet * pExcept, TimeVal const * 
     Selection selection;
     if (!selection.Add(Selection::Read, pRead) || !selection.Add(Selection::Write, pWrite) ||
         !selection.Add(Selection::Except, pExcept))
+    {
         return SOCKET_ERROR;
+    }
     if (selection.Count() == 0 || (pTimeout && (pTimeout->tv_sec < 0 || pTimeout->tv_usec < 0)))
+    {
         return Fail(WSAEINVAL);
+    }
     LONGLONG nLeft = pTimeout ? pTimeout->tv_sec * 1000000000LL + pTimeout->tv_usec * 1000LL : -1;
     LONGLONG const nDeadline = nLeft > 0 ? MonotonicNanoseconds() + nLeft : 0;
     // With sockets left out, their closing is looked for now and then.
@@ -512,19 +592,29 @@ int select(int, FdSet * pRead, FdSet * pWrite, FdSet * pExcept, TimeVal const * 
     {
         int const nResult = selection.Poll(bSliced && (nLeft < 0 || nLeft > Slice) ? Slice : nLeft);
         if (nResult < 0 && errno != EINTR)
+        {
             return Fail(WsaErrorFromErrno(errno));
+        }
         if (selection.IsAnyClosed())
+        {
             return Fail(WSAEINTR);
+        }
         if (nResult > 0)
         {
             if (selection.IsAnyReady())
+            {
                 break;
+            }
             bSliced = selection.IgnoreHangUps();
         }
         if (nLeft > 0)
+        {
             nLeft = std::max(0LL, nDeadline - MonotonicNanoseconds());
+        }
         if (nLeft == 0)
+        {
             break;
+        }
     }
     return selection.Answer({pRead, pWrite, pExcept});
 }
@@ -571,12 +661,14 @@ HostEnt * gethostbyname(char const * pszName)
     std::string const strName = found->ai_canonname ? found->ai_canonname : pszName;
     answer.Begin(strName.c_str());
     for (addrinfo const * p = found.get(); p; p = p->ai_next)
+    {
         if (p->ai_family == AF_INET)
         {
             sockaddr_in address;
             std::memcpy(&address, p->ai_addr, sizeof address);
             answer.Add(address.sin_addr);
         }
+    }
     return answer.Finish();
 }
 
@@ -609,7 +701,9 @@ ULONG inet_addr(char const * pszAddress)
 {
     in_addr address;
     if (pszAddress && inet_aton(pszAddress, &address))
+    {
         return address.s_addr;
+    }
     return AddressNone;
 }
 
@@ -626,14 +720,18 @@ char * inet_ntoa(InAddr address)
 void kvx::EndSocketCalls(SOCKET hSocket)
 {
     if (auto const socket = FindSocket(hSocket))
+    {
         socket->OnHandleClosed();
+    }
 }
 
 bool kvx::HasPeerEnded(SOCKET hSocket)
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket)
+    {
         return false;
+    }
     pollfd state{socket->Get(), POLLRDHUP, 0};
     return Retry([&] { return ::poll(&state, 1, 0); }) == 1 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }

@@ -102,8 +102,12 @@ inline void FdZero(FdSet & set)
 inline bool FdHas(SOCKET hSocket, FdSet const & set)
 {
     for (UINT i = 0; i < set.fd_count; ++i)
+    {
         if (set.fd_array[i] == hSocket)
+        {
             return true;
+        }
+    }
     return false;
 }
 
@@ -111,7 +115,9 @@ inline bool FdHas(SOCKET hSocket, FdSet const & set)
 inline void FdAdd(SOCKET hSocket, FdSet & set)
 {
     if (set.fd_count < 64 && !FdHas(hSocket, set))
+    {
         set.fd_array[set.fd_count++] = hSocket;
+    }
 }
 
 /// A blocking socket of AddressFamilyInet, of the type SocketStream or SocketDatagram. Not inherited by

@@ -17,8 +17,12 @@ public:
     void Lock() noexcept
     {
         for (std::uint32_t nTries = 0; m_bLocked.exchange(1, std::memory_order_acquire) != 0;)
+        {
             while (m_bLocked.load(std::memory_order_relaxed) != 0)
+            {
                 SpinPause(nTries++);
+            }
+        }
     }
 
     void Unlock() noexcept { m_bLocked.store(0, std::memory_order_release); }

@@ -26,9 +26,13 @@ void EnterContended(CRITICAL_SECTION & section) noexcept
     {
         DWORD nState = section.State.load(std::memory_order_relaxed);
         if (nState == SECTION_CONTENDED)
+        {
             break; // others sleep already
+        }
         if (nState == SECTION_FREE && section.State.compare_exchange_weak(nState, SECTION_TAKEN))
+        {
             return;
+        }
         SpinPause(0);
     }
     while (section.State.exchange(SECTION_CONTENDED, std::memory_order_acquire) != SECTION_FREE)
@@ -81,7 +85,9 @@ BOOL ChangeEvent(HANDLE hEvent, bool bSignal) noexcept
     UninterruptedScope const scope;
     Ref<KernelObject> const object = FindOneOf<EventKinds>(hEvent);
     if (!object)
+    {
         return FALSE;
+    }
     if (object->GetKind() == Kind::NamedEvent)
     {
         auto & event = static_cast<NamedObject &>(*object);
@@ -92,9 +98,13 @@ BOOL ChangeEvent(HANDLE hEvent, bool bSignal) noexcept
     WakeList wakes;
     FutexGuard const guard(g_waitLock);
     if (bSignal)
+    {
         event.Signal(wakes);
+    }
     else
+    {
         event.Reset();
+    }
     return TRUE;
 }
 
@@ -144,7 +154,9 @@ BOOL TryEnterCriticalSection(CRITICAL_SECTION * pSection) noexcept
     }
     g_termination.EndSection();
     if (pSection->OwningThread.load(std::memory_order_relaxed) != dwThread)
+    {
         return FALSE;
+    }
     ++pSection->RecursionCount;
     return TRUE;
 }
@@ -152,7 +164,9 @@ BOOL TryEnterCriticalSection(CRITICAL_SECTION * pSection) noexcept
 void LeaveCriticalSection(CRITICAL_SECTION * pSection) noexcept
 {
     if (pSection->OwningThread.load(std::memory_order_relaxed) != GetCurrentThreadId())
+    {
         return;
+    }
     if (pSection->RecursionCount > 0)
     {
         --pSection->RecursionCount;
@@ -160,20 +174,26 @@ void LeaveCriticalSection(CRITICAL_SECTION * pSection) noexcept
     }
     pSection->OwningThread.store(0, std::memory_order_relaxed);
     if (pSection->State.exchange(SECTION_FREE, std::memory_order_release) == SECTION_CONTENDED)
+    {
         FutexWake(pSection->State, 1);
+    }
     g_termination.EndSection();
 }
 
 HANDLE CreateEventW(SECURITY_ATTRIBUTES *, BOOL bManualReset, BOOL bInitialState, LPCWSTR pName) noexcept
 {
     if (HasName(pName))
+    {
         return MakeNamed(bManualReset ? WaitType::ManualEvent : WaitType::AutoEvent, pName, bInitialState != FALSE,
                          true);
+    }
     UninterruptedScope const scope;
     HANDLE const hEvent =
         OpenHandle(Ref<KernelObject>(new (std::nothrow) EventObject(bManualReset != FALSE, bInitialState != FALSE)));
     if (hEvent)
+    {
         SetLastError(ERROR_SUCCESS);
+    }
     return hEvent;
 }
 
@@ -195,11 +215,15 @@ BOOL ResetEvent(HANDLE hEvent) noexcept
 HANDLE CreateMutexW(SECURITY_ATTRIBUTES *, BOOL bInitialOwner, LPCWSTR pName) noexcept
 {
     if (HasName(pName))
+    {
         return MakeNamed(WaitType::Mutex, pName, bInitialOwner != FALSE, true);
+    }
     UninterruptedScope const scope;
     ThreadData * const pThread = GetThreadData();
     if (!pThread)
+    {
         return nullptr;
+    }
     Ref<MutexObject> const mutex(new (std::nothrow) MutexObject);
     if (mutex && bInitialOwner)
     {
@@ -208,7 +232,9 @@ HANDLE CreateMutexW(SECURITY_ATTRIBUTES *, BOOL bInitialOwner, LPCWSTR pName) no
     }
     HANDLE const hMutex = OpenHandle(mutex);
     if (hMutex)
+    {
         SetLastError(ERROR_SUCCESS);
+    }
     else if (mutex && bInitialOwner)
     {
         WakeList wakes;
@@ -228,11 +254,15 @@ BOOL ReleaseMutex(HANDLE hMutex) noexcept
     UninterruptedScope const scope;
     Ref<KernelObject> const object = FindOneOf<MutexKinds>(hMutex);
     if (!object)
+    {
         return FALSE;
+    }
     ThreadData * const pThread = g_pThreadData;
     bool bOwned = false;
     if (object->GetKind() == Kind::NamedMutex)
+    {
         bOwned = pThread && static_cast<NamedObject &>(*object).ReleaseOwnership(*pThread);
+    }
     else
     {
         auto & mutex = static_cast<MutexObject &>(*object);
@@ -240,10 +270,14 @@ BOOL ReleaseMutex(HANDLE hMutex) noexcept
         FutexGuard const guard(g_waitLock);
         bOwned = pThread && mutex.GetOwner() == pThread;
         if (bOwned && mutex.LeaveOwnership(false, wakes))
+        {
             mutex.Release(); // never the last one: `object` holds another
+        }
     }
     if (!bOwned)
+    {
         SetLastError(ERROR_NOT_OWNER);
+    }
     return bOwned;
 }
 
@@ -268,12 +302,18 @@ BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProces
     {
         Ref<KernelObject> object = TakeFromProcess(hSourceProcess, hSource);
         if (object)
+        {
             hTarget = OpenHandle(std::move(object));
+        }
         *pTarget = hTarget;
     }
     else
+    {
         SetLastError(ERROR_INVALID_PARAMETER);
+    }
     if ((dwOptions & DUPLICATE_CLOSE_SOURCE) != 0 && hSource != GetCurrentThread() && !CloseObject(hSource))
+    {
         return FALSE;
+    }
     return hTarget != nullptr;
 }

@@ -80,9 +80,15 @@ BOOL GetVersionExW(OSVERSIONINFOW * pInfo) noexcept
     auto out = std::begin(pInfo->szCSDVersion);
     for (std::string_view const part :
          {std::string_view(names.sysname), std::string_view(" "), std::string_view(names.release)})
+    {
         for (char const c : part)
+        {
             if (out < std::end(pInfo->szCSDVersion) - 1)
+            {
                 *out++ = static_cast<WCHAR>(static_cast<BYTE>(c));
+            }
+        }
+    }
     return TRUE;
 }
 
@@ -100,7 +106,9 @@ BOOL IsWow64Process(HANDLE hProcess, BOOL * pbWow64)
     }
     DWORD const dwProcess = GetProcessId(hProcess);
     if (dwProcess == 0)
+    {
         return FALSE;
+    }
     std::string const strPath = "/proc/" + std::to_string(dwProcess) + "/exe";
     kvx::win32::UniqueFd const file(::open(strPath.c_str(), O_RDONLY | O_CLOEXEC));
     std::array<unsigned char, EI_NIDENT> ident{};
@@ -146,7 +154,9 @@ DWORD ProtectionOf(std::array<char, 5> const & access)
     bool const bRead = access[0] == 'r';
     bool const bWrite = access[1] == 'w';
     if (access[2] == 'x')
+    {
         return bWrite ? PAGE_EXECUTE_READWRITE : bRead ? PAGE_EXECUTE_READ : PAGE_EXECUTE;
+    }
     return bWrite ? PAGE_READWRITE : bRead ? PAGE_READONLY : PAGE_NOACCESS;
 }
 
@@ -166,7 +176,9 @@ SIZE_T VirtualQuery(LPCVOID pAddress, MEMORY_BASIC_INFORMATION * pInfo, SIZE_T n
     std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file(maps ? ::fdopen(maps.Get(), "r") : nullptr,
                                                                 &std::fclose);
     if (file)
+    {
         maps.Detach();
+    }
     else
     {
         kvx::win32::SetLastErrorFromErrno();

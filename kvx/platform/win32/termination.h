@@ -54,7 +54,9 @@ public:
         g_termination.nDepth = nDepth;
         std::atomic_signal_fence(std::memory_order_seq_cst);
         if (nDepth == 0 && g_termination.bPending != 0) [[unlikely]]
+        {
             CompleteTermination();
+        }
     }
 
     UninterruptedScope(UninterruptedScope const &) = delete;

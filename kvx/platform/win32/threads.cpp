@@ -61,7 +61,9 @@ public:
     DWORD WaitForId() noexcept
     {
         while (m_id.load(std::memory_order_acquire) == 0)
+        {
             FutexWait(m_id, 0, NEVER);
+        }
         return m_id.load(std::memory_order_acquire);
     }
 
@@ -167,7 +169,9 @@ void BuryCorpses() noexcept
             pThread->Release();
         }
         else
+        {
             PushCorpse(*pThread);
+        }
         pThread = pNext;
     }
 #endif
@@ -198,9 +202,13 @@ void EndThread(void * pValue) noexcept
             pData->Clear();
             g_pThreadData = nullptr;
             if (pThread)
+            {
                 pThread->Release();
+            }
             else
+            {
                 delete pData;
+            }
             return;
         }
     }
@@ -209,7 +217,9 @@ void EndThread(void * pValue) noexcept
     {
         ::sched_yield();
         if (!pThread->IsTerminating())
+        {
             return EndThread(pValue); // they have given up
+        }
     }
     CompleteTermination();
 }
@@ -218,7 +228,9 @@ void OnTerminationSignal(int, siginfo_t * pInfo, void *) noexcept
 {
     ThreadData const * const pData = g_pThreadData;
     if (pInfo->si_code != SI_TKILL || !pData || !pData->pThread || !pData->pThread->IsTerminating())
+    {
         return;
+    }
     int const nError = errno;
     FutexWord & stop = pData->pThread->GetStop();
     std::uint32_t const nStands = g_termination.nDepth != 0      ? ThreadObject::UNINTERRUPTED
@@ -230,12 +242,16 @@ void OnTerminationSignal(int, siginfo_t * pInfo, void *) noexcept
     {
         FutexWake(stop, INT_MAX);
         while (nStands != ThreadObject::UNINTERRUPTED && (nStop = stop.load(std::memory_order_acquire)) == nStands)
+        {
             FutexWait(stop, nStands, NEVER);
+        }
     }
     if (nStop == ThreadObject::END)
     {
         if (g_termination.nDepth == 0)
+        {
             CompleteTermination();
+        }
         g_termination.bPending = 1;
     }
     errno = nError;
@@ -263,7 +279,9 @@ public:
     {
         constexpr std::uint32_t PATIENCE = 50; // milliseconds
         if (!m_bRuns)
+        {
             return true;
+        }
         Ask(LOOK);
         return WaitForAnswer(MakeDeadline(PATIENCE));
     }
@@ -271,7 +289,9 @@ public:
     void Finish() noexcept
     {
         if (m_bRuns)
+        {
             WaitForAnswer(NEVER);
+        }
     }
 
 private:
@@ -293,8 +313,12 @@ private:
     bool WaitForAnswer(Deadline deadline) noexcept
     {
         while (m_word.load(std::memory_order_acquire) == LOOK)
+        {
             if (!FutexWait(m_word, LOOK, deadline))
+            {
                 return m_word.load(std::memory_order_acquire) != LOOK;
+            }
+        }
         return true;
     }
 
@@ -323,7 +347,9 @@ void OnForkedChild() noexcept
     g_dwThreadId = 0;
     // What the thread owns across processes stayed with the parent.
     if (g_pThreadData)
+    {
         g_pThreadData->nNamedOwned = 0;
+    }
 }
 
 /// What the first thread of the process needs: the end of threads noticed, terminations and forks handled.
@@ -332,7 +358,9 @@ bool SetUp() noexcept
     UninterruptedScope const scope;
     FutexGuard const guard(g_setupLock);
     if (g_bSetUp)
+    {
         return true;
+    }
     struct sigaction action
     {
     };
@@ -340,7 +368,9 @@ bool SetUp() noexcept
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     ::sigfillset(&action.sa_mask);
     if (::pthread_key_create(&g_endKey, &EndThread) != 0)
+    {
         return false;
+    }
     ::sigaction(GetTerminationSignal(), &action, nullptr);
     ::pthread_atfork(nullptr, nullptr, &OnForkedChild);
     g_bSetUp = true;
@@ -353,7 +383,9 @@ bool MayChangeNice(int nNice) noexcept
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct sets[2]{};
     if (::syscall(SYS_capget, &header, sets) == 0 && (sets[0].effective & 1u << CAP_SYS_NICE) != 0)
+    {
         return true;
+    }
     rlimit limit{};
     return ::getrlimit(RLIMIT_NICE, &limit) == 0 && limit.rlim_cur >= static_cast<rlim_t>(20 - std::min(nNice, 0));
 }
@@ -375,7 +407,9 @@ ThreadData * MakeForeignThreadData() noexcept
 {
     auto * const pData = new (std::nothrow) ThreadData(nullptr);
     if (pData && ::pthread_setspecific(g_endKey, pData) == 0)
+    {
         return pData;
+    }
     delete pData;
     return nullptr;
 }
@@ -397,13 +431,17 @@ bool ThreadObject::Start(SIZE_T nStackSize) noexcept
         SIZE_T const nPage = static_cast<SIZE_T>(::sysconf(_SC_PAGESIZE));
         SIZE_T const nSize = std::max<SIZE_T>(nStackSize, static_cast<SIZE_T>(PTHREAD_STACK_MIN) + 4 * nPage);
         if (nSize < SIZE_MAX - nPage)
+        {
             ::pthread_attr_setstacksize(&attributes, (nSize + nPage - 1) / nPage * nPage);
+        }
     }
     AddRef();
     int const nError = ::pthread_create(&m_thread, &attributes, &Run, this);
     ::pthread_attr_destroy(&attributes);
     if (nError == 0)
+    {
         return true;
+    }
     Release();
     SetLastError(nError == EAGAIN ? ERROR_NO_PROC_SLOTS : ErrorFromErrno(nError));
     return false;
@@ -422,7 +460,9 @@ void * ThreadObject::Run(void * pThis) noexcept
     FutexWake(thread.m_id, INT_MAX);
     thread.m_returnCode.store(thread.m_pProcedure(thread.m_pParameter), std::memory_order_relaxed);
     if (!bEndKnown)
+    {
         EndThread(&thread.m_data);
+    }
     return nullptr;
 }
 
@@ -430,9 +470,13 @@ ThreadData * MakeThreadData() noexcept
 {
     UninterruptedScope const scope;
     if (SetUp())
+    {
         g_pThreadData = MakeForeignThreadData();
+    }
     if (!g_pThreadData)
+    {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    }
     return g_pThreadData;
 }
 
@@ -447,17 +491,23 @@ void CompleteTermination() noexcept
 #else
     // The C library hands the stack to another thread, which must not find the values of this one under its keys.
     for (pthread_key_t key = 0; key < PTHREAD_KEYS_MAX; ++key)
+    {
         ::pthread_setspecific(key, nullptr);
+    }
 #endif
     PushCorpse(thread);
     for (;;)
+    {
         ::syscall(SYS_exit, 0);
+    }
 }
 
 Ref<KernelObject> GetCurrentThreadObject() noexcept
 {
     if (g_pThreadData && g_pThreadData->pThread)
+    {
         return Ref<KernelObject>(g_pThreadData->pThread);
+    }
     SetLastError(ERROR_NOT_SUPPORTED);
     return {};
 }
@@ -514,7 +564,9 @@ bool StopForGood(ThreadObject & thread, DWORD dwId) noexcept
     bool const bLooks = LOOKS && dwId != GetCurrentThreadId();
     std::optional<HeapProbe> probe;
     if (bLooks)
+    {
         probe.emplace();
+    }
     Deadline const deadline = MakeDeadline(PATIENCE);
     Deadline sectionDeadline = MakeDeadline(SECTION_PATIENCE);
     std::uint32_t nEntries = 0;
@@ -526,19 +578,29 @@ bool StopForGood(ThreadObject & thread, DWORD dwId) noexcept
         if (bInSection || nAnswer == ThreadObject::STANDS)
         {
             if (std::exchange(nEntries, thread.m_nEntries) != thread.m_nEntries)
+            {
                 sectionDeadline = MakeDeadline(SECTION_PATIENCE); // it has been out, and may be again
+            }
             bool const bMayEnd = !bInSection || bLast || GetMonotonicTime() >= sectionDeadline;
             bool const bFree = bMayEnd && probe->IsFree();
             TellStanding(thread, bFree ? ThreadObject::END : ThreadObject::RUN_ON);
             if (bFree)
+            {
                 return true;
+            }
             if (bMayEnd)
+            {
                 probe->Finish();
+            }
             if (bLast)
+            {
                 return false;
+            }
         }
         else if (nAnswer == ThreadObject::STOP || bLast)
+        {
             break;
+        }
         Sleep(1);
     }
     // Whoever doesn't answer is where no lock is held for long, or will be: it ends as soon as it hears of it.
@@ -565,7 +627,9 @@ bool GrowTls(ThreadData & thread, DWORD dwIndex) noexcept
     DWORD const nEntries = std::min(TLS_SLOTS, std::max<DWORD>(8, std::bit_ceil(dwIndex + 1)));
     auto * const pEntries = new (std::nothrow) TlsEntry[nEntries]{};
     if (!pEntries)
+    {
         return false;
+    }
     std::copy_n(thread.pTlsEntries, thread.nTlsEntries, pEntries);
     delete[] std::exchange(thread.pTlsEntries, pEntries);
     thread.nTlsEntries = nEntries;
@@ -591,7 +655,9 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES *, SIZE_T nStackSize, LPTHREAD_START_ROU
     Ref<ThreadObject> const thread(SetUp() ? new (std::nothrow) ThreadObject(pProcedure, pParameter) : nullptr);
     HANDLE const hThread = OpenHandle(thread);
     if (!hThread)
+    {
         return nullptr;
+    }
     if (!thread->Start(nStackSize))
     {
         DWORD const dwError = GetLastError();
@@ -600,7 +666,9 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES *, SIZE_T nStackSize, LPTHREAD_START_ROU
         return nullptr;
     }
     if (pThreadId)
+    {
         *pThreadId = thread->WaitForId();
+    }
     return hThread;
 }
 
@@ -609,7 +677,9 @@ BOOL TerminateThread(HANDLE hThread, DWORD dwExitCode) noexcept
     UninterruptedScope const scope;
     Ref<ThreadObject> thread = FindThread(hThread);
     if (!thread)
+    {
         return FALSE;
+    }
     DWORD const dwId = thread->WaitForId();
     if (!thread->ClaimEnd(ThreadObject::TERMINATING))
     {
@@ -634,7 +704,9 @@ BOOL GetExitCodeThread(HANDLE hThread, DWORD * pExitCode) noexcept
     UninterruptedScope const scope;
     Ref<ThreadObject> const thread = FindThread(hThread);
     if (!thread)
+    {
         return FALSE;
+    }
     if (!pExitCode)
     {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -661,7 +733,9 @@ BOOL SetThreadPriority(HANDLE hThread, int nPriority) noexcept
     Ref<ThreadObject> const thread = bForeignSelf ? Ref<ThreadObject>() : FindThread(hThread);
     ThreadData * const pData = bForeignSelf ? GetThreadData() : thread ? &thread->GetData() : nullptr;
     if (!pData)
+    {
         return FALSE;
+    }
     auto const row = std::ranges::find(PRIORITIES, nPriority, &PriorityRow::nPriority);
     if (row == PRIORITIES.end())
     {
@@ -669,10 +743,14 @@ BOOL SetThreadPriority(HANDLE hThread, int nPriority) noexcept
         return FALSE;
     }
     if (pData->priority.exchange(nPriority, std::memory_order_relaxed) == nPriority || (thread && !thread->IsRunning()))
+    {
         return TRUE;
+    }
     id_t const nId = bForeignSelf ? GetCurrentThreadId() : thread->WaitForId();
     if (MayChangeNice(row->nNice))
+    {
         ::setpriority(PRIO_PROCESS, nId, row->nNice);
+    }
     return TRUE;
 }
 
@@ -680,7 +758,9 @@ int GetThreadPriority(HANDLE hThread) noexcept
 {
     UninterruptedScope const scope;
     if (hThread == GetCurrentThread())
+    {
         return g_pThreadData ? g_pThreadData->priority.load(std::memory_order_relaxed) : THREAD_PRIORITY_NORMAL;
+    }
     Ref<ThreadObject> const thread = FindObject<ThreadObject>(hThread);
     return thread ? thread->GetData().priority.load(std::memory_order_relaxed) : THREAD_PRIORITY_ERROR_RETURN;
 }
@@ -711,7 +791,9 @@ DWORD TlsAlloc() noexcept
         std::uint32_t nGeneration = g_tlsGenerations[dwIndex].load(std::memory_order_relaxed);
         if (!IsAllocated(nGeneration) &&
             g_tlsGenerations[dwIndex].compare_exchange_strong(nGeneration, nGeneration + 1, std::memory_order_acq_rel))
+        {
             return dwIndex;
+        }
     }
     SetLastError(ERROR_NO_SYSTEM_RESOURCES);
     return TLS_OUT_OF_INDEXES;
@@ -724,7 +806,9 @@ BOOL TlsFree(DWORD dwIndex) noexcept
         std::uint32_t nGeneration = g_tlsGenerations[dwIndex].load(std::memory_order_relaxed);
         if (IsAllocated(nGeneration) &&
             g_tlsGenerations[dwIndex].compare_exchange_strong(nGeneration, nGeneration + 1, std::memory_order_acq_rel))
+        {
             return TRUE;
+        }
     }
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
@@ -759,7 +843,9 @@ LPVOID TlsGetValue(DWORD dwIndex) noexcept
     SetLastError(ERROR_SUCCESS);
     ThreadData const * const pThread = g_pThreadData;
     if (!pThread || dwIndex >= pThread->nTlsEntries)
+    {
         return nullptr;
+    }
     TlsEntry const & entry = pThread->pTlsEntries[dwIndex];
     return entry.nGeneration == g_tlsGenerations[dwIndex].load(std::memory_order_relaxed) ? entry.pValue : nullptr;
 }

@@ -73,7 +73,9 @@ std::int64_t GetLocalOffset(std::int64_t nSecond) noexcept
     auto const nQuarter = static_cast<std::uint64_t>(nSecond / S_PER_QUARTER);
     std::uint64_t const nCached = g_localOffset.load(std::memory_order_relaxed);
     if (nCached >> 32 == nQuarter) [[likely]]
+    {
         return static_cast<std::int32_t>(nCached);
+    }
     ::tzset();
     auto const time = static_cast<std::time_t>(nSecond);
     std::tm local{};
@@ -97,7 +99,9 @@ BOOL Shift(FILETIME const * pFrom, FILETIME * pTo, std::int64_t nSeconds) noexce
 {
     std::int64_t nTicks = pFrom && pTo ? ToTicks(*pFrom) : -1;
     if (nTicks < 0 || __builtin_add_overflow(nTicks, nSeconds * TICKS_PER_S, &nTicks) || nTicks < 0)
+    {
         return Fail();
+    }
     *pTo = ToFileTime(nTicks);
     return TRUE;
 }
@@ -147,11 +151,15 @@ BOOL SystemTimeToFileTime(SYSTEMTIME const * pTime, FILETIME * pFileTime) noexce
 {
     if (!pTime || !pFileTime || pTime->wYear < 1601 || pTime->wYear > 30'827 || pTime->wHour > 23 ||
         pTime->wMinute > 59 || pTime->wSecond > 59 || pTime->wMilliseconds > 999)
+    {
         return Fail();
+    }
     std::chrono::year_month_day const date(std::chrono::year(pTime->wYear), std::chrono::month(pTime->wMonth),
                                            std::chrono::day(pTime->wDay));
     if (!date.ok())
+    {
         return Fail();
+    }
     std::int64_t const nDays = std::chrono::sys_days(date).time_since_epoch().count();
     std::int64_t const nSeconds =
         nDays * S_PER_DAY + EPOCH_S + pTime->wHour * 3600 + pTime->wMinute * 60 + pTime->wSecond;
@@ -162,7 +170,9 @@ BOOL SystemTimeToFileTime(SYSTEMTIME const * pTime, FILETIME * pFileTime) noexce
 BOOL FileTimeToSystemTime(FILETIME const * pFileTime, SYSTEMTIME * pTime) noexcept
 {
     if (!pFileTime || !pTime || ToTicks(*pFileTime) < 0)
+    {
         return Fail();
+    }
     *pTime = ToSystemTime(ToTicks(*pFileTime));
     return TRUE;
 }
@@ -171,10 +181,14 @@ BOOL FileTimeToDosDateTime(FILETIME const * pFileTime, LPWORD pDate, LPWORD pTim
 {
     constexpr std::int64_t STEP = 2 * TICKS_PER_S;
     if (!pFileTime || !pDate || !pTime || ToTicks(*pFileTime) < 0 || ToTicks(*pFileTime) > INT64_MAX - STEP)
+    {
         return Fail();
+    }
     SYSTEMTIME const time = ToSystemTime((ToTicks(*pFileTime) + STEP - 1) / STEP * STEP);
     if (time.wYear < 1980 || time.wYear > 2107)
+    {
         return Fail();
+    }
     *pDate = static_cast<WORD>((time.wYear - 1980) << 9 | time.wMonth << 5 | time.wDay);
     *pTime = static_cast<WORD>(time.wHour << 11 | time.wMinute << 5 | time.wSecond / 2);
     return TRUE;

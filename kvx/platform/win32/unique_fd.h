@@ -32,7 +32,9 @@ public:
     void Reset() noexcept
     {
         if (m_nFd < 0)
+        {
             return;
+        }
         int const nErrno = errno;
         ::close(Detach());
         errno = nErrno;

@@ -71,10 +71,14 @@ namespace kvx::win32
 char16_t UpCase(char16_t c) noexcept
 {
     if (c < 0x80)
+    {
         return c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - 0x20) : c;
+    }
     Range const * const pRange = std::ranges::lower_bound(Ranges, c, {}, &Range::nLast);
     if (pRange == std::end(Ranges) || c < pRange->nFirst || (c - pRange->nFirst) % pRange->nStep != 0)
+    {
         return c;
+    }
     return static_cast<char16_t>(c + pRange->nDelta);
 }
 

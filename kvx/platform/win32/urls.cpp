@@ -51,7 +51,9 @@ bool IsDigit(WCHAR c)
 int ValueOf(WCHAR c)
 {
     if (IsDigit(c))
+    {
         return c - '0';
+    }
     WCHAR const nLower = static_cast<WCHAR>(c | 0x20);
     return nLower >= 'a' && nLower <= 'f' ? nLower - 'a' + 10 : -1;
 }
@@ -101,7 +103,9 @@ LONG SplitAuthority(View authority, Parts & parts)
     // The colons within the brackets of an address part nothing.
     std::size_t const nBracket = authority.starts_with(u'[') ? authority.find(u']') : 0;
     if (nBracket == View::npos)
+    {
         return ERROR_INTERNET_INVALID_URL;
+    }
     View port = authority.substr(nBracket);
     parts.host = authority.substr(0, nBracket + TakeUntil(port, u":").size());
     unsigned nPort = 0;
@@ -109,7 +113,9 @@ LONG SplitAuthority(View authority, Parts & parts)
     {
         nPort = nPort * 10 + c - u'0';
         if (!IsDigit(c) || nPort > 0xFFFF)
+        {
             return ERROR_INTERNET_INVALID_URL;
+        }
     }
     parts.nPort = port.size() > 1 ? static_cast<INTERNET_PORT>(nPort) : parts.pScheme->nPort;
     return parts.host.empty() && parts.pScheme->bHost ? ERROR_INTERNET_INVALID_URL : 0;
@@ -124,7 +130,9 @@ LONG Split(View url, Parts & parts)
     // One letter is a drive.
     if (rest.empty() || parts.scheme.size() < 2 || !IsLetter(parts.scheme[0]) ||
         !std::ranges::all_of(parts.scheme, inScheme))
+    {
         return ERROR_INTERNET_UNRECOGNIZED_SCHEME;
+    }
     rest.remove_prefix(1);
     parts.pScheme = &FindScheme(parts.scheme);
     parts.nPort = parts.pScheme->nPort;
@@ -154,7 +162,9 @@ std::u16string Decode(View text)
         }
         bytes.clear();
         for (; i < text.size() && isEscape(i); i += 3)
+        {
             bytes += static_cast<char>(ValueOf(text[i + 1]) << 4 | ValueOf(text[i + 2]));
+        }
         for (std::size_t n = 0; n < bytes.size();)
         {
             DecodedChar const c = DecodeUtf8Char(bytes, n);
@@ -190,7 +200,9 @@ void AppendEscaped(std::u16string & url, View text, View unsafe)
             ++i;
         }
         else if ((c & 0xF800) == 0xD800)
+        {
             c = Replacement;
+        }
         char bytes[4];
         std::size_t const nBytes = EncodeUtf8Char(c, bytes);
         for (std::size_t n = 0; n < nBytes; ++n)
@@ -225,17 +237,25 @@ View ToView(LPCWSTR pszText, DWORD nLength)
 BOOL InternetCrackUrlW(LPCWSTR pszUrl, DWORD nLength, DWORD dwFlags, URL_COMPONENTSW * pParts)
 {
     if (!pszUrl || !pParts || pParts->dwStructSize != sizeof(URL_COMPONENTSW) || (dwFlags & ~FLAGS) != 0)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     View url = ToView(pszUrl, nLength);
     url = url.substr(0, url.find(u'\0'));
     if (url.empty())
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     Parts parts;
     if (LONG const nError = Split(url, parts); nError != 0)
+    {
         return Refuse(nError);
+    }
     bool const bExtra = pParts->lpszExtraInfo || pParts->dwExtraInfoLength > 0;
     if (!bExtra)
+    {
         parts.path = View(parts.path.data(), parts.path.size() + parts.extra.size());
+    }
 
     bool const bDecode = dwFlags != 0;
     Given all[] = {
@@ -247,7 +267,9 @@ BOOL InternetCrackUrlW(LPCWSTR pszUrl, DWORD nLength, DWORD dwFlags, URL_COMPONE
         {pParts->lpszExtraInfo, pParts->dwExtraInfoLength, parts.extra, bDecode},
     };
     if (bDecode && std::ranges::any_of(all, [](Given const & part) { return !part.pTarget && part.nLength > 0; }))
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     bool bFits = true;
     for (Given & part : all)
     {
@@ -259,15 +281,23 @@ BOOL InternetCrackUrlW(LPCWSTR pszUrl, DWORD nLength, DWORD dwFlags, URL_COMPONE
         }
     }
     if (!bFits)
+    {
         return Refuse(ERROR_INSUFFICIENT_BUFFER);
+    }
     for (Given & part : all)
     {
         if (!part.IsWanted())
+        {
             continue;
+        }
         if (part.pTarget)
+        {
             *std::ranges::copy(part.decoded, part.pTarget).out = 0;
+        }
         else
+        {
             part.pTarget = const_cast<LPWSTR>(part.part.data());
+        }
         part.nLength = static_cast<DWORD>(part.decoded.size());
     }
     pParts->nScheme = parts.pScheme->nScheme;
@@ -278,13 +308,17 @@ BOOL InternetCrackUrlW(LPCWSTR pszUrl, DWORD nLength, DWORD dwFlags, URL_COMPONE
 BOOL InternetCreateUrlW(URL_COMPONENTSW * pParts, DWORD dwFlags, LPWSTR pszUrl, DWORD * pnLength)
 {
     if (!pParts || !pnLength || pParts->dwStructSize != sizeof(URL_COMPONENTSW) || (dwFlags & ~FLAGS) != 0)
+    {
         return Refuse(ERROR_INVALID_PARAMETER);
+    }
     View scheme = ToView(pParts->lpszScheme, pParts->dwSchemeLength);
     if (scheme.empty())
     {
         auto const found = std::ranges::find(SCHEMES, pParts->nScheme, &Scheme::nScheme);
         if (found == std::end(SCHEMES))
+        {
             return Refuse(ERROR_INVALID_PARAMETER);
+        }
         scheme = found->name;
     }
     Scheme const & known = FindScheme(scheme);
@@ -293,15 +327,21 @@ BOOL InternetCreateUrlW(URL_COMPONENTSW * pParts, DWORD dwFlags, LPWSTR pszUrl, 
     View const path = ToView(pParts->lpszUrlPath, pParts->dwUrlPathLength);
     View const password = ToView(pParts->lpszPassword, pParts->dwPasswordLength);
     if (user.empty() && !password.empty())
+    {
         return Refuse(ERROR_INVALID_PARAMETER); // it would be lost
+    }
     std::u16string url(scheme);
     url += u':';
     auto const append = [&](View text, View unsafe)
     {
         if (dwFlags & ICU_ESCAPE)
+        {
             AppendEscaped(url, text, unsafe);
+        }
         else
+        {
             url += text;
+        }
     };
     // Two slashes at the begin of a path would be read as a host's.
     if (!host.empty() || known.nScheme == INTERNET_SCHEME_FILE || path.starts_with(u"//"))
@@ -322,10 +362,14 @@ BOOL InternetCreateUrlW(URL_COMPONENTSW * pParts, DWORD dwFlags, LPWSTR pszUrl, 
         {
             url += u':';
             for (char const c : std::to_string(pParts->nPort))
+            {
                 url += static_cast<WCHAR>(c);
+            }
         }
         if (!path.empty() && path[0] != '/')
+        {
             url += u'/';
+        }
     }
     append(path, UNSAFE_PATH);
     append(ToView(pParts->lpszExtraInfo, pParts->dwExtraInfoLength), UNSAFE);

@@ -48,11 +48,15 @@ constexpr std::size_t EncodeUtf8Char(char32_t c, char * pBytes)
         return n;
     }
     if (c < 0x800)
+    {
         pBytes[n++] = static_cast<char>(0xC0 | (c >> 6));
+    }
     else
     {
         if (c < 0x10000)
+        {
             pBytes[n++] = static_cast<char>(0xE0 | (c >> 12));
+        }
         else
         {
             pBytes[n++] = static_cast<char>(0xF0 | (c >> 18));
@@ -81,7 +85,9 @@ constexpr DecodedChar DecodeUtf8Char(std::string_view source, std::size_t n)
     unsigned nHighest = 0xBF;
     char32_t c = 0;
     if (nLead < 0x80)
+    {
         return {nLead, 1, true};
+    }
     if (nLead >= 0xC2 && nLead <= 0xDF)
     {
         nMore = 1;
@@ -92,28 +98,42 @@ constexpr DecodedChar DecodeUtf8Char(std::string_view source, std::size_t n)
         nMore = 2;
         c = nLead & 0x0F;
         if (nLead == 0xE0)
+        {
             nLowest = 0xA0;
+        }
         if (nLead == 0xED)
+        {
             nHighest = 0x9F;
+        }
     }
     else if (nLead >= 0xF0 && nLead <= 0xF4)
     {
         nMore = 3;
         c = nLead & 0x07;
         if (nLead == 0xF0)
+        {
             nLowest = 0x90;
+        }
         if (nLead == 0xF4)
+        {
             nHighest = 0x8F;
+        }
     }
     else
+    {
         return {Replacement, 1, false};
+    }
     for (std::size_t i = 1; i <= nMore; ++i)
     {
         if (n + i >= source.size())
+        {
             return {Replacement, i, false};
+        }
         unsigned const nByte = static_cast<unsigned char>(source[n + i]);
         if (nByte < nLowest || nByte > nHighest)
+        {
             return {Replacement, i, false};
+        }
         nLowest = 0x80;
         nHighest = 0xBF;
         c = (c << 6) | (nByte & 0x3F);

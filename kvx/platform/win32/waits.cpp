@@ -30,18 +30,26 @@ void Complete(Waiter & waiter, DWORD dwResult, WakeList & wakes) noexcept
     DequeueAll(waiter);
     waiter.dwResult = dwResult;
     if (waiter.word.exchange(Waiter::DONE, std::memory_order_acq_rel) == Waiter::ASLEEP)
+    {
         wakes.Add(waiter.word);
+    }
 }
 
 /// Takes all objects of a wait for all if every one is available.
 bool TryTakeAll(std::span<WaitNode> nodes, ThreadData & thread, DWORD & dwResult) noexcept
 {
     if (!std::ranges::all_of(nodes, [&](WaitNode const & node) { return GetLocal(node).IsAvailable(thread); }))
+    {
         return false;
+    }
     dwResult = WAIT_OBJECT_0;
     for (WaitNode & node : nodes)
+    {
         if (GetLocal(node).Take(thread))
+        {
             dwResult = WAIT_ABANDONED_0;
+        }
+    }
     return true;
 }
 
@@ -50,7 +58,9 @@ bool TryTakeAll(std::span<WaitNode> nodes, ThreadData & thread, DWORD & dwResult
 void ThreadData::Clear() noexcept
 {
     while (nNamedOwned > 0)
+    {
         pNamedOwned[--nNamedOwned].pObject->Release();
+    }
     delete[] pNamedOwned;
     pNamedOwned = nullptr;
     nNamedCapacity = 0;
@@ -58,9 +68,13 @@ void ThreadData::Clear() noexcept
     pTlsEntries = nullptr;
     nTlsEntries = 0;
     while (waiter.nNodes > 0)
+    {
         waiter.pNodes[--waiter.nNodes].pObject->Release();
+    }
     if (waiter.pNodes != waiter.inlineNodes)
+    {
         delete[] waiter.pNodes;
+    }
     waiter.pNodes = waiter.inlineNodes;
     waiter.nCapacity = Waiter::INLINE_NODES;
 }
@@ -74,7 +88,9 @@ bool Waitable::IsAvailable(ThreadData const & thread) const noexcept
 bool Waitable::Take(ThreadData & thread) noexcept
 {
     if (GetRule() == WaitRule::Stays)
+    {
         return false;
+    }
     m_bSignalled = false;
     return GetRule() == WaitRule::Owned && static_cast<MutexObject *>(this)->TakeOwnership(thread);
 }
@@ -82,9 +98,13 @@ bool Waitable::Take(ThreadData & thread) noexcept
 void Waitable::GiveBack(bool bAbandoned, WakeList & wakes) noexcept
 {
     if (GetRule() == WaitRule::Consumed)
+    {
         Signal(wakes);
+    }
     else if (GetRule() == WaitRule::Owned && static_cast<MutexObject *>(this)->LeaveOwnership(bAbandoned, wakes))
+    {
         Release();
+    }
 }
 
 void Waitable::Signal(WakeList & wakes) noexcept
@@ -96,17 +116,23 @@ void Waitable::Signal(WakeList & wakes) noexcept
         Waiter & waiter = thread.waiter;
         // An object that stands in one wait twice has its nodes side by side, and completing takes them all away.
         for (pNext = pNode->pNext; pNext && pNext->pThread == &thread;)
+        {
             pNext = pNext->pNext;
+        }
         if (waiter.mode == Waiter::Mode::Watch)
         {
             if (waiter.word.exchange(Waiter::POKED, std::memory_order_acq_rel) == Waiter::ASLEEP)
+            {
                 wakes.Add(waiter.word);
+            }
         }
         else if (waiter.mode == Waiter::Mode::All)
         {
             DWORD dwResult = 0;
             if (TryTakeAll({waiter.pNodes, waiter.nNodes}, thread, dwResult))
+            {
                 Complete(waiter, dwResult, wakes);
+            }
         }
         else
         {
@@ -145,7 +171,9 @@ bool MutexObject::TakeOwnership(ThreadData & thread) noexcept
     m_pPreviousOwned = nullptr;
     m_pNextOwned = thread.pOwnedMutexes;
     if (m_pNextOwned)
+    {
         m_pNextOwned->m_pPreviousOwned = this;
+    }
     thread.pOwnedMutexes = this;
     return std::exchange(m_bAbandoned, false);
 }
@@ -153,10 +181,14 @@ bool MutexObject::TakeOwnership(ThreadData & thread) noexcept
 bool MutexObject::LeaveOwnership(bool bAbandoned, WakeList & wakes) noexcept
 {
     if (--m_nRecursion > 0)
+    {
         return false;
+    }
     (m_pPreviousOwned ? m_pPreviousOwned->m_pNextOwned : m_pOwner->pOwnedMutexes) = m_pNextOwned;
     if (m_pNextOwned)
+    {
         m_pNextOwned->m_pPreviousOwned = m_pPreviousOwned;
+    }
     m_pOwner = nullptr;
     m_bAbandoned = bAbandoned;
     Signal(wakes);
@@ -166,8 +198,12 @@ bool MutexObject::LeaveOwnership(bool bAbandoned, WakeList & wakes) noexcept
 void DequeueAll(Waiter & waiter) noexcept
 {
     for (WaitNode & node : std::span(waiter.pNodes, waiter.nNodes))
+    {
         if (node.bQueued)
+        {
             GetLocal(node).Dequeue(node);
+        }
+    }
 }
 
 void AbandonAll(ThreadData & thread, WakeList & wakes) noexcept
@@ -196,19 +232,25 @@ void ReleaseAbandoned() noexcept
             FutexGuard const guard(g_waitLock);
             pMutex = g_pLateMutexes;
             if (!pMutex)
+            {
                 return;
+            }
             g_pLateMutexes = pMutex->m_pNextLate;
             nReleases = std::exchange(pMutex->m_nLateReleases, 0);
         }
         while (nReleases-- > 0)
+        {
             pMutex->Release();
+        }
     }
 }
 
 bool ReserveNodes(Waiter & waiter, DWORD nNodes) noexcept
 {
     if (nNodes <= waiter.nCapacity)
+    {
         return true;
+    }
     WaitNode * const pNodes = new (std::nothrow) WaitNode[nNodes];
     if (!pNodes)
     {
@@ -216,7 +258,9 @@ bool ReserveNodes(Waiter & waiter, DWORD nNodes) noexcept
         return false;
     }
     if (waiter.pNodes != waiter.inlineNodes)
+    {
         delete[] waiter.pNodes;
+    }
     waiter.pNodes = pNodes;
     waiter.nCapacity = nNodes;
     return true;
@@ -226,14 +270,20 @@ bool SleepOn(Waiter & waiter, Deadline deadline) noexcept
 {
     std::uint32_t nWord = Waiter::PENDING;
     if (!waiter.word.compare_exchange_strong(nWord, Waiter::ASLEEP, std::memory_order_acq_rel))
+    {
         return true;
+    }
     for (;;)
     {
         bool const bInTime = FutexWait(waiter.word, Waiter::ASLEEP, deadline);
         if (waiter.word.load(std::memory_order_acquire) != Waiter::ASLEEP)
+        {
             return true;
+        }
         if (!bInTime)
+        {
             return false;
+        }
     }
 }
 
@@ -253,7 +303,9 @@ bool ResolveHandles(std::span<HANDLE const> handles, std::span<KernelObject *> o
         if (!objects[nIndex])
         {
             while (nIndex > 0)
+            {
                 objects[--nIndex]->Release();
+            }
             return false;
         }
     }
@@ -263,8 +315,12 @@ bool ResolveHandles(std::span<HANDLE const> handles, std::span<KernelObject *> o
 bool HasDuplicate(std::span<KernelObject * const> objects) noexcept
 {
     for (std::size_t nIndex = 1; nIndex < objects.size(); ++nIndex)
+    {
         if (std::ranges::find(objects.first(nIndex), objects[nIndex]) != objects.begin() + nIndex)
+        {
             return true;
+        }
+    }
     return false;
 }
 
@@ -276,19 +332,27 @@ DWORD TryLocalWait(ThreadData & thread, std::span<KernelObject * const> objects,
     if (!bAll)
     {
         for (std::size_t nIndex = 0; nIndex < objects.size(); ++nIndex)
+        {
             if (getLocal(nIndex).IsAvailable(thread))
+            {
                 return (getLocal(nIndex).Take(thread) ? WAIT_ABANDONED_0 : WAIT_OBJECT_0) + static_cast<DWORD>(nIndex);
+            }
+        }
     }
     else if (std::ranges::all_of(objects, [&](KernelObject * pObject)
                                  { return static_cast<Waitable *>(pObject)->IsAvailable(thread); }))
     {
         bool bAbandoned = false;
         for (std::size_t nIndex = 0; nIndex < objects.size(); ++nIndex)
+        {
             bAbandoned |= getLocal(nIndex).Take(thread);
+        }
         return bAbandoned ? WAIT_ABANDONED_0 : WAIT_OBJECT_0;
     }
     if (!bQueue)
+    {
         return WAIT_TIMEOUT;
+    }
     Waiter & waiter = thread.waiter;
     waiter.mode = bAll ? Waiter::Mode::All : Waiter::Mode::Any;
     waiter.nNodes = static_cast<DWORD>(objects.size());
@@ -308,7 +372,9 @@ DWORD FinishLocalWait(ThreadData & thread) noexcept
     Waiter & waiter = thread.waiter;
     DWORD dwResult = 0;
     if (waiter.word.load(std::memory_order_acquire) == Waiter::DONE)
+    {
         dwResult = waiter.dwResult;
+    }
     else
     {
         FutexGuard const guard(g_waitLock);
@@ -316,7 +382,9 @@ DWORD FinishLocalWait(ThreadData & thread) noexcept
         DequeueAll(waiter);
     }
     while (waiter.nNodes > 0)
+    {
         waiter.pNodes[--waiter.nNodes].pObject->Release();
+    }
     return dwResult;
 }
 
@@ -330,7 +398,9 @@ DWORD Wait(std::span<HANDLE const> handles, bool bAll, DWORD dwMilliseconds) noe
         std::span<KernelObject *> const objects(buffer, handles.size());
         if (!pThread || !ReserveNodes(pThread->waiter, dwMilliseconds == 0 ? 0 : static_cast<DWORD>(handles.size())) ||
             !ResolveHandles(handles, objects))
+        {
             return WAIT_FAILED;
+        }
         std::optional<DWORD> result;
         if (bAll && HasDuplicate(objects))
         {
@@ -341,24 +411,32 @@ DWORD Wait(std::span<HANDLE const> handles, bool bAll, DWORD dwMilliseconds) noe
         {
             DWORD const dwResult = TryLocalWait(*pThread, objects, bAll, dwMilliseconds != 0);
             if (dwResult != WAIT_TIMEOUT || dwMilliseconds == 0)
+            {
                 result = dwResult;
+            }
         }
         else if (ReserveNodes(pThread->waiter, static_cast<DWORD>(objects.size())))
         {
             BeginNamedWait(*pThread, objects);
         }
         else
+        {
             result = WAIT_FAILED;
+        }
         if (result)
         {
             for (KernelObject * const pObject : objects)
+            {
                 pObject->Release();
+            }
             return *result;
         }
     }
     Deadline const deadline = MakeDeadline(dwMilliseconds);
     if (IsNamedWait(*pThread))
+    {
         return RunNamedWait(*pThread, bAll, deadline);
+    }
     SleepOn(pThread->waiter, deadline);
     return FinishLocalWait(*pThread);
 }

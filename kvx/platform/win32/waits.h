@@ -53,16 +53,24 @@ constexpr WaitTypeRow const & GetRow(WaitType type) noexcept
 constexpr bool IsNamedKind(Kind kind) noexcept
 {
     for (WaitTypeRow const & row : WAIT_TYPES)
+    {
         if (row.namedKind == kind)
+        {
             return true;
+        }
+    }
     return false;
 }
 
 constexpr bool IsWaitableKind(Kind kind) noexcept
 {
     for (WaitTypeRow const & row : WAIT_TYPES)
+    {
         if (row.kind == kind || row.namedKind == kind)
+        {
             return true;
+        }
+    }
     return false;
 }
 
@@ -173,14 +181,18 @@ public:
     void Add(FutexWord & word) noexcept
     {
         if (m_nWords == m_words.size())
+        {
             Flush();
+        }
         m_words[m_nWords++] = &word;
     }
 
     void Flush() noexcept
     {
         while (m_nWords > 0)
+        {
             FutexWake(*m_words[--m_nWords], 1);
+        }
     }
 
 private:

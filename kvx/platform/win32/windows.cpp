@@ -97,7 +97,9 @@ thread_local QueueOwner g_queue;
 std::shared_ptr<MessageQueue> const & GetOwnQueue()
 {
     if (!g_queue.queue)
+    {
         g_queue.queue = std::make_shared<MessageQueue>();
+    }
     return g_queue.queue;
 }
 
@@ -155,7 +157,9 @@ Ref<Window> FindWindowObject(HWND hWnd)
 {
     Ref<Window> window = FindObject<Window>(reinterpret_cast<HANDLE>(hWnd));
     if (!window)
+    {
         SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+    }
     return window;
 }
 
@@ -172,7 +176,9 @@ LRESULT CallProcedure(Window const & window, HWND hWnd, UINT nMessage, WPARAM wP
 QueueOwner::~QueueOwner()
 {
     if (!queue)
+    {
         return;
+    }
     std::deque<std::shared_ptr<SentMessage>> sent;
     std::vector<HWND> windows;
     WithQueues(
@@ -183,9 +189,13 @@ QueueOwner::~QueueOwner()
             windows.swap(queue->windows);
         });
     for (HWND const hWnd : windows)
+    {
         CloseObject(reinterpret_cast<HANDLE>(hWnd), &IsOfKind<Window>);
+    }
     for (std::shared_ptr<SentMessage> const & each : sent)
+    {
         Answer(*each, 0, true);
+    }
 }
 
 /// Handles what other threads have sent to this one.
@@ -204,7 +214,9 @@ void HandleSent(MessageQueue & queue)
                 }
             });
         if (!sent)
+        {
             return;
+        }
         MSG const & message = sent->message;
         Ref<Window> const window = FindWindowObject(message.hwnd);
         LRESULT const result =
@@ -223,14 +235,20 @@ std::optional<MSG> TakePosted(MessageQueue & queue, bool bRemove)
             {
                 MSG const message = queue.posted.front();
                 if (bRemove)
+                {
                     queue.posted.pop_front();
+                }
                 return message;
             }
             if (!queue.quit)
+            {
                 return std::nullopt;
+            }
             MSG const message = {nullptr, WM_QUIT, static_cast<WPARAM>(*queue.quit), 0, GetTickCount(), {}};
             if (bRemove)
+            {
                 queue.quit.reset();
+            }
             return message;
         });
 }
@@ -238,7 +256,9 @@ std::optional<MSG> TakePosted(MessageQueue & queue, bool bRemove)
 bool IsUnfiltered(MSG * pMessage, HWND hWnd, UINT nFirst, UINT nLast)
 {
     if (pMessage && !hWnd && nFirst == 0 && nLast == 0)
+    {
         return true;
+    }
     SetLastError(pMessage ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
     return false;
 }
@@ -255,7 +275,9 @@ HWND CreateWindowExW(DWORD, LPCWSTR pszClass, LPCWSTR pszName, DWORD, int, int, 
     }
     HWND const hWnd = reinterpret_cast<HWND>(OpenHandle(Ref<Window>(new Window(TextOf(pszName)))));
     if (hWnd)
+    {
         WithQueues([hWnd] { g_queue.queue->windows.push_back(hWnd); });
+    }
     return hWnd;
 }
 
@@ -263,7 +285,9 @@ BOOL DestroyWindow(HWND hWnd)
 {
     Ref<Window> const window = FindWindowObject(hWnd);
     if (!window)
+    {
         return FALSE;
+    }
     if (!window->IsOwnThread())
     {
         SetLastError(ERROR_ACCESS_DENIED);
@@ -284,7 +308,9 @@ BOOL SetWindowTextW(HWND hWnd, LPCWSTR pszText)
 {
     Ref<Window> const window = FindWindowObject(hWnd);
     if (!window)
+    {
         return FALSE;
+    }
     window->SetText(TextOf(pszText));
     return TRUE;
 }
@@ -293,7 +319,9 @@ int GetWindowTextW(HWND hWnd, LPWSTR pszBuffer, int nChars)
 {
     Ref<Window> const window = FindWindowObject(hWnd);
     if (!window)
+    {
         return 0;
+    }
     if (!pszBuffer || nChars <= 0)
     {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -312,7 +340,9 @@ LONG_PTR SetWindowLongPtrW(HWND hWnd, int nIndex, LONG_PTR value)
 {
     Ref<Window> const window = FindWindowObject(hWnd);
     if (!window)
+    {
         return 0;
+    }
     SetLastError(ERROR_SUCCESS);
     switch (nIndex)
     {
@@ -330,7 +360,9 @@ LONG_PTR GetWindowLongPtrW(HWND hWnd, int nIndex)
 {
     Ref<Window> const window = FindWindowObject(hWnd);
     if (!window)
+    {
         return 0;
+    }
     SetLastError(nIndex == GWLP_WNDPROC || nIndex == GWLP_USERDATA ? ERROR_SUCCESS : ERROR_INVALID_INDEX);
     return nIndex == GWLP_WNDPROC    ? reinterpret_cast<LONG_PTR>(window->m_pProcedure.load())
            : nIndex == GWLP_USERDATA ? window->m_userData.load()
@@ -369,7 +401,9 @@ UINT RegisterWindowMessageW(LPCWSTR pszText)
                 return 0;
             }
             if (it == texts.end())
+            {
                 texts.emplace_back(pszText);
+            }
             return static_cast<UINT>(FIRST + nIndex);
         });
 }
@@ -378,9 +412,13 @@ LRESULT SendMessageW(HWND hWnd, UINT nMessage, WPARAM wParam, LPARAM lParam)
 {
     Ref<Window> window = FindWindowObject(hWnd);
     if (!window)
+    {
         return 0;
+    }
     if (window->IsOwnThread())
+    {
         return CallProcedure(*window, hWnd, nMessage, wParam, lParam);
+    }
 
     std::shared_ptr<MessageQueue> const receiver = window->GetQueue();
     window = nullptr;
@@ -391,23 +429,33 @@ LRESULT SendMessageW(HWND hWnd, UINT nMessage, WPARAM wParam, LPARAM lParam)
         [&]
         {
             if (!receiver->bClosed)
+            {
                 receiver->sent.push_back(sent);
+            }
             return !receiver->bClosed;
         });
     if (bSent)
+    {
         SetEvent(receiver->hArrival);
+    }
     else
+    {
         Answer(*sent, 0, true);
+    }
     while (!WithQueues([&] { return sent->bDone; }))
     {
         HandleSent(*own);
         if (WaitForSingleObject(own->hArrival, LOOK_INTERVAL) == WAIT_TIMEOUT && !IsAlive(*receiver))
+        {
             Answer(*sent, 0, true);
+        }
     }
     // The event may have stood for more than this answer.
     SetEvent(own->hArrival);
     if (sent->bFailed)
+    {
         SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+    }
     return sent->result;
 }
 
@@ -415,16 +463,24 @@ BOOL PostMessageW(HWND hWnd, UINT nMessage, WPARAM wParam, LPARAM lParam)
 {
     std::shared_ptr<MessageQueue> receiver;
     if (!hWnd)
+    {
         receiver = GetOwnQueue();
+    }
     else if (Ref<Window> const window = FindWindowObject(hWnd))
+    {
         receiver = window->GetQueue();
+    }
     else
+    {
         return FALSE;
+    }
     bool const bPosted = WithQueues(
         [&]
         {
             if (receiver->posted.size() >= MAX_POSTED)
+            {
                 return false;
+            }
             receiver->posted.push_back({hWnd, nMessage, wParam, lParam, GetTickCount(), {}});
             return true;
         });
@@ -446,7 +502,9 @@ void PostQuitMessage(int nExitCode)
 BOOL GetMessageW(MSG * pMessage, HWND hWnd, UINT nFirst, UINT nLast)
 {
     if (!IsUnfiltered(pMessage, hWnd, nFirst, nLast))
+    {
         return -1;
+    }
     MessageQueue & own = *GetOwnQueue();
     for (;;)
     {
@@ -463,12 +521,16 @@ BOOL GetMessageW(MSG * pMessage, HWND hWnd, UINT nFirst, UINT nLast)
 BOOL PeekMessageW(MSG * pMessage, HWND hWnd, UINT nFirst, UINT nLast, UINT nRemove)
 {
     if (!IsUnfiltered(pMessage, hWnd, nFirst, nLast))
+    {
         return FALSE;
+    }
     MessageQueue & own = *GetOwnQueue();
     HandleSent(own);
     std::optional<MSG> const message = TakePosted(own, nRemove & PM_REMOVE);
     if (message)
+    {
         *pMessage = *message;
+    }
     return message.has_value();
 }
 
@@ -476,6 +538,8 @@ LRESULT DispatchMessageW(MSG const * pMessage)
 {
     Ref<Window> const window = pMessage && pMessage->hwnd ? FindWindowObject(pMessage->hwnd) : nullptr;
     if (!window || !window->IsOwnThread())
+    {
         return 0;
+    }
     return CallProcedure(*window, pMessage->hwnd, pMessage->message, pMessage->wParam, pMessage->lParam);
 }

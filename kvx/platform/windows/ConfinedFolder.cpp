@@ -70,7 +70,9 @@ public:
     {
         Close();
         if (!m_temporary.empty())
+        {
             DeleteFileW(m_temporary.c_str());
+        }
     }
 
     bool Write(std::span<std::uint8_t const> data) override
@@ -82,12 +84,16 @@ public:
     bool Finish(FILETIME const * written, bool isReadOnly, bool) override
     {
         if (written && !SetFileTime(m_hFile, written, nullptr, written))
+        {
             return false;
+        }
         Close();
         // Else the one that is there could not be replaced.
         SetFileAttributesW(m_path.c_str(), FILE_ATTRIBUTE_NORMAL);
         if (!MoveFileExW(m_temporary.c_str(), m_path.c_str(), MOVEFILE_REPLACE_EXISTING))
+        {
             return false;
+        }
         m_temporary.clear();
         return !isReadOnly || SetFileAttributesW(m_path.c_str(), FILE_ATTRIBUTE_READONLY);
     }
@@ -101,7 +107,9 @@ private:
     void Close()
     {
         if (m_hFile != INVALID_HANDLE_VALUE)
+        {
             CloseHandle(m_hFile);
+        }
         m_hFile = INVALID_HANDLE_VALUE;
     }
 };
@@ -113,9 +121,13 @@ public:
     Folder(HeldFolder folder, std::wstring given) : m_folder(std::move(folder)), m_path(m_folder.GetPath())
     {
         if (m_path.empty())
+        {
             m_path = std::move(given);
+        }
         if (m_path.ends_with(L'\\')) // a root
+        {
             m_path.pop_back();
+        }
     }
 
     std::unique_ptr<ConfinedFile> Create(std::vector<std::string> const & names) override
@@ -165,7 +177,9 @@ public:
             hFile = CreateNew(temporary);
         } while (hFile == INVALID_HANDLE_VALUE && GetLastError() == ERROR_FILE_EXISTS);
         if (hFile == INVALID_HANDLE_VALUE)
+        {
             return nullptr;
+        }
         // An empty folder can become a link while it is held; with this file in it, no longer.
         bool const bInside = IsInside(HeldFolder::GetPath(hFile), held);
         auto file = std::make_unique<File>(std::move(temporary), std::move(path), hFile, std::move(held));
@@ -201,17 +215,23 @@ std::unique_ptr<ConfinedFolder> ConfinedFolder::Open(std::string const & path)
 {
     std::wstring full = windows::GetFullPath(ToWide(path));
     if (full.empty())
+    {
         return nullptr;
+    }
     full = windows::AddLongPrefix(full);
     for (std::size_t nEnd = full.find(L'\\', 4);; nEnd = full.find(L'\\', nEnd + 1))
     {
         CreateDirectoryW(full.substr(0, nEnd).c_str(), nullptr);
         if (nEnd == full.npos)
+        {
             break;
+        }
     }
     DWORD const nAttributes = GetFileAttributesW(full.c_str());
     if (nAttributes == INVALID_FILE_ATTRIBUTES)
+    {
         return nullptr;
+    }
     if (!(nAttributes & FILE_ATTRIBUTE_DIRECTORY))
     {
         SetLastError(ERROR_DIRECTORY);

@@ -36,12 +36,16 @@ DWORD CountThreads()
 {
     HANDLE const snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
     if (snapshot == INVALID_HANDLE_VALUE)
+    {
         return std::numeric_limits<DWORD>::max();
+    }
     DWORD count = 0;
     THREADENTRY32 entry{};
     entry.dwSize = sizeof(entry);
     for (BOOL bMore = Thread32First(snapshot, &entry); bMore; bMore = Thread32Next(snapshot, &entry))
+    {
         count += entry.th32OwnerProcessID == GetCurrentProcessId();
+    }
     CloseHandle(snapshot);
     return count;
 }

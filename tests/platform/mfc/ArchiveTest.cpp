@@ -50,7 +50,9 @@ public:
         {
             ar << m_strName << m_pOther << static_cast<WORD>(m_children.size());
             for (auto const & pChild : m_children)
+            {
                 ar << pChild.get();
+            }
             return;
         }
         m_nSchema = ar.GetObjectSchema();
@@ -85,7 +87,9 @@ Bytes StoredGraph()
     CNode root;
     root.m_strName = _T("root");
     for (auto const * psz : {_T("left"), _T("right")})
+    {
         root.m_children.emplace_back(std::make_unique<CNode>())->m_strName = psz;
+    }
     root.m_children[0]->m_pOther = &root;
     root.m_children[1]->m_pOther = root.m_children[0].get();
     return Store([&](CArchive & ar) { ar << &root; });
@@ -158,7 +162,9 @@ TEST(Archive, SmallBuffersSplitNothing)
 {
     Bytes big(1000);
     for (std::size_t i = 0; i < big.size(); ++i)
+    {
         big[i] = static_cast<BYTE>(i * 7);
+    }
     auto const write = [&](CArchive & ar)
     {
         for (UINT n = 0; n < 300; ++n)
@@ -238,7 +244,9 @@ TEST(Archive, HostileTagsAreRefused)
     {
         Bytes bytes{0xFF, 0xFF, nSchema, 0, static_cast<BYTE>(name.size()), 0};
         for (auto const c : name)
+        {
             bytes.push_back(static_cast<BYTE>(c));
+        }
         return bytes;
     };
     for (auto const & [bytes, nCause] : {
@@ -272,7 +280,9 @@ TEST(Archive, DepthIsBounded)
 {
     Bytes bytes{0xFF, 0xFF, 0, 0, 7, 0, 'C', 'O', 'b', 'L', 'i', 's', 't', 1, 0};
     for (int i = 0; i < 200000; ++i)
+    {
         bytes.insert(bytes.end(), {0x01, 0x80, 1, 0}); // a list that holds a list that holds ...
+    }
     EXPECT_EQ(CauseOfReading<CObList>(bytes), CArchiveException::genericException);
 }
 
@@ -290,7 +300,9 @@ TEST(Archive, FalseLengthsCostNothing)
     CMapStringToString map;
     CList<int, int> list;
     for (CObject * pCollection : std::initializer_list<CObject *>{&texts, &words, &map, &list})
+    {
         EXPECT_NE(CauseOf([&] { Load(huge, [&](CArchive & ar) { pCollection->Serialize(ar); }); }), 0);
+    }
     EXPECT_LE(words.GetSize(), 2048);
 }
 
@@ -306,13 +318,17 @@ TEST(Archive, CollectionsComeBack)
         void operator()(CArchive & ar)
         {
             for (CObject * pCollection : std::initializer_list<CObject *>{&objects, &texts, &map, &numbers})
+            {
                 pCollection->Serialize(ar);
+            }
         }
     } all, read;
     CNode node;
     node.m_strName = _T("node");
     for (CObject * const pObject : {&node, static_cast<CNode *>(nullptr), &node})
+    {
         all.objects.AddTail(pObject);
+    }
     all.texts.Add(_T("a"));
     all.texts.Add(_T(""));
     for (int i = 20; i > 0; --i)

@@ -21,7 +21,9 @@ auto Walk(LIST const & list, bool bForward)
 {
     std::vector<std::remove_cvref_t<decltype(list.GetHead())>> result;
     for (auto pos = bForward ? list.GetHeadPosition() : list.GetTailPosition(); pos;)
+    {
         result.push_back(bForward ? list.GetNext(pos) : list.GetPrev(pos));
+    }
     return result;
 }
 
@@ -74,7 +76,9 @@ TEST(List, FindStartsBehindThePositionAndIndexesReachFromBothEnds)
 {
     CStringList list;
     for (auto const * psz : {_T("a"), _T("b"), _T("a"), _T("c")})
+    {
         list.AddTail(psz);
+    }
     auto const first = list.Find(_T("a"));
     auto const second = list.Find(CString(_T("a")), first);
     EXPECT_EQ(first, list.GetHeadPosition());
@@ -135,7 +139,9 @@ TEST(Array, GrowsInsertsAndRemoves)
 {
     CArray<Counted> array;
     for (int i = 0; i < 5; ++i)
+    {
         array.Add(i);
+    }
     array.InsertAt(1, Counted(9), 2);
     array.SetAtGrow(8, Counted(8));
     array.RemoveAt(0, 2);
@@ -163,7 +169,9 @@ TEST(Array, AnElementOfItsOwnMayBeAdded)
         array.InsertAt(0, array[array.GetUpperBound()], 1);
     }
     for (INT_PTR i = 0; i < array.GetSize(); ++i)
+    {
         ASSERT_EQ(array[i], _T("a text that is long enough"));
+    }
 }
 
 TEST(Array, MisuseIsRefusedAndChangesNothing)

@@ -138,7 +138,9 @@ TEST_F(FileTest, AClosedFileRaises)
              std::initializer_list<std::function<void()>>{[&] { file.Read(&byte, 1); }, [&] { file.Write(&byte, 1); },
                                                           [&] { file.SeekToEnd(); }, [&] { file.GetLength(); },
                                                           [&] { file.SetLength(1); }, [&] { file.Flush(); }})
+        {
             EXPECT_EQ(CauseOf(action), CFileException::invalidFile);
+        }
         EXPECT_EQ(CauseOf([&] { file.Close(); }), 0);
         CFileException error;
         EXPECT_FALSE(file.Open(_T(""), CFile::modeRead, &error));
@@ -230,7 +232,9 @@ TEST(Time, FieldsAndFormats)
     EXPECT_TRUE(Raises<CInvalidArgException>([&] { time.Format(_T("%Q")); }));
     for (auto const & n :
          {std::array{1899, 1, 1, 0}, {2000, 13, 1, 0}, {2000, 1, 0, 0}, {2000, 1, 1, 24}, {1950, 1, 1, 0}})
+    {
         EXPECT_TRUE(Raises<CInvalidArgException>([&] { CTime(n[0], n[1], n[2], n[3], 0, 0); })) << n[0];
+    }
     EXPECT_TRUE(Raises<CInvalidArgException>([] { CTime(FILETIME{0, 0}); }));
     EXPECT_EQ(CTime(-1).GetYear(), 0);
     EXPECT_EQ(CTime(FILETIME{0xD53E8000, 0x019DB1DE}).GetTime(), 0);

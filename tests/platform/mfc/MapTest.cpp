@@ -22,7 +22,9 @@ std::vector<std::pair<int, int>> Entries(IntMap const & map)
 {
     std::vector<std::pair<int, int>> result;
     for (auto * pPair = map.PGetFirstAssoc(); pPair; pPair = map.PGetNextAssoc(pPair))
+    {
         result.emplace_back(pPair->key, pPair->value);
+    }
     return result;
 }
 
@@ -56,22 +58,32 @@ TEST(Map, BehavesAsAModelThroughGrowthAndRemoval)
             }
             map.SetAt(key, i);
             if (found == model.end())
+            {
                 model[key] = {nOrder++, i};
+            }
             else
+            {
                 found->second.second = i;
+            }
         }
         ASSERT_EQ(map.GetCount(), static_cast<INT_PTR>(model.size()));
         std::map<int, std::pair<int, int>> inOrder;
         for (auto const & [key, entry] : model)
+        {
             inOrder[entry.first] = {key, entry.second};
+        }
         auto walked = Entries(map);
         ASSERT_EQ(walked.size(), inOrder.size());
         std::size_t i = 0;
         for (auto const & [order, entry] : inOrder)
+        {
             ASSERT_EQ(walked[i++], entry);
+        }
 
         for (auto & [key, value] : walked)
+        {
             ASSERT_TRUE(map.RemoveKey(key));
+        }
         EXPECT_TRUE(map.IsEmpty());
         EXPECT_EQ(map.GetStartPosition(), nullptr);
         map[walked[0].first] = 5;
@@ -79,7 +91,9 @@ TEST(Map, BehavesAsAModelThroughGrowthAndRemoval)
         for (int const nMore : {3, nKeys})
         {
             for (int i = 0; i < nMore; ++i)
+            {
                 map[i] = i;
+            }
             map.RemoveAll();
             EXPECT_FALSE(map.PLookup(walked[0].first));
             EXPECT_TRUE(map.IsEmpty());
@@ -91,7 +105,9 @@ TEST(Map, AWalkSurvivesTheRemovalOfOtherEntries)
 {
     IntMap map;
     for (int i = 0; i < 50; ++i)
+    {
         map[i] = i;
+    }
     std::vector<int> seen;
     for (auto pos = map.GetStartPosition(); pos;)
     {
@@ -107,7 +123,9 @@ TEST(Map, AWalkSurvivesTheRemovalOfOtherEntries)
         if (key == 5)
         {
             for (int n = 100; n < 200; ++n) // the table moves meanwhile
+            {
                 map[n] = n;
+            }
         }
     }
     ASSERT_EQ(seen.size(), 50u - 5u + 100u - 10u);

@@ -246,7 +246,9 @@ TEST(Text, Tokens)
     CString all;
     int position = 0;
     for (CString token = text.Tokenize(_T("; "), position); position >= 0; token = text.Tokenize(_T("; "), position))
+    {
         all += token + _T("|");
+    }
     EXPECT_EQ(all, _T("a|b|c|"));
     EXPECT_TRUE(Raises<CInvalidArgException>([&] { (void)text.Tokenize(_T(";"), position); }));
     position = 99;

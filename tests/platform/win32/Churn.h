@@ -27,7 +27,9 @@ private:
             HANDLE hRead = nullptr;
             HANDLE hWrite = nullptr;
             if (!CreatePipe(&hRead, &hWrite, nullptr, 0))
+            {
                 continue;
+            }
             char c = 'k';
             DWORD nDone = 0;
             DWORD nLeft = 0;
@@ -35,7 +37,9 @@ private:
                                 ReadFile(hRead, &c, 1, &nDone, nullptr) && nDone == 1 && c == 'k' &&
                                 PeekNamedPipe(hRead, nullptr, 0, nullptr, &nLeft, nullptr) && nLeft == 0;
             if (!bWhole)
+            {
                 ++m_nDisturbed;
+            }
             CloseHandle(hRead);
             CloseHandle(hWrite);
         }

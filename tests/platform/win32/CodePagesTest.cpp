@@ -139,7 +139,9 @@ TEST(CodePages, SingleBytePagesGoThereAndBack)
 {
     std::string strAll;
     for (int n = 0; n < 256; ++n)
+    {
         strAll += static_cast<char>(n);
+    }
     for (UINT const nPage : {1252u, 28591u, 437u, 1251u})
     {
         SCOPED_TRACE(nPage);
@@ -177,7 +179,9 @@ TEST(CodePages, OtherPagesGoThroughTheHost)
     strLong[300] = 0xD800;
     std::string strExpected;
     for (WCHAR const c : strLong)
+    {
         strExpected += c == 0xD800 ? "?" : "\x93\xFA";
+    }
     EXPECT_EQ(Encode(932, strLong), strExpected);
     // 1258 keeps a letter back until it knows whether an accent follows.
     EXPECT_EQ(Decode(1258, "a"), _T("a"));

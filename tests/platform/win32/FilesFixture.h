@@ -41,10 +41,13 @@ protected:
         WIN32_FIND_DATAW data;
         HANDLE const hFind = FindFirstFileW(Path(strPattern).c_str(), &data);
         if (hFind == INVALID_HANDLE_VALUE)
+        {
             return found;
+        }
         do
+        {
             found.push_back(data);
-        while (FindNextFileW(hFind, &data));
+        } while (FindNextFileW(hFind, &data));
         DWORD const dwError = GetLastError();
         EXPECT_TRUE(FindClose(hFind) && (host::IsWindows() || !FindClose(hFind)));
         SetLastError(dwError);

@@ -32,7 +32,9 @@ TEST_F(Files, DispositionsGiveTheOriginalsCodes)
 
     std::filesystem::create_directory(Host("d"));
     for (DWORD const dwDisposition : {CREATE_ALWAYS, OPEN_EXISTING, OPEN_ALWAYS})
+    {
         EXPECT_EQ(OpenError(_T("d"), GENERIC_READ, dwDisposition), ERROR_ACCESS_DENIED);
+    }
     EXPECT_EQ(OpenError(_T("d"), GENERIC_READ, CREATE_NEW), ERROR_FILE_EXISTS);
     EXPECT_EQ(OpenError(_T("d"), ReadWrite, OPEN_EXISTING, ShareAll, FILE_FLAG_BACKUP_SEMANTICS), 0u);
 }
@@ -160,14 +162,20 @@ TEST_F(Files, FindPatternsFollowTheOriginal)
 {
     KVX_NOT_UNDER_WINE("its patterns are simpler; QuestionMarksAreOneCharacter", "2026-11-22");
     for (char const * const pszName : {"a", "ab", "ab.txt", "AB.TXT2", "a.b.txt", "noext", "\xC3\x84.txt"})
+    {
         Put(pszName);
+    }
     auto const find = [&](Wide const & strPattern)
     {
         std::set<std::string> names;
         for (WIN32_FIND_DATAW const & data : Find(strPattern))
+        {
             names.insert(ToNarrow(data.cFileName));
+        }
         if (names.empty())
+        {
             names.insert("error " + std::to_string(GetLastError()));
+        }
         names.erase(".");
         names.erase("..");
         return names;
@@ -190,7 +198,9 @@ TEST_F(Files, FindPatternsFollowTheOriginal)
     EXPECT_EQ(find(_T("a\\*")), (Names{"error 267"}));
     Wide strHostile;
     for (int n = 0; n < 5000; ++n)
+    {
         strHostile += _T("*a");
+    }
     EXPECT_EQ(find(strHostile + _T("*b")), (Names{"error 2"})); // would take forever by backtracking
     // A drive's root has no "." entries.
     WIN32_FIND_DATAW data;

@@ -100,7 +100,9 @@ TEST_F(FolderIndex, RandomChangesLeaveNoOtherNames)
         std::string const strKey = "name " + std::to_string(random() % (i < 20000 ? 3000 : 30));
         std::string strName = strKey;
         for (char & c : strName)
+        {
             c = random() % 2 ? static_cast<char>(std::toupper(c)) : c;
+        }
         auto const it = names.find(strKey);
         if (it == names.end())
         {
@@ -131,7 +133,9 @@ TEST_F(FolderIndex, MoreChangesThanTheKernelKeeps)
     {
         ASSERT_EQ(link(Host("file").c_str(), Host("Link " + std::to_string(i)).c_str()), 0);
         if (i % 2)
+        {
             unlink(Host("Link " + std::to_string(i)).c_str());
+        }
     }
     EXPECT_EQ(Look("LINK 11998") + Look("LINK 11999"), "Link 11998");
 }
@@ -139,6 +143,7 @@ TEST_F(FolderIndex, MoreChangesThanTheKernelKeeps)
 TEST_F(FolderIndex, MoreFoldersThanAreRemembered)
 {
     for (int nRound = 0; nRound < 2; ++nRound)
+    {
         for (int i = 0; i < 300; ++i)
         {
             std::string const strFolder = std::to_string(i);
@@ -147,6 +152,7 @@ TEST_F(FolderIndex, MoreFoldersThanAreRemembered)
             Put(strFolder + "/a");
             EXPECT_EQ(Look("A", strFolder), "a");
         }
+    }
 }
 
 TEST_F(FolderIndex, AForkedProcessStartsAnew)
@@ -171,10 +177,13 @@ TEST_F(FolderIndex, AForkedProcessStartsAnew)
 TEST_F(FolderIndex, ThreadsSeeTheirOwnChangesAmongThoseOfOthers)
 {
     for (int i = 0; i < 500; ++i)
+    {
         Put("there " + std::to_string(i));
+    }
     std::atomic<int> nWrong{0};
     std::vector<std::thread> threads;
     for (int nThread = 0; nThread < 3; ++nThread)
+    {
         threads.emplace_back(
             [&, nThread]
             {
@@ -196,8 +205,11 @@ TEST_F(FolderIndex, ThreadsSeeTheirOwnChangesAmongThoseOfOthers)
                     nWrong += GetFileAttributesW(Path(strName).c_str()) != INVALID_FILE_ATTRIBUTES;
                 }
             });
+    }
     for (std::thread & thread : threads)
+    {
         thread.join();
+    }
     EXPECT_EQ(nWrong, 0);
 }
 

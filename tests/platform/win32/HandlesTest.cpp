@@ -94,7 +94,9 @@ TEST(Handles, TensOfThousandsAreUniqueAndReuseNeverMeetsAnOldValue)
     }
     EXPECT_EQ(GetOpenHandleCount(), nBefore + 30'000);
     for (HANDLE const hProbe : handles)
+    {
         ASSERT_TRUE(CloseHandle(hProbe));
+    }
     EXPECT_EQ(GetOpenHandleCount(), nBefore);
     EXPECT_EQ(g_nAlive, 0);
     seen.clear();
@@ -120,16 +122,22 @@ TEST(Handles, OfManyClosersOneSucceedsAndLookupsSeeWholeObjects)
                             {
                                 if (Ref<Probe> const probe = FindObject<Probe>(current);
                                     probe && probe->GetKind() != Kind::Find)
+                                {
                                     ADD_FAILURE();
+                                }
                                 nClosings += CloseHandle(current) != FALSE;
                             }
                         });
     for (int nRound = 0; nRound < ROUNDS; ++nRound)
     {
         while (nClosings <= nRound)
+        {
             std::this_thread::yield();
+        }
         if (nRound + 1 < ROUNDS)
+        {
             current = OpenProbe();
+        }
     }
     bStop = true;
     closers.join();

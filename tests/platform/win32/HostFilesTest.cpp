@@ -23,10 +23,12 @@ TEST_F(HostFiles, OpenNothingForChildrenAndFollowDanglingLinks)
 {
     Handle hFile = Open(_T("f"), ReadWrite, OPEN_ALWAYS);
     for (auto const & entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    {
         if (std::error_code error; std::filesystem::read_symlink(entry, error) == Host("f"))
         {
             EXPECT_TRUE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC);
         }
+    }
     EXPECT_TRUE(hFile.Close());
 
     // Dangling links lead to where the file comes to be, or are told to exist.
@@ -77,7 +79,9 @@ TEST_F(HostFiles, FindTellsKindsAndDoesNotFollowLinks)
     std::map<std::string, WIN32_FIND_DATAW> found;
     auto const all = Find(_T("*"));
     for (WIN32_FIND_DATAW const & data : all)
+    {
         found[ToNarrow(data.cFileName)] = data;
+    }
     EXPECT_EQ(GetLastError(), ERROR_NO_MORE_FILES);
     ASSERT_EQ(all.size(), 10u);
     EXPECT_EQ(ToNarrow(all[0].cFileName) + ToNarrow(all[1].cFileName), "...");
@@ -92,7 +96,9 @@ TEST_F(HostFiles, FindTellsKindsAndDoesNotFollowLinks)
                                                 {"fifo", FILE_ATTRIBUTE_DEVICE},
                                                 {"socket", FILE_ATTRIBUTE_DEVICE}};
     for (auto const & [strName, dwAttributes] : kinds)
+    {
         EXPECT_EQ(found[strName].dwFileAttributes, dwAttributes) << strName;
+    }
     EXPECT_EQ(found["dirlink"].dwReserved0, IO_REPARSE_TAG_SYMLINK);
     EXPECT_EQ(found[".dot"].nFileSizeLow, 3u);
     FILETIME now;
@@ -134,7 +140,9 @@ TEST_F(HostFiles, StandardHandlesAndDebugOutput)
     EXPECT_FALSE(GetConsoleMode(hFile, &dwMode));
     Wide strText = _T("x");
     for (int n = 0; n < 20000; ++n)
+    {
         strText += _T("\U0001F600");
+    }
     DWORD nWritten = 0;
     EXPECT_TRUE(WriteConsoleW(hFile, strText.data(), static_cast<DWORD>(strText.size()), &nWritten, nullptr));
     EXPECT_EQ(nWritten, strText.size());

@@ -33,7 +33,9 @@ TEST_F(HostSockets, CloseEndsConnect)
         CloseUnder(client, nRound, [&](SOCKET hClient) { return winsock::connect(hClient, Generic(to), sizeof to); });
     }
     for (int const nFiller : fillers)
+    {
         close(nFiller);
+    }
 }
 
 TEST_F(HostSockets, SignalsDoNotBreakCalls)
@@ -64,9 +66,13 @@ TEST_F(HostSockets, SignalsDoNotBreakCalls)
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
         if (nStep == 0)
+        {
             other.emplace(ConnectTo(PortOf(hListener)));
+        }
         else
+        {
             winsock::send(nStep == 1 ? *other : hClient, "y", 1, 0);
+        }
     }
     reader.join();
     EXPECT_EQ(c, 'y');

@@ -62,7 +62,9 @@ protected:
             bool bGood =
                 RegCreateKeyExW(HKEY_CURRENT_USER, u"Low", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &hKey, nullptr) == 0;
             for (int i = 0; i < 100; ++i) // enough for the log to be written back
+            {
                 bGood = bGood && RegSetValueExW(hKey, u"v", 0, REG_BINARY, data.data(), 100000) == 0;
+            }
             return bGood;
         };
         return {
@@ -111,17 +113,27 @@ protected:
             std::filesystem::remove(Host("f"));
             auto const isClosed = [&](int nFd) { return (nClosed >> nFd & 1) != 0; };
             for (int nFd = 0; nFd <= 2; ++nFd)
+            {
                 if (isClosed(nFd))
+                {
                     close(nFd);
+                }
+            }
             int nOpener = 0;
             for (auto const & open : Openers())
             {
                 ++nOpener;
                 if (!open())
+                {
                     _exit(100 + nOpener);
+                }
                 for (int nFd = 0; nFd <= 2; ++nFd)
+                {
                     if (isClosed(nFd) && fcntl(nFd, F_GETFD) >= 0)
+                    {
                         _exit(nOpener);
+                    }
+                }
             }
             _exit(0);
         }
@@ -134,7 +146,9 @@ protected:
 TEST_F(LowDescriptors, StayTheStandardStreams)
 {
     for (unsigned nClosed = 0; nClosed < 8; ++nClosed)
+    {
         EXPECT_EQ(Run(nClosed), 0) << "closed: " << nClosed;
+    }
 }
 
 } // namespace

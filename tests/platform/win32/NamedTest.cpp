@@ -49,7 +49,9 @@ std::map<std::string, bool (*)()> const g_roles = {
          Handle const hIn = OpenToSet(_T("Global\\ping")), hOut = OpenToSet(_T("Global\\pong"));
          bool bGood = true;
          for (int nRound = 0; nRound < ROUNDS && bGood; ++nRound)
+         {
              bGood = WaitForSingleObject(hIn, INFINITE) == WAIT_OBJECT_0 && SetEvent(hOut);
+         }
          return bGood;
      }},
     {"wait manual", [] { return ReportAndWait(OpenToSet(_T("manual"))) == WAIT_OBJECT_0; }},
@@ -176,9 +178,13 @@ TEST_F(Named, SignalsReachExactlyThoseWhoWait)
         second.WaitUntilAsleep();
         SetEvent(bManual ? hManual : hAuto);
         if (bManual)
+        {
             ResetEvent(hManual);
+        }
         else
+        {
             SetEvent(hAuto);
+        }
         EXPECT_EQ(first.Wait() + second.Wait(), 0);
         EXPECT_EQ(WaitForSingleObject(bManual ? hManual : hAuto, 0), WAIT_TIMEOUT);
     }
@@ -244,14 +250,20 @@ TEST_F(Named, MutexesOfDeadOwnersAreAbandoned)
             [&]
             {
                 if (bWaitFirst)
+                {
                     host::WaitUntilAsleep({dwWaiter});
+                }
                 owner.Kill();
             });
         if (!bWaitFirst)
+        {
             killer.join();
+        }
         EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_ABANDONED_0 + 1);
         if (bWaitFirst)
+        {
             killer.join();
+        }
         EXPECT_TRUE(ReleaseMutex(hMutex));
         EXPECT_EQ(WaitForSingleObject(hMutex, 0), WAIT_OBJECT_0);
         EXPECT_TRUE(ReleaseMutex(hMutex));

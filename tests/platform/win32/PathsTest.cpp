@@ -76,7 +76,9 @@ TEST_F(Paths, ToHostKnowsAllShapes)
         {u"ab:c", "ab:c"},
     };
     for (Case const & test : cases)
+    {
         EXPECT_EQ(ToHost(test.pszPath), test.strHost) << ToUtf8(test.pszPath);
+    }
 
     std::filesystem::create_directories(strC + "/deep/er");
     std::filesystem::current_path(strC + "/deep/er");

@@ -37,7 +37,9 @@ HANDLE Open(Wide const & strName)
 DWORD Finish(HANDLE hPipe, BOOL bDone, OVERLAPPED & overlapped, DWORD & nDone)
 {
     if (bDone || GetLastError() != ERROR_IO_PENDING)
+    {
         return bDone ? 0 : GetLastError();
+    }
     return GetOverlappedResult(hPipe, &overlapped, &nDone, TRUE) ? 0 : GetLastError();
 }
 
@@ -64,7 +66,9 @@ std::string Receive(HANDLE hPipe, DWORD nSize = 100)
     BOOL const bDone = ReadFile(hPipe, strText.data(), nSize, &nRead, &overlapped);
     DWORD const dwError = Finish(hPipe, bDone, overlapped, nRead);
     if (dwError != 0)
+    {
         return '<' + std::to_string(dwError) + '>';
+    }
     strText.resize(nRead);
     return strText;
 }
@@ -77,7 +81,9 @@ DWORD Connect(HANDLE hPipe)
     overlapped.hEvent = hEvent;
     DWORD dwError = ConnectNamedPipe(hPipe, &overlapped) ? 0 : GetLastError();
     if (dwError == ERROR_PIPE_CONNECTED)
+    {
         dwError = 0;
+    }
     if (dwError == ERROR_IO_PENDING)
     {
         DWORD n = 0;
@@ -101,7 +107,9 @@ TEST(PipeRole, Run)
 {
     char const * const pszRole = std::getenv("KVX_PIPE_ROLE");
     if (!pszRole)
+    {
         return;
+    }
     std::string const strRole(pszRole);
     if (strRole.starts_with("echo "))
     {
@@ -117,7 +125,9 @@ TEST(PipeRole, Run)
                 {
                     for (std::string strText = Receive(hPipe, 65536); strText[0] != '<';
                          strText = Receive(hPipe, 65536))
+                    {
                         Send(hPipe, strText);
+                    }
                     CloseHandle(hPipe);
                 })
                 .detach();
@@ -130,7 +140,9 @@ TEST(PipeRole, Run)
     host::Report(std::to_string(reinterpret_cast<std::size_t>(hRead)));
     host::Report(std::to_string(reinterpret_cast<std::size_t>(hWrite)));
     for (;;)
+    {
         host::Report(Receive(hRead));
+    }
 }
 
 class Pipe : public WideTestFolder
@@ -143,7 +155,9 @@ protected:
     {
         std::set<std::string> files;
         for (auto const & entry : std::filesystem::directory_iterator(m_strHost))
+        {
             files.insert(entry.path().filename().string());
+        }
         return files;
     }
 
@@ -164,11 +178,17 @@ void BreakUnder(int nRound, std::function<void()> const & call, std::function<vo
             bOver = true;
         });
     while (nThread == 0)
+    {
         std::this_thread::yield();
+    }
     if (nRound % 3 == 0)
+    {
         host::WaitUntilAsleep({nThread});
+    }
     for (; !bOver; std::this_thread::yield())
+    {
         breaker();
+    }
     thread.join(); // ends, or the test's time-out tells
 }
 
@@ -204,7 +224,9 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
     std::thread writer([&] { EXPECT_TRUE(Send(hClient, strLarge)); });
     std::size_t nGot = 0;
     while (nGot < strLarge.size())
+    {
         nGot += Receive(hServer, 1000000).size();
+    }
     writer.join();
     EXPECT_EQ(nGot, strLarge.size());
 
@@ -233,7 +255,9 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
     EXPECT_EQ(Receive(hServer), "again");
     EXPECT_FALSE(PeekNamedPipe(hOther, nullptr, 0, nullptr, nullptr, nullptr));
     for (HANDLE const hPipe : {hServer, hClient, hSecond, hOther})
+    {
         EXPECT_TRUE(CloseHandle(hPipe));
+    }
     EXPECT_TRUE(Files().empty());
 }
 
@@ -257,7 +281,9 @@ TEST_F(Pipe, ANameIsMissingBusyOrFree)
     waiter.join();
     EXPECT_TRUE(Fails(Serve(_T("x"), PIPE_ACCESS_DUPLEX, 2), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
     for (HANDLE const hPipe : {hFirst, hSecond, hClient})
+    {
         CloseHandle(hPipe);
+    }
     EXPECT_TRUE(Fails(Open(_T("x")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
     EXPECT_TRUE(host::IsWine() || // PipesTakeAnyMode, 2026-11-22
                 Fails(Serve(_T("x"), PIPE_ACCESS_DUPLEX | 0x10), ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE));
@@ -274,16 +300,22 @@ TEST_F(Pipe, NamesStayInTheFolderAndApart)
     for (LPCWSTR const pszName : {_T("plain"), _T(".."), _T("../../escape"), _T("..\\..\\escape2"), _T("/etc/passwd"),
                                   _T(".hidden"), _T("%41"), _T("A"), _T("new\nline"), _T("x+lock"), _T("x"), _T("x+1"),
                                   _T("\xD83D\xDE00"), _T("\xD800"), _T(" "), _T("~"), _T("\u00e4")})
+    {
         names.push_back(pszName);
+    }
     std::vector<HANDLE> pipes;
     for (Wide const & strName : names)
+    {
         pipes.push_back(Serve(strName));
+    }
     std::set<std::string> sockets;
     for (std::string const & strFile : Files())
     {
         EXPECT_TRUE(strFile.starts_with("pipe.")) << strFile;
         if (!strFile.ends_with("+lock"))
+        {
             sockets.insert(strFile);
+        }
     }
     EXPECT_EQ(sockets.size(), names.size()); // no two names share one
     EXPECT_TRUE(sockets.contains("pipe.plain") && sockets.contains("pipe.a") && sockets.contains("pipe.nul") &&
@@ -324,7 +356,9 @@ TEST_F(Pipe, BreakingAPendingConnectTouchesNothingElse)
         // Between the two calls the handle may go already.
         EXPECT_TRUE(dwError == ERROR_OPERATION_ABORTED || dwError == ERROR_INVALID_HANDLE) << dwError;
         if (nRound % 4 >= 2)
+        {
             CloseHandle(hPipe);
+        }
         // The other instance of the name is none the worse.
         HANDLE const hClient = Open(_T("broken"));
         EXPECT_EQ(Connect(hOther), 0u);
@@ -384,7 +418,9 @@ TEST_F(Pipe, SeveralProcessesServeOneName)
     HANDLE const hLast = Open(_T("shared"));
     EXPECT_EQ(Connect(hOwn), 0u);
     for (HANDLE const hPipe : {hEarly, hLate, hLast, hOwn})
+    {
         EXPECT_TRUE(CloseHandle(hPipe));
+    }
     // What the dead left behind is nobody's, and the next one clears it away.
     EXPECT_TRUE(Fails(Open(_T("shared")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
     EXPECT_EQ(Files().count("pipe.shared"), host::IsWindows() ? 0u : 1u);
@@ -440,7 +476,9 @@ TEST_F(Pipe, AnotherProcessesEndsCanBeDuplicated)
     EXPECT_TRUE(Send(hWrite, std::string(200000, 'x'))); // the wished size holds it
     CloseHandle(hWrite);
     for (std::size_t n = 0; n < 200000;)
+    {
         n += Receive(hRead, 200000).size();
+    }
     EXPECT_EQ(Receive(hRead), "<109>");
     CloseHandle(hRead);
     CloseHandle(hSelf);

@@ -53,10 +53,14 @@ protected:
         std::string strData(nSize + 4, '#');
         DWORD nRoom = nSize;
         if (nError == 0)
+        {
             nError =
                 RegQueryValueExW(m_hKey, pszName, nullptr, &dwType, reinterpret_cast<BYTE *>(strData.data()), &nRoom);
+        }
         if (nError != 0)
+        {
             return {-nError, ""};
+        }
         // Wine puts a NUL behind the text where there is room for a part of it (TinyBuffersOverflow, 2026-11-22).
         EXPECT_TRUE(host::IsWine() || strData.substr(nSize) == "####");
         return {dwType, strData.substr(0, nRoom)};
@@ -69,7 +73,9 @@ protected:
         WCHAR szName[256];
         DWORD nName = 256;
         for (DWORD i = 0; enumerate(m_hKey, i, szName, &nName, nullptr, nullptr, nullptr, nullptr) == 0; ++i)
+        {
             names.emplace_back(szName, std::exchange(nName, 256));
+        }
         return names;
     }
     Texts SubKeys() const { return List(RegEnumKeyExW); }

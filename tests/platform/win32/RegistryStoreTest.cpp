@@ -68,9 +68,13 @@ TEST_F(RegistryProcesses, WritersOfManyProcessesTakeTurns)
     Worker a(strLink, {"fill", "a", "300", "4"});
     Worker b(RegistryStore::GetPath(), {"fill", "b", "300", "4"});
     for (n = 2; n <= 300; ++n)
+    {
         ASSERT_EQ(put(), 0);
+    }
     for (Worker * const pWorker : {&watcher, &a, &b})
+    {
         EXPECT_EQ(pWorker->Wait(), 0);
+    }
     EXPECT_EQ(count(), 600u);
 }
 
@@ -82,10 +86,14 @@ TEST_F(RegistryProcesses, AKilledWriterLosesNothingItReported)
                       {"fill", "k" + std::to_string(i) + "-", "1000000", i % 2 == 0 ? "4" : "20000"});
         std::string strLast;
         for (int n = 0; n <= 7 * i; ++n)
+        {
             strLast = writer.ReadLine();
+        }
         EXPECT_EQ(writer.Kill(), -SIGKILL);
         for (std::string strLine; !(strLine = writer.ReadLine()).empty();)
+        {
             strLast = strLine;
+        }
 
         Wide const strName = ToWide("k" + std::to_string(i) + "-" + strLast);
         DWORD nSize = 0;
@@ -170,7 +178,9 @@ TEST_F(RegistryFiles, DamageGivesCodes)
         EXPECT_TRUE(strLine.starts_with("open ")) << nPage; // whatever it says, it lives
         nTold += isTold(strLine);
         for (char const * const pszSuffix : {"-wal", "-shm", "-lock"})
+        {
             fs::remove(Host("bad") + pszSuffix);
+        }
     }
     EXPECT_GE(nTold, 3);
     Put("bad", strGood.substr(0, 8192));
@@ -194,7 +204,9 @@ TEST_F(RegistryFiles, AStoreWithoutWriteAccessIsRead)
           " x'2A000000')");
     std::string const strExpected = "open 0 query 0=42 set 5 remove 5 list 259";
     for (std::string const strSuffix : {"", "-lock"})
+    {
         fs::permissions(Host("store") + strSuffix, static_cast<fs::perms>(0444));
+    }
     fs::permissions(m_strHost, static_cast<fs::perms>(0555));
     EXPECT_EQ(Probe("store", "unprivileged"), strExpected);
     fs::permissions(m_strHost, fs::perms::all);

@@ -50,7 +50,9 @@ TEST_F(Registry, LimitsOfKeys)
     Create(m_hKey, (strLongest + _T("n")).c_str(), ERROR_INVALID_PARAMETER);
     Wide strDeep = _T("d"); // Software\Test\d...: 512 in all
     for (int i = 0; i < 509; ++i)
+    {
         strDeep += _T("\\d");
+    }
     RegCloseKey(Create(m_hKey, strDeep.c_str()));
     Create(m_hKey, (strDeep + _T("\\d")).c_str(), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(SHDeleteKeyW(m_hKey, _T("d")), 0);
@@ -108,7 +110,9 @@ TEST_F(Registry, ValuesOfAllTypesAndSizes)
     {
         std::string strData(3'000'000, '\0');
         for (std::size_t i = 0; i < strData.size(); ++i)
+        {
             strData[i] = static_cast<char>(i * 7 >> 3);
+        }
         return strData;
     }();
     std::string_view const contents[] = {"", "x", std::string_view("\0\0", 2), "odd", strLarge};
@@ -223,7 +227,9 @@ TEST_F(Registry, EnumeratesInOrder)
     // Deleting the first one until there is none meets each.
     std::size_t nDeleted = 0;
     for (; at(0, 5000) == 0; ++nDeleted)
+    {
         ASSERT_EQ(RegDeleteValueW(m_hKey, szName), 0);
+    }
     EXPECT_EQ(nDeleted, expected.size());
 }
 
@@ -271,11 +277,15 @@ TEST_F(Registry, ATerminatedWriterLeavesNoLock)
             {
                 auto const & [hKey, pWrites] = *static_cast<std::pair<HKEY, std::atomic<int> *> *>(p);
                 for (;; ++*pWrites)
+                {
                     RegSetValueExW(hKey, _T("t"), 0, REG_DWORD, reinterpret_cast<BYTE const *>("1234"), 4);
+                }
             },
             &work, 0, nullptr);
         while (nWrites < i)
+        {
             SwitchToThread();
+        }
         EXPECT_TRUE(TerminateThread(hThread, 1));
         WaitForSingleObject(hThread, INFINITE);
         EXPECT_EQ(Set(_T("t"), REG_SZ, "x"), 0);

@@ -26,7 +26,9 @@ int Fill(std::u16string const & name, unsigned count, std::size_t size)
     {
         std::string const number = std::to_string(i);
         for (std::size_t n = 0; n < size; ++n)
+        {
             data[n] = static_cast<BYTE>(i >> 8 * (n % 4));
+        }
         error = RegSetValueExW(hKey, (name + kvx::win32::FromUtf8(number)).c_str(), 0, REG_BINARY, data.data(),
                                static_cast<DWORD>(size));
         std::printf("%u\n", i);
@@ -63,9 +65,13 @@ int Watch(unsigned until)
         DWORD size = sizeof now;
         if (RegQueryValueExW(HKEY_CURRENT_USER, _T("Number"), nullptr, nullptr, reinterpret_cast<BYTE *>(&now),
                              &size) != 0)
+        {
             return 1;
+        }
         if (now < seen)
+        {
             return 2;
+        }
         seen = now;
     }
     return 0;
@@ -76,14 +82,20 @@ int main(int argc, char ** argv)
 {
     std::vector<std::string> const words(argv + 1, argv + argc);
     if (words.size() == 4 && words[0] == "fill")
+    {
         return Fill(kvx::win32::FromUtf8(words[1]), static_cast<unsigned>(std::stoul(words[2])), std::stoul(words[3]));
+    }
     if (words.size() == 2 && words[0] == "watch")
+    {
         return Watch(static_cast<unsigned>(std::stoul(words[1])));
+    }
     if (words.size() == 2 && words[0] == "probe")
     {
         // Root may do anything with a file.
         if (words[1] == "unprivileged" && geteuid() == 0 && setresuid(65534, 65534, 65534) != 0)
+        {
             return 3;
+        }
         return Probe();
     }
     return 4;

@@ -99,9 +99,13 @@ inline void CloseUnder(Socket & socket, int nRound, std::function<int(SOCKET)> c
             EXPECT_TRUE(dwError == WSAEINTR || dwError == WSAENOTSOCK) << dwError;
         });
     while (!bStarted)
+    {
         std::this_thread::yield();
+    }
     if (nRound % 3 != 0)
+    {
         std::this_thread::sleep_for(std::chrono::microseconds(nRound % 3 * 150));
+    }
     socket.Close();
     thread.join(); // ends, or the test's time-out tells
     EXPECT_TRUE(Fails(winsock::closesocket(hSocket), WSAENOTSOCK, SOCKET_ERROR));

@@ -19,11 +19,17 @@ TEST_F(Sockets, CloseEndsEveryCall)
                        char c;
                        int nResult = 1;
                        if (nRound % 4 == 0)
+                       {
                            return winsock::recv(hServer, &c, 1, 0);
+                       }
                        if (nRound % 4 >= 2)
+                       {
                            return SelectOne(hServer, nRound % 4 == 2);
+                       }
                        while (nResult > 0) // until the peer's window is full
+                       {
                            nResult = winsock::send(hServer, s_buffer.data(), static_cast<int>(s_buffer.size()), 0);
+                       }
                        return nResult;
                    });
         Socket other = Listener();
@@ -65,7 +71,9 @@ TEST_F(Sockets, BytesGoBothWaysWithoutSignals)
     EXPECT_EQ(winsock::recv(hServer, szBuffer, 5000, ReceiveWaitAll), 5000);
     std::size_t nReceived = 5000;
     for (int n; (n = winsock::recv(hServer, szBuffer, 3000, 0)) > 0;)
+    {
         nReceived += static_cast<std::size_t>(n);
+    }
     sender.join();
     EXPECT_EQ(nReceived, strSent.size());
     EXPECT_EQ(winsock::recv(hServer, szBuffer, 3000, 0), 0); // an orderly end

@@ -28,6 +28,7 @@ public:
     {
         std::vector<std::atomic<DWORD>> ids(static_cast<std::size_t>(nThreads));
         for (auto & id : ids)
+        {
             m_threads.emplace_back(
                 [this, &id, wait]
                 {
@@ -35,9 +36,14 @@ public:
                     m_nFreed += wait() == WAIT_OBJECT_0;
                     ++m_nEnded;
                 });
+        }
         for (auto & id : ids)
+        {
             while (id == 0)
+            {
                 std::this_thread::yield();
+            }
+        }
         host::WaitUntilAsleep({ids.begin(), ids.end()});
     }
     ~Waiters() { Join(); }
@@ -45,7 +51,9 @@ public:
     int Join()
     {
         for (std::thread & thread : m_threads)
+        {
             thread.join();
+        }
         m_threads.clear();
         return m_nFreed;
     }
@@ -88,7 +96,9 @@ TEST(Waits, AnyTakesTheLowestIndexAndNothingElse)
     HANDLE const twice[] = {hFirst, hSecond, hSecond, hThird};
     Waiters waiters(3, [&] { return WaitForMultipleObjects(4, twice, FALSE, INFINITE) - 1; });
     for (int nSet = 0; nSet < 3; ++nSet)
+    {
         SetEvent(hSecond);
+    }
     EXPECT_EQ(waiters.Join(), 3);
     EXPECT_EQ(WaitForMultipleObjects(3, handles, FALSE, 0), WAIT_TIMEOUT);
 }
@@ -120,7 +130,9 @@ TEST(Waits, SetsFreeThoseWhoWaitWhateverFollows)
     {
         Waiters waiters(5, [&] { return WaitForSingleObject(hAuto, INFINITE); });
         for (int nSet = 0; nSet < 5; ++nSet)
+        {
             SetEvent(hAuto); // one for each
+        }
         ASSERT_EQ(waiters.Join(), 5);
         ASSERT_EQ(WaitForSingleObject(hAuto, 0), WAIT_TIMEOUT);
 
@@ -181,9 +193,13 @@ TEST(WaitStress, ProducersAndConsumersCountTheSame)
                    for (int nRound = 0; nRound < ROUNDS; ++nRound)
                    {
                        for (std::size_t nIndex = nThread; nIndex < EVENTS; nIndex += PRODUCERS)
+                       {
                            SetEvent(handles[nIndex]);
+                       }
                        for (std::size_t nIndex = nThread; nIndex < EVENTS; nIndex += PRODUCERS)
+                       {
                            WaitForSingleObject(acks[nIndex], INFINITE);
+                       }
                    }
                });
     EXPECT_EQ(WaitForMultipleObjects(EVENTS, handles.data(), FALSE, 0), WAIT_TIMEOUT);
@@ -202,16 +218,22 @@ TEST(WaitStress, TimeOutsThatRaceWithSignalsLoseAndDoubleNothing)
     auto const consume = [&]
     {
         for (DWORD dwRound = 0; !bStop; ++dwRound)
+        {
             nReceived += WaitForMultipleObjects(2, handles, FALSE, dwRound % 3) == WAIT_OBJECT_0 + 1;
+        }
     };
     std::thread first(consume), second(consume);
     for (int nSent = 1; nSent <= 1'000; ++nSent)
     {
         if (nSent % 7 == 0)
+        {
             std::this_thread::sleep_for(std::chrono::microseconds(nSent % 1'000));
+        }
         SetEvent(hEvent);
         while (nReceived < nSent)
+        {
             std::this_thread::yield();
+        }
         ASSERT_EQ(nReceived, nSent);
     }
     bStop = true;
@@ -226,7 +248,9 @@ TEST(WaitStress, WaitsForAllOnCrossedMutexesExclude)
     std::vector<Handle> mutexes;
     std::array<int, THREADS> counts{}; // each guarded by its mutex only
     for (int nIndex = 0; nIndex < THREADS; ++nIndex)
+    {
         mutexes.push_back(MakeMutex());
+    }
     RunThreads(THREADS,
                [&](std::size_t nThread)
                {
@@ -282,7 +306,9 @@ TEST(Mutexes, OfEndedThreadsAreAbandonedOnce)
             WaitForSingleObject(hGo, INFINITE);
         });
     while (!bOwned)
+    {
         std::this_thread::yield();
+    }
     HANDLE const handles[] = {hEvent, hMutex};
     Waiters waiters(1, [&] { return WaitForMultipleObjects(2, handles, FALSE, INFINITE) - WAIT_ABANDONED_0 - 1; });
     SetEvent(hGo);
@@ -320,7 +346,9 @@ TEST(CriticalSections, ExcludeAndNest)
         {
             EXPECT_FALSE(TryEnterCriticalSection(&section));
             if (host::IsWindows()) // which doesn't look who leaves (2026-11-22)
+            {
                 return;
+            }
             LeaveCriticalSection(&section);
             EXPECT_FALSE(TryEnterCriticalSection(&section));
         })

@@ -42,7 +42,9 @@ TEST(Threads, RunEndAndGiveTheirExitCode)
     // Priorities are remembered even if they may not be set.
     EXPECT_EQ(GetThreadPriority(hThread), THREAD_PRIORITY_NORMAL);
     for (int const nPriority : {THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_IDLE, THREAD_PRIORITY_BELOW_NORMAL})
+    {
         EXPECT_TRUE(SetThreadPriority(hThread, nPriority) && GetThreadPriority(hThread) == nPriority);
+    }
     EXPECT_TRUE(Fails(SetThreadPriority(hThread, 7), ERROR_INVALID_PARAMETER));
     EXPECT_EQ(GetThreadPriority(hThread), THREAD_PRIORITY_BELOW_NORMAL);
     SetEvent(hGo);
@@ -81,9 +83,13 @@ TEST(Threads, HandlesMayCloseBeforeTheEnd)
     std::atomic<int> nRun{0};
     auto job = [&]() -> DWORD { return static_cast<DWORD>(++nRun); };
     for (int nThread = 0; nThread < 100; ++nThread)
+    {
         ASSERT_TRUE(Start(job).Close());
+    }
     while (nRun < 100)
+    {
         Sleep(1);
+    }
 }
 
 TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
@@ -100,11 +106,15 @@ TEST(Tls, ValuesBelongToOneThreadAndOneAllocation)
             TlsSetValue(dwSlot, &nStep);
             EXPECT_EQ(TlsGetValue(dwSlot), &nStep);
             for (nStep = 1; nStep != 2;)
+            {
                 std::this_thread::yield();
+            }
             EXPECT_EQ(TlsGetValue(dwSlot), nullptr);
         });
     while (nStep != 1)
+    {
         std::this_thread::yield();
+    }
     SetLastError(5);
     EXPECT_TRUE(TlsGetValue(dwSlot) == &nValue && GetLastError() == 0);
     EXPECT_TRUE(TlsFree(dwSlot));
@@ -141,20 +151,32 @@ TEST(TerminateThread, EndsSleepersWaitersAndBusyThreadsWithoutUnwinding)
             WaitForSingleObject(hMutex, INFINITE);
             bStarted = true;
             if (nMode == 0)
+            {
                 WaitForMultipleObjects(3, handles, FALSE, INFINITE);
+            }
             else if (nMode == 1)
+            {
                 Sleep(INFINITE);
+            }
             else if (nMode == 2)
+            {
                 TerminateThread(GetCurrentThread(), 42);
+            }
             while (bStarted)
+            {
                 Sleep(0);
+            }
             return 1;
         };
         Handle const hThread = Start(job, &dwId);
         while (!bStarted)
+        {
             Sleep(0);
+        }
         if (nMode < 2)
+        {
             host::WaitUntilAsleep({dwId});
+        }
         EXPECT_TRUE(nMode == 2 || TerminateThread(hThread, 42));
         EXPECT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
         EXPECT_EQ(GetExitCode(hThread), 42u);
@@ -188,7 +210,9 @@ TEST(TerminateThread, LeavesNoLockOfTheSystemTaken)
         };
         Handle const hThread = Start(job);
         while (nSteps <= nRound)
+        {
             Sleep(0);
+        }
         EXPECT_TRUE(TerminateThread(hThread, 3));
         ASSERT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
         DWORD const dwResult = WaitForSingleObject(hMutex, INFINITE);
@@ -214,7 +238,9 @@ TEST(TerminateThread, RacesWithTheThreadsOwnEnd)
         };
         Handle const hThread = Start(job);
         if (nRound % 2 == 0)
+        {
             WaitForSingleObject(hEvent, INFINITE);
+        }
         bool const bTerminated = TerminateThread(hThread, 2) != FALSE;
         ASSERT_EQ(WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
         ASSERT_EQ(GetExitCode(hThread), bTerminated ? 2u : 1u);

@@ -16,7 +16,8 @@ namespace bench
 {
 namespace
 {
-constexpr std::uint32_t BACK_REFERENCE = 0x80000000;
+constexpr int KEPT_ROWS = 10000;
+constexpr int KEPT_COLUMNS = 4;
 
 sockaddr_in Loopback(int port)
 {
@@ -115,12 +116,6 @@ void PlainWriter::Word(std::uint32_t word)
 
 void PlainWriter::Text(std::u16string_view text)
 {
-    auto const [known, bNew] = m_known.try_emplace(std::u16string(text), static_cast<std::uint32_t>(m_known.size()));
-    if (!bNew)
-    {
-        Word(known->second | BACK_REFERENCE);
-        return;
-    }
     Word(static_cast<std::uint32_t>(text.size()));
     auto const * const from = reinterpret_cast<unsigned char const *>(text.data());
     m_bytes.insert(m_bytes.end(), from, from + text.size() * sizeof(char16_t));
@@ -130,7 +125,6 @@ void PlainWriter::SendTo(PlainSocket const & socket)
 {
     socket.Send(m_bytes);
     m_bytes.clear();
-    m_known.clear();
 }
 
 void PlainReader::Take(void * to, std::size_t count)
@@ -167,13 +161,8 @@ std::uint32_t PlainReader::Word()
 std::u16string PlainReader::Text()
 {
     std::uint32_t const length = Word();
-    if (length & BACK_REFERENCE)
-    {
-        return m_known.at(length & ~BACK_REFERENCE);
-    }
     std::u16string text(length, u'\0');
     Take(text.data(), length * sizeof(char16_t));
-    m_known.push_back(text);
     return text;
 }
 
@@ -193,7 +182,6 @@ void PlainRequest::Write(PlainWriter & writer) const
 
 void PlainRequest::Read(PlainReader & reader)
 {
-    reader.BeginMessage();
     nFlags = reader.Word();
     strCommand = reader.Text();
     parameters.clear();
@@ -242,7 +230,6 @@ void PlainResponse::Write(PlainWriter & writer) const
 
 void PlainResponse::Read(PlainReader & reader)
 {
-    reader.BeginMessage();
     strStatus = reader.Text();
     reader.Word();
     strTable = reader.Text();
@@ -263,6 +250,7 @@ void PlainResponse::Read(PlainReader & reader)
 
 PlainResponse MakePlainTable(int rows, int columns)
 {
+    static std::vector<std::u16string> const texts = KeepTexts<std::u16string>(KEPT_ROWS, KEPT_COLUMNS);
     PlainResponse table;
     table.strTable = TABLE_NAME;
     for (int column = 0; column < columns; ++column)
@@ -272,9 +260,22 @@ PlainResponse MakePlainTable(int rows, int columns)
         made.cells.reserve(static_cast<std::size_t>(rows));
         for (int row = 0; row < rows; ++row)
         {
-            made.cells.emplace_back(column == 0 ? std::u16string_view(RowName(row)) : SharedWord(row, column));
+            made.cells.push_back(texts.at(static_cast<std::size_t>(row * KEPT_COLUMNS + column)));
         }
     }
     return table;
+}
+
+int CountCharacters(PlainResponse const & response)
+{
+    int count = 0;
+    for (PlainColumn const & column : response.columns)
+    {
+        for (std::u16string const & cell : column.cells)
+        {
+            count += static_cast<int>(cell.size());
+        }
+    }
+    return count;
 }
 } // namespace bench

@@ -1,12 +1,12 @@
 #pragma once
 
-/// What the library is held against: the same bytes over plain blocking sockets, with the least code that does the job.
+/// What the library is held against: the same work over plain blocking sockets, by hand and with the least code that
+/// does the job.
 
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -41,7 +41,7 @@ private:
 /// port.
 int ServePlain(std::function<void(PlainSocket &)> serve);
 
-/// Gathers one message. A text that was in it before becomes a back reference.
+/// Gathers one message: words, and texts behind their lengths.
 class PlainWriter
 {
 public:
@@ -49,11 +49,9 @@ public:
     void Text(std::u16string_view text);
     /// Sends the message, and begins the next one.
     void SendTo(PlainSocket const & socket);
-    Bytes const & GetBytes() const { return m_bytes; }
 
 private:
     Bytes m_bytes;
-    std::unordered_map<std::u16string, std::uint32_t> m_known;
 };
 
 /// Reads messages from a socket, many bytes at a time. The end of the link is the end of the program's interest:
@@ -65,7 +63,6 @@ public:
 
     std::uint32_t Word();
     std::u16string Text();
-    void BeginMessage() { m_known.clear(); }
     bool IsGood() const { return m_bGood; }
 
 private:
@@ -76,7 +73,6 @@ private:
     std::size_t m_nNext = 0;
     std::size_t m_nEnd = 0;
     bool m_bGood = true;
-    std::vector<std::u16string> m_known;
 
     void Take(void * to, std::size_t count);
 };
@@ -108,5 +104,8 @@ struct PlainResponse
     void Read(PlainReader & reader);
 };
 
+/// Out of texts that are kept, as the library's service makes its table.
 PlainResponse MakePlainTable(int rows, int columns);
+/// Reads every cell: the length of all.
+int CountCharacters(PlainResponse const & response);
 } // namespace bench

@@ -64,10 +64,10 @@ struct Texts
     {
         for (int row = 0; row < ROWS; ++row)
         {
-            cells[static_cast<std::size_t>(row)][0] = TEXT(std::u16string_view(RowName(row)));
-            for (int column = 1; column < COLUMNS; ++column)
+            for (int column = 0; column < COLUMNS; ++column)
             {
-                cells[static_cast<std::size_t>(row)][static_cast<std::size_t>(column)] = TEXT(SharedWord(row, column));
+                cells[static_cast<std::size_t>(row)][static_cast<std::size_t>(column)] =
+                    TEXT(std::u16string_view(CellText(row, column)));
             }
         }
     }

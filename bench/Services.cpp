@@ -11,7 +11,6 @@
 #include "kvx/threads/ThreadPool.h"
 #include "kvx/transport/MsgTCPFactory.h"
 
-#include <algorithm>
 #include <atomic>
 
 namespace bench
@@ -20,14 +19,17 @@ namespace
 {
 constexpr DWORD PATIENCE = 10000; // milliseconds
 
+constexpr int KEPT_ROWS = 10000;
+constexpr int KEPT_COLUMNS = 4;
+
+/// A table of `rows` rows out of the texts that the service keeps.
 CMsgRowSet * MakeTable(int rows, int columns)
 {
-    static std::array<CString, WORDS.size()> const words = []
+    static std::vector<CString> const texts = KeepTexts<CString>(KEPT_ROWS, KEPT_COLUMNS);
+    if (rows > KEPT_ROWS || columns > KEPT_COLUMNS)
     {
-        std::array<CString, WORDS.size()> made;
-        std::ranges::transform(WORDS, made.begin(), [](CString::View word) { return CString(word); });
-        return made;
-    }();
+        Fail("no such table");
+    }
     auto * const table = new CMsgRowSet(TABLE_NAME.data());
     for (int column = 0; column < columns; ++column)
     {
@@ -36,10 +38,9 @@ CMsgRowSet * MakeTable(int rows, int columns)
     for (int row = 0; row < rows; ++row)
     {
         POSITION pos = table->AppendRow();
-        table->GetData(pos, 0).Assign(RowName(row));
-        for (int column = 1; column < columns; ++column)
+        for (int column = 0; column < columns; ++column)
         {
-            table->GetData(pos, column) = words[SharedWordIndex(row, column)];
+            table->GetData(pos, column) = texts[static_cast<std::size_t>(row * KEPT_COLUMNS + column)];
         }
     }
     return table;
@@ -86,6 +87,26 @@ int ByteStream::WriteData(void const * buffer, DWORD count)
     auto const * const from = static_cast<unsigned char const *>(buffer);
     m_bytes.insert(m_bytes.end(), from, from + count);
     return 1;
+}
+
+int CountCharacters(CMsgResponse & response)
+{
+    if (response.Failed())
+    {
+        Fail("the service gives no table: " + kvx::ToUtf8(response.GetErrorText()));
+    }
+    POSITION at = response.GetRowSets().GetFirstPosition();
+    CMsgRowSet & table = *response.GetRowSets().GetAt(at);
+    int const columns = table.GetColumnCount();
+    int count = 0;
+    for (POSITION pos = table.GetFirstRowPosition(); pos; table.GetNextRowPosition(pos))
+    {
+        for (int column = 0; column < columns; ++column)
+        {
+            count += table.GetData(pos, column).GetLength();
+        }
+    }
+    return count;
 }
 
 void FillTableRequest(CMsgRequest & request, int rows, int columns)

@@ -10,7 +10,7 @@
 namespace bench
 {
 /// Registers below "host":
-///   table.get    rows, columns: a table made for this call
+///   table.get    rows, columns: a table made for this call, out of texts that the service keeps
 ///   table.kept   the same from one that is kept, and shared by every response
 ///   count.add    one more
 ///   count.wait   total: answers when that many have been counted, and begins at 0 again
@@ -29,6 +29,9 @@ void EndLibrary();
 
 /// Three parameters, as the callers of tables give them.
 void FillTableRequest(CMsgRequest & request, int rows, int columns);
+
+/// Reads every cell of the table that came: the length of all.
+int CountCharacters(CMsgResponse & response);
 
 /// Keeps what a message writes.
 class ByteStream : public CMsgStream

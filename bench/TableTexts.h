@@ -1,58 +1,61 @@
 #pragma once
 
-/// The texts of the tables that travel: a name that differs from row to row in the first column, few words in the
-/// others.
+/// The texts of the tables that travel: of four columns two differ from row to row, one repeats few words, and one some
+/// dozens of names.
 
 #include <array>
 #include <cstddef>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace bench
 {
 inline constexpr std::u16string_view TABLE_NAME = u"table";
 
-inline constexpr std::array<std::u16string_view, 4> COLUMN_NAMES = {u"name", u"state", u"owner", u"zone"};
-inline constexpr std::array<std::u16string_view, 8> WORDS = {u"ready",   u"running", u"stopped", u"waiting",
-                                                             u"started", u"failed",  u"held",    u"unknown"};
+inline constexpr std::array<std::u16string_view, 4> COLUMN_NAMES = {u"name", u"state", u"owner", u"path"};
 
 constexpr std::u16string_view ColumnName(int column)
 {
     return COLUMN_NAMES[static_cast<std::size_t>(column) % COLUMN_NAMES.size()];
 }
 
-constexpr std::size_t SharedWordIndex(int row, int column)
+inline std::u16string CellText(int row, int column)
 {
-    return static_cast<std::size_t>(row * 5 + column * 3) % WORDS.size();
-}
-
-constexpr std::u16string_view SharedWord(int row, int column)
-{
-    return WORDS[SharedWordIndex(row, column)];
-}
-
-/// "row 7".
-class RowName
-{
-public:
-    constexpr explicit RowName(int row)
+    constexpr std::array<std::u16string_view, 8> STATES = {u"ready",   u"running", u"stopped", u"waiting",
+                                                           u"started", u"failed",  u"held",    u"unknown"};
+    constexpr int OWNERS = 48;
+    auto const with = [](std::u16string_view text, int number)
     {
-        do
+        std::string const digits = std::to_string(number);
+        return std::u16string(text).append(digits.begin(), digits.end());
+    };
+    switch (column % 4)
+    {
+    case 0:
+        return with(u"row ", row);
+    case 1:
+        return std::u16string(STATES[static_cast<std::size_t>(row) * 5 % STATES.size()]);
+    case 2:
+        return with(u"owner ", row * 7 % OWNERS);
+    default:
+        return with(u"/srv/data/", row);
+    }
+}
+
+/// A table's texts row by row, as a service keeps them: each a text of its own.
+template <class TEXT>
+std::vector<TEXT> KeepTexts(int rows, int columns)
+{
+    std::vector<TEXT> texts;
+    texts.reserve(static_cast<std::size_t>(rows) * static_cast<std::size_t>(columns));
+    for (int row = 0; row < rows; ++row)
+    {
+        for (int column = 0; column < columns; ++column)
         {
-            *--m_pFirst = static_cast<char16_t>(u'0' + row % 10);
-            row /= 10;
-        } while (row > 0);
-        for (char16_t const c : {u' ', u'w', u'o', u'r'})
-        {
-            *--m_pFirst = c;
+            texts.emplace_back(std::u16string_view(CellText(row, column)));
         }
     }
-    RowName(RowName const &) = delete;
-    RowName & operator=(RowName const &) = delete;
-
-    constexpr operator std::u16string_view() const { return {m_pFirst, m_text.data() + m_text.size()}; }
-
-private:
-    std::array<char16_t, 16> m_text{};
-    char16_t * m_pFirst = m_text.data() + m_text.size();
-};
+    return texts;
+}
 } // namespace bench

@@ -15,7 +15,7 @@
 #include "kvx/system/WinSecurity.h"
 #include "kvx/threads/KVXBaseApp.h"
 #include "kvx/threads/ThreadPool.h"
-#include "kvx/transport/MsgStream.h"
+#include "kvx/transport/MsgCompactInfo.h"
 
 #define KVX_EARLY __attribute__((init_priority(1000)))
 

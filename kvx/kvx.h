@@ -71,6 +71,7 @@
 #include "kvx/messaging/MsgTarget.h"
 #include "kvx/messaging/MsgTimedRequest.h"
 
+#include "kvx/transport/MsgCompactInfo.h"
 #include "kvx/transport/MsgConnection.h"
 #include "kvx/transport/MsgConnectionProvider.h"
 #include "kvx/transport/MsgListener.h"

@@ -249,7 +249,7 @@ void CMsgRequest::Reset()
 
 int CMsgRequest::Read(CMsgStream & stream)
 {
-    CMsgStreamCompactor const compactor(stream);
+    CMsgStreamCompactor const compactor(stream, true); // the row sets hold their texts
     ResetParams();
     m_nFlags = 0;
     m_bHandled = 0;
@@ -294,7 +294,7 @@ int CMsgRequest::ReadParams(CMsgStream & stream)
 
 int CMsgRequest::Write(CMsgStream & stream)
 {
-    CMsgStreamCompactor const compactor(stream);
+    CMsgStreamCompactor const compactor(stream, true); // the row sets hold their texts
     int bDone = stream.Write(m_nFlags) && stream.Write(m_strCommand) && WriteParams(stream) && stream.Write(CString());
     if (bDone)
     {

@@ -127,7 +127,7 @@ void CMsgResponse::AssignRowSets(CMsgMultipleRowSets * rowSets)
 
 int CMsgResponse::Read(CMsgStream & stream)
 {
-    CMsgStreamCompactor const compactor(stream);
+    CMsgStreamCompactor const compactor(stream, true); // the row sets hold their texts
     Reset();
     CString status;
     if (!stream.Read(status))
@@ -156,7 +156,7 @@ int CMsgResponse::Read(CMsgStream & stream)
 
 int CMsgResponse::Write(CMsgStream & stream)
 {
-    CMsgStreamCompactor const compactor(stream);
+    CMsgStreamCompactor const compactor(stream, true); // the row sets hold their texts
     CString status = m_strErrorText;
     if (m_nErrorCode != 0)
     {

@@ -2,14 +2,13 @@
 
 /// One column of a row set: a sparse sequence of text cells, sorted by row number.
 
-#include "kvx/foundation/SortedTree.h"
-#include "kvx/foundation/StringValue.h"
+#include "kvx/msgdata/CellBlocks.h"
+#include "kvx/msgdata/RowNumbers.h"
 
 class CMsgStream;
 
-/// Rows are numbered from 1, and a cell comes into being when it is first asked for. Cells lie in blocks of
-/// neighbouring rows, which a tree finds by their first row: a missing block costs nothing, a filled column is dense.
-/// The address of a cell stays as it is until the column goes.
+/// Rows are numbered from 1, and a cell comes into being when it is first asked for. The address of a cell stays as it
+/// is until the column goes.
 ///
 /// Threads: one at a time; several may use the const operations at once.
 class KVX_API CMsgDataSet : public CObject
@@ -24,7 +23,6 @@ public:
     CMsgDataSet(LONG & rowCount, int ordinal, CMsgDataSet const & other);
     CMsgDataSet(CMsgDataSet const &) = delete;
     CMsgDataSet & operator=(CMsgDataSet const &) = delete;
-    ~CMsgDataSet() override;
 
     CString const & GetName() const { return m_strName; }
     void SetName(CString const & name) { m_strName = name; }
@@ -33,7 +31,20 @@ public:
 
     /// The cell, created if it is missing. A null position becomes row 1. A row beyond the row set's end raises its row
     /// count. Errors: CInvalidArgException * for a position that is no row number.
-    CStringValue & GetData(POSITION & pos);
+    CStringValue & GetData(POSITION & pos)
+    {
+        if (!pos)
+        {
+            pos = kvx::RowPosition(1);
+        }
+        int const index = kvx::RowIndex(pos);
+        CStringValue & cell = m_cells.At(index);
+        if (index >= m_rowCount)
+        {
+            m_rowCount = index + 1;
+        }
+        return cell;
+    }
     /// A copy, empty for a missing cell.
     CStringValue GetData(POSITION pos) const;
 
@@ -42,16 +53,8 @@ public:
     int Write(CMsgStream & stream) const;
 
 private:
-    class CDataBlock;
-
     CString m_strName;
-    CSortedTree m_blocks;
+    kvx::CellBlocks m_cells;
     int m_nOrdinal;
     LONG & m_rowCount;
-    int m_nHighest = -1;            // of the blocks' numbers
-    CDataBlock * m_pLast = nullptr; // the block that was used last: most access is to neighbours
-
-    CDataBlock * FindBlock(int number) const;
-    CDataBlock & FindOrAddBlock(int number);
-    void AddBlock(CDataBlock * block);
 };

@@ -6,6 +6,7 @@
 #include "kvx/foundation/AutoDelete.h"
 #include "kvx/foundation/RefCounter.h"
 #include "kvx/foundation/ValueAccessor.h"
+#include "kvx/msgdata/MsgColumns.h"
 #include "kvx/msgdata/MsgDataSet.h"
 
 class CMsgStream;
@@ -34,8 +35,8 @@ public:
     CString const & GetName() const { return m_strName; }
     void SetName(LPCTSTR name) { m_strName = name; }
     DWORD GetRowCount() const { return static_cast<DWORD>(m_nRows); }
-    int GetColumnCount() const { return static_cast<int>(m_columns.GetCount()); }
-    CString GetColumnName(int ordinal) const { return ColumnAt(ordinal).GetName(); }
+    int GetColumnCount() const { return m_columns.GetCount(); }
+    CString GetColumnName(int ordinal) const { return m_columns.At(ordinal).GetName(); }
 
     /// The column count, not the ordinal; an existing column stays as it is.
     int AddColumn(LPCTSTR name);
@@ -45,21 +46,29 @@ public:
     /// No rows, no columns.
     void RemoveAll();
     /// Deletes the columns alone: the row count stays, and ordinals go on counting from where they were.
-    void RemoveAllColumns();
+    void RemoveAllColumns() { m_columns.RemoveColumns(); }
 
     POSITION AppendRow();
-    POSITION GetFirstRowPosition() const;
+    POSITION GetFirstRowPosition() const { return m_nRows != 0 ? kvx::RowPosition(1) : nullptr; }
     /// The next row; the first one from null, null behind the last.
-    void GetNextRowPosition(POSITION & pos) const;
-    int IsValidRowPosition(POSITION pos) const;
+    void GetNextRowPosition(POSITION & pos) const { pos = kvx::NextRow(pos, m_nRows); }
+    int IsValidRowPosition(POSITION pos) const { return kvx::IsRow(pos, m_nRows); }
 
     /// The cell, created if it is missing; null is replaced by the first row, and a row beyond the end extends the row
     /// set.
-    CStringValue & GetData(POSITION & pos, int ordinal);
+    CStringValue & GetData(POSITION & pos, int ordinal)
+    {
+        CMsgDataSet & column = m_columns.At(ordinal);
+        if (!pos)
+        {
+            pos = GetFirstRowPosition();
+        }
+        return column.GetData(pos);
+    }
     CStringValue & GetData(POSITION & pos, CString const & column);
     void SetData(POSITION pos, LPCTSTR column, CStringValue const & value) { GetData(pos, CString(column)) = value; }
     /// Whether the column exists.
-    int HasData(LPCTSTR column) const;
+    int HasData(LPCTSTR column) const { return m_columns.Find(column) != nullptr; }
     /// Copies a row's values out, and creates its missing cells.
     void GetRow(POSITION & pos, CValueAccessor & target) const;
     /// Copies values in, adding columns.
@@ -90,12 +99,6 @@ protected:
 
 private:
     LONG m_nRows = 0;
-    CMapStringToOb m_columns{10};
-    CObArray m_ordinals;  // columns by ordinal; null where a column has gone
-    CObArray m_displaced; // columns that a rename has taken the name of; they are owned here
+    kvx::MsgColumns<CMsgDataSet> m_columns;
     CString m_strName;
-
-    CMsgDataSet & ColumnAt(int ordinal) const;
-    CMsgDataSet * FindColumn(CString const & name) const;
-    void AddDataSet(CMsgDataSet * column);
 };

@@ -6,16 +6,10 @@
 
 #include <memory>
 
-CMsgTable::CMsgTable(LPCTSTR name) : m_strName(name)
-{
-    RegisterAutoDelete(m_columns);
-    RegisterAutoDelete(m_displaced);
-}
+CMsgTable::CMsgTable(LPCTSTR name) : m_strName(name) {}
 
 CMsgTable::CMsgTable(CMsgTable const & other) : CRefObject(other), CAutoDelete(other)
 {
-    RegisterAutoDelete(m_columns);
-    RegisterAutoDelete(m_displaced);
     CopyRows(other);
 }
 
@@ -24,47 +18,21 @@ CMsgTable::~CMsgTable()
     RemoveAll();
 }
 
-CMsgTableColumn * CMsgTable::FindColumn(CString const & name) const
+/// A column with the next ordinal.
+CMsgTableColumn & CMsgTable::AddColumn(CString const & key, LPCTSTR name)
 {
-    CObject * column = nullptr;
-    return m_columns.Lookup(name, column) ? static_cast<CMsgTableColumn *>(column) : nullptr;
-}
-
-void CMsgTable::AddColumn(CMsgTableColumn * column, CString const & key)
-{
-    CObject *& slot = m_columns[key];
-    if (slot)
-    {
-        m_displaced.Add(slot);
-    }
-    slot = column;
-    m_ordinals.SetAtGrow(column->GetOrdinal(), column);
+    return m_columns.Add(key, std::make_unique<CMsgTableColumn>(this, m_columns.GetOrdinalCount(), name));
 }
 
 CMsgTableColumn * CMsgTable::GetDataSet(LPCTSTR name)
 {
-    if (CMsgTableColumn * const known = FindColumn(name))
-    {
-        return known;
-    }
-    auto * const column = new CMsgTableColumn(this, static_cast<int>(m_ordinals.GetSize()), name);
-    AddColumn(column, column->GetName());
-    return column;
-}
-
-CString CMsgTable::GetColumnName(int ordinal) const
-{
-    auto const * const column = static_cast<CMsgTableColumn *>(m_ordinals.GetAt(ordinal));
-    if (!column)
-    {
-        AfxThrowInvalidArgException();
-    }
-    return column->GetName();
+    CMsgTableColumn * const known = m_columns.Find(name);
+    return known ? known : &AddColumn(name, name);
 }
 
 int CMsgTable::GetColumnOrdinal(LPCTSTR name) const
 {
-    CMsgTableColumn const * const column = FindColumn(name);
+    CMsgTableColumn const * const column = m_columns.Find(name);
     return column ? column->GetOrdinal() : -1;
 }
 
@@ -76,7 +44,7 @@ int CMsgTable::AddColumn(LPCTSTR name)
 
 int CMsgTable::RemoveColumn(LPCTSTR name)
 {
-    std::unique_ptr<CMsgTableColumn> const column(FindColumn(name));
+    std::unique_ptr<CMsgTableColumn> const column = m_columns.Remove(name);
     if (!column)
     {
         return 0;
@@ -91,29 +59,12 @@ int CMsgTable::RemoveColumn(LPCTSTR name)
             row->RemoveAt(ordinal);
         }
     }
-    m_columns.RemoveKey(name);
-    m_ordinals.RemoveAt(ordinal);
-    for (INT_PTR i = ordinal; i < m_ordinals.GetSize(); ++i)
-    {
-        if (auto * const later = static_cast<CMsgTableColumn *>(m_ordinals.GetAt(i)))
-        {
-            later->SetOrdinal(static_cast<int>(i));
-        }
-    }
     return 1;
 }
 
 int CMsgTable::RenameColumn(LPCTSTR oldName, LPCTSTR newName)
 {
-    CMsgTableColumn * const column = FindColumn(oldName);
-    if (!column)
-    {
-        return 0;
-    }
-    m_columns.RemoveKey(oldName);
-    column->SetName(newName);
-    AddColumn(column, column->GetName());
-    return 1;
+    return m_columns.Rename(oldName, newName);
 }
 
 void CMsgTable::DeleteRows()
@@ -132,12 +83,7 @@ void CMsgTable::DeleteRows()
 
 void CMsgTable::RemoveAll()
 {
-    PerformAutoDelete(nullptr, 0);
-    // The ordinals go on counting: only the columns behind them are gone.
-    for (INT_PTR i = 0; i < m_ordinals.GetSize(); ++i)
-    {
-        m_ordinals.SetAt(i, nullptr);
-    }
+    m_columns.RemoveColumns();
     DeleteRows();
 }
 
@@ -173,7 +119,7 @@ INT_PTR CMsgTable::CheckedRow(POSITION pos) const
 
 void CMsgTable::CheckOrdinal(int ordinal) const
 {
-    if (ordinal < 0 || ordinal >= m_ordinals.GetSize())
+    if (ordinal < 0 || ordinal >= m_columns.GetOrdinalCount())
     {
         AfxThrowInvalidArgException();
     }
@@ -198,9 +144,9 @@ CPtrArray & CMsgTable::RowAt(INT_PTR row)
         cells = new CPtrArray;
         m_rows.SetAt(row, cells);
     }
-    if (cells->GetSize() < m_ordinals.GetSize())
+    if (cells->GetSize() < m_columns.GetOrdinalCount())
     {
-        cells->SetSize(m_ordinals.GetSize());
+        cells->SetSize(m_columns.GetOrdinalCount());
     }
     return *cells;
 }
@@ -245,7 +191,7 @@ int CMsgTable::HasData(POSITION pos, int ordinal) const
 
 int CMsgTable::HasData(POSITION pos, LPCTSTR column) const
 {
-    CMsgTableColumn const * const known = FindColumn(column);
+    CMsgTableColumn const * const known = m_columns.Find(column);
     return known && HasData(pos, known->GetOrdinal());
 }
 
@@ -255,12 +201,9 @@ void CMsgTable::GetRow(POSITION & pos, CValueAccessor & target) const
     {
         pos = GetFirstRowPosition();
     }
-    CString name;
-    CObject * column = nullptr;
-    for (POSITION next = m_columns.GetStartPosition(); next;)
+    for (auto const & [name, column] : m_columns)
     {
-        m_columns.GetNextAssoc(next, name, column);
-        target.CreateValue(name) = GetData(pos, static_cast<CMsgTableColumn *>(column)->GetOrdinal());
+        target.CreateValue(name) = GetData(pos, column->GetOrdinal());
     }
 }
 
@@ -287,17 +230,14 @@ int CMsgTable::CopyRows(CMsgTable const & source)
         return GetColumnCount();
     }
     RemoveAll();
-    m_ordinals.RemoveAll();
+    m_columns.RemoveAll();
     m_nRows = source.m_nRows;
     m_strName = source.m_strName;
-    int columns = 0;
-    CString name;
-    CObject * column = nullptr;
-    for (POSITION next = source.m_columns.GetStartPosition(); next; ++columns)
+    for (auto const & [name, column] : source.m_columns)
     {
-        source.m_columns.GetNextAssoc(next, name, column);
-        AddColumn(new CMsgTableColumn(this, columns, nullptr), name);
+        AddColumn(name, nullptr);
     }
+    int const columns = GetColumnCount();
     for (INT_PTR row = 0; row < source.m_rows.GetSize(); ++row)
     {
         for (int ordinal = 0; ordinal < columns; ++ordinal)
@@ -330,8 +270,7 @@ int CMsgTable::Read(CMsgStream & stream)
         {
             return 0;
         }
-        auto const ordinal = static_cast<int>(m_ordinals.GetSize());
-        AddColumn(new CMsgTableColumn(this, ordinal, name), name);
+        int const ordinal = AddColumn(name, name).GetOrdinal();
         for (DWORD row = 0; row < count; ++row)
         {
             if (!stream.Read(text))
@@ -358,10 +297,9 @@ int CMsgTable::Write(CMsgStream & stream) const
     {
         return 0;
     }
-    for (auto const * pair = m_columns.PGetFirstAssoc(); pair; pair = m_columns.PGetNextAssoc(pair))
+    for (auto const & [name, column] : m_columns)
     {
-        auto const * const column = static_cast<CMsgTableColumn *>(pair->value);
-        if (!stream.Write(pair->key) || !stream.Write(m_nRows))
+        if (!stream.Write(name) || !stream.Write(m_nRows))
         {
             return 0;
         }

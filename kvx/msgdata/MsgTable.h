@@ -6,6 +6,7 @@
 #include "kvx/foundation/AutoDelete.h"
 #include "kvx/foundation/RefCounter.h"
 #include "kvx/foundation/ValueAccessor.h"
+#include "kvx/msgdata/MsgColumns.h"
 
 class CMsgStream;
 class CMsgTable;
@@ -57,8 +58,8 @@ public:
     CString const & GetName() const { return m_strName; }
     void SetName(LPCTSTR name) { m_strName = name; }
     DWORD GetRowCount() const { return m_nRows; }
-    int GetColumnCount() const { return static_cast<int>(m_columns.GetCount()); }
-    CString GetColumnName(int ordinal) const;
+    int GetColumnCount() const { return m_columns.GetCount(); }
+    CString GetColumnName(int ordinal) const { return m_columns.At(ordinal).GetName(); }
     /// -1 if there is no such column.
     int GetColumnOrdinal(LPCTSTR name) const;
 
@@ -87,7 +88,7 @@ public:
     int HasData(POSITION pos, int ordinal) const;
     int HasData(POSITION pos, LPCTSTR column) const;
     /// Whether the column exists.
-    int HasData(LPCTSTR column) const { return FindColumn(column) != nullptr; }
+    int HasData(LPCTSTR column) const { return m_columns.Find(column) != nullptr; }
     void GetRow(POSITION & pos, CValueAccessor & target) const;
     void SetRow(POSITION & pos, CValueAccessor const & source);
     /// The row's cells by ordinal, CStringValue pointers that the table owns, null where there is no cell.
@@ -117,16 +118,13 @@ protected:
 
 private:
     DWORD m_nRows = 0;
-    CMapStringToOb m_columns{10};
-    CObArray m_ordinals; // columns by ordinal; null where a column has gone
+    kvx::MsgColumns<CMsgTableColumn> m_columns;
     // Rows with cells, by index: a row is made when it is first written to, so that a row count that came over a wire
     // costs nothing.
     CPtrArray m_rows;
-    CObArray m_displaced; // columns that a rename has taken the name of; they are owned here
     CString m_strName;
 
-    CMsgTableColumn * FindColumn(CString const & name) const;
-    void AddColumn(CMsgTableColumn * column, CString const & key);
+    CMsgTableColumn & AddColumn(CString const & key, LPCTSTR name);
     INT_PTR CheckedRow(POSITION pos) const;
     void CheckOrdinal(int ordinal) const;
     CStringValue * FindCell(INT_PTR row, int ordinal) const;

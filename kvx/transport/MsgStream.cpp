@@ -1,6 +1,7 @@
 #include "kvx/transport/MsgStream.h"
 
 #include "kvx/foundation/Utilities.h"
+#include "kvx/transport/MsgCompactInfo.h"
 
 #include <algorithm>
 #include <array>
@@ -97,7 +98,7 @@ int CMsgStream::Write(DWORD word)
 }
 
 /// Text of any kind, wherever its bytes are.
-int CMsgStream::ReadInParts(CString & text)
+int CMsgStream::ReadInParts(CString & text, bool bStays)
 {
     DWORD length = 0;
     if (!Read(length))
@@ -125,14 +126,14 @@ int CMsgStream::ReadInParts(CString & text)
     }
     if (compact)
     {
-        compact->Add(text);
+        compact->Add(text, bStays);
     }
     return 1;
 }
 
 /// The frequent case: wide text, or a reference to one, that lies in the buffer as a whole. False for anything
 /// else, and then nothing is read.
-inline bool CMsgStream::ReadInPlace(CString & text)
+inline bool CMsgStream::ReadInPlace(CString & text, kvx::TextPool * pool, bool bStays)
 {
     auto const available = static_cast<std::size_t>(m_pReadEnd - m_pReadNext);
     if (available < sizeof(DWORD))
@@ -155,33 +156,38 @@ inline bool CMsgStream::ReadInPlace(CString & text)
     {
         return false;
     }
-    if (compact)
+    if (pool)
     {
-        compact->AddAndShare(m_pReadNext + sizeof(DWORD), length, text);
+        kvx::TextReferences::Fill(text, m_pReadNext + sizeof(DWORD), length, *pool);
     }
     else
     {
         kvx::TextReferences::Fill(text, m_pReadNext + sizeof(DWORD), length);
+    }
+    if (compact)
+    {
+        compact->Add(text, bStays);
     }
     m_pReadNext += sizeof(DWORD) + bytes;
     return true;
 }
 
 /// For an empty text.
-inline int CMsgStream::ReadText(CString & text)
+inline int CMsgStream::ReadText(CString & text, kvx::TextPool * pool, bool bStays)
 {
-    return ReadInPlace(text) || ReadInParts(text);
+    return ReadInPlace(text, pool, bStays) || ReadInParts(text, bStays);
 }
 
 int CMsgStream::Read(CString & text)
 {
     text.Empty();
-    return ReadText(text);
+    return ReadText(text, nullptr, false);
 }
 
-int CMsgStream::ReadTexts(std::span<CStringValue> texts)
+int CMsgStream::ReadTexts(std::span<CStringValue> texts, kvx::TextPool * pool)
 {
-    return std::ranges::all_of(texts, [this](CStringValue & text) { return ReadText(text) != 0; });
+    return std::ranges::all_of(texts,
+                               [this, pool](CStringValue & text) { return ReadText(text, pool, m_bTextsStay) != 0; });
 }
 
 int CMsgStream::ReadWideText(CString & text, DWORD length)
@@ -218,19 +224,32 @@ int CMsgStream::ReadNarrowText(CString & text, DWORD length)
 
 int CMsgStream::Write(CString const & text)
 {
-    return WriteText(text);
+    return WriteText(text, false);
 }
 
-inline int CMsgStream::WriteText(CString const & text)
+inline int CMsgStream::WriteText(CString const & text, bool bStays)
 {
     CCompactInfo * const compact = m_pCompact.load(std::memory_order_relaxed);
-    int const known = compact ? compact->FindOrAdd(text) : -1;
+    int const known = compact ? compact->FindOrAdd(text, bStays) : -1;
     return known < 0 ? WriteInFull(text) : Write(static_cast<DWORD>(known) | BACK_REFERENCE);
 }
 
 int CMsgStream::WriteTexts(std::span<CStringValue const> texts)
 {
-    return std::ranges::all_of(texts, [this](CStringValue const & text) { return WriteText(text) != 0; });
+    // Characters that lie elsewhere each are asked for before they are needed.
+    constexpr std::size_t AHEAD = 8;
+    for (std::size_t i = 0; i < texts.size(); ++i)
+    {
+        if (i + AHEAD < texts.size())
+        {
+            __builtin_prefetch(kvx::TextReferences::GetHead(texts[i + AHEAD]));
+        }
+        if (!WriteText(texts[i], m_bTextsStay))
+        {
+            return 0;
+        }
+    }
+    return 1;
 }
 
 int CMsgStream::WriteInFull(CString const & text)
@@ -326,129 +345,6 @@ void CMsgStream::EndMessage()
     {
         ReleaseCompact();
         m_nMessages = 0;
-    }
-}
-
-int CMsgStream::CCompactInfo::FindOrAddAmongFew(CString const & text)
-{
-    constexpr std::size_t FEW = 8;
-    if (m_texts.size() == FEW)
-    {
-        m_bIndexed = true;
-        std::vector<CString> const few = std::exchange(m_texts, {});
-        for (CString const & known : few)
-        {
-            FindOrAdd(known);
-        }
-        return FindOrAdd(text);
-    }
-    auto const found = std::ranges::find(m_texts, text);
-    if (found != m_texts.end())
-    {
-        return static_cast<int>(found - m_texts.begin());
-    }
-    m_texts.push_back(text);
-    return -1;
-}
-
-int CMsgStream::CCompactInfo::FindOrAddByContent(CString const & text, Recent & recent)
-{
-    if (m_slots.size() < 2 * (m_texts.size() + 1))
-    {
-        Grow();
-    }
-    DWORD const hash = kvx::HashText(text.GetString(), static_cast<std::size_t>(text.GetLength()));
-    std::size_t const mask = m_slots.size() - 1;
-    std::size_t at = hash & mask;
-    for (; m_slots[at].nNumber != 0; at = (at + 1) & mask)
-    {
-        Slot const & slot = m_slots[at];
-        if (slot.nHash == hash && m_texts[slot.nNumber - 1] == text)
-        {
-            return static_cast<int>(slot.nNumber - 1);
-        }
-    }
-    recent = {text, static_cast<DWORD>(m_texts.size())};
-    m_texts.push_back(text);
-    m_slots[at] = {hash, static_cast<DWORD>(m_texts.size())};
-    return -1;
-}
-
-void CMsgStream::CCompactInfo::Grow()
-{
-    std::vector<Slot> old(std::max<std::size_t>(32, 4 * m_slots.size()));
-    old.swap(m_slots);
-    std::size_t const mask = m_slots.size() - 1;
-    for (Slot const & slot : old)
-    {
-        if (slot.nNumber != 0)
-        {
-            std::size_t at = slot.nHash & mask;
-            while (m_slots[at].nNumber != 0)
-            {
-                at = (at + 1) & mask;
-            }
-            m_slots[at] = slot;
-        }
-    }
-}
-
-void CMsgStream::CCompactInfo::Restock(Stock & stock, DWORD number)
-{
-    constexpr int MOST = 64;
-    m_bStocks = true;
-    int const count = stock.nNumber == number ? std::clamp(2 * stock.nTaken, 1, MOST) : 1;
-    if (stock.nLeft > 0)
-    {
-        kvx::TextReferences::Remove(m_texts[stock.nNumber], stock.nLeft);
-    }
-    stock = {number, 0, count};
-    kvx::TextReferences::Add(m_texts[number], count);
-    stock.nLeft = count;
-}
-
-void CMsgStream::CCompactInfo::ReturnStocks()
-{
-    for (Stock & stock : m_stocks)
-    {
-        if (stock.nLeft > 0)
-        {
-            kvx::TextReferences::Remove(m_texts[stock.nNumber], stock.nLeft);
-        }
-        stock = {};
-    }
-    m_bStocks = false;
-}
-
-void CMsgStream::CCompactInfo::Reset()
-{
-    if (m_bStocks)
-    {
-        ReturnStocks();
-    }
-    // Tables of ordinary messages are kept for the next one; those of large ones would weigh on idle connections.
-    constexpr std::size_t KEEP = 512;
-    if (m_texts.capacity() > KEEP)
-    {
-        m_texts = {};
-    }
-    else
-    {
-        m_texts.clear();
-    }
-    if (!m_bIndexed)
-    {
-        return;
-    }
-    m_bIndexed = false;
-    m_recent = {};
-    if (m_slots.size() > 4 * KEEP)
-    {
-        m_slots = {};
-    }
-    else
-    {
-        std::ranges::fill(m_slots, Slot{});
     }
 }
 

@@ -8,10 +8,14 @@
 #include "kvx/foundation/StringValue.h"
 #include "kvx/platform/mfc/Afx.h"
 
-#include <array>
 #include <atomic>
 #include <span>
-#include <vector>
+#include <utility>
+
+namespace kvx
+{
+class TextPool;
+}
 
 /// Words and texts over two operations of a subclass that move raw bytes.
 ///
@@ -49,8 +53,9 @@ public:
     int Write(DWORD word);
     int Write(CString const & text);
     int Write(void const * buffer, DWORD count) { return count == 0 ? 1 : WriteBytes(buffer, count); }
-    /// A run of texts, each as above, in one go. Those that are read into must be empty.
-    int ReadTexts(std::span<CStringValue> texts);
+    /// A run of texts, each as above, in one go. Those that are read into must be empty; short ones take their memory
+    /// from the pool, if there is one. A CMsgStreamCompactor may have said that all of them stay where they are.
+    int ReadTexts(std::span<CStringValue> texts, kvx::TextPool * pool = nullptr);
     int WriteTexts(std::span<CStringValue const> texts);
 
     /// Turns compaction on, or empties the table.
@@ -80,19 +85,20 @@ private:
     std::atomic<LONG> m_nMessages{
         0}; // messages under way, nested; the sign bit says that compaction is to end with them
     bool m_bUnicode;
+    bool m_bTextsStay = false; // see CMsgStreamCompactor
 
     void BeginMessage();
     void EndMessage();
     void ReleaseCompact();
 
     int ReadBytes(void * buffer, DWORD count);
-    int ReadText(CString & text);
-    bool ReadInPlace(CString & text);
-    int ReadInParts(CString & text);
+    int ReadText(CString & text, kvx::TextPool * pool, bool bStays);
+    bool ReadInPlace(CString & text, kvx::TextPool * pool, bool bStays);
+    int ReadInParts(CString & text, bool bStays);
     int WriteBytes(void const * buffer, DWORD count);
     int ReadWideText(CString & text, DWORD length);
     int ReadNarrowText(CString & text, DWORD length);
-    int WriteText(CString const & text);
+    int WriteText(CString const & text, bool bStays);
     int WriteInFull(CString const & text);
 };
 
@@ -100,101 +106,24 @@ private:
 class KVX_API CMsgStreamCompactor
 {
 public:
-    explicit CMsgStreamCompactor(CMsgStream & stream) : m_stream(stream) { m_stream.BeginMessage(); }
+    /// With `bTextsStay` the caller vouches for all texts of WriteTexts and ReadTexts: nobody changes them, or lets
+    /// them go, before the message's end, and the compaction table needs no references of its own.
+    explicit CMsgStreamCompactor(CMsgStream & stream, bool bTextsStay = false)
+        : m_stream(stream), m_bTextsStayed(std::exchange(stream.m_bTextsStay, bTextsStay))
+    {
+        m_stream.BeginMessage();
+    }
     CMsgStreamCompactor(CMsgStreamCompactor const &) = delete;
     CMsgStreamCompactor & operator=(CMsgStreamCompactor const &) = delete;
-    ~CMsgStreamCompactor() { m_stream.EndMessage(); }
+    ~CMsgStreamCompactor()
+    {
+        m_stream.EndMessage();
+        m_stream.m_bTextsStay = m_bTextsStayed;
+    }
 
 private:
     CMsgStream & m_stream;
-};
-
-/// The texts of one message, numbered from 0 in order of first appearance, the empty text included. The writer's side
-/// finds numbers by text, the reader's side texts by number; a stream uses one of them at a time.
-class KVX_API CMsgStream::CCompactInfo : public CObject
-{
-public:
-    /// The number of a text that is known, or -1 when it has now got the next number.
-    int FindOrAdd(CString const & text)
-    {
-        if (!m_bIndexed)
-        {
-            return FindOrAddAmongFew(text);
-        }
-        Recent & recent = m_recent[RecentIndex(text)];
-        if (recent.pCharacters == text.GetString())
-        {
-            return static_cast<int>(recent.nNumber);
-        }
-        return FindOrAddByContent(text, recent);
-    }
-    /// Fills an empty text with that of a number; false for a number that was never given out.
-    bool Share(DWORD number, CString & text)
-    {
-        if (number >= m_texts.size())
-        {
-            return false;
-        }
-        Stock & stock = m_stocks[number % STOCKS];
-        if (stock.nNumber != number || stock.nLeft == 0)
-        {
-            Restock(stock, number);
-        }
-        --stock.nLeft;
-        kvx::TextReferences::HandOver(m_texts[number], text);
-        return true;
-    }
-    void Add(CString const & text) { m_texts.push_back(text); }
-    /// Adds a text of that many characters, which may lie at any address, and fills an empty one with it.
-    void AddAndShare(void const * characters, std::size_t length, CString & text)
-    {
-        kvx::TextReferences::Fill(m_texts.emplace_back(), text, characters, length);
-    }
-    void Reset();
-    ~CCompactInfo() override { Reset(); }
-
-private:
-    // An open-addressing table over the texts; a slot holds the number plus 1, and the upper bits of the hash.
-    struct Slot
-    {
-        DWORD nHash = 0;
-        DWORD nNumber = 0;
-    };
-    // Tables repeat their texts by sharing characters: those are known by their address, without a look at them. The
-    // texts above hold on to it until Reset.
-    struct Recent
-    {
-        LPCTSTR pCharacters = nullptr;
-        DWORD nNumber = 0;
-    };
-    static constexpr std::size_t RECENT = 64;
-
-    // References to a text that is asked for again and again are taken in advance, ever more at a time.
-    struct Stock
-    {
-        DWORD nNumber = 0;
-        int nLeft = 0;
-        int nTaken = 0;
-    };
-    static constexpr std::size_t STOCKS = 32;
-
-    std::vector<CString> m_texts;
-    std::vector<Slot> m_slots;
-    std::array<Stock, STOCKS> m_stocks{};
-    bool m_bStocks = false; // some are in use
-    std::array<Recent, RECENT> m_recent{};
-    bool m_bIndexed = false; // slots and addresses are in use; a few texts are told apart without
-
-    static std::size_t RecentIndex(LPCTSTR characters)
-    {
-        auto const address = reinterpret_cast<UINT_PTR>(characters);
-        return (address >> 4 ^ address >> 10) % RECENT;
-    }
-    void Restock(Stock & stock, DWORD number);
-    void ReturnStocks();
-    int FindOrAddAmongFew(CString const & text);
-    int FindOrAddByContent(CString const & text, Recent & recent);
-    void Grow();
+    bool m_bTextsStayed;
 };
 
 /// A stream on a file, which it doesn't own. Any exception of the file becomes a failure.

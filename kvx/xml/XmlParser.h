@@ -5,6 +5,7 @@
 #include "kvx/xml/XmlDocument.h"
 
 #include "kvx/platform/mfc/Archive.h"
+#include "kvx/platform/mfc/TextReferences.h"
 
 #include <array>
 #include <cstdint>

@@ -13,7 +13,6 @@ namespace
 {
 // What a block counts while pieces are cut from it: more than there can be.
 constexpr std::int32_t OPEN_REFS = 1 << 20;
-constexpr std::size_t LARGEST_BLOCK = 32768;
 } // namespace
 
 template <std::size_t MARK>
@@ -27,7 +26,6 @@ void BlockPool<MARK>::Release(Block * block, std::int32_t count) noexcept
     }
 }
 
-// Before each piece stands its distance from the block.
 template <std::size_t MARK>
 void * BlockPool<MARK>::Allocate(std::size_t bytes) noexcept
 {
@@ -44,7 +42,7 @@ void * BlockPool<MARK>::Allocate(std::size_t bytes) noexcept
         m_pBlock = new (memory) Block{OPEN_REFS};
         m_pNext = memory + STEP;
         m_pEnd = memory + m_nNextSize;
-        m_nNextSize = std::min(m_nNextSize * 2, LARGEST_BLOCK);
+        m_nNextSize = std::min(m_nNextSize * 2, m_nLargest);
     }
     char * const piece = m_pNext + MARK;
     auto const distance = static_cast<std::uint32_t>(piece - reinterpret_cast<char *>(m_pBlock));
@@ -52,15 +50,6 @@ void * BlockPool<MARK>::Allocate(std::size_t bytes) noexcept
     m_pNext += size;
     ++m_nCut;
     return piece;
-}
-
-template <std::size_t MARK>
-void BlockPool<MARK>::FreePiece(void * memory) noexcept
-{
-    auto * const piece = static_cast<char *>(memory);
-    std::uint32_t distance = 0;
-    std::memcpy(&distance, piece - sizeof(distance), sizeof(distance));
-    Release(reinterpret_cast<Block *>(piece - distance), 1);
 }
 
 template <std::size_t MARK>

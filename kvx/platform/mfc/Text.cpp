@@ -1,6 +1,7 @@
 #include "kvx/platform/mfc/Text.h"
 
 #include "kvx/platform/mfc/Exception.h"
+#include "kvx/platform/mfc/TextReferences.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -76,11 +77,17 @@ void FreeText(TextHead * head) noexcept
     }
 }
 
+TextPool::TextPool(std::size_t firstBlock, std::size_t largestBlock)
+    : m_pieces(firstBlock, largestBlock),
+      m_nLongest(std::min(LONGEST, firstBlock / (4 * sizeof(WCHAR)))) // no text takes most of a block
+{
+}
+
 TextHead * TextPool::Allocate(std::size_t capacity)
 {
     static_assert(alignof(TextHead) <= 4 &&
                   sizeof(TextHead) + (LONGEST + 1) * sizeof(WCHAR) <= SmallPieces::LARGEST_PIECE);
-    if (capacity > LONGEST)
+    if (capacity > m_nLongest)
     {
         return AllocateText(capacity, sizeof(WCHAR));
     }

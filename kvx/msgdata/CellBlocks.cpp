@@ -1,6 +1,6 @@
 #include "kvx/msgdata/CellBlocks.h"
 
-#include "kvx/platform/mfc/TextReferences.h"
+#include <algorithm>
 
 namespace kvx
 {
@@ -12,14 +12,13 @@ CellBlocks::Cells CopyCells(int block, CellBlocks::Cells const & cells)
     {
         return nullptr;
     }
-    auto const length = static_cast<std::size_t>(CellBlocks::GetLength(block));
-    auto copy = std::make_unique<CStringValue[]>(length);
-    std::copy_n(cells.get(), length, copy.get());
+    CellBlocks::Cells copy = CellBlocks::MakeCells(block);
+    std::copy_n(cells.get(), CellBlocks::GetLength(block), copy.get());
     return copy;
 }
 } // namespace
 
-CellBlocks::CellBlocks(CellBlocks const & other)
+CellBlocks::CellBlocks(CellBlocks const & other) : m_first(other.m_first)
 {
     m_blocks.reserve(other.m_blocks.size());
     for (Cells const & cells : other.m_blocks)
@@ -35,6 +34,7 @@ CellBlocks::CellBlocks(CellBlocks const & other)
 CellBlocks::~CellBlocks()
 {
     TextReferences references;
+    references.Collect(std::span<CStringValue>(m_first));
     auto const collect = [&references](int block, Cells const & cells)
     {
         if (cells)
@@ -52,7 +52,7 @@ CellBlocks::~CellBlocks()
     }
 }
 
-CStringValue * CellBlocks::FindFar(int block) const
+CStringValue const * CellBlocks::FindFar(int block) const
 {
     auto const found = m_far.find(block);
     return found != m_far.end() ? found->second.get() : nullptr;
@@ -61,7 +61,7 @@ CStringValue * CellBlocks::FindFar(int block) const
 CStringValue * CellBlocks::FindOrAdd(int block)
 {
     CStringValue * const cells = Find(block);
-    return cells ? cells : Add(block, std::make_unique<CStringValue[]>(static_cast<std::size_t>(GetLength(block))));
+    return cells ? cells : Add(block, MakeCells(block));
 }
 
 CStringValue * CellBlocks::Add(int block, Cells cells)

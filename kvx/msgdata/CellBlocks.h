@@ -3,17 +3,27 @@
 /// Where a column keeps its cells.
 
 #include "kvx/foundation/StringValue.h"
+#include "kvx/platform/mfc/TextReferences.h"
 
+#include <array>
 #include <bit>
 #include <map>
 #include <memory>
-#include <span>
+#include <utility>
 #include <vector>
 
 namespace kvx
 {
-/// A sparse sequence of cells by index, from 0. Cells lie in blocks of neighbours, small ones first: a missing block
-/// costs next to nothing, a filled sequence is dense. The address of a cell stays as it is until the object goes.
+/// Memory for the short texts of cells that are read: one that somebody keeps keeps little with it.
+class CellTexts : public TextPool
+{
+public:
+    CellTexts() : TextPool(512, 4096) {}
+};
+
+/// A sparse sequence of cells by index, from 0. Cells lie in blocks of neighbours, small ones first, the first of all
+/// in the object itself: a missing block costs next to nothing, a filled sequence is dense. The address of a cell stays
+/// as it is until the object goes.
 ///
 /// Threads: one at a time; several may use the const operations at once.
 class KVX_API CellBlocks
@@ -49,16 +59,28 @@ public:
     /// The cell, made with its block if that is missing.
     CStringValue & At(int index)
     {
+        if (index < FIRST)
+        {
+            return m_first[static_cast<std::size_t>(index)];
+        }
         int const block = GetBlock(index);
         auto const at = static_cast<std::size_t>(block);
         CStringValue * const cells = at < m_blocks.size() && m_blocks[at] ? m_blocks[at].get() : FindOrAdd(block);
         return cells[index - GetStart(block)];
     }
-    /// The cells of a block; null if it is missing.
-    CStringValue * Find(int block) const
+    /// The cells of a block; null if it is missing, as the first never is.
+    CStringValue * Find(int block) { return const_cast<CStringValue *>(std::as_const(*this).Find(block)); }
+    CStringValue const * Find(int block) const
     {
         auto const at = static_cast<std::size_t>(block);
-        return at < m_blocks.size() ? m_blocks[at].get() : m_far.empty() ? nullptr : FindFar(block);
+        return block == 0             ? m_first.data()
+               : at < m_blocks.size() ? m_blocks[at].get()
+               : m_far.empty()        ? nullptr
+                                      : FindFar(block);
+    }
+    static Cells MakeCells(int block)
+    {
+        return std::make_unique<CStringValue[]>(static_cast<std::size_t>(GetLength(block)));
     }
     /// Takes over the cells of a block that is missing.
     CStringValue * Add(int block, Cells cells);
@@ -68,11 +90,12 @@ private:
     static constexpr int FIRST_WIDTH = 4;  // bits of the first block's indices
     static constexpr int LARGE_BLOCKS = 3; // the first block of full length, less 1
 
-    // Those at the beginning with few gaps, and those that lie far beyond.
+    std::array<CStringValue, FIRST> m_first;
+    // By number, with few gaps, and null in the first block's place; and those that lie far beyond.
     std::vector<Cells> m_blocks;
     std::map<int, Cells> m_far;
 
     CStringValue * FindOrAdd(int block);
-    CStringValue * FindFar(int block) const;
+    CStringValue const * FindFar(int block) const;
 };
 } // namespace kvx

@@ -9,12 +9,10 @@
 
 namespace
 {
-using Cells = kvx::CellBlocks::Cells;
-
-// Bytes of the memory that the short texts of a column share when they are read: a cell that somebody keeps keeps no
-// more than that.
-constexpr std::size_t FIRST_TEXTS = 512;
-constexpr std::size_t MOST_TEXTS = 4096;
+bool IsEmpty(std::span<CStringValue const> cells)
+{
+    return std::ranges::all_of(cells, [](CStringValue const & cell) { return cell.IsEmpty(); });
+}
 } // namespace
 
 CMsgDataSet::CMsgDataSet(LONG & rowCount, int ordinal, LPCTSTR name)
@@ -37,6 +35,12 @@ CStringValue CMsgDataSet::GetData(POSITION pos) const
 
 int CMsgDataSet::Read(CMsgStream & stream)
 {
+    kvx::CellTexts texts;
+    return Read(stream, texts);
+}
+
+int CMsgDataSet::Read(CMsgStream & stream, kvx::CellTexts & texts)
+{
     DWORD count = 0;
     if (!stream.Read(m_strName) || !stream.Read(count))
     {
@@ -47,36 +51,46 @@ int CMsgDataSet::Read(CMsgStream & stream)
         SetLastError(ERROR_INVALID_DATA);
         return 0;
     }
-    kvx::TextPool pool(FIRST_TEXTS, MOST_TEXTS);
-    Cells empty; // of the largest length: serves for the next rows
+    kvx::CellBlocks::Cells spare;
     for (int block = 0; count > 0; ++block)
     {
-        auto const length = static_cast<std::size_t>(kvx::CellBlocks::GetLength(block));
-        bool const bLargest = length == kvx::CellBlocks::LARGEST;
-        Cells cells = bLargest && empty ? std::move(empty) : std::make_unique<CStringValue[]>(length);
-        auto const run = std::span(cells.get(), std::min<std::size_t>(count, length));
-        if (!stream.ReadTexts(run, &pool))
+        int const length = kvx::CellBlocks::GetLength(block);
+        auto const run = std::min<std::size_t>(count, static_cast<std::size_t>(length));
+        count -= static_cast<DWORD>(run);
+        CStringValue * const known = m_cells.Find(block);
+        if (known && IsEmpty({known, run}))
+        {
+            if (!stream.ReadTexts({known, run}, &texts))
+            {
+                return 0;
+            }
+            continue;
+        }
+        if (!spare)
+        {
+            spare = std::make_unique<CStringValue[]>(kvx::CellBlocks::LARGEST);
+        }
+        std::span const cells(spare.get(), run);
+        if (!stream.ReadTexts(cells, &texts))
         {
             return 0;
         }
-        count -= static_cast<DWORD>(run.size());
-        if (std::ranges::all_of(run, [](CStringValue const & cell) { return cell.IsEmpty(); }))
+        if (IsEmpty(cells))
         {
-            empty = bLargest ? std::move(cells) : nullptr;
+            continue;
         }
-        else if (CStringValue * const known = m_cells.Find(block))
+        if (!known && length == kvx::CellBlocks::LARGEST)
         {
-            for (std::size_t i = 0; i < run.size(); ++i)
+            m_cells.Add(block, std::move(spare));
+            continue;
+        }
+        CStringValue * const target = known ? known : m_cells.Add(block, kvx::CellBlocks::MakeCells(block));
+        for (std::size_t i = 0; i < run; ++i)
+        {
+            if (!cells[i].IsEmpty())
             {
-                if (!run[i].IsEmpty())
-                {
-                    known[i] = std::move(run[i]);
-                }
+                target[i] = std::exchange(cells[i], CStringValue());
             }
-        }
-        else
-        {
-            m_cells.Add(block, std::move(cells));
         }
     }
     return 1;

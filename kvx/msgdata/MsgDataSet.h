@@ -50,6 +50,8 @@ public:
 
     /// The wire form: docs/wire-protocol.md. Empty cells that are read don't come into being.
     int Read(CMsgStream & stream);
+    /// The same with memory for short texts that other columns use too.
+    int Read(CMsgStream & stream, kvx::CellTexts & texts);
     int Write(CMsgStream & stream) const;
 
 private:

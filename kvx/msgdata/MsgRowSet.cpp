@@ -120,10 +120,11 @@ int CMsgRowSet::Read(CMsgStream & stream)
         return 0;
     }
     m_nRows = static_cast<LONG>(rows);
+    kvx::CellTexts texts;
     for (; columns > 0; --columns)
     {
         auto column = std::make_unique<CMsgDataSet>(m_nRows, m_columns.GetOrdinalCount(), nullptr);
-        if (!column->Read(stream))
+        if (!column->Read(stream, texts))
         {
             return 0;
         }

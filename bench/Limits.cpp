@@ -107,6 +107,37 @@ int ServePlain(std::function<void(PlainSocket &)> serve)
     return ntohs(address.sin_port);
 }
 
+void AcknowledgeEach(PlainSocket & socket, std::size_t bytes)
+{
+    Bytes buffer(65536);
+    for (std::size_t left = bytes;;)
+    {
+        std::size_t const got = socket.Receive(buffer.data(), std::min(buffer.size(), left));
+        if (got == 0)
+        {
+            return;
+        }
+        left -= got;
+        if (left == 0)
+        {
+            socket.Send({1});
+            left = bytes;
+        }
+    }
+}
+
+double TimeSends(PlainSocket const & socket, Bytes const & message, int count)
+{
+    auto const start = Clock::now();
+    for (int i = 0; i < count; ++i)
+    {
+        socket.Send(message);
+    }
+    Bytes done(1);
+    socket.ReceiveAll(done.data(), done.size());
+    return Since(start) / count;
+}
+
 void PlainWriter::Word(std::uint32_t word)
 {
     word = htonl(word);

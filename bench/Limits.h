@@ -41,6 +41,11 @@ private:
 /// port.
 int ServePlain(std::function<void(PlainSocket &)> serve);
 
+/// Says a byte each time that so many have come.
+void AcknowledgeEach(PlainSocket & socket, std::size_t bytes);
+/// The nanoseconds of each of so many sends, until the other end has acknowledged them all.
+double TimeSends(PlainSocket const & socket, Bytes const & message, int count);
+
 /// Gathers one message: words, and texts behind their lengths.
 class PlainWriter
 {

@@ -41,15 +41,6 @@ Bytes BytesOfRequest()
     return stream.m_bytes;
 }
 
-Bytes BytesOfOneWayRequest()
-{
-    CMsgRequest request(CMsgRequest::FLAG_DISCARD_RESULTS);
-    request.SetCommand(_T("host.count.add"));
-    ByteStream stream;
-    request.Write(stream);
-    return stream.m_bytes;
-}
-
 PlainRequest MakePlainRequest(int rows)
 {
     std::string const digits = std::to_string(rows);
@@ -90,27 +81,6 @@ void ServeTables(PlainSocket & socket)
     }
 }
 
-/// Says a byte each time that so many messages have come.
-void CountMessages(PlainSocket & socket, int messages)
-{
-    std::size_t const total = BytesOfOneWayRequest().size() * static_cast<std::size_t>(messages);
-    Bytes buffer(65536);
-    for (std::size_t left = total;;)
-    {
-        std::size_t const got = socket.Receive(buffer.data(), std::min(buffer.size(), left));
-        if (got == 0)
-        {
-            return;
-        }
-        left -= got;
-        if (left == 0)
-        {
-            socket.Send({1});
-            left = total;
-        }
-    }
-}
-
 int RunService(Options const & options)
 {
     PinTo(options.GetNumber("cpu", -1));
@@ -136,8 +106,8 @@ int RunPlain(Options const & options)
     }
     else
     {
-        int const messages = options.GetNumber("size", 1);
-        port = ServePlain([messages](PlainSocket & socket) { CountMessages(socket, messages); });
+        auto const size = static_cast<std::size_t>(options.GetNumber("size", 1));
+        port = ServePlain([size](PlainSocket & socket) { AcknowledgeEach(socket, size); });
     }
     SayLine(std::to_string(port));
     WaitForParent();
@@ -304,40 +274,13 @@ void MeasureClients(Effort const & effort, int cpu, std::string const & name, do
 void MeasureOneWay(Effort const & effort)
 {
     PinTo(0);
-    Ends const ends("count", 1, static_cast<std::size_t>(effort.nOneWay));
-    CMsgRequest add;
-    add.SetCommand(_T("host.count.add"));
-    CMsgRequest wait;
-    wait.SetCommand(_T("host.count.wait"));
-    wait.SetParam(_T("total"), effort.nOneWay);
-    auto const ours = [&]
-    {
-        auto const start = Clock::now();
-        for (int i = 0; i < effort.nOneWay; ++i)
-        {
-            add.Send();
-        }
-        if (wait.Execute().Failed())
-        {
-            Fail("the service doesn't count");
-        }
-        return Since(start) / effort.nOneWay;
-    };
+    OneWayCalls const calls(effort.nOneWay);
+    Bytes const message = calls.GetBytes(1, true);
+    Ends const ends("count", 1, message.size() * static_cast<std::size_t>(effort.nOneWay));
     PlainSocket const socket = ends.ConnectPlain();
-    Bytes const message = BytesOfOneWayRequest();
-    auto const limit = [&]
-    {
-        auto const start = Clock::now();
-        for (int i = 0; i < effort.nOneWay; ++i)
-        {
-            socket.Send(message);
-        }
-        Bytes done(1);
-        socket.ReceiveAll(done.data(), done.size());
-        return Since(start) / effort.nOneWay;
-    };
-    Compare({.strName = "one-way requests : a send a message", .target = Target::AtLeast, .nTarget = 0.9},
-            effort.nRounds, ours, limit);
+    Compare(
+        {.strName = "one-way requests : a send a message", .target = Target::AtLeast, .nTarget = 1.0}, effort.nRounds,
+        [&] { return calls.Time(); }, [&] { return TimeSends(socket, message, effort.nOneWay); });
 }
 } // namespace
 

@@ -89,6 +89,34 @@ int ByteStream::WriteData(void const * buffer, DWORD count)
     return 1;
 }
 
+double OneWayCalls::Time() const
+{
+    CMsgRequest add;
+    add.SetCommand(_T("host.count.add"));
+    CMsgRequest wait;
+    wait.SetCommand(_T("host.count.wait"));
+    wait.SetParam(_T("total"), m_nCount);
+    auto const start = Clock::now();
+    for (int i = 0; i < m_nCount; ++i)
+    {
+        add.Send();
+    }
+    if (wait.Execute().Failed())
+    {
+        Fail("the service doesn't count");
+    }
+    return Since(start) / m_nCount;
+}
+
+std::vector<unsigned char> OneWayCalls::GetBytes(int unicode, bool bCompact) const
+{
+    CMsgRequest add(CMsgRequest::FLAG_DISCARD_RESULTS);
+    add.SetCommand(_T("host.count.add"));
+    ByteStream stream(unicode, bCompact);
+    add.Write(stream);
+    return stream.m_bytes;
+}
+
 int CountCharacters(CMsgResponse & response)
 {
     if (response.Failed())

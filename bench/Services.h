@@ -37,12 +37,33 @@ int CountCharacters(CMsgResponse & response);
 class ByteStream : public CMsgStream
 {
 public:
-    ByteStream() : CMsgStream(1) { EnableCompact(); }
+    explicit ByteStream(int unicode = 1, bool bCompact = true) : CMsgStream(unicode)
+    {
+        if (bCompact)
+        {
+            EnableCompact();
+        }
+    }
     ~ByteStream() override { DeleteCompact(); }
 
     int ReadData(void *, DWORD) override { return 0; }
     int WriteData(void const * buffer, DWORD count) override;
 
     std::vector<unsigned char> m_bytes;
+};
+
+/// One-way requests that the service counts.
+class OneWayCalls
+{
+public:
+    explicit OneWayCalls(int count) : m_nCount(count) {}
+
+    /// The nanoseconds of each, until the service has served them all.
+    double Time() const;
+    /// What each is on the wire.
+    std::vector<unsigned char> GetBytes(int unicode, bool bCompact) const;
+
+private:
+    int m_nCount;
 };
 } // namespace bench

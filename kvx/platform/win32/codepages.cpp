@@ -1,6 +1,7 @@
 #include "kvx/platform/win32/codepages.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/low_descriptors.h"
 #include "kvx/platform/win32/utf8.h"
 
@@ -455,12 +456,6 @@ int Finish(Result result, std::size_t nCount)
     SetLastError(result == Result::Full        ? ERROR_INSUFFICIENT_BUFFER
                  : result == Result::Malformed ? ERROR_NO_UNICODE_TRANSLATION
                                                : ERROR_INVALID_PARAMETER);
-    return 0;
-}
-
-int Refuse(DWORD dwError)
-{
-    SetLastError(dwError);
     return 0;
 }
 

@@ -2,7 +2,7 @@
 
 #include "kvx/platform/win32/codepages.h"
 #include "kvx/platform/win32/errors.h"
-#include "kvx/platform/win32/fileobject.h"
+#include "kvx/platform/win32/files/file_object.h"
 #include "kvx/platform/win32/utf8.h"
 
 #include <algorithm>

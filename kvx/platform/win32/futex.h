@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvx/platform/win32/lock_guard.h"
+
 #include <atomic>
 #include <cstdint>
 #include <span>
@@ -66,16 +68,6 @@ private:
     FutexWord m_word{0}; // 0 free, 1 locked, 2 locked and somebody may sleep
 };
 
-class FutexGuard
-{
-public:
-    explicit FutexGuard(FutexMutex & mutex) noexcept : m_mutex(mutex) { m_mutex.Lock(); }
-    ~FutexGuard() { m_mutex.Unlock(); }
-    FutexGuard(FutexGuard const &) = delete;
-    FutexGuard & operator=(FutexGuard const &) = delete;
-
-private:
-    FutexMutex & m_mutex;
-};
+using FutexGuard = LockGuard<FutexMutex>;
 
 } // namespace kvx::win32

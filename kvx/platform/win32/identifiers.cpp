@@ -1,8 +1,8 @@
 #include "kvx/platform/win32/identifiers.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/retry.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <string_view>
 
@@ -37,13 +37,8 @@ HRESULT CoCreateGuid(GUID * pGuid) noexcept
         return E_POINTER;
     }
     GUID guid{};
-    ssize_t nRead = 0;
     // So few bytes come as a whole or not at all.
-    do
-    {
-        nRead = ::getrandom(&guid, sizeof guid, 0);
-    } while (nRead < 0 && errno == EINTR);
-    if (nRead != sizeof guid)
+    if (kvx::win32::Retry([&] { return ::getrandom(&guid, sizeof guid, 0); }) != sizeof guid)
     {
         return E_FAIL;
     }

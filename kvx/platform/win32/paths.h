@@ -46,6 +46,9 @@ KVX_API std::u16string FromHost(std::string_view path);
 /// error for what ToHost refuses on sight.
 KVX_API std::u16string ToFullPath(std::u16string_view path);
 
+/// Where the name begins: behind a path's last separator or drive.
+std::size_t NamePosition(std::u16string_view path);
+
 /// HOME if that is absolute, else what the system knows of the user.
 KVX_API std::string GetHomeFolder();
 

@@ -3,6 +3,7 @@
 #include "kvx/platform/win32/codepages.h"
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/paths.h"
+#include "kvx/platform/win32/retry.h"
 #include "kvx/platform/win32/termination.h"
 #include "kvx/platform/win32/unique_fd.h"
 #include "kvx/platform/win32/upcase.h"
@@ -118,9 +119,10 @@ LONG ReadAll(int nFile, std::string & strBytes)
     std::size_t nRead = 0;
     while (nRead < strBytes.size())
     {
-        ssize_t const nGot =
-            ::pread(nFile, strBytes.data() + nRead, strBytes.size() - nRead, static_cast<off_t>(nRead));
-        if (nGot < 0 && errno != EINTR)
+        ssize_t const nGot = Retry(
+            [&]
+            { return ::pread(nFile, strBytes.data() + nRead, strBytes.size() - nRead, static_cast<off_t>(nRead)); });
+        if (nGot < 0)
         {
             return CurrentError();
         }
@@ -128,7 +130,7 @@ LONG ReadAll(int nFile, std::string & strBytes)
         {
             break;
         }
-        nRead += nGot > 0 ? static_cast<std::size_t>(nGot) : 0;
+        nRead += static_cast<std::size_t>(nGot);
     }
     strBytes.resize(nRead);
     return 0;
@@ -161,8 +163,8 @@ LONG ReplaceFile(std::string const & strHost, struct stat const & info, std::str
     }
     while (bGood && !bytes.empty())
     {
-        ssize_t const nWritten = ::write(file.Get(), bytes.data(), bytes.size());
-        bGood = nWritten >= 0 || errno == EINTR;
+        ssize_t const nWritten = Retry([&] { return ::write(file.Get(), bytes.data(), bytes.size()); });
+        bGood = nWritten >= 0;
         bytes.remove_prefix(nWritten > 0 ? static_cast<std::size_t>(nWritten) : 0);
     }
     bGood = bGood && ::fdatasync(file.Get()) == 0 && ::rename(strNew.c_str(), strHost.c_str()) == 0;
@@ -191,14 +193,10 @@ LONG LockProfile(std::string & strHost, bool bCreate, UniqueFd & file, struct st
         {
             return CurrentError();
         }
-        int nResult = 0;
-        while ((nResult = ::flock(file.Get(), LOCK_EX)) != 0 && errno == EINTR)
-        {
-        }
         struct stat current
         {
         };
-        if (nResult != 0 || ::fstat(file.Get(), &info) != 0)
+        if (Retry([&] { return ::flock(file.Get(), LOCK_EX); }) != 0 || ::fstat(file.Get(), &info) != 0)
         {
             return CurrentError();
         }

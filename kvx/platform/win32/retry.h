@@ -3,9 +3,13 @@
 /// System calls that a signal may interrupt.
 
 #include <cerrno>
+#include <cstddef>
 
 namespace kvx::win32
 {
+
+/// The kernel moves no more bytes than this in one call.
+inline constexpr std::size_t MaxTransfer = 0x7FFFF000;
 
 /// Runs a system call until no signal gets in its way.
 template <typename Call>

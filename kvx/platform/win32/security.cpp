@@ -1,6 +1,7 @@
 #include "kvx/platform/win32/security.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/handles.h"
 #include "kvx/platform/win32/threads.h"
 
@@ -16,12 +17,6 @@ namespace
 constexpr LONG ERROR_UNKNOWN_REVISION = 1305;
 constexpr LONG ERROR_NO_SUCH_LOGON_SESSION = 1312;
 constexpr LONG ERROR_INVALID_SID = 1337;
-
-BOOL Refuse(LONG nError)
-{
-    SetLastError(static_cast<DWORD>(nError));
-    return FALSE;
-}
 
 /// Null with last error.
 SECURITY_DESCRIPTOR * AsDescriptor(PSECURITY_DESCRIPTOR pDescriptor)

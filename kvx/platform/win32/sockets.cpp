@@ -3,6 +3,7 @@
 #include "kvx/platform/BlockedCalls.h"
 #include "kvx/platform/SocketPeer.h"
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/futex.h"
 #include "kvx/platform/win32/handles.h"
 #include "kvx/platform/win32/low_descriptors.h"
 #include "kvx/platform/win32/retry.h"
@@ -12,10 +13,8 @@
 #include <array>
 #include <bit>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include <arpa/inet.h>
@@ -211,13 +210,6 @@ HostAnswer & GetHostAnswer()
         t_hostAnswer = std::make_unique<HostAnswer>();
     }
     return *t_hostAnswer;
-}
-
-LONGLONG MonotonicNanoseconds()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000000000LL + now.tv_nsec;
 }
 
 /// The sockets of the three sets of one select, each entry of a set on its own.
@@ -584,7 +576,7 @@ int select(int, FdSet * pRead, FdSet * pWrite, FdSet * pExcept, TimeVal const * 
         return Fail(WSAEINVAL);
     }
     LONGLONG nLeft = pTimeout ? pTimeout->tv_sec * 1000000000LL + pTimeout->tv_usec * 1000LL : -1;
-    LONGLONG const nDeadline = nLeft > 0 ? MonotonicNanoseconds() + nLeft : 0;
+    Deadline const deadline = nLeft > 0 ? GetMonotonicTime() + nLeft : 0;
     // With sockets left out, their closing is looked for now and then.
     constexpr LONGLONG Slice = 50000000;
     bool bSliced = false;
@@ -609,7 +601,7 @@ int select(int, FdSet * pRead, FdSet * pWrite, FdSet * pExcept, TimeVal const * 
         }
         if (nLeft > 0)
         {
-            nLeft = std::max(0LL, nDeadline - MonotonicNanoseconds());
+            nLeft = std::max<LONGLONG>(0, static_cast<LONGLONG>(deadline - GetMonotonicTime()));
         }
         if (nLeft == 0)
         {

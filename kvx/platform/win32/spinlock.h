@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvx/platform/win32/lock_guard.h"
+
 #include <atomic>
 #include <cstdint>
 
@@ -31,16 +33,6 @@ private:
     std::atomic<std::uint32_t> m_bLocked{0};
 };
 
-class SpinLockGuard
-{
-public:
-    explicit SpinLockGuard(SpinLock & lock) noexcept : m_lock(lock) { m_lock.Lock(); }
-    ~SpinLockGuard() { m_lock.Unlock(); }
-    SpinLockGuard(SpinLockGuard const &) = delete;
-    SpinLockGuard & operator=(SpinLockGuard const &) = delete;
-
-private:
-    SpinLock & m_lock;
-};
+using SpinLockGuard = LockGuard<SpinLock>;
 
 } // namespace kvx::win32

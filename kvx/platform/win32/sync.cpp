@@ -1,7 +1,8 @@
 #include "kvx/platform/win32/sync.h"
 
 #include "kvx/platform/win32/errors.h"
-#include "kvx/platform/win32/named.h"
+#include "kvx/platform/win32/named/named_object.h"
+#include "kvx/platform/win32/named/names.h"
 #include "kvx/platform/win32/processes.h"
 #include "kvx/platform/win32/spinlock.h"
 #include "kvx/platform/win32/termination.h"

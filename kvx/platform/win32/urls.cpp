@@ -1,6 +1,7 @@
 #include "kvx/platform/win32/urls.h"
 
 #include "kvx/platform/win32/errors.h"
+#include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/utf8.h"
 
 #include <algorithm>
@@ -31,12 +32,6 @@ constexpr Scheme SCHEMES[] = {
 constexpr Scheme UNKNOWN{u"", INTERNET_SCHEME_UNKNOWN, 0, false};
 
 constexpr DWORD FLAGS = ICU_DECODE | ICU_ESCAPE;
-
-BOOL Refuse(LONG nError)
-{
-    SetLastError(static_cast<DWORD>(nError));
-    return FALSE;
-}
 
 bool IsLetter(WCHAR c)
 {

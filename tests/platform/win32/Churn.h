@@ -2,9 +2,12 @@
 
 #include "kvx/platform/host.h"
 
+#include "tests/support/Host.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 /// Opens and closes pipes as fast as it can: a descriptor that was closed too early is in use again at once, and a
@@ -49,3 +52,31 @@ private:
     std::atomic<int> m_nDisturbed{0};
     std::thread m_thread{[this] { Run(); }};
 };
+
+/// Runs `call` in a thread and `breaker` beside it, until the call is over: at once in some rounds, in others when the
+/// call sleeps.
+inline void BreakUnder(int nRound, std::function<void()> const & call, std::function<void()> const & breaker)
+{
+    std::atomic<DWORD> nThread{0};
+    std::atomic<bool> bOver{false};
+    std::thread thread(
+        [&]
+        {
+            nThread = GetCurrentThreadId();
+            call();
+            bOver = true;
+        });
+    while (nThread == 0)
+    {
+        std::this_thread::yield();
+    }
+    if (nRound % 3 == 0)
+    {
+        host::WaitUntilAsleep({nThread});
+    }
+    for (; !bOver; std::this_thread::yield())
+    {
+        breaker();
+    }
+    thread.join(); // ends, or the test's time-out tells
+}

@@ -1,6 +1,6 @@
-#include "Wide.h"
 #include "tests/support/Fails.h"
 #include "tests/support/OneHost.h"
+#include "tests/support/Wide.h"
 
 #include <vector>
 

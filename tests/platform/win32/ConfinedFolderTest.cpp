@@ -1,14 +1,15 @@
 #include "kvx/platform/ConfinedFolder.h"
-#include "WideTestFolder.h"
 #include "kvx/platform/FolderTree.h"
 #include "tests/support/Fails.h"
 #include "tests/support/OneHost.h"
+#include "tests/support/TestFolder.h"
+#include "tests/support/Wide.h"
 
 #include <vector>
 
 namespace
 {
-class ConfinedFolders : public WideTestFolder
+class ConfinedFolders : public TestFolder
 {
 protected:
     /// 0 or the last error.
@@ -75,13 +76,13 @@ TEST_F(ConfinedFolders, TreesAreEmptiedWhateverTheNames)
     std::filesystem::create_directories(host::ToPath(Host("tree/x")));
     Put("kept");
     Put("tree/x/kept");
-    Wide const tree = _T("\\\\?\\") + Path(_T("tree"));
+    CString const tree = _T("\\\\?\\") + Path(_T("tree"));
     for (LPCTSTR const name : {_T("x."), _T("x "), _T("..."), _T(".. "), _T("nul")})
     {
-        Wide const folder = tree + _T("\\") + name;
-        EXPECT_TRUE(CreateDirectoryW(folder.c_str(), nullptr)) << GetLastError();
-        EXPECT_TRUE(CloseHandle(CreateFileW((folder + _T("\\f.")).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                            FILE_ATTRIBUTE_READONLY, nullptr)));
+        CString const folder = tree + _T("\\") + name;
+        EXPECT_TRUE(CreateDirectoryW(folder, nullptr)) << GetLastError();
+        EXPECT_TRUE(CloseHandle(
+            CreateFileW(folder + _T("\\f."), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_READONLY, nullptr)));
     }
     kvx::EmptyFolderTree(Path(_T("tree")), false);
     EXPECT_TRUE(std::filesystem::is_empty(host::ToPath(Host("tree"))));

@@ -2,8 +2,8 @@
 
 #include "Handle.h"
 #include "NoLeaks.h"
-#include "WideTestFolder.h"
 #include "tests/support/OneHost.h"
+#include "tests/support/TestFolder.h"
 
 #include <vector>
 
@@ -11,22 +11,21 @@ inline constexpr DWORD ReadWrite = GENERIC_READ | GENERIC_WRITE;
 inline constexpr DWORD UNTOUCHED = 12345;
 inline constexpr DWORD ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-class Files : public WideTestFolder
+class Files : public TestFolder
 {
 protected:
     /// Opens an entry; null with m_dwError on failure.
-    Handle Open(Wide const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
+    Handle Open(CString const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
                 DWORD dwFlags = FILE_ATTRIBUTE_NORMAL)
     {
         SetLastError(UNTOUCHED);
-        HANDLE const hFile =
-            CreateFileW(Path(strName).c_str(), dwAccess, dwShare, nullptr, dwDisposition, dwFlags, nullptr);
+        HANDLE const hFile = CreateFileW(Path(strName), dwAccess, dwShare, nullptr, dwDisposition, dwFlags, nullptr);
         m_dwError = GetLastError();
         return hFile;
     }
 
     /// The last error that an opening leaves.
-    DWORD OpenError(Wide const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
+    DWORD OpenError(CString const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
                     DWORD dwFlags = 0)
     {
         bool const bOpen = Open(strName, dwAccess, dwDisposition, dwShare, dwFlags) != nullptr;
@@ -35,11 +34,11 @@ protected:
     }
 
     /// What is found, and the last error behind it.
-    std::vector<WIN32_FIND_DATAW> Find(Wide const & strPattern) const
+    std::vector<WIN32_FIND_DATAW> Find(CString const & strPattern) const
     {
         std::vector<WIN32_FIND_DATAW> found;
         WIN32_FIND_DATAW data;
-        HANDLE const hFind = FindFirstFileW(Path(strPattern).c_str(), &data);
+        HANDLE const hFind = FindFirstFileW(Path(strPattern), &data);
         if (hFind == INVALID_HANDLE_VALUE)
         {
             return found;

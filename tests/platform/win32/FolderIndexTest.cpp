@@ -1,17 +1,16 @@
 #include "kvx/platform/win32/codepages.h"
 #include "kvx/platform/win32/files.h"
-#include "kvx/platform/win32/folder_index.h"
 #include "kvx/platform/win32/paths.h"
+#include "kvx/platform/win32/paths/folder_index.h"
 #include "kvx/platform/win32/sync.h"
 
-#include "WideTestFolder.h"
+#include "tests/support/RunThreads.h"
+#include "tests/support/TestFolder.h"
 
 #include <atomic>
 #include <cctype>
 #include <map>
 #include <random>
-#include <thread>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -23,7 +22,7 @@ namespace
 {
 
 /// The folder changes behind the library's back, as by another process.
-class FolderIndex : public WideTestFolder
+class FolderIndex : public TestFolder
 {
 protected:
     /// What a name leads to; empty for nothing.
@@ -44,9 +43,9 @@ TEST_F(FolderIndex, EveryKindOfChangeIsSeenAtOnce)
     Put("One");
     EXPECT_EQ(Look("ONE"), "One");
     EXPECT_EQ(Look("two"), "");
-    EXPECT_EQ(ToHost(Path(u"TWO")), Host("TWO"));
+    EXPECT_EQ(ToHost(Path(u"TWO").AsView()), Host("TWO"));
     Put("Two");
-    EXPECT_EQ(ToHost(Path(u"TWO")), Host("Two"));
+    EXPECT_EQ(ToHost(Path(u"TWO").AsView()), Host("Two"));
     Move("Two", "tWo");
     EXPECT_EQ(Look("TWO"), "tWo");
     Put("three");
@@ -181,35 +180,26 @@ TEST_F(FolderIndex, ThreadsSeeTheirOwnChangesAmongThoseOfOthers)
         Put("there " + std::to_string(i));
     }
     std::atomic<int> nWrong{0};
-    std::vector<std::thread> threads;
-    for (int nThread = 0; nThread < 3; ++nThread)
-    {
-        threads.emplace_back(
-            [&, nThread]
-            {
-                for (int i = 0; i < 1000; ++i)
-                {
-                    std::u16string const strName =
-                        FromUtf8("File " + std::to_string(nThread) + "." + std::to_string(i % 50));
-                    std::u16string strOther = strName;
-                    strOther[0] = u'f';
-                    HANDLE const hFile =
-                        CreateFileW(Path(strName).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
-                    nWrong += hFile == INVALID_HANDLE_VALUE;
-                    CloseHandle(hFile);
-                    nWrong += GetFileAttributesW(Path(strOther).c_str()) == INVALID_FILE_ATTRIBUTES;
-                    nWrong += GetFileAttributesW(Path(u"THERE 7").c_str()) == INVALID_FILE_ATTRIBUTES;
-                    nWrong += CreateFileW(Path(strOther).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr) !=
-                              INVALID_HANDLE_VALUE;
-                    nWrong += !DeleteFileW(Path(strOther).c_str());
-                    nWrong += GetFileAttributesW(Path(strName).c_str()) != INVALID_FILE_ATTRIBUTES;
-                }
-            });
-    }
-    for (std::thread & thread : threads)
-    {
-        thread.join();
-    }
+    RunThreads(3,
+               [&](std::size_t nThread)
+               {
+                   for (int i = 0; i < 1000; ++i)
+                   {
+                       CString const strName =
+                           Path(kvx::FromUtf8("File " + std::to_string(nThread) + "." + std::to_string(i % 50)));
+                       CString strOther = strName;
+                       strOther.Replace(u"File", u"file");
+                       HANDLE const hFile = CreateFileW(strName, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
+                       nWrong += hFile == INVALID_HANDLE_VALUE;
+                       CloseHandle(hFile);
+                       nWrong += GetFileAttributesW(strOther) == INVALID_FILE_ATTRIBUTES;
+                       nWrong += GetFileAttributesW(Path(u"THERE 7")) == INVALID_FILE_ATTRIBUTES;
+                       nWrong += CreateFileW(strOther, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr) !=
+                                 INVALID_HANDLE_VALUE;
+                       nWrong += !DeleteFileW(strOther);
+                       nWrong += GetFileAttributesW(strName) != INVALID_FILE_ATTRIBUTES;
+                   }
+               });
     EXPECT_EQ(nWrong, 0);
 }
 

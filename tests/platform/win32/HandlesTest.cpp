@@ -1,6 +1,7 @@
 #include "kvx/platform/win32/handles.h"
 
 #include "kvx/platform/host.h"
+#include "tests/support/Fails.h"
 #include "tests/support/RunThreads.h"
 
 #include <gtest/gtest.h>
@@ -46,9 +47,7 @@ TEST(Handles, StaleForeignAndImpossibleValuesAreInvalid)
     EXPECT_TRUE(FindObject<Probe>(hProbe));
     EXPECT_TRUE(FindObject<KernelObject>(hOther));
     EXPECT_TRUE(FindObject<Other>(hOther));
-    SetLastError(0);
-    EXPECT_FALSE(FindObject<Probe>(hOther));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(Fails(bool(FindObject<Probe>(hOther)), ERROR_INVALID_HANDLE));
     EXPECT_FALSE(CloseObject(hOther, &IsOfKind<Probe>));
     EXPECT_TRUE(CloseObject(hOther));
     EXPECT_TRUE(CloseHandle(hProbe));
@@ -57,12 +56,10 @@ TEST(Handles, StaleForeignAndImpossibleValuesAreInvalid)
                               reinterpret_cast<HANDLE>(reinterpret_cast<UINT_PTR>(&g_nAlive)), GetCurrentThread()})
     {
         SetLastError(0);
-        EXPECT_FALSE(FindObject<KernelObject>(hBad));
-        EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+        EXPECT_TRUE(Fails(bool(FindObject<KernelObject>(hBad)), ERROR_INVALID_HANDLE));
         EXPECT_FALSE(CloseHandle(hBad));
     }
-    EXPECT_FALSE(OpenHandle(nullptr));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_TRUE(Fails(OpenHandle(nullptr), ERROR_NOT_ENOUGH_MEMORY));
 }
 
 TEST(Handles, OperationsKeepTheObjectAndTheLastHandleBreaksThem)

@@ -12,7 +12,7 @@
 #include "kvx/platform/win32/system.h"
 #include "kvx/platform/win32/threads.h"
 
-#include "WideTestFolder.h"
+#include "tests/support/TestFolder.h"
 
 #include <functional>
 #include <vector>
@@ -26,7 +26,7 @@ using namespace kvx::win32;
 namespace
 {
 
-class LowDescriptors : public WideTestFolder
+class LowDescriptors : public TestFolder
 {
 protected:
     /// Everything that opens something for long; what a step opens stays open for the others.
@@ -70,14 +70,14 @@ protected:
         return {
             [] { return kvx::CatchEndSignals(); },
             [this] {
-                return CreateFileW(Path(u"f").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr) !=
+                return CreateFileW(Path(u"f"), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr) !=
                        INVALID_HANDLE_VALUE;
             },
-            [this] { return GetFileAttributesW(Path(u"none").c_str()) == INVALID_FILE_ATTRIBUTES; },
+            [this] { return GetFileAttributesW(Path(u"none")) == INVALID_FILE_ATTRIBUTES; },
             [this]
             {
                 WIN32_FIND_DATAW data;
-                return FindFirstFileW(Path(u"*").c_str(), &data) != INVALID_HANDLE_VALUE;
+                return FindFirstFileW(Path(u"*"), &data) != INVALID_HANDLE_VALUE;
             },
             sockets,
             namedPipe,
@@ -90,7 +90,7 @@ protected:
             [] { return CreateEventW(nullptr, FALSE, FALSE, u"Global\\low") != nullptr; },
             [] { return OpenProcess(SYNCHRONIZE, FALSE, GetCurrentProcessId()) != nullptr; },
             registry,
-            [this] { return WritePrivateProfileStringW(u"s", u"k", u"v", Path(u"p.ini").c_str()) != FALSE; },
+            [this] { return WritePrivateProfileStringW(u"s", u"k", u"v", Path(u"p.ini")) != FALSE; },
             [] { return MultiByteToWideChar(932, 0, "a", 1, nullptr, 0) == 1; },
             [] { return winsock::gethostbyname("localhost") != nullptr; },
             [] { return LoadLibraryExW(u"libanl.so.1", nullptr, 0) || GetLastError() == ERROR_MOD_NOT_FOUND; },

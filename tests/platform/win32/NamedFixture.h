@@ -1,9 +1,22 @@
 #pragma once
 
 #include "Handle.h"
-#include "WideTestFolder.h"
+#include "tests/support/TestFolder.h"
 
-class Named : public WideTestFolder
+/// This program in another role, which a test of the name "...Role.Run" takes from KVX_ROLE.
+class Child : public host::Process
+{
+public:
+    explicit Child(std::string const & strRole)
+        : Process({host::GetProgram(), "--gtest_filter=*Role.*"}, host::Stdout::Pipe, {{"KVX_ROLE", strRole}})
+    {
+    }
+    /// Until the thread sleeps that the child reports.
+    void WaitUntilAsleep() const { host::WaitUntilAsleep({std::stoul(ReadReport())}); }
+};
+
+/// Names of a test's own.
+class Named : public TestFolder
 {
 protected:
     Named() { host::SetVariable("KVX_RUNTIME_DIR", m_strHost.c_str()); }

@@ -3,6 +3,7 @@
 #include "tests/support/OneHost.h"
 #include "tests/support/Patience.h"
 #include "tests/support/RunThreads.h"
+#include "tests/support/Wide.h"
 
 #include <cstdlib>
 #include <map>
@@ -11,17 +12,6 @@ namespace
 {
 
 constexpr int ROUNDS = 500;
-
-/// This program in another role.
-class Child : public host::Process
-{
-public:
-    explicit Child(std::string const & strRole)
-        : Process({host::GetProgram(), "--gtest_filter=NamedRole.*"}, host::Stdout::Pipe, {{"KVX_NAMED_ROLE", strRole}})
-    {
-    }
-    void WaitUntilAsleep() const { host::WaitUntilAsleep({std::stoul(ReadReport())}); }
-};
 
 /// Waits, once the test has been told who does.
 DWORD ReportAndWait(HANDLE hObject)
@@ -100,7 +90,7 @@ std::map<std::string, bool (*)()> const g_roles = {
 
 TEST(NamedRole, Run)
 {
-    if (char const * const pszRole = std::getenv("KVX_NAMED_ROLE"))
+    if (char const * const pszRole = std::getenv("KVX_ROLE"))
     {
         EXPECT_TRUE(g_roles.at(pszRole)());
     }

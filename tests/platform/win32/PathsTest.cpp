@@ -2,8 +2,8 @@
 #include "kvx/platform/win32/codepages.h"
 #include "kvx/platform/win32/modules.h"
 
-#include "WideTestFolder.h"
 #include "tests/support/Fails.h"
+#include "tests/support/TestFolder.h"
 
 #include <vector>
 
@@ -27,12 +27,17 @@ struct DriveC
     std::string strRoot;
 } const g_driveC;
 
-class Paths : public WideTestFolder
+class Paths : public TestFolder
 {
 protected:
     Paths() { m_strBefore = std::filesystem::current_path(); }
     ~Paths() override { std::filesystem::current_path(m_strBefore); }
     std::filesystem::path m_strBefore;
+
+    std::string Find(LPCWSTR pszName, LastComponent last = LastComponent::AnyCase) const
+    {
+        return ToHost(Path(pszName).AsView(), last);
+    }
 };
 
 TEST_F(Paths, ToHostKnowsAllShapes)
@@ -114,24 +119,22 @@ TEST_F(Paths, ToHostRefusesWhatIsNoPath)
         EXPECT_TRUE(Fails(ToHost(test.strPath), test.dwError)) << ToUtf8(test.strPath).substr(0, 50);
     }
     EXPECT_EQ(ToHost(static_cast<LPCWSTR>(nullptr)), "");
-    EXPECT_TRUE(Fails(CreateDirectoryW(Path(std::u16string(300, u'a')).c_str(), nullptr), ERROR_FILENAME_EXCED_RANGE));
+    EXPECT_TRUE(Fails(CreateDirectoryW(Path(CString(u'a', 300)), nullptr), ERROR_FILENAME_EXCED_RANGE));
 }
 
 TEST_F(Paths, MissingComponentsAreFoundInAnyCase)
 {
     std::filesystem::create_directories(Host("Data/Inner"));
-    std::filesystem::create_directories(Host("\xC3\x84rger"));
     Put("Data/Inner/File.TXT");
     Put("Data/one");
     Put("Data/ONE");
-    EXPECT_EQ(ToHost(Path(u"data\\INNER\\file.txt")), Host("Data/Inner/File.TXT"));
-    EXPECT_EQ(ToHost(Path(u"data\\INNER\\new.txt")), Host("Data/Inner/new.txt"));
-    EXPECT_EQ(ToHost(Path(u"data\\none\\FILE.txt")), Host("Data/none/FILE.txt"));
-    EXPECT_EQ(ToHost(Path(u"\u00E4RGER\\x")), Host("\xC3\x84rger/x"));
-    EXPECT_EQ(ToHost(Path(u"data\\one")), Host("Data/one")); // the exact one wins
-    EXPECT_EQ(ToHost(Path(u"DATA\\One")), Host("Data/ONE"));
-    EXPECT_EQ(ToHost(Path(u"DATA\\one"), LastComponent::Exact), Host("Data/one"));
-    EXPECT_EQ(ToHost(Path(u"DATA\\inner"), LastComponent::Exact), Host("Data/inner"));
+    EXPECT_EQ(Find(u"data\\INNER\\file.txt"), Host("Data/Inner/File.TXT"));
+    EXPECT_EQ(Find(u"data\\INNER\\new.txt"), Host("Data/Inner/new.txt"));
+    EXPECT_EQ(Find(u"data\\none\\FILE.txt"), Host("Data/none/FILE.txt"));
+    EXPECT_EQ(Find(u"data\\one"), Host("Data/one")); // the exact one wins
+    EXPECT_EQ(Find(u"DATA\\One"), Host("Data/ONE"));
+    EXPECT_EQ(Find(u"DATA\\one", LastComponent::Exact), Host("Data/one"));
+    EXPECT_EQ(Find(u"DATA\\inner", LastComponent::Exact), Host("Data/inner"));
     std::filesystem::current_path(m_strHost);
     EXPECT_EQ(ToHost(u"data\\inner\\"), "Data/Inner/");
 }

@@ -1,10 +1,10 @@
 #include "Churn.h"
-#include "Handle.h"
+#include "NamedFixture.h"
 #include "NoLeaks.h"
-#include "WideTestFolder.h"
 #include "tests/support/Fails.h"
 #include "tests/support/Host.h"
 #include "tests/support/OneHost.h"
+#include "tests/support/Wide.h"
 
 #include <atomic>
 #include <functional>
@@ -28,84 +28,53 @@ HANDLE Serve(Wide const & strName, DWORD dwMode = PIPE_ACCESS_DUPLEX | FILE_FLAG
     return CreateNamedPipeW(PathOf(strName).c_str(), dwMode, 0, nInstances, 65536, 65536, 0, nullptr);
 }
 
-HANDLE Open(Wide const & strName)
+HANDLE OpenPipe(Wide const & strName)
 {
     return CreateFileW(PathOf(strName).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
 }
 
-/// What an overlapped call has come to: nothing or its error code. Others are over when they return.
-DWORD Finish(HANDLE hPipe, BOOL bDone, OVERLAPPED & overlapped, DWORD & nDone)
-{
-    if (bDone || GetLastError() != ERROR_IO_PENDING)
-    {
-        return bDone ? 0 : GetLastError();
-    }
-    return GetOverlappedResult(hPipe, &overlapped, &nDone, TRUE) ? 0 : GetLastError();
-}
-
-bool Send(HANDLE hPipe, std::string const & strText)
+/// Makes an overlapped call and waits for its end: 0 or the error code, and the number of bytes.
+std::pair<DWORD, DWORD> Call(HANDLE hPipe, std::function<BOOL(DWORD &, OVERLAPPED &)> const & call)
 {
     Handle const hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     OVERLAPPED overlapped{};
     overlapped.hEvent = hEvent;
-    DWORD nWritten = 0;
-    BOOL const bDone = WriteFile(hPipe, strText.data(), static_cast<DWORD>(strText.size()), &nWritten, &overlapped);
-    DWORD const dwError = Finish(hPipe, bDone, overlapped, nWritten);
+    DWORD nDone = 0;
+    bool const bDone = call(nDone, overlapped) ||
+                       (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(hPipe, &overlapped, &nDone, TRUE));
+    return {bDone ? 0 : GetLastError(), nDone};
+}
+
+bool Send(HANDLE hPipe, std::string const & strText)
+{
+    auto const nSize = static_cast<DWORD>(strText.size());
+    auto const [dwError, nWritten] = Call(hPipe, [&](DWORD & nDone, OVERLAPPED & overlapped)
+                                          { return WriteFile(hPipe, strText.data(), nSize, &nDone, &overlapped); });
     SetLastError(dwError);
-    return dwError == 0 && nWritten == strText.size();
+    return dwError == 0 && nWritten == nSize;
 }
 
 /// What one read gives; the error code in brackets if it fails.
 std::string Receive(HANDLE hPipe, DWORD nSize = 100)
 {
-    Handle const hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    OVERLAPPED overlapped{};
-    overlapped.hEvent = hEvent;
     std::string strText(nSize, 0);
-    DWORD nRead = 0;
-    BOOL const bDone = ReadFile(hPipe, strText.data(), nSize, &nRead, &overlapped);
-    DWORD const dwError = Finish(hPipe, bDone, overlapped, nRead);
-    if (dwError != 0)
-    {
-        return '<' + std::to_string(dwError) + '>';
-    }
-    strText.resize(nRead);
-    return strText;
+    auto const [dwError, nRead] = Call(hPipe, [&](DWORD & nDone, OVERLAPPED & overlapped)
+                                       { return ReadFile(hPipe, strText.data(), nSize, &nDone, &overlapped); });
+    return dwError == 0 ? strText.substr(0, nRead) : '<' + std::to_string(dwError) + '>';
 }
 
 /// Connects as the transport does. 0 or the error.
 DWORD Connect(HANDLE hPipe)
 {
-    Handle const hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    OVERLAPPED overlapped{};
-    overlapped.hEvent = hEvent;
-    DWORD dwError = ConnectNamedPipe(hPipe, &overlapped) ? 0 : GetLastError();
-    if (dwError == ERROR_PIPE_CONNECTED)
-    {
-        dwError = 0;
-    }
-    if (dwError == ERROR_IO_PENDING)
-    {
-        DWORD n = 0;
-        dwError = GetOverlappedResult(hPipe, &overlapped, &n, TRUE) ? 0 : GetLastError();
-    }
-    return dwError;
+    auto const [dwError, n] =
+        Call(hPipe, [&](DWORD &, OVERLAPPED & overlapped) { return ConnectNamedPipe(hPipe, &overlapped); });
+    return dwError == ERROR_PIPE_CONNECTED ? 0 : dwError;
 }
-
-/// This program in another role, told by KVX_PIPE_ROLE.
-class Child : public host::Process
-{
-public:
-    explicit Child(std::string const & strRole)
-        : Process({host::GetProgram(), "--gtest_filter=PipeRole.*"}, host::Stdout::Pipe, {{"KVX_PIPE_ROLE", strRole}})
-    {
-    }
-};
 
 /// The child's side. Each role runs until it is killed.
 TEST(PipeRole, Run)
 {
-    char const * const pszRole = std::getenv("KVX_PIPE_ROLE");
+    char const * const pszRole = std::getenv("KVX_ROLE");
     if (!pszRole)
     {
         return;
@@ -145,12 +114,9 @@ TEST(PipeRole, Run)
     }
 }
 
-class Pipe : public WideTestFolder
+class Pipe : public Named
 {
 protected:
-    Pipe() { host::SetVariable("KVX_RUNTIME_DIR", m_strHost.c_str()); }
-    ~Pipe() override { host::SetVariable("KVX_RUNTIME_DIR", nullptr); }
-
     std::set<std::string> Files() const
     {
         std::set<std::string> files;
@@ -161,36 +127,8 @@ protected:
         return files;
     }
 
-    NoLeaks const m_noLeaks;
+    NoLeaks m_noLeaks;
 };
-
-/// Runs `call` in a thread and `breaker` beside it, until the call is over: at once in some rounds, in others when the
-/// call sleeps.
-void BreakUnder(int nRound, std::function<void()> const & call, std::function<void()> const & breaker)
-{
-    std::atomic<DWORD> nThread{0};
-    std::atomic<bool> bOver{false};
-    std::thread thread(
-        [&]
-        {
-            nThread = GetCurrentThreadId();
-            call();
-            bOver = true;
-        });
-    while (nThread == 0)
-    {
-        std::this_thread::yield();
-    }
-    if (nRound % 3 == 0)
-    {
-        host::WaitUntilAsleep({nThread});
-    }
-    for (; !bOver; std::this_thread::yield())
-    {
-        breaker();
-    }
-    thread.join(); // ends, or the test's time-out tells
-}
 
 } // namespace
 
@@ -203,7 +141,7 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
     DWORD n = 0;
     EXPECT_TRUE(Fails(ConnectNamedPipe(hServer, &overlapped), ERROR_IO_PENDING));
     EXPECT_TRUE(Fails(GetOverlappedResult(hServer, &overlapped, &n, FALSE), ERROR_IO_INCOMPLETE));
-    HANDLE const hClient = Open(_T("ONE")); // case means nothing
+    HANDLE const hClient = OpenPipe(_T("ONE")); // case means nothing
     ASSERT_NE(hClient, INVALID_HANDLE_VALUE) << GetLastError();
     EXPECT_TRUE(GetOverlappedResult(hServer, &overlapped, &n, TRUE));
     EXPECT_TRUE(Fails(ConnectNamedPipe(hServer, nullptr), ERROR_PIPE_CONNECTED));
@@ -249,7 +187,7 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
     // The instance serves again, on a handle of the same value.
     HANDLE const hOther = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     EXPECT_FALSE(ConnectNamedPipe(hServer, &overlapped));
-    HANDLE const hSecond = Open(_T("one"));
+    HANDLE const hSecond = OpenPipe(_T("one"));
     EXPECT_TRUE(GetOverlappedResult(hServer, &overlapped, &n, TRUE));
     EXPECT_TRUE(Send(hSecond, "again"));
     EXPECT_EQ(Receive(hServer), "again");
@@ -264,14 +202,14 @@ TEST_F(Pipe, BytesFlowBothWaysUntilTheirEnd)
 TEST_F(Pipe, ANameIsMissingBusyOrFree)
 {
     EXPECT_TRUE(Fails(WaitNamedPipeW(PathOf(_T("x")).c_str(), 10000), ERROR_FILE_NOT_FOUND)); // at once
-    EXPECT_TRUE(Fails(Open(_T("x")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(OpenPipe(_T("x")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
 
     HANDLE const hFirst = Serve(_T("x"), PIPE_ACCESS_DUPLEX, 2);
     EXPECT_TRUE(WaitNamedPipeW(PathOf(_T("x")).c_str(), 0));
-    HANDLE const hClient = Open(_T("x")); // before the server waits
+    HANDLE const hClient = OpenPipe(_T("x")); // before the server waits
     ASSERT_NE(hClient, INVALID_HANDLE_VALUE);
     EXPECT_TRUE(Fails(ConnectNamedPipe(hFirst, nullptr), ERROR_PIPE_CONNECTED));
-    EXPECT_TRUE(Fails(Open(_T("x")), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(OpenPipe(_T("x")), ERROR_PIPE_BUSY, INVALID_HANDLE_VALUE));
     EXPECT_TRUE(Fails(WaitNamedPipeW(PathOf(_T("x")).c_str(), 20), ERROR_SEM_TIMEOUT));
 
     // Whoever waits gets the next instance, of which there are two.
@@ -284,7 +222,7 @@ TEST_F(Pipe, ANameIsMissingBusyOrFree)
     {
         CloseHandle(hPipe);
     }
-    EXPECT_TRUE(Fails(Open(_T("x")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(OpenPipe(_T("x")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
     EXPECT_TRUE(host::IsWine() || // PipesTakeAnyMode, 2026-11-22
                 Fails(Serve(_T("x"), PIPE_ACCESS_DUPLEX | 0x10), ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE));
     EXPECT_TRUE(host::IsWindows() || // has messages (2026-11-22)
@@ -322,7 +260,7 @@ TEST_F(Pipe, NamesStayInTheFolderAndApart)
                 sockets.contains("pipe.%C3%84"));
     for (std::size_t i = 0; i < names.size(); ++i)
     {
-        HANDLE const hClient = Open(names[i]);
+        HANDLE const hClient = OpenPipe(names[i]);
         EXPECT_EQ(Connect(pipes[i]), 0u) << i;
         EXPECT_TRUE(Send(hClient, "me"));
         EXPECT_EQ(Receive(pipes[i]), "me") << i;
@@ -360,7 +298,7 @@ TEST_F(Pipe, BreakingAPendingConnectTouchesNothingElse)
             CloseHandle(hPipe);
         }
         // The other instance of the name is none the worse.
-        HANDLE const hClient = Open(_T("broken"));
+        HANDLE const hClient = OpenPipe(_T("broken"));
         EXPECT_EQ(Connect(hOther), 0u);
         CloseHandle(hClient);
         CloseHandle(hOther);
@@ -375,7 +313,7 @@ TEST_F(Pipe, BreakingATransferTouchesNothingElse)
     for (int nRound = 0; nRound < Rounds; ++nRound)
     {
         HANDLE const hServer = Serve(_T("broken"));
-        HANDLE const hClient = Open(_T("broken"));
+        HANDLE const hClient = OpenPipe(_T("broken"));
         ASSERT_EQ(Connect(hServer), 0u);
         HANDLE const hBroken = nRound % 2 ? hServer : hClient;
         std::string strGot;
@@ -401,7 +339,7 @@ TEST_F(Pipe, SeveralProcessesServeOneName)
 {
     Child first("echo shared");
     ASSERT_EQ(first.ReadReport(), "ready");
-    HANDLE const hEarly = Open(_T("shared"));
+    HANDLE const hEarly = OpenPipe(_T("shared"));
     // Another one neither takes the name away from the living one nor is turned away.
     Child second("echo shared");
     ASSERT_EQ(second.ReadReport(), "ready");
@@ -411,18 +349,18 @@ TEST_F(Pipe, SeveralProcessesServeOneName)
     EXPECT_EQ(Receive(hEarly), "still there");
     first.Kill();
     EXPECT_EQ(Receive(hEarly), "<109>");
-    HANDLE const hLate = Open(_T("shared"));
+    HANDLE const hLate = OpenPipe(_T("shared"));
     EXPECT_TRUE(Send(hLate, "the other"));
     EXPECT_EQ(Receive(hLate), "the other");
     second.Kill();
-    HANDLE const hLast = Open(_T("shared"));
+    HANDLE const hLast = OpenPipe(_T("shared"));
     EXPECT_EQ(Connect(hOwn), 0u);
     for (HANDLE const hPipe : {hEarly, hLate, hLast, hOwn})
     {
         EXPECT_TRUE(CloseHandle(hPipe));
     }
     // What the dead left behind is nobody's, and the next one clears it away.
-    EXPECT_TRUE(Fails(Open(_T("shared")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(Fails(OpenPipe(_T("shared")), ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE));
     EXPECT_EQ(Files().count("pipe.shared"), host::IsWindows() ? 0u : 1u);
     CloseHandle(Serve(_T("shared")));
     EXPECT_EQ(Files().count("pipe.shared"), 0u);

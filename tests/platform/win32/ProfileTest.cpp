@@ -1,8 +1,9 @@
 
-#include "WideTestFolder.h"
 #include "tests/support/Fails.h"
 #include "tests/support/OneHost.h"
 #include "tests/support/RunThreads.h"
+#include "tests/support/TestFolder.h"
+#include "tests/support/Wide.h"
 
 #include <algorithm>
 #include <array>
@@ -11,23 +12,23 @@ namespace
 {
 namespace fs = std::filesystem;
 
-class Profile : public WideTestFolder
+class Profile : public TestFolder
 {
 protected:
-    Wide m_strPath = Path(_T("a.ini"));
+    CString const m_strPath = Path(_T("a.ini"));
 
     Wide Read(LPCWSTR pszSection, LPCWSTR pszKey, LPCWSTR pszDefault = nullptr, DWORD nSize = 100) const
     {
         Wide strText(nSize + 1, _T('#'));
         DWORD const nLength =
-            GetPrivateProfileStringW(pszSection, pszKey, pszDefault, strText.data(), nSize, m_strPath.c_str());
+            GetPrivateProfileStringW(pszSection, pszKey, pszDefault, strText.data(), nSize, m_strPath);
         EXPECT_EQ(strText[nSize], _T('#'));
         EXPECT_EQ(strText[nLength], _T('\0'));
         return strText.substr(0, nLength);
     }
     bool Write(LPCWSTR pszSection, LPCWSTR pszKey, LPCWSTR pszValue) const
     {
-        return WritePrivateProfileStringW(pszSection, pszKey, pszValue, m_strPath.c_str()) != FALSE;
+        return WritePrivateProfileStringW(pszSection, pszKey, pszValue, m_strPath) != FALSE;
     }
     std::string File() const { return Get("a.ini"); }
     void File(std::string const & strText) const { Put("a.ini", strText); }
@@ -70,14 +71,13 @@ TEST_F(Profile, Reads)
     EXPECT_EQ(Read(_T("second"), nullptr), Wide(_T("n\0neg\0text\0empty\0"), 17));
     EXPECT_EQ(Read(_T("second"), nullptr, nullptr, 6), Wide(_T("n\0ne"), 4));
 
-    auto const number = [&](LPCWSTR pszKey)
-    { return GetPrivateProfileIntW(_T("second"), pszKey, 7, m_strPath.c_str()); };
+    auto const number = [&](LPCWSTR pszKey) { return GetPrivateProfileIntW(_T("second"), pszKey, 7, m_strPath); };
     EXPECT_EQ(number(_T("n")), 31u);
     EXPECT_EQ(static_cast<int>(number(_T("neg"))), -12);
     EXPECT_EQ(number(_T("text")), 0u);
     EXPECT_EQ(number(_T("empty")), 7u);
     EXPECT_EQ(number(_T("none")), 7u);
-    EXPECT_EQ(GetPrivateProfileIntW(_T("s"), _T("k"), 7, Path(_T("none\\b.ini")).c_str()), 7u);
+    EXPECT_EQ(GetPrivateProfileIntW(_T("s"), _T("k"), 7, Path(_T("none\\b.ini"))), 7u);
 }
 
 TEST_F(Profile, WritesChangeTheirLinesAlone)
@@ -101,7 +101,7 @@ TEST_F(Profile, WritesChangeTheirLinesAlone)
     replace("[Second]x=y\nn=0x1F rest\ntext=abc\nempty=\n", "");
     EXPECT_EQ(File(), strExpected);
 
-    EXPECT_TRUE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(_T("new.ini")).c_str()));
+    EXPECT_TRUE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(_T("new.ini"))));
     EXPECT_EQ(Get("new.ini"), "[s]\r\nk=v\r\n");
 }
 
@@ -150,9 +150,9 @@ TEST_F(Profile, RefusesWhatCouldNotBeRead)
         EXPECT_TRUE(Fails(Write(pszSection, pszKey, pszValue), ERROR_INVALID_PARAMETER));
     }
     EXPECT_EQ(File(), SAMPLE);
-    EXPECT_TRUE(Fails(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(_T("none\\a.ini")).c_str()),
-                      ERROR_PATH_NOT_FOUND));
-    EXPECT_FALSE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(_T("")).c_str()));
+    EXPECT_TRUE(
+        Fails(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(_T("none\\a.ini"))), ERROR_PATH_NOT_FOUND));
+    EXPECT_FALSE(WritePrivateProfileStringW(_T("s"), _T("k"), _T("v"), Path(_T(""))));
     std::filesystem::resize_file(Host("a.ini"), (64 << 20) + 1);
     EXPECT_TRUE(Fails(Write(_T("s"), _T("k"), _T("v")), ERROR_FILE_TOO_LARGE));
 }
@@ -173,7 +173,7 @@ TEST_F(Profile, ReplacesAsAWhole)
                    for (std::size_t i = 1; i <= 20; ++i)
                    {
                        WritePrivateProfileStringW(_T("s"), Wide(3 * i + nThread, _T('x')).c_str(), _T("1"),
-                                                  Path(nThread == 0 && bLinks ? _T("link.ini") : _T("a.ini")).c_str());
+                                                  Path(nThread == 0 && bLinks ? _T("link.ini") : _T("a.ini")));
                        EXPECT_EQ(Read(_T("s"), _T("k")), _T("0"));
                    }
                });

@@ -1,14 +1,14 @@
 #pragma once
 
 #include "Handle.h"
-#include "WideTestFolder.h"
 #include "tests/support/OneHost.h"
 #include "tests/support/RegistryStore.h"
 #include "tests/support/RunThreads.h"
+#include "tests/support/TestFolder.h"
 
 #include <atomic>
 
-using Texts = std::vector<Wide>;
+using Texts = std::vector<CString>;
 
 /// A key for each test, gone at its end.
 class Registry : public testing::Test
@@ -74,7 +74,7 @@ protected:
         DWORD nName = 256;
         for (DWORD i = 0; enumerate(m_hKey, i, szName, &nName, nullptr, nullptr, nullptr, nullptr) == 0; ++i)
         {
-            names.emplace_back(szName, std::exchange(nName, 256));
+            names.emplace_back(szName, static_cast<int>(std::exchange(nName, 256)));
         }
         return names;
     }

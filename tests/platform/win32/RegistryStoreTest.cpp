@@ -27,7 +27,7 @@ using RegistryRoots = Registry;
 
 TEST_F(RegistryRoots, AreTheUsersAndStay)
 {
-    EXPECT_EQ(Open((_T("S-1-22-1-") + ToWide(std::to_string(getuid()))).c_str(), HKEY_USERS), 0);
+    EXPECT_EQ(Open(_T("S-1-22-1-") + kvx::FromUtf8(std::to_string(getuid())), HKEY_USERS), 0);
     EXPECT_EQ(Open(_T(""), HKEY_PERFORMANCE_DATA), ERROR_NOT_SUPPORTED);
     EXPECT_EQ(SHDeleteKeyW(HKEY_LOCAL_MACHINE, nullptr), ERROR_ACCESS_DENIED);
     EXPECT_EQ(SHDeleteKeyW(HKEY_LOCAL_MACHINE, _T("Software")), ERROR_ACCESS_DENIED);
@@ -95,18 +95,18 @@ TEST_F(RegistryProcesses, AKilledWriterLosesNothingItReported)
             strLast = strLine;
         }
 
-        Wide const strName = ToWide("k" + std::to_string(i) + "-" + strLast);
+        CString const strName = kvx::FromUtf8("k" + std::to_string(i) + "-" + strLast);
         DWORD nSize = 0;
-        EXPECT_EQ(RegQueryValueExW(m_hWork, strName.c_str(), nullptr, nullptr, nullptr, &nSize), 0);
+        EXPECT_EQ(RegQueryValueExW(m_hWork, strName, nullptr, nullptr, nullptr, &nSize), 0);
         EXPECT_EQ(nSize, i % 2 == 0 ? 4u : 20000u);
         // The next write finds its way, and is seen.
-        EXPECT_EQ(RegSetValueExW(m_hWork, strName.c_str(), 0, REG_SZ, nullptr, 0), 0);
-        EXPECT_EQ(RegQueryValueExW(m_hWork, strName.c_str(), nullptr, nullptr, nullptr, &nSize), 0);
+        EXPECT_EQ(RegSetValueExW(m_hWork, strName, 0, REG_SZ, nullptr, 0), 0);
+        EXPECT_EQ(RegQueryValueExW(m_hWork, strName, nullptr, nullptr, nullptr, &nSize), 0);
         EXPECT_EQ(nSize, 0u);
     }
 }
 
-class RegistryFiles : public WideTestFolder
+class RegistryFiles : public TestFolder
 {
 protected:
     std::string Probe(std::string const & strName, std::string const & strRights = "privileged") const

@@ -5,9 +5,9 @@
 
 namespace
 {
-std::string Bytes(WideView text)
+std::string Bytes(CString const & text)
 {
-    return {reinterpret_cast<char const *>(text.data()), 2 * text.size()};
+    return {reinterpret_cast<char const *>(text.GetString()), 2 * static_cast<std::size_t>(text.GetLength())};
 }
 
 TEST_F(Registry, KeysAreFoundWhateverTheirCase)
@@ -45,16 +45,13 @@ TEST_F(Registry, KeysAreFoundWhateverTheirCase)
 TEST_F(Registry, LimitsOfKeys)
 {
     KVX_LINUX_ALONE("other limits, and what it refuses", "2026-11-22");
-    Wide const strLongest(255, _T('n'));
-    RegCloseKey(Create(m_hKey, strLongest.c_str()));
-    Create(m_hKey, (strLongest + _T("n")).c_str(), ERROR_INVALID_PARAMETER);
-    Wide strDeep = _T("d"); // Software\Test\d...: 512 in all
-    for (int i = 0; i < 509; ++i)
-    {
-        strDeep += _T("\\d");
-    }
-    RegCloseKey(Create(m_hKey, strDeep.c_str()));
-    Create(m_hKey, (strDeep + _T("\\d")).c_str(), ERROR_INVALID_PARAMETER);
+    CString const strLongest(_T('n'), 255);
+    RegCloseKey(Create(m_hKey, strLongest));
+    Create(m_hKey, strLongest + _T("n"), ERROR_INVALID_PARAMETER);
+    CString strDeep(_T('d'), 510); // Software\Test\d...: 512 in all
+    strDeep.Replace(_T("d"), _T("d\\"));
+    RegCloseKey(Create(m_hKey, strDeep));
+    Create(m_hKey, strDeep + _T("d"), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(SHDeleteKeyW(m_hKey, _T("d")), 0);
     EXPECT_EQ(SubKeys(), Texts{strLongest});
 
@@ -118,21 +115,21 @@ TEST_F(Registry, ValuesOfAllTypesAndSizes)
     std::string_view const contents[] = {"", "x", std::string_view("\0\0", 2), "odd", strLarge};
     for (DWORD dwType = 0; dwType < 14; ++dwType)
     {
-        Wide const strName = _T("Value") + Wide(1, static_cast<WCHAR>(_T('A') + dwType));
+        CString const strName = CString(_T("Value")) + static_cast<WCHAR>(_T('A') + dwType);
         for (std::string_view const data : contents)
         {
-            EXPECT_EQ(Set(strName.c_str(), dwType, data), 0);
-            EXPECT_EQ(Get(strName.c_str()), (std::pair<long, std::string>(dwType, data)));
+            EXPECT_EQ(Set(strName, dwType, data), 0);
+            EXPECT_EQ(Get(strName), (std::pair<long, std::string>(dwType, data)));
         }
     }
     EXPECT_EQ(Set(nullptr, 0xFFFFFFFF, "default"), 0);
     EXPECT_EQ(Get(_T("")), (std::pair<long, std::string>(0xFFFFFFFF, "default")));
 
-    Wide strName(16383, _T('n'));
-    EXPECT_EQ(Set(strName.c_str(), REG_SZ, "long"), 0);
-    EXPECT_EQ(Get(strName.c_str()).second, "long");
+    CString strName(_T('n'), 16383);
+    EXPECT_EQ(Set(strName, REG_SZ, "long"), 0);
+    EXPECT_EQ(Get(strName).second, "long");
     strName += _T('n');
-    EXPECT_EQ(Set(strName.c_str(), REG_SZ, "long"), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(Set(strName, REG_SZ, "long"), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(RegSetValueExW(m_hKey, _T("n"), 0, REG_SZ, nullptr, 1), ERROR_NOACCESS);
 
     DWORD nNames = 0, nLongestName = 0, nLongest = 0, nKeys = 9, nLongestKey = 9;
@@ -162,15 +159,15 @@ TEST_F(Registry, QueriesTellWhatTheyNeed)
 
     // With ends and variables.
     host::SetVariable("KVX_TEST_NAME", "value");
-    auto const query = [&](WideView text, DWORD dwStored)
+    auto const query = [&](LPCTSTR text, DWORD dwStored)
     {
         EXPECT_EQ(Set(_T("E"), dwStored, Bytes(text)), 0);
         WCHAR szText[64] = {};
         DWORD nBytes = sizeof szText;
         EXPECT_EQ(SHQueryValueExW(m_hKey, _T("E"), nullptr, &dwType, szText, &nBytes), 0);
-        Wide const strText = szText;
+        CString const strText = szText;
         // Wine's SHQueryValueExW tells other sizes than that of the text (SizesOfTexts, 2026-11-22).
-        EXPECT_TRUE(host::IsWine() || nBytes == 2 * strText.size() + 2);
+        EXPECT_TRUE(host::IsWine() || static_cast<int>(nBytes) == 2 * strText.GetLength() + 2);
         return strText;
     };
     EXPECT_EQ(query(_T("abc"), REG_SZ), _T("abc"));
@@ -199,8 +196,8 @@ TEST_F(Registry, EnumeratesInOrder)
     Texts expected;
     for (int i = 0; i < 1500; ++i) // more than is read at once
     {
-        expected.push_back(_T("v") + ToWide(std::to_string(5000 - i)));
-        ASSERT_EQ(Set(expected.back().c_str(), REG_DWORD, std::string_view(reinterpret_cast<char *>(&i), 4)), 0);
+        expected.push_back(_T("v") + kvx::FromUtf8(std::to_string(5000 - i)));
+        ASSERT_EQ(Set(expected.back(), REG_DWORD, std::string_view(reinterpret_cast<char *>(&i), 4)), 0);
     }
     EXPECT_EQ(Set(_T("V4990"), REG_BINARY, std::string(5000, 'x')), 0); // keeps its place and its name
     EXPECT_EQ(List(RegEnumValueW), expected);
@@ -248,11 +245,11 @@ TEST_F(Registry, ThreadsShareAHandle)
     RunThreads(4,
                [&](std::size_t nThread)
                {
-                   Wide const strOwn(nThread + 1, _T('o'));
+                   CString const strOwn(_T('o'), static_cast<int>(nThread) + 1);
                    DWORD nLast = 0;
                    for (DWORD i = 1; i <= 150; ++i)
                    {
-                       nWrong += !write(strOwn.c_str(), i) || read(strOwn.c_str()) != i;
+                       nWrong += !write(strOwn, i) || read(strOwn) != i;
                        nWrong += nThread == 0 && !write(_T("shared"), i);
                        DWORD const nRead = read(_T("shared"));
                        nWrong += nRead < nLast;

@@ -85,29 +85,17 @@ class Sockets : public testing::Test
     NoLeaks m_noLeaks;
 };
 
-/// Runs `call` in a thread and closes the socket under it, at once or a little later. The call fails.
+/// Closes the socket under a call, which fails.
 inline void CloseUnder(Socket & socket, int nRound, std::function<int(SOCKET)> const & call)
 {
     SOCKET const hSocket = socket;
-    std::atomic<bool> bStarted{false};
-    std::thread thread(
-        [&]
-        {
-            bStarted = true;
-            EXPECT_EQ(call(hSocket), SOCKET_ERROR);
-            DWORD const dwError = GetLastError(); // closed before or while it works
-            EXPECT_TRUE(dwError == WSAEINTR || dwError == WSAENOTSOCK) << dwError;
-        });
-    while (!bStarted)
+    auto const failing = [&]
     {
-        std::this_thread::yield();
-    }
-    if (nRound % 3 != 0)
-    {
-        std::this_thread::sleep_for(std::chrono::microseconds(nRound % 3 * 150));
-    }
-    socket.Close();
-    thread.join(); // ends, or the test's time-out tells
+        EXPECT_EQ(call(hSocket), SOCKET_ERROR);
+        DWORD const dwError = GetLastError(); // closed before or while it works
+        EXPECT_TRUE(dwError == WSAEINTR || dwError == WSAENOTSOCK) << dwError;
+    };
+    BreakUnder(nRound, failing, [&] { socket.Close(); });
     EXPECT_TRUE(Fails(winsock::closesocket(hSocket), WSAENOTSOCK, SOCKET_ERROR));
 }
 

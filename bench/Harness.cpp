@@ -222,7 +222,13 @@ Child::Child(std::vector<std::string> arguments)
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     ::posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+    // The child pins itself: where this thread runs is no matter of its.
+    cpu_set_t mine;
+    CPU_ZERO(&mine);
+    ::sched_getaffinity(0, sizeof(mine), &mine);
+    PinTo(-1);
     int const error = ::posix_spawn(&m_id, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+    ::sched_setaffinity(0, sizeof(mine), &mine);
     ::posix_spawn_file_actions_destroy(&actions);
     ::close(input[0]);
     ::close(output[1]);

@@ -225,6 +225,7 @@ bool CThreadQueue::ServeObjects(StServiceThread & self)
                     return false;
                 }
             }
+            Linger();
         } while (!MayEnd());
         return true;
     }
@@ -274,6 +275,17 @@ bool CThreadQueue::ServeObject(CObject * object, StServiceThread & self)
                  proc);
     }
     return self.Enter();
+}
+
+/// Gives whoever fills the queue a moment, where he runs on the same CPU or is just about to insert: to end a service
+/// and to begin the next one costs more than some looks, and a flood would have to pay that for every object.
+void CThreadQueue::Linger() const
+{
+    constexpr int LOOKS = 4;
+    for (int i = 0; i < LOOKS && GetObjectCount() == 0; ++i)
+    {
+        SwitchToThread();
+    }
 }
 
 /// A service thread has found the queue empty. False if an object came in since, which nobody else may serve before the

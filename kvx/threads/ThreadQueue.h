@@ -102,6 +102,7 @@ private:
     bool CallHook(StServiceThread & self, void (CThreadQueue::*hook)(DWORD), LPCTSTR name);
     bool ServeObjects(StServiceThread & self);
     bool ServeObject(CObject * object, StServiceThread & self);
+    void Linger() const;
     bool MayEnd();
     void LeaveService();
     void Forget(StServiceThread & self);

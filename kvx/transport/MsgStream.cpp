@@ -29,6 +29,18 @@ DWORD LoadWord(BYTE const * from)
     std::memcpy(&word, from, sizeof(word));
     return __builtin_bswap32(word);
 }
+
+/// Whether all units mean the same in every ANSI code page.
+template <class UNIT>
+bool IsAscii(UNIT const * units, std::size_t count)
+{
+    unsigned others = 0;
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        others |= static_cast<unsigned>(units[i] - 1U > 0x7EU);
+    }
+    return others == 0;
+}
 } // namespace
 
 CMsgStream::CMsgStream(int unicode) : m_bUnicode(unicode != 0) {}
@@ -131,8 +143,8 @@ int CMsgStream::ReadInParts(CString & text, bool bStays)
     return 1;
 }
 
-/// The frequent case: wide text, or a reference to one, that lies in the buffer as a whole. False for anything
-/// else, and then nothing is read.
+/// The frequent case: wide text or ASCII, or a reference to a text, that lies in the buffer as a whole. False for
+/// anything else, and then nothing is read.
 inline bool CMsgStream::ReadInPlace(CString & text, kvx::TextPool * pool, bool bStays)
 {
     auto const available = static_cast<std::size_t>(m_pReadEnd - m_pReadNext);
@@ -151,18 +163,20 @@ inline bool CMsgStream::ReadInPlace(CString & text, kvx::TextPool * pool, bool b
         m_pReadNext += sizeof(DWORD);
         return true;
     }
-    std::size_t const bytes = std::size_t{length} * sizeof(WCHAR);
-    if (length == 0 || bytes > available - sizeof(DWORD) || !m_bUnicode)
+    std::size_t const bytes = std::size_t{length} * (m_bUnicode ? sizeof(WCHAR) : 1);
+    BYTE const * const characters = m_pReadNext + sizeof(DWORD);
+    if (length == 0 || bytes > available - sizeof(DWORD) || !(m_bUnicode || IsAscii(characters, length)))
     {
         return false;
     }
-    if (pool)
+    WCHAR * const to = kvx::TextReferences::Make(text, length, pool);
+    if (m_bUnicode)
     {
-        kvx::TextReferences::Fill(text, m_pReadNext + sizeof(DWORD), length, *pool);
+        std::memcpy(to, characters, bytes);
     }
     else
     {
-        kvx::TextReferences::Fill(text, m_pReadNext + sizeof(DWORD), length);
+        std::copy_n(characters, length, to);
     }
     if (compact)
     {
@@ -266,6 +280,15 @@ int CMsgStream::WriteInFull(CString const & text)
             return 1;
         }
         return Write(length) && Write(text.GetString(), static_cast<DWORD>(bytes));
+    }
+    if (sizeof(DWORD) + length <= static_cast<std::size_t>(m_pWriteEnd - m_pWriteNext) &&
+        IsAscii(text.GetString(), length))
+    {
+        StoreWord(m_pWriteNext, length);
+        std::transform(text.GetString(), text.GetString() + length, m_pWriteNext + sizeof(DWORD),
+                       [](WCHAR c) { return static_cast<BYTE>(c); });
+        m_pWriteNext += sizeof(DWORD) + length;
+        return 1;
     }
     // As many bytes as the text has characters, by the format; a code page that needs fewer is filled up.
     CStringA narrow = CUtilities::StringToAnsi(text);

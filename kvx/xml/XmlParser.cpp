@@ -617,7 +617,7 @@ CString XmlParser::ToWide(std::string_view bytes)
     {
         bool const bPooled = m_nTextRead > NEVER_POOLED && bytes.size() <= TextPool::LONGEST;
         auto const length = static_cast<int>(bytes.size());
-        WCHAR * const out = bPooled ? TextReferences::Fill(text, bytes.size(), m_textPool) : text.GetBuffer(length);
+        WCHAR * const out = bPooled ? TextReferences::Make(text, bytes.size(), &m_textPool) : text.GetBuffer(length);
         for (std::size_t i = 0; i < bytes.size(); ++i)
         {
             out[i] = static_cast<unsigned char>(bytes[i]);

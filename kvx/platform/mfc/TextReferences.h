@@ -48,19 +48,15 @@ public:
     static void Remove(TextHead * head, int count) noexcept { Add(head, -count); }
     /// Makes an empty string share characters by a reference that Add has taken.
     static void HandOver(TextHead * head, CString & to) noexcept { to.m_pText = CString::Characters(head); }
-    /// Gives an empty string `length` > 0 characters that may lie at any address; in memory of its own, or from a pool.
-    static void Fill(CString & text, void const * characters, std::size_t length)
+    /// Gives an empty string `length` > 0 characters for the caller to write at once, in memory of its own or from a
+    /// pool.
+    static WCHAR * Make(CString & text, std::size_t length, TextPool * pool)
     {
-        std::memcpy(text.InitLength(length), characters, length * sizeof(WCHAR));
-    }
-    static void Fill(CString & text, void const * characters, std::size_t length, TextPool & pool)
-    {
-        std::memcpy(Fill(text, length, pool), characters, length * sizeof(WCHAR));
-    }
-    /// The same for the caller to write at once.
-    static WCHAR * Fill(CString & text, std::size_t length, TextPool & pool)
-    {
-        TextHead * const head = pool.Allocate(length);
+        if (!pool)
+        {
+            return text.InitLength(length);
+        }
+        TextHead * const head = pool->Allocate(length);
         head->nLength = static_cast<std::int32_t>(length);
         text.m_pText = CString::Characters(head);
         text.m_pText[length] = 0;

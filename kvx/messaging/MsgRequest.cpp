@@ -279,11 +279,12 @@ int CMsgRequest::ReadParams(CMsgStream & stream)
     {
         return 0;
     }
+    kvx::MessageTexts texts;
     CString name;
     CString value;
     for (; count > 0; --count)
     {
-        if (!stream.Read(name) || !stream.Read(value))
+        if (!stream.Read(name, texts) || !stream.Read(value, texts))
         {
             return 0;
         }

@@ -27,6 +27,8 @@ public:
     /// Walks down the path and runs what it leads to. Never throws: an exception of a provider becomes the response's
     /// error, and goes to the log.
     void Service(CString const & path, CMsgRequest & request);
+    /// The same by a text that stays as it is meanwhile, whatever a provider does to the request.
+    void ServicePath(CString::View path, CMsgRequest & request);
     /// Serves the request below this target: its command without this target's path.
     void Forward(CMsgRequest & request);
 
@@ -62,7 +64,6 @@ private:
     CObList m_providers{10};
     CMapStringToOb m_children{10};
 
-    void ServicePath(CString::View path, CMsgRequest & request);
     void EndProviders();
     void DetachProviders();
     CMsgTarget * TakeChild();

@@ -1,5 +1,7 @@
 #include "kvx/msgdata/CellBlocks.h"
 
+#include "kvx/platform/mfc/TextReferences.h"
+
 #include <algorithm>
 
 namespace kvx

@@ -3,7 +3,6 @@
 /// Where a column keeps its cells.
 
 #include "kvx/foundation/StringValue.h"
-#include "kvx/platform/mfc/TextReferences.h"
 
 #include <array>
 #include <bit>
@@ -14,13 +13,6 @@
 
 namespace kvx
 {
-/// Memory for the short texts of cells that are read: one that somebody keeps keeps little with it.
-class CellTexts : public TextPool
-{
-public:
-    CellTexts() : TextPool(512, 4096) {}
-};
-
 /// A sparse sequence of cells by index, from 0. Cells lie in blocks of neighbours, small ones first, the first of all
 /// in the object itself: a missing block costs next to nothing, a filled sequence is dense. The address of a cell stays
 /// as it is until the object goes.

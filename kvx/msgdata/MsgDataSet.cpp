@@ -35,11 +35,11 @@ CStringValue CMsgDataSet::GetData(POSITION pos) const
 
 int CMsgDataSet::Read(CMsgStream & stream)
 {
-    kvx::CellTexts texts;
+    kvx::MessageTexts texts;
     return Read(stream, texts);
 }
 
-int CMsgDataSet::Read(CMsgStream & stream, kvx::CellTexts & texts)
+int CMsgDataSet::Read(CMsgStream & stream, kvx::MessageTexts & texts)
 {
     DWORD count = 0;
     if (!stream.Read(m_strName) || !stream.Read(count))

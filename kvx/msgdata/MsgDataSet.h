@@ -7,6 +7,11 @@
 
 class CMsgStream;
 
+namespace kvx
+{
+class MessageTexts;
+}
+
 /// Rows are numbered from 1, and a cell comes into being when it is first asked for. The address of a cell stays as it
 /// is until the column goes.
 ///
@@ -51,7 +56,7 @@ public:
     /// The wire form: docs/wire-protocol.md. Empty cells that are read don't come into being.
     int Read(CMsgStream & stream);
     /// The same with memory for short texts that other columns use too.
-    int Read(CMsgStream & stream, kvx::CellTexts & texts);
+    int Read(CMsgStream & stream, kvx::MessageTexts & texts);
     int Write(CMsgStream & stream) const;
 
 private:

@@ -120,7 +120,7 @@ int CMsgRowSet::Read(CMsgStream & stream)
         return 0;
     }
     m_nRows = static_cast<LONG>(rows);
-    kvx::CellTexts texts;
+    kvx::MessageTexts texts;
     for (; columns > 0; --columns)
     {
         auto column = std::make_unique<CMsgDataSet>(m_nRows, m_columns.GetOrdinalCount(), nullptr);

@@ -532,21 +532,22 @@ void CMsgListener::NotifyRequestProc(CObject * object, void * param)
 void CMsgListener::DispatchRequest(CListenerRequest & request)
 {
     NotifyEvent(CMsgListenerEvent::BEFORE_DISPATCH, request.GetSession(), &request);
-    CString command = request.GetCommand();
+    CString const command = request.GetCommand(); // which a provider may change on the way
+    CString::View path = command;
     CMsgTarget * const target = GetTarget();
-    int const length = m_strTargetPath.GetLength();
-    if (target && m_strTargetPath.CompareNoCase(command.Left(length)) == 0 &&
-        (length == 0 || command.GetLength() == length || command[length] == _T('.')))
+    auto const length = static_cast<std::size_t>(m_strTargetPath.GetLength());
+    if (target && m_strTargetPath.CompareNoCase(path.substr(0, length)) == 0 &&
+        (length == 0 || path.size() == length || path[length] == _T('.')))
     {
         if (length != 0)
         {
-            command = command.Mid(length + 1);
+            path.remove_prefix(std::min(length + 1, path.size()));
         }
-        target->Service(command, request);
+        target->ServicePath(path, request);
     }
     if (!request.IsHandled() && request.GetResponse().Succeeded())
     {
-        request.GetResponse().SetError(ERROR_NOT_SUPPORTED, _T("%s"), _T("Unsupported command: ") + command);
+        request.GetResponse().SetError(ERROR_NOT_SUPPORTED, _T("%s"), _T("Unsupported command: ") + CString(path));
     }
     NotifyEvent(CMsgListenerEvent::AFTER_DISPATCH, request.GetSession(), &request);
 }

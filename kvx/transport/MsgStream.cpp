@@ -186,22 +186,17 @@ inline bool CMsgStream::ReadInPlace(CString & text, kvx::TextPool * pool, bool b
     return true;
 }
 
-/// For an empty text.
-inline int CMsgStream::ReadText(CString & text, kvx::TextPool * pool, bool bStays)
-{
-    return ReadInPlace(text, pool, bStays) || ReadInParts(text, bStays);
-}
-
-int CMsgStream::Read(CString & text)
+int CMsgStream::ReadText(CString & text, kvx::TextPool * pool)
 {
     text.Empty();
-    return ReadText(text, nullptr, false);
+    return ReadInPlace(text, pool, false) || ReadInParts(text, false);
 }
 
-int CMsgStream::ReadTexts(std::span<CStringValue> texts, kvx::TextPool * pool)
+int CMsgStream::ReadTexts(std::span<CStringValue> texts, kvx::MessageTexts * memory)
 {
-    return std::ranges::all_of(texts,
-                               [this, pool](CStringValue & text) { return ReadText(text, pool, m_bTextsStay) != 0; });
+    return std::ranges::all_of(
+        texts, [this, memory](CStringValue & text)
+        { return ReadInPlace(text, memory, m_bTextsStay) || ReadInParts(text, m_bTextsStay) != 0; });
 }
 
 int CMsgStream::ReadWideText(CString & text, DWORD length)

@@ -7,6 +7,7 @@
 #include "kvx/foundation/ObCache.h"
 #include "kvx/foundation/StringValue.h"
 #include "kvx/platform/mfc/Afx.h"
+#include "kvx/platform/mfc/TextReferences.h"
 
 #include <atomic>
 #include <span>
@@ -14,8 +15,13 @@
 
 namespace kvx
 {
-class TextPool;
-}
+/// Memory for the short texts of a message that is read: one that somebody keeps keeps little with it.
+class MessageTexts : public TextPool
+{
+public:
+    MessageTexts() : TextPool(512, 4096) {}
+};
+} // namespace kvx
 
 /// Words and texts over two operations of a subclass that move raw bytes.
 ///
@@ -48,14 +54,16 @@ public:
 
     int Read(DWORD & word);
     int Read(LONG & word);
-    int Read(CString & text);
+    int Read(CString & text) { return ReadText(text, nullptr); }
+    /// The same with memory for it, if it is short.
+    int Read(CString & text, kvx::MessageTexts & texts) { return ReadText(text, &texts); }
     int Read(void * buffer, DWORD count) { return count == 0 ? 1 : ReadBytes(buffer, count); }
     int Write(DWORD word);
     int Write(CString const & text);
     int Write(void const * buffer, DWORD count) { return count == 0 ? 1 : WriteBytes(buffer, count); }
     /// A run of texts, each as above, in one go. Those that are read into must be empty; short ones take their memory
-    /// from the pool, if there is one. A CMsgStreamCompactor may have said that all of them stay where they are.
-    int ReadTexts(std::span<CStringValue> texts, kvx::TextPool * pool = nullptr);
+    /// from there, if it is given. A CMsgStreamCompactor may have said that all of them stay where they are.
+    int ReadTexts(std::span<CStringValue> texts, kvx::MessageTexts * memory = nullptr);
     int WriteTexts(std::span<CStringValue const> texts);
 
     /// Turns compaction on, or empties the table.
@@ -92,7 +100,7 @@ private:
     void ReleaseCompact();
 
     int ReadBytes(void * buffer, DWORD count);
-    int ReadText(CString & text, kvx::TextPool * pool, bool bStays);
+    int ReadText(CString & text, kvx::TextPool * pool);
     bool ReadInPlace(CString & text, kvx::TextPool * pool, bool bStays);
     int ReadInParts(CString & text, bool bStays);
     int WriteBytes(void const * buffer, DWORD count);

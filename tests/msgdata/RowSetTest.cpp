@@ -35,7 +35,7 @@ CStringValue & Cell(CMsgRowSet & rows, INT_PTR number, LPCTSTR column)
 TEST(RowSet, BehavesAsAModelOfSparseCells)
 {
     std::mt19937 random(2);
-    for (int const range : {40, 5000})
+    for (int const range : {40, 5000, 60000})
     {
         CMsgRowSet rows;
         std::map<std::pair<CString, int>, CString> model;
@@ -151,6 +151,24 @@ TEST(RowSet, ColumnsComeAndGo)
     rows.RemoveAll();
     rows.AddColumn(_T("new"));
     EXPECT_EQ(rows.GetColumnName(0), _T("new"));
+
+    // Many are found as few are, while their number goes up and down.
+    for (int round = 0; round < 2; ++round)
+    {
+        rows.RemoveAll();
+        for (int i = 0; i < 12; ++i)
+        {
+            rows.SetData(nullptr, CStringValue(i), i);
+        }
+        EXPECT_TRUE(rows.RenameColumn(_T("3"), _T("three")) && rows.RenameColumn(_T("5"), _T("4")));
+        for (LPCTSTR const gone : {_T("0"), _T("7"), _T("8"), _T("9"), _T("10"), _T("4")})
+        {
+            EXPECT_TRUE(rows.RemoveColumn(gone) && !rows.HasData(gone));
+        }
+        rows.SetData(nullptr, _T("7"), _T("again"));
+        EXPECT_EQ(Cell(rows, 1, _T("three")) + Cell(rows, 1, _T("11")) + Cell(rows, 1, _T("7")), _T("311again"));
+        EXPECT_EQ(rows.GetColumnCount(), 6);
+    }
 }
 
 TEST(RowSet, RowsAsValues)

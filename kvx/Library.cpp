@@ -10,6 +10,7 @@
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/messaging/MsgInProcFactory.h"
 #include "kvx/messaging/MsgProvider.h"
+#include "kvx/messaging/MsgRequest.h"
 #include "kvx/msgdata/MsgDataSet.h"
 #include "kvx/platform/HostInfo.h"
 #include "kvx/system/WinSecurity.h"
@@ -64,7 +65,8 @@ private:
 KVX_EARLY CWinSecurityDescriptor CWinSecurityDescriptor::NULL_DACL(1);
 KVX_EARLY CWinSecurityAttributes CWinSecurityAttributes::NULL_DACL(0, CWinSecurityDescriptor::NULL_DACL);
 
-KVX_EARLY CLogManager CLogManager::sm_instance;
+// The log lies below the requests that it prints.
+KVX_EARLY CLogManager CLogManager::sm_instance([](CMsgRequest & request) { return request.GetLogText(); });
 
 KVX_EARLY CStringValue const CMsgDataSet::EMPTY_DATA;
 

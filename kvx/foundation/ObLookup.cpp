@@ -3,50 +3,7 @@
 IMPLEMENT_SERIAL(CObIntegerLookup, CObject, 1)
 IMPLEMENT_SERIAL(CObStringLookup, CObject, 1)
 
-CObIntegerLookup::CObIntegerLookup(int autoDelete, UINT hashSize) : m_bAutoDelete(autoDelete)
-{
-    if (hashSize > 0)
-    {
-        m_map.InitHashTable(hashSize, FALSE);
-    }
-}
-
-void CObIntegerLookup::SetAt(INT_PTR key, CObject * object)
-{
-    CSingleLock guard(*this, TRUE);
-    m_map.SetAt(key, object);
-}
-
-int CObIntegerLookup::Lookup(INT_PTR key, CObject *& object) const
-{
-    CSingleLock guard(*this, TRUE);
-    return m_map.Lookup(key, object);
-}
-
-CObject * CObIntegerLookup::Lookup(INT_PTR key) const
-{
-    CObject * object = nullptr;
-    return Lookup(key, object) ? object : nullptr;
-}
-
-CObject * CObIntegerLookup::RemoveKey(INT_PTR key)
-{
-    CSingleLock guard(*this, TRUE);
-    CObject * object = nullptr;
-    m_map.Lookup(key, object);
-    m_map.RemoveKey(key);
-    return object;
-}
-
-void CObIntegerLookup::RemoveAll(int deleteObjects)
-{
-    CSingleLock guard(*this, TRUE);
-    if (deleteObjects)
-    {
-        kvx::DeleteValues<INT_PTR>(m_map);
-    }
-    m_map.RemoveAll();
-}
+CObIntegerLookup::CObIntegerLookup(int autoDelete, UINT hashSize) : LockedObMap(hashSize), m_bAutoDelete(autoDelete) {}
 
 void CObIntegerLookup::Serialize(CArchive & archive)
 {
@@ -73,79 +30,18 @@ void CObIntegerLookup::Serialize(CArchive & archive)
     }
 }
 
-CObStringLookup::CObStringLookup(int autoDelete, UINT hashSize)
+CObStringLookup::CObStringLookup(int autoDelete, UINT hashSize) : LockedObMap(hashSize)
 {
-    if (hashSize > 0)
-    {
-        m_map.InitHashTable(hashSize, FALSE);
-    }
     if (autoDelete)
     {
         RegisterAutoDelete(m_map);
     }
 }
 
-void CObStringLookup::SetAt(LPCTSTR key, CObject * object)
-{
-    CSingleLock guard(*this, TRUE);
-    m_map.SetAt(key, object);
-}
-
-int CObStringLookup::Lookup(LPCTSTR key, CObject *& object) const
-{
-    CSingleLock guard(*this, TRUE);
-    return m_map.Lookup(key, object);
-}
-
-CObject * CObStringLookup::Lookup(LPCTSTR key) const
-{
-    CObject * object = nullptr;
-    return Lookup(key, object) ? object : nullptr;
-}
-
-CObject * CObStringLookup::RemoveKey(LPCTSTR key)
-{
-    CSingleLock guard(*this, TRUE);
-    CObject * object = nullptr;
-    m_map.Lookup(key, object);
-    m_map.RemoveKey(key);
-    return object;
-}
-
-void CObStringLookup::RemoveAll(int deleteObjects)
-{
-    CSingleLock guard(*this, TRUE);
-    if (deleteObjects)
-    {
-        kvx::DeleteValues<CString>(m_map);
-    }
-    m_map.RemoveAll();
-}
-
 void CObStringLookup::Serialize(CArchive & archive)
 {
     CSingleLock guard(*this, TRUE);
     m_map.Serialize(archive);
-}
-
-CIntToStrLookup::CIntToStrLookup(UINT hashSize)
-{
-    if (hashSize > 0)
-    {
-        m_map.InitHashTable(hashSize, FALSE);
-    }
-}
-
-void CIntToStrLookup::SetAt(int key, CString const & text)
-{
-    CSingleLock guard(*this, TRUE);
-    m_map.SetAt(key, text);
-}
-
-int CIntToStrLookup::Lookup(int key, CString & text) const
-{
-    CSingleLock guard(*this, TRUE);
-    return m_map.Lookup(key, text);
 }
 
 int CIntToStrLookup::RemoveKey(int key)

@@ -8,37 +8,97 @@
 #include "kvx/foundation/AutoDelete.h"
 #include "kvx/foundation/Lockable.h"
 
-class KVX_API CObIntegerLookup : public CObject, public CLockable
+namespace kvx
 {
-    DECLARE_SERIAL(CObIntegerLookup)
-
+/// What all look-ups can do: a map of KEY, which operations take as ARG, to VALUE.
+template <class MAP, class KEY, class ARG, class VALUE>
+class LockedMap : public CObject, public CLockable
+{
 public:
-    /// With `autoDelete` the objects are deleted at destruction, each once. A hash size of 0 is the default one.
-    explicit CObIntegerLookup(int autoDelete = 0, UINT hashSize = 0);
-    ~CObIntegerLookup() override { RemoveAll(m_bAutoDelete); }
-
     void InitHashTable(UINT hashSize, int allocateNow) { m_map.InitHashTable(hashSize, allocateNow); }
-    /// Stores, and lets go of the object that was there.
-    void SetAt(INT_PTR key, CObject * object);
-    int Lookup(INT_PTR key, CObject *& object) const;
-    CObject * Lookup(INT_PTR key) const;
-    /// The object, which the caller now owns, or null.
-    CObject * RemoveKey(INT_PTR key);
-    void RemoveAll(int deleteObjects);
+    /// Stores, and lets go of what was there.
+    void SetAt(ARG key, VALUE const & value)
+    {
+        CSingleLock guard(*this, TRUE);
+        m_map.SetAt(key, value);
+    }
+    int Lookup(ARG key, VALUE & value) const
+    {
+        CSingleLock guard(*this, TRUE);
+        return m_map.Lookup(key, value);
+    }
 
     int GetCount() const { return static_cast<int>(m_map.GetCount()); }
     int IsEmpty() const { return m_map.IsEmpty(); }
     POSITION GetStartPosition() const { return m_map.GetStartPosition(); }
-    void GetNextAssoc(POSITION & pos, INT_PTR & key, CObject *& object) const { m_map.GetNextAssoc(pos, key, object); }
+    void GetNextAssoc(POSITION & pos, KEY & key, VALUE & value) const { m_map.GetNextAssoc(pos, key, value); }
+
+protected:
+    MAP m_map{10};
+
+    /// A hash size of 0 is the default one.
+    explicit LockedMap(UINT hashSize)
+    {
+        if (hashSize > 0)
+        {
+            m_map.InitHashTable(hashSize, FALSE);
+        }
+    }
+};
+
+template <class MAP, class KEY, class ARG>
+class LockedObMap : public LockedMap<MAP, KEY, ARG, CObject *>
+{
+    using Base = LockedMap<MAP, KEY, ARG, CObject *>;
+
+public:
+    using Base::Lookup;
+    CObject * Lookup(ARG key) const
+    {
+        CObject * object = nullptr;
+        return Lookup(key, object) ? object : nullptr;
+    }
+    /// The object, which the caller now owns, or null.
+    CObject * RemoveKey(ARG key)
+    {
+        CSingleLock guard(*this, TRUE);
+        CObject * object = nullptr;
+        this->m_map.Lookup(key, object);
+        this->m_map.RemoveKey(key);
+        return object;
+    }
+    void RemoveAll(int deleteObjects)
+    {
+        CSingleLock guard(*this, TRUE);
+        if (deleteObjects)
+        {
+            DeleteValues<KEY>(this->m_map);
+        }
+        this->m_map.RemoveAll();
+    }
+
+protected:
+    using Base::Base;
+};
+} // namespace kvx
+
+class KVX_API CObIntegerLookup
+    : public kvx::LockedObMap<CMap<INT_PTR, INT_PTR const &, CObject *, CObject * const &>, INT_PTR, INT_PTR>
+{
+    DECLARE_SERIAL(CObIntegerLookup)
+
+public:
+    /// With `autoDelete` the objects are deleted at destruction, each once.
+    explicit CObIntegerLookup(int autoDelete = 0, UINT hashSize = 0);
+    ~CObIntegerLookup() override { RemoveAll(m_bAutoDelete); }
 
     void Serialize(CArchive & archive) override;
 
 private:
     int m_bAutoDelete;
-    CMap<INT_PTR, INT_PTR const &, CObject *, CObject * const &> m_map{10};
 };
 
-class KVX_API CObStringLookup : public CObject, public CLockable, public CAutoDelete
+class KVX_API CObStringLookup : public kvx::LockedObMap<CMapStringToOb, CString, LPCTSTR>, public CAutoDelete
 {
     DECLARE_SERIAL(CObStringLookup)
 
@@ -46,38 +106,15 @@ public:
     explicit CObStringLookup(int autoDelete = 0, UINT hashSize = 0);
     ~CObStringLookup() override { PerformAutoDelete(nullptr, 0); }
 
-    void InitHashTable(UINT hashSize, int allocateNow) { m_map.InitHashTable(hashSize, allocateNow); }
-    void SetAt(LPCTSTR key, CObject * object);
-    int Lookup(LPCTSTR key, CObject *& object) const;
-    CObject * Lookup(LPCTSTR key) const;
-    CObject * RemoveKey(LPCTSTR key);
-    void RemoveAll(int deleteObjects);
-
-    int GetCount() const { return static_cast<int>(m_map.GetCount()); }
-    int IsEmpty() const { return m_map.IsEmpty(); }
-    POSITION GetStartPosition() const { return m_map.GetStartPosition(); }
-    void GetNextAssoc(POSITION & pos, CString & key, CObject *& object) const { m_map.GetNextAssoc(pos, key, object); }
-
     void Serialize(CArchive & archive) override;
-
-private:
-    CMapStringToOb m_map{10};
 };
 
-class KVX_API CIntToStrLookup : public CObject, public CLockable
+class KVX_API CIntToStrLookup
+    : public kvx::LockedMap<CMap<int, int const &, CString, CString const &>, int, int, CString>
 {
 public:
-    explicit CIntToStrLookup(UINT hashSize = 0);
+    explicit CIntToStrLookup(UINT hashSize = 0) : LockedMap(hashSize) {}
 
-    void SetAt(int key, CString const & text);
-    int Lookup(int key, CString & text) const;
     int RemoveKey(int key);
     void RemoveAll();
-
-    int GetCount() const { return static_cast<int>(m_map.GetCount()); }
-    POSITION GetStartPosition() const { return m_map.GetStartPosition(); }
-    void GetNextAssoc(POSITION & pos, int & key, CString & text) const { m_map.GetNextAssoc(pos, key, text); }
-
-private:
-    CMap<int, int const &, CString, CString const &> m_map{10};
 };

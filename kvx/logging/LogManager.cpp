@@ -1,35 +1,27 @@
 #include "kvx/logging/LogManager.h"
 
-#include "kvx/foundation/ValueAccessor.h"
-#include "kvx/messaging/MsgRequest.h"
 #include "kvx/platform/ExitProc.h"
 
-#include <array>
-#include <span>
 #include <typeinfo>
 #include <utility>
 
 namespace
 {
-CString FormatEvent(CObject const * source, LPCTSTR format, FormatArgs const & args)
+/// Calls a function; what it throws is forgotten.
+template <class CALL>
+void Quietly(CALL const & call)
 {
-    CString text;
     try
     {
-        text.FormatV(format, args);
+        call();
     }
     catch (CException * failure)
     {
         failure->Delete();
-        text = CString(_T("LOG ERROR: ")) + (format ? format : _T("<EMPTY FORMAT STRING>"));
     }
-    if (source)
+    catch (...)
     {
-        CString prefixed;
-        prefixed.Format(_T("[%08X] %s"), source, text);
-        return prefixed;
     }
-    return text;
 }
 
 constexpr DWORD EXIT_PATIENCE = 1000; // milliseconds
@@ -42,7 +34,7 @@ bool StandsAlone(CLogSink const & sink)
 }
 } // namespace
 
-CLogManager::CLogManager() : m_queueEvent(FALSE, TRUE), m_nSessionSlot(TlsAlloc())
+CLogManager::CLogManager(RequestFormatter formatRequest) : m_nSessionSlot(TlsAlloc()), m_pFormatRequest(formatRequest)
 {
     RegisterAutoDelete(m_immediateSinks);
     RegisterAutoDelete(m_queuedSinks);
@@ -79,72 +71,53 @@ CLogManager::~CLogManager()
 
 void CLogManager::LogEvent(CObject const * source, DWORD type, LPCTSTR format, FormatArgs const & args)
 {
-    if (m_state != State::Runs || m_nQueued == 0)
+    if (!IsHeard())
     {
         return;
     }
     // Whatever happens in here, logging never fails its caller, nor changes what the caller takes for the last error.
     DWORD const lastError = GetLastError();
-    try
-    {
-        if (m_hThread || StartQueueThread())
+    Quietly(
+        [&]
         {
-            Enqueue(type, FormatEvent(source, format, args));
-        }
-    }
-    catch (CException * failure)
-    {
-        failure->Delete();
-    }
-    catch (...)
-    {
-    }
+            if (m_hThread || StartQueueThread())
+            {
+                Enqueue(type, {source, format, args});
+            }
+        });
     SetLastError(lastError);
 }
 
-CLogEvent * CLogManager::NewEvent()
+void CLogManager::Enqueue(DWORD type, kvx::LogCall const & call)
 {
-    auto * event = static_cast<CLogEvent *>(m_events.Allocate());
-    if (!event)
+    CLogEvent event;
+    event.m_nType = type;
+    event.m_nThreadId = GetCurrentThreadId();
+    event.m_nSessionId = GetThreadSessionId();
+    kvx::KeepableCall const kept(call);
+    bool const bImmediate = m_nImmediate > 0;
+    bool const bKept = kept.GetSize() > 0 && !bImmediate;
+    if (!bKept)
     {
-        event = new CLogEvent;
-        m_events.Insert(event, 1);
+        event.m_strText = call.Format();
     }
-    return event;
-}
-
-void CLogManager::Enqueue(DWORD type, CString && text)
-{
     // The time is taken under the lock of the queue, so that time stamps are in the order of the queue. Immediate sinks
     // see the stamped event before the queue does.
-    CSingleLock sinks(&m_sinkLock, m_nImmediate > 0);
-    CSingleLock guard(m_events, TRUE);
-    CLogEvent * const event = NewEvent();
-    std::swap(event->m_strText, text); // what it held goes when the locks are given back
-    event->m_nType = type;
-    event->m_nThreadId = GetCurrentThreadId();
-    event->m_nSessionId = GetThreadSessionId();
-    GetLocalTime(&event->m_time);
-    if (sinks.IsLocked())
+    CSingleLock sinks(&m_sinkLock, bImmediate);
+    CSingleLock guard(&m_queueLock, TRUE);
+    GetLocalTime(&event.m_time);
+    if (bImmediate)
     {
-        try
+        for (POSITION pos = m_immediateSinks.GetHeadPosition(); pos;)
         {
-            for (POSITION pos = m_immediateSinks.GetHeadPosition(); pos;)
-            {
-                static_cast<CLogSink *>(m_immediateSinks.GetNext(pos))->Append(event);
-            }
-        }
-        catch (...)
-        {
-            m_events.Return(event);
-            throw;
+            static_cast<CLogSink *>(m_immediateSinks.GetNext(pos))->Append(&event);
         }
     }
-    bool const bWasEmpty = m_queue.IsEmpty();
-    m_queue.AddTail(event);
-    ++m_nUnwritten;
+    bKept ? m_queue.Add(event, kept) : m_queue.Add(event);
+    ++m_nLogged;
+    bool const bSlept = std::exchange(m_bSleeps, false);
     guard.Unlock();
-    if (bWasEmpty)
+    if (bSlept)
     {
         m_queueEvent.SetEvent();
     }
@@ -178,105 +151,89 @@ DWORD WINAPI CLogManager::EventQueueProc(void * manager)
 void CLogManager::RunEventQueue()
 {
     m_nThreadId = GetCurrentThreadId();
-    while (m_queueEvent.Lock(INFINITE) && m_state != State::Ended)
+    for (CLogEvent event; m_state != State::Ended;)
     {
-        for (; m_nInHandWritten < m_nInHand; ++m_nInHandWritten)
+        for (; !m_inHand.IsEmpty(); m_inHand.RemoveFirst())
         {
-            WriteEvent(m_inHand[m_nInHandWritten]);
+            // Whatever a line comes to, the log goes on.
+            Quietly(
+                [&]
+                {
+                    m_inHand.Get(event);
+                    WriteEvent(event);
+                });
         }
-        CSingleLock guard(m_events, TRUE);
-        m_nUnwritten -= m_nInHand;
-        for (CLogEvent * const event : std::span(m_inHand).first(std::exchange(m_nInHand, 0)))
+        m_inHand.Clear();
+        CSingleLock guard(&m_queueLock, TRUE);
+        bool const bWaitedFor = m_nWritten < m_nFlushed;
+        m_nWritten = m_nTaken;
+        if (bWaitedFor && m_nWritten >= m_nFlushed)
         {
-            m_events.Return(event);
-        }
-        if (m_bFlushing && m_nUnwritten == 0)
-        {
-            m_bFlushing = false;
             m_flushedEvent.SetEvent();
         }
-        m_nInHandWritten = 0;
-        while (m_nInHand < m_inHand.size() && !m_queue.IsEmpty())
+        m_inHand.Swap(m_queue);
+        m_nTaken = m_nLogged;
+        if (!m_inHand.IsEmpty())
         {
-            m_inHand[m_nInHand++] = static_cast<CLogEvent *>(m_queue.RemoveHead());
+            continue;
         }
-        if (m_nInHand == 0 && m_state == State::Leaves)
+        if (m_state == State::Leaves)
         {
             return; // looked at under the lock: what came before the wish to leave would be in the queue
         }
-        if (m_nInHand == 0 && !m_bFlushing)
+        m_bSleeps = true;
+        guard.Unlock();
+        if (!m_queueEvent.Lock())
         {
-            m_queueEvent.ResetEvent();
-            if (m_state != State::Runs)
-            {
-                m_queueEvent.SetEvent(); // the one that came with the state may have been the one just taken back
-            }
+            return;
         }
     }
 }
 
 int CLogManager::Flush(DWORD timeout)
 {
+    CSingleLock guard(&m_queueLock, TRUE);
+    if (m_nWritten == m_nLogged)
     {
-        CSingleLock guard(m_events, TRUE);
-        if (m_nUnwritten == 0)
-        {
-            return 1;
-        }
-        if (m_state != State::Runs || IsLogThread())
-        {
-            return 0;
-        }
-        m_bFlushing = true;
-        m_flushedEvent.ResetEvent();
+        return 1;
     }
-    m_queueEvent.SetEvent(); // the thread may be waiting with the last of them still in its hands
+    if (m_state != State::Runs || IsLogThread())
+    {
+        return 0;
+    }
+    m_nFlushed = m_nLogged;
+    m_flushedEvent.ResetEvent();
+    guard.Unlock();
     return m_flushedEvent.Lock(timeout);
 }
 
-void CLogManager::WriteEvent(CLogEvent * event)
+void CLogManager::WriteEvent(CLogEvent & event)
 {
     CSingleLock guard(&m_sinkLock, TRUE);
     if (m_state == State::Ended)
     {
         return;
     }
-    event->BuildText();
+    event.BuildText();
     for (POSITION pos = m_queuedSinks.GetHeadPosition(); pos;)
     {
         auto * const sink = static_cast<CLogSink *>(m_queuedSinks.GetNext(pos));
-        if (!sink->IsActive(event->m_nType) || (m_state == State::Leaves && !StandsAlone(*sink)))
+        if (!sink->IsActive(event.m_nType) || (m_state == State::Leaves && !StandsAlone(*sink)))
         {
             continue;
         }
-        // A sink that fails loses this line; the others still get it, and the log goes on.
-        try
-        {
-            sink->Append(event);
-        }
-        catch (CException * failure)
-        {
-            failure->Delete();
-        }
-        catch (...)
-        {
-        }
+        // A sink that fails loses this line; the others still get it.
+        Quietly([&] { sink->Append(&event); });
     }
 }
 
 void CLogManager::LogRequestParams(CMsgRequest & request)
 {
-    CString text = _T("Command: ") + request.GetCommand();
-    CString name;
-    CString value;
-    CString line;
-    for (POSITION pos = request.GetStartParamPosition(); pos;)
+    if (!IsHeard())
     {
-        request.GetNextParam(pos, name, value);
-        line.Format(_T("\n    %s: %s"), name, value);
-        text += line;
+        return;
     }
-    LogEvent(LOG_INFORMATION, text, FormatArgs());
+    LogEvent(LOG_INFORMATION, m_pFormatRequest(request), FormatArgs());
 }
 
 void CLogManager::CountSinks()

@@ -4,16 +4,17 @@
 ///
 ///     LogError(_T("Cannot load '%s': %d"), name, code);
 
-#include "kvx/foundation/ObCache.h"
-#include "kvx/logging/LogSink.h"
+#include "kvx/foundation/AutoDelete.h"
+#include "kvx/logging/LogLines.h"
 
-#include <array>
 #include <atomic>
+#include <cstdint>
 
 class CMsgRequest;
 
-/// Formats on the caller's thread, calls the immediate sinks at once, and hands the event to the log's own thread,
-/// which writes it to the queued sinks. Nothing is logged while no queued sink is registered. Nothing limits the queue.
+/// Calls the immediate sinks at once, and hands the event to the log's own thread, which writes it to the queued sinks.
+/// Where no immediate sink wants the text, it is that thread too that formats. Nothing is logged while no queued sink
+/// is registered. Nothing limits the queue.
 ///
 /// Threads: any thread may log. Sinks are called one at a time, under the lock of the sink lists; the order of the time
 /// stamps is the order of the lines. A slow queued sink holds up only those who log through immediate sinks or change
@@ -61,45 +62,55 @@ public:
 private:
     static CLogManager sm_instance;
 
-    CObCache m_events;            // its lock is the queue's too: a logging thread waits once
-    CCriticalSection m_sinkLock;  // the sink lists, and every call of a sink; taken before that of the queue
-    CCriticalSection m_startLock; // for the start of the log's thread
-    CEvent m_queueEvent;          // signalled while the queue holds events
     enum class State : LONG
     {
         Runs,
         Leaves, ///< the program ends: what is queued is still written
         Ended,
     };
+    using RequestFormatter = CString (*)(CMsgRequest & request);
+
+    // What logging threads only read, what they write, and what the log's thread works with lie apart: no line of the
+    // log waits for memory that it has no business with.
+    static constexpr std::size_t APART = 64;
+
     std::atomic<State> m_state{State::Runs};
     std::atomic<LONG> m_nImmediate{0};
     std::atomic<LONG> m_nQueued{0};
-    CObList m_immediateSinks{10};
-    CObList m_queuedSinks{10};
-    CObList m_queue{10};
-    std::size_t m_nUnwritten = 0; // in the queue, or in the hands of the log's thread
-    bool m_bFlushing = false;     // somebody waits until that is 0
-    // In the hands of the log's thread: several at a time, for each turn of the lock is one that a logging thread may
-    // have to wait for.
-    std::array<CLogEvent *, 64> m_inHand{};
-    std::size_t m_nInHand = 0;
-    std::size_t m_nInHandWritten = 0;
-    CEvent m_flushedEvent{FALSE, TRUE}; // manual
     DWORD m_nSessionSlot;
     DWORD m_nProcessId = GetCurrentProcessId(); // a forked one doesn't have the log's thread
     std::atomic<DWORD> m_nThreadId{0};          // of the log's thread while it runs
     bool m_bEndsItself = false;                 // that thread has called Terminate
     std::atomic<HANDLE> m_hThread{nullptr};
+    RequestFormatter m_pFormatRequest;
+    CCriticalSection m_startLock; // for the start of the log's thread
 
-    CLogManager();
+    alignas(APART) CCriticalSection m_queueLock; // for what follows
+    bool m_bSleeps = false;                      // the log's thread waits for the event
+    std::uint64_t m_nLogged = 0;                 // lines, since the start
+    std::uint64_t m_nTaken = 0;                  // of these, in the hands of the log's thread or written
+    std::uint64_t m_nWritten = 0;
+    std::uint64_t m_nFlushed = 0; // somebody waits until so many are written
+    kvx::LogLines m_queue;
+
+    alignas(APART) CCriticalSection m_sinkLock; // the lists, and every call of a sink; taken before that of the queue
+    CObList m_immediateSinks{10};
+    CObList m_queuedSinks{10};
+    // In the hands of the log's thread: all that was queued at its last look, for each look is one that a logging
+    // thread may have to wait for.
+    kvx::LogLines m_inHand;
+    CEvent m_queueEvent;
+    CEvent m_flushedEvent{FALSE, TRUE}; // manual
+
+    explicit CLogManager(RequestFormatter formatRequest);
     static DWORD WINAPI EventQueueProc(void * manager);
     void RunEventQueue();
+    bool IsHeard() const { return m_state == State::Runs && m_nQueued > 0; }
     bool IsLogThread() const { return m_nThreadId == GetCurrentThreadId(); }
     void DeleteSinks();
     bool StartQueueThread();
-    CLogEvent * NewEvent();
-    void Enqueue(DWORD type, CString && text);
-    void WriteEvent(CLogEvent * event);
+    void Enqueue(DWORD type, kvx::LogCall const & call);
+    void WriteEvent(CLogEvent & event);
     void CountSinks();
 };
 

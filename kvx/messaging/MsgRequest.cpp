@@ -5,38 +5,21 @@
 #include "kvx/msgdata/MsgRowSet.h"
 #include "kvx/transport/MsgStream.h"
 
-namespace
-{
-CMsgResponse * Hold(CMsgResponse * response)
-{
-    response->AddRef();
-    return response;
-}
-} // namespace
-
-CMsgRequest::CMsgRequest(DWORD flags) : m_nFlags(flags), m_pResponse(Hold(new CMsgResponse)) {}
+CMsgRequest::CMsgRequest(DWORD flags) : m_nFlags(flags), m_pResponse(new CMsgResponse) {}
 
 CMsgRequest::CMsgRequest(CMsgRequest const & other)
     : CRefObject(other), CValueAccessor(other), m_strCommand(other.m_strCommand), m_nFlags(other.m_nFlags),
       m_bHandled(other.m_bHandled), m_bFromOutside(other.m_bFromOutside),
-      m_pResponse(Hold(new CMsgResponse(*other.m_pResponse)))
+      m_pResponse(new CMsgResponse(*other.m_pResponse))
 {
     CMsgRequest::MergeValues(other);
     if (other.m_pExParams)
     {
         m_pExParams = new CMsgMultipleRowSets(*other.m_pExParams);
-        m_pExParams->AddRef();
     }
 }
 
-CMsgRequest::~CMsgRequest()
-{
-    m_pResponse->Release(1);
-    if (m_pExParams)
-    {
-        m_pExParams->Release(1);
-    }
-}
+CMsgRequest::~CMsgRequest() = default;
 
 CMsgResponse & CMsgRequest::Execute()
 {
@@ -119,7 +102,7 @@ CMsgResponse & CMsgRequest::NotifyRequest()
 {
     CheckResponseReferences();
     m_pResponse->SetError(0, nullptr);
-    m_pResponse->AssignRowSets(m_pExParams);
+    m_pResponse->AssignRowSets(m_pExParams.Get());
     CMsgDispatcher::GetInstance()->Notify(*this);
     return *m_pResponse;
 }
@@ -129,9 +112,7 @@ void CMsgRequest::CheckResponseReferences()
 {
     if (m_pResponse->GetRef() > 1)
     {
-        CMsgResponse * const response = Hold(new CMsgResponse);
-        m_pResponse->Release(1);
-        m_pResponse = response;
+        m_pResponse = new CMsgResponse;
     }
 }
 
@@ -178,28 +159,17 @@ int CMsgRequest::RenameValue(CString const & oldName, CString const & newName)
 
 CMsgMultipleRowSets * CMsgRequest::GetExParams() const
 {
-    return m_pExParams ? m_pExParams : &m_pResponse->GetRowSets();
+    return m_pExParams ? m_pExParams.Get() : &m_pResponse->GetRowSets();
 }
 
 void CMsgRequest::SetExParams(CMsgMultipleRowSets * rowSets)
 {
-    if (rowSets == m_pExParams)
-    {
-        return;
-    }
-    if (rowSets)
-    {
-        rowSets->AddRef();
-    }
-    if (CMsgMultipleRowSets * const old = std::exchange(m_pExParams, rowSets))
-    {
-        old->Release(1);
-    }
+    m_pExParams = rowSets;
 }
 
 void CMsgRequest::SetResponse(CMsgResponse const & response)
 {
-    if (&response == m_pResponse)
+    if (&response == m_pResponse.Get())
     {
         return;
     }
@@ -208,9 +178,7 @@ void CMsgRequest::SetResponse(CMsgResponse const & response)
         m_pResponse->Copy(response);
         return;
     }
-    CMsgResponse * const copy = Hold(new CMsgResponse(response));
-    m_pResponse->Release(1);
-    m_pResponse = copy;
+    m_pResponse = new CMsgResponse(response);
 }
 
 void CMsgRequest::SetResponse(CMsgMultipleRowSets * rowSets)
@@ -245,6 +213,19 @@ void CMsgRequest::Reset()
     m_pConnection = nullptr;
     CheckResponseReferences();
     m_pResponse->Reset();
+}
+
+CString CMsgRequest::GetLogText() const
+{
+    CString text = _T("Command: ") + m_strCommand;
+    CString name;
+    CString value;
+    for (POSITION pos = GetStartParamPosition(); pos;)
+    {
+        GetNextParam(pos, name, value);
+        text.AppendFormat(_T("\n    %s: %s"), name, value);
+    }
+    return text;
 }
 
 int CMsgRequest::Read(CMsgStream & stream)

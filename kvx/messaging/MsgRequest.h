@@ -128,6 +128,9 @@ public:
     /// Everything but the command, the name of the notify queue, and where the request came from.
     void Reset();
 
+    /// Command and parameters, each on a line: what CLogManager::LogRequestParams logs.
+    CString GetLogText() const;
+
     /// The wire form: see docs/wire-protocol.md. 0 on a failed stream, with the reason in the thread's last error.
     int Read(CMsgStream & stream);
     int Write(CMsgStream & stream);
@@ -143,8 +146,8 @@ private:
     int m_bHandled = 0;
     bool m_bFromOutside = false;
     CMap<CString, CString const &, CStringValue, CStringValue const &> m_params{10};
-    CMsgResponse * m_pResponse;                  // never null; one reference
-    CMsgMultipleRowSets * m_pExParams = nullptr; // one reference, if any
+    kvx::RefPtr<CMsgResponse> m_pResponse; // never null
+    kvx::RefPtr<CMsgMultipleRowSets> m_pExParams;
     CMsgConnection * m_pConnection = nullptr;
 
     void CheckResponseReferences();

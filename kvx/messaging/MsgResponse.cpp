@@ -8,28 +8,17 @@ namespace
 {
 // The one carrier of an error code on the wire: "rc:=", the code in decimal, ";", the text.
 constexpr CString::View CODE_PREFIX = _T("rc:=");
-
-CMsgMultipleRowSets * NewRowSets()
-{
-    auto * const rowSets = new CMsgMultipleRowSets;
-    rowSets->AddRef();
-    return rowSets;
-}
 } // namespace
 
-CMsgResponse::CMsgResponse() : m_pRowSets(NewRowSets()) {}
+CMsgResponse::CMsgResponse() : m_pRowSets(new CMsgMultipleRowSets) {}
 
 CMsgResponse::CMsgResponse(CMsgResponse const & other)
     : CRefObject(other), m_nErrorCode(other.m_nErrorCode), m_strErrorText(other.m_strErrorText),
       m_pRowSets(new CMsgMultipleRowSets(*other.m_pRowSets))
 {
-    m_pRowSets->AddRef();
 }
 
-CMsgResponse::~CMsgResponse()
-{
-    m_pRowSets->Release(1);
-}
+CMsgResponse::~CMsgResponse() = default;
 
 void CMsgResponse::Copy(CMsgResponse const & other)
 {
@@ -39,10 +28,7 @@ void CMsgResponse::Copy(CMsgResponse const & other)
     }
     m_nErrorCode = other.m_nErrorCode;
     m_strErrorText = other.m_strErrorText;
-    auto * const rowSets = new CMsgMultipleRowSets(*other.m_pRowSets);
-    rowSets->AddRef();
-    m_pRowSets->Release(1);
-    m_pRowSets = rowSets;
+    m_pRowSets = new CMsgMultipleRowSets(*other.m_pRowSets);
 }
 
 void CMsgResponse::SetError(DWORD code, LPCTSTR format, FormatArgs const & args)
@@ -97,9 +83,7 @@ void CMsgResponse::ResetRowSets()
         m_pRowSets->RemoveAll();
         return;
     }
-    auto * const rowSets = NewRowSets();
-    m_pRowSets->Release(1);
-    m_pRowSets = rowSets;
+    m_pRowSets = new CMsgMultipleRowSets;
 }
 
 void CMsgResponse::AssignRowSet(CMsgRowSet * rowSet)
@@ -114,7 +98,7 @@ void CMsgResponse::AssignRowSet(CMsgRowSet * rowSet)
 
 void CMsgResponse::AssignRowSets(CMsgMultipleRowSets * rowSets)
 {
-    if (rowSets == m_pRowSets)
+    if (rowSets == m_pRowSets.Get())
     {
         return;
     }

@@ -67,5 +67,5 @@ protected:
 private:
     DWORD m_nErrorCode = 0;
     CString m_strErrorText;
-    CMsgMultipleRowSets * m_pRowSets; // never null; one reference
+    kvx::RefPtr<CMsgMultipleRowSets> m_pRowSets; // never null
 };

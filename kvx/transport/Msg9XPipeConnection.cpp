@@ -3,6 +3,7 @@
 #include "kvx/foundation/AppException.h"
 #include "kvx/foundation/Utilities.h"
 #include "kvx/logging/LogManager.h"
+#include "kvx/registry/Registry.h"
 #include "kvx/system/WinSecurity.h"
 #include "kvx/transport/MsgPipeFactory.h"
 
@@ -82,46 +83,6 @@ public:
 private:
     std::optional<COwnedHandle> m_read;
     std::optional<COwnedHandle> m_write;
-};
-
-class CKey
-{
-public:
-    CKey() = default;
-    CKey(CKey const &) = delete;
-    CKey & operator=(CKey const &) = delete;
-    ~CKey()
-    {
-        if (m_hKey)
-        {
-            RegCloseKey(m_hKey);
-        }
-    }
-
-    bool Open(CString const & path)
-    {
-        return RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &m_hKey) == ERROR_SUCCESS;
-    }
-    LONG Create(CString const & path)
-    {
-        return RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr,
-                               &m_hKey, nullptr);
-    }
-    bool Get(LPCTSTR name, DWORD & value) const
-    {
-        DWORD type = 0;
-        DWORD size = sizeof(value);
-        return RegQueryValueExW(m_hKey, name, nullptr, &type, reinterpret_cast<BYTE *>(&value), &size) ==
-                   ERROR_SUCCESS &&
-               type == REG_DWORD && size == sizeof(value);
-    }
-    LONG Set(LPCTSTR name, DWORD value) const
-    {
-        return RegSetValueExW(m_hKey, name, 0, REG_DWORD, reinterpret_cast<BYTE const *>(&value), sizeof(value));
-    }
-
-private:
-    HKEY m_hKey = nullptr;
 };
 
 /// A name that a mutex can have: what holds off too many names only makes their clients take turns.
@@ -212,9 +173,10 @@ int CMsg9XPipeConnection::GetConnectionInfo(CValueAccessor & info)
 
 bool CMsg9XPipeConnection::Query(Published & published) const
 {
-    CKey key;
-    return key.Open(m_strRegistryPath) && key.Get(PROCESS_VALUE, published.nProcess) &&
-           key.Get(HANDLE_VALUE, published.nHandle);
+    CRegistry key;
+    return key.OpenKey(HKEY_LOCAL_MACHINE, m_strRegistryPath, KEY_READ) == 0 &&
+           key.QueryValue(PROCESS_VALUE, published.nProcess) == 0 &&
+           key.QueryValue(HANDLE_VALUE, published.nHandle) == 0;
 }
 
 bool CMsg9XPipeConnection::IsMine(Published const & published) const
@@ -226,10 +188,10 @@ int CMsg9XPipeConnection::Listen()
 {
     CMsgPipeConnection::Disconnect();
     CSingleLock guard(&m_mutex, TRUE);
-    CKey key;
+    CRegistry key;
     CPipeEnds pipe;
     // Without a name the key would be the one that holds those of all servers.
-    LONG code = m_strPath.IsEmpty() ? LONG{ERROR_INVALID_NAME} : key.Create(m_strRegistryPath);
+    LONG code = m_strPath.IsEmpty() ? LONG{ERROR_INVALID_NAME} : key.CreateKey(HKEY_LOCAL_MACHINE, m_strRegistryPath);
     bool const bPipe = pipe.Create(0);
     if (!bPipe)
     {
@@ -239,8 +201,8 @@ int CMsg9XPipeConnection::Listen()
     {
         m_nPublishedHandle = ToNumber(pipe.Write().Get());
         m_bPublished = true;
-        code = key.Set(PROCESS_VALUE, GetCurrentProcessId());
-        code = code == ERROR_SUCCESS ? key.Set(HANDLE_VALUE, m_nPublishedHandle) : code;
+        code = key.SetValue(PROCESS_VALUE, GetCurrentProcessId());
+        code = code == ERROR_SUCCESS ? key.SetValue(HANDLE_VALUE, m_nPublishedHandle) : code;
     }
     if (GetListener())
     {
@@ -260,7 +222,9 @@ int CMsg9XPipeConnection::Disconnect()
     Published published;
     if (m_bPublished && m_hRead != INVALID_HANDLE_VALUE && (!Query(published) || IsMine(published)))
     {
-        LONG const code = SHDeleteKeyW(HKEY_LOCAL_MACHINE, m_strRegistryPath);
+        CRegistry key;
+        LONG code = key.OpenKey(HKEY_LOCAL_MACHINE, m_strRegistryPath);
+        code = code == ERROR_SUCCESS ? key.DeleteKey(nullptr, 1) : code;
         if (code != ERROR_SUCCESS)
         {
             LogSourceError(this, _T("%s"), CWinError::GetText(static_cast<DWORD>(code)));

@@ -97,7 +97,7 @@ CString ToString(XMLNode const * node)
 
 CString ErrorText(XMLError error)
 {
-    static constexpr std::array<LPCTSTR, 20> names{
+    static constexpr std::array<LPCTSTR, 20> NAMES{
         _T("XML_SUCCESS"),
         _T("XML_NO_ATTRIBUTE"),
         _T("XML_WRONG_ATTRIBUTE_TYPE"),
@@ -120,9 +120,9 @@ CString ErrorText(XMLError error)
         _T("XML_NO_TEXT_NODE"),
     };
     auto const number = static_cast<int>(error);
-    if (number >= 0 && number < static_cast<int>(names.size()))
+    if (number >= 0 && number < static_cast<int>(NAMES.size()))
     {
-        return names[static_cast<std::size_t>(number)];
+        return NAMES[static_cast<std::size_t>(number)];
     }
     return UnknownText(number);
 }

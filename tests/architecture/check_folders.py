@@ -33,6 +33,7 @@ def main():
     faults = []
     if len(rows) < 8:
         faults.append("docs/architecture.md: the table of folders was not found")
+    unused = {folder: set(others) for folder, others in rows.items()}
     for path in sorted((root / "kvx").rglob("*")):
         if path.suffix not in (".h", ".cpp"):
             continue
@@ -52,8 +53,10 @@ def main():
             continue
         for include in re.findall(r'#include "kvx/([^"]+)"', text):
             other = folder_of(include)
+            unused[folder].discard(other)
             if other not in (folder, "platform", "platform/mfc", "") and other not in rows[folder]:
                 faults.append(f"kvx/{relative} includes kvx/{include}: {folder} may not depend on {other}")
+    faults += [f"{folder} may depend on {other}, and doesn't" for folder, others in unused.items() for other in others]
     print("\n".join(sorted(set(faults))) or f"{len(rows)} folders depend on each other as the map allows")
     return 1 if faults else 0
 

@@ -48,7 +48,7 @@ bool WriteAll(MemoryHost & host, ERF & erf, CCAB const & ccab, std::vector<Added
 void ExpectClean(MemoryHost const & host)
 {
     EXPECT_TRUE(host.handles.empty());
-    EXPECT_EQ(MemoryHost::blocks, 0);
+    EXPECT_EQ(MemoryHost::sm_nBlocks, 0);
     EXPECT_FALSE(host.files.lower_bound("temporary") != host.files.lower_bound("temporaryz"));
 }
 
@@ -233,10 +233,10 @@ TEST(CabCompression, ACallThatFailsEndsIt)
             MemoryHost host;
             ERF erf{};
             host.failing = call;
-            host.current = &host;
+            host.sm_pCurrent = &host;
             bDone = WriteAll(host, erf, MakeCcab(20000),
                              {{"a", MakeData(40000, 1)}, {"b", MakeData(70000, 2), LZX}, {"c", "c"}}, jobs);
-            host.current = nullptr;
+            host.sm_pCurrent = nullptr;
             ExpectClean(host);
             EXPECT_EQ(bDone, host.failed.empty()) << host.failed;
             EXPECT_EQ(erf.fError != 0, !bDone);

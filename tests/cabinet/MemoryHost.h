@@ -27,8 +27,8 @@ struct MemoryHost
     ULONG nextMax = 0; // for the next cabinets
     ULONG previousSize = 0;
     USHORT attributes = 0x20;
-    inline static MemoryHost * current = nullptr; // for callbacks without a context
-    inline static int blocks = 0;
+    inline static MemoryHost * sm_pCurrent = nullptr; // for callbacks without a context
+    inline static int sm_nBlocks = 0;
 
     static MemoryHost & Of(void * context) { return *static_cast<MemoryHost *>(context); }
     /// Whether this is the call that fails.
@@ -48,16 +48,16 @@ struct MemoryHost
 
     static void * Alloc(ULONG size)
     {
-        if (current && current->Fails("alloc"))
+        if (sm_pCurrent && sm_pCurrent->Fails("alloc"))
         {
             return nullptr;
         }
-        blocks++;
+        sm_nBlocks++;
         return std::malloc(size);
     }
     static void Free(void * memory)
     {
-        blocks -= memory ? 1 : 0;
+        sm_nBlocks -= memory ? 1 : 0;
         std::free(memory);
     }
     INT_PTR Add(std::string & data)

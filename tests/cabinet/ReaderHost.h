@@ -33,15 +33,15 @@ struct ReaderHost
     int calls = 0;
     int failing = 0; // the call with that number fails
     ERF erf = {};
-    inline static ReaderHost * current = nullptr;
+    inline static ReaderHost * sm_pCurrent = nullptr;
 
-    ReaderHost() { current = this; }
+    ReaderHost() { sm_pCurrent = this; }
 
     bool Fails() { return ++calls == failing; }
 
     static void * Alloc(ULONG size)
     {
-        ReaderHost & self = *current;
+        ReaderHost & self = *sm_pCurrent;
         if (self.Fails())
         {
             return nullptr;
@@ -55,22 +55,22 @@ struct ReaderHost
     static void Free(void * memory)
     {
         auto * const block = static_cast<std::size_t *>(memory) - 16 / sizeof(std::size_t);
-        current->memory -= *block;
+        sm_pCurrent->memory -= *block;
         std::free(block);
     }
     static INT_PTR Add(std::string & data)
     {
-        return reinterpret_cast<INT_PTR>(*current->open.insert(new Handle{&data}).first);
+        return reinterpret_cast<INT_PTR>(*sm_pCurrent->open.insert(new Handle{&data}).first);
     }
     static INT_PTR Open(char * name, int, int)
     {
-        auto const found = current->cabinets.find(name);
-        return current->Fails() || found == current->cabinets.end() ? -1 : Add(found->second);
+        auto const found = sm_pCurrent->cabinets.find(name);
+        return sm_pCurrent->Fails() || found == sm_pCurrent->cabinets.end() ? -1 : Add(found->second);
     }
     static UINT Read(INT_PTR hf, void * memory, UINT size)
     {
         auto & file = *reinterpret_cast<Handle *>(hf);
-        if (current->Fails())
+        if (sm_pCurrent->Fails())
         {
             return static_cast<UINT>(-1);
         }
@@ -82,12 +82,12 @@ struct ReaderHost
     static UINT Write(INT_PTR hf, void * memory, UINT size)
     {
         reinterpret_cast<Handle *>(hf)->data->append(static_cast<char *>(memory), size);
-        return current->Fails() ? 0 : size;
+        return sm_pCurrent->Fails() ? 0 : size;
     }
     static int Close(INT_PTR hf)
     {
         auto * const file = reinterpret_cast<Handle *>(hf);
-        if (current->open.erase(file) != 1)
+        if (sm_pCurrent->open.erase(file) != 1)
         {
             std::abort();
         }
@@ -97,7 +97,7 @@ struct ReaderHost
     static LONG Seek(INT_PTR hf, LONG distance, int origin)
     {
         auto & file = *reinterpret_cast<Handle *>(hf);
-        if (current->Fails())
+        if (sm_pCurrent->Fails())
         {
             return -1;
         }

@@ -1,6 +1,7 @@
 #include "Service.h"
 
 #include "tests/support/OneHost.h"
+#include "tests/support/TestFolder.h"
 
 #include <filesystem>
 #include <fstream>
@@ -11,10 +12,10 @@ namespace
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
-class Cab : public testing::Test
+class Cab : public TestFolder
 {
 protected:
-    fs::path m_folder = host::MakeFolder("kvx-cab");
+    fs::path m_folder = m_strHost;
     std::string m_archive = (m_folder / "a.cab").string();
 
     Cab()
@@ -26,12 +27,6 @@ protected:
         Put("in/empty", "");
         Put("in/run", "#!/bin/sh\n");
         fs::permissions(m_folder / "in/run", fs::perms::owner_exec, fs::perm_options::add);
-    }
-    ~Cab() override { fs::remove_all(m_folder); }
-
-    void Put(std::string const & name, std::string const & content) const
-    {
-        std::ofstream(m_folder / host::ToPath(name), std::ios::binary) << content;
     }
     static Result Run(Strings const & words) { return RunKvx(Join({"cab"}, words)); }
     Result Create(Strings const & words) const

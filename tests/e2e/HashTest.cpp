@@ -1,6 +1,7 @@
 #include "Service.h"
 
 #include "tests/support/OneHost.h"
+#include "tests/support/TestFolder.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,16 +12,14 @@ namespace
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
-class Hash : public testing::Test
+class Hash : public TestFolder
 {
 protected:
-    fs::path m_folder = host::MakeFolder("kvx-hash");
-
-    ~Hash() override { fs::remove_all(m_folder); }
+    fs::path m_folder = m_strHost;
 
     std::string Put(std::string const & name, std::string const & content) const
     {
-        std::ofstream(m_folder / name, std::ios::binary) << content;
+        TestFolder::Put(name, content);
         return (m_folder / name).generic_string();
     }
     static Result Run(Strings const & words) { return RunKvx(Join({"hash"}, words)); }

@@ -135,6 +135,7 @@ TEST_F(Reg, ATreeGoesThroughAFile)
     Set({"HKCU\\Software\\Copy", "new", "1"});
     Result const differs = Run({"diff", "HKCU\\Software\\Copy", file, "--format", "json"});
     EXPECT_EQ(differs.nStatus, 1);
+    EXPECT_EQ(Run({"diff", "HKCU\\Software\\Copy", file + ".none"}).nStatus, 2);
     EXPECT_EQ(Response(differs.strOut).rowSets.at(0).rows,
               (Rows{{"only in registry", "HKCU\\Software\\Copy", "new", "REG_SZ 1", ""}}));
 

@@ -1,6 +1,7 @@
 #include "Service.h"
 
 #include "tests/support/OneHost.h"
+#include "tests/support/TestFolder.h"
 
 #include <filesystem>
 #include <fstream>
@@ -11,16 +12,15 @@ using testing::HasSubstr;
 using testing::StartsWith;
 namespace fs = std::filesystem;
 
-class Xml : public testing::Test
+class Xml : public TestFolder
 {
 protected:
-    OwnRegistry m_registry; // for its folder
-    fs::path m_folder = m_registry.strFolder;
+    fs::path m_folder = m_strHost;
 
     static Result Run(Strings const & words) { return RunKvx(Join({"xml"}, words)); }
     std::string Write(char const * name, std::string const & text) const
     {
-        std::ofstream(m_folder / name, std::ios::binary) << text;
+        Put(name, text);
         return (m_folder / name).string();
     }
     static std::string Read(std::string const & path)

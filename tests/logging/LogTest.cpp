@@ -1,15 +1,13 @@
 #include "tests/support/Patience.h"
 #include "tests/support/Raised.h"
+#include "tests/support/TestFolder.h"
 
 #include "kvx/logging/LogManager.h"
 #include "kvx/messaging/MsgRequest.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <regex>
 #include <sstream>
@@ -60,24 +58,13 @@ private:
     std::unique_ptr<SINK> m_sink;
 };
 
-std::filesystem::path TempFile()
-{
-    return std::filesystem::temp_directory_path() / ("kvx-log-" + std::to_string(GetCurrentProcessId()));
-}
-
-std::string ReadFile(std::filesystem::path const & path)
-{
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 /// What a sink keeps, once all that was logged has reached it.
 std::vector<std::string> const & Flushed(std::vector<std::string> const & lines)
 {
     EXPECT_TRUE(CLogManager::GetInstance()->Flush(PATIENCE));
     return lines;
 }
+using LogFile = TestFolder;
 } // namespace
 
 TEST(Log, NothingIsLoggedWithoutAQueuedSink)
@@ -114,10 +101,31 @@ TEST(Log, FormatsThatCantBeCarriedOutAreLogged)
                                                      kvx::ToUtf8(address), "LOG ERROR: Command: a.b\n    x: 100%"));
 }
 
-TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
+TEST(Log, ArgumentsAreTakenAtTheCall)
 {
-    auto const path = TempFile();
-    CString const name = kvx::FromUtf8(path.string());
+    std::vector<std::string> lines;
+    Registered sink(new CKeepingSink(lines, LOG_ALL, false), 1);
+    {
+        WCHAR text[] = {'a', 'b', 0};
+        CString format = _T("%s %S %hs %d %.1f %s %.2s");
+        std::string narrow = "odd";
+        LogInfo(format, text, "x", narrow.c_str(), -1, 0.5, LPCTSTR(nullptr), CString(_T("cut")));
+        text[0] = 'z';
+        narrow = "gone";
+        format.SetAt(0, 'z');
+    }
+    CString const large('l', 100'000); // too much to be kept apart from the format
+    LogInfo(_T("%.3s|%d"), large, 7);
+    LogInfo(_T("%d%d%d%d%d%d%d%d%d%d"), 1, 2, 3, 4, 5, 6, 7, 8, 9, 0); // and too many
+    LogInfo(large);
+    LogInfo(_T(""));
+    EXPECT_THAT(Flushed(lines), testing::ElementsAre("ab x odd -1 0.5 (null) cu", "lll|7", "1234567890",
+                                                     std::string(100'000, 'l'), ""));
+}
+
+TEST_F(LogFile, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
+{
+    CString const name = kvx::FromUtf8(Host("log"));
     constexpr int THREADS = 4;
     constexpr int EACH = 500;
     std::vector<std::string> seen;
@@ -143,8 +151,7 @@ TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
         }
         ASSERT_EQ(Flushed(seen).size(), std::size_t{THREADS * EACH});
     }
-    std::istringstream text(ReadFile(path));
-    std::filesystem::remove(path);
+    std::istringstream text(Get("log"));
     std::vector<std::string> lines;
     for (std::string line; std::getline(text, line);)
     {
@@ -165,26 +172,24 @@ TEST(Log, AFileHasOneLineForEachEventInTheOrderOfItsTimeStamps)
     }
 }
 
-TEST(Log, SeveralWritersOfOneFileLoseNothing)
+TEST_F(LogFile, SeveralWritersOfOneFileLoseNothing)
 {
-    auto const path = TempFile();
     CLogEvent event;
     event.m_strBuilt = _T("line");
-    std::ofstream(path, std::ios::binary) << "old\n";
+    Put("log", "old\n");
     {
-        CString const name = kvx::FromUtf8(path.string());
+        CString const name = kvx::FromUtf8(Host("log"));
         CFileLog first(name, 0, LOG_ALL);
         CFileLog second(name, 0, LOG_ALL); // as another process would
         for (CFileLog * const log : {&first, &second, &first})
         {
             log->Append(&event);
         }
-        EXPECT_EQ(ReadFile(path), "old\nline\r\nline\r\nline\r\n");
+        EXPECT_EQ(Get("log"), "old\nline\r\nline\r\nline\r\n");
         CFileLog emptied(name, 1, LOG_ALL);
         first.Append(&event);
     }
-    EXPECT_EQ(ReadFile(path), "line\r\n");
-    std::filesystem::remove(path);
+    EXPECT_EQ(Get("log"), "line\r\n");
     EXPECT_EQ(CauseOf([&] { CFileLog(_T("/no/such/folder/x"), 0, LOG_ALL).Append(&event); }),
               CFileException::invalidFile);
 }
@@ -198,17 +203,15 @@ TEST(Log, TypesHaveTheirLetters)
     EXPECT_EQ(CLogSink::GetTypeChar(LOG_WARNING | LOG_ERROR), 'I');
 }
 
-TEST(Log, AConsoleMayBeRedirected)
+TEST_F(LogFile, AConsoleMayBeRedirected)
 {
-    auto const path = TempFile();
     CLogEvent event;
     event.m_strBuilt = _T("gr\u00FCn");
     {
-        CFile file(kvx::FromUtf8(path.string()), CFile::modeCreate | CFile::modeWrite);
+        CFile file(kvx::FromUtf8(Host("log")), CFile::modeCreate | CFile::modeWrite);
         CConsoleLog(reinterpret_cast<HANDLE>(file.m_hFile), LOG_ALL).Append(&event);
     }
-    EXPECT_EQ(ReadFile(path), "gr\xC3\xBCn\n");
-    std::filesystem::remove(path);
+    EXPECT_EQ(Get("log"), "gr\xC3\xBCn\n");
 }
 
 // There is no way back: this runs in a process of its own.

@@ -5,12 +5,10 @@
 #include "kvx/logging/LogManager.h"
 
 #include "tests/support/Fails.h"
-#include "tests/support/Host.h"
 #include "tests/support/OneHost.h"
 #include "tests/support/Raised.h"
+#include "tests/support/TestFolder.h"
 
-#include <filesystem>
-#include <fstream>
 #include <vector>
 
 namespace
@@ -25,26 +23,19 @@ CString BesideProgram(LPCTSTR name)
 
 CString const FILE_NAME = kvx::FromUtf8(host::GetModuleFile("test_system_module"));
 
-/// A folder for files that are modules or none.
-class Files
+/// Files that are modules or none.
+class ModuleFiles : public TestFolder
 {
-public:
-    Files() = default;
-    Files(Files const &) = delete;
-    Files & operator=(Files const &) = delete;
-    ~Files() { host::RemoveFolder(m_folder.string()); }
-
-    std::filesystem::path const & GetFolder() const { return m_folder; }
-
-    CString Write(std::string const & name, std::string const & bytes)
+protected:
+    CString Name(std::string const & name) const
     {
-        std::ofstream(m_folder / name, std::ios::binary) << bytes;
+        return kvx::FromUtf8((std::filesystem::path(m_strHost) / name).string());
+    }
+    CString Write(std::string const & name, std::string const & bytes) const
+    {
+        Put(name, bytes);
         return Name(name);
     }
-    CString Name(std::string const & name) { return kvx::FromUtf8((m_folder / name).string()); }
-
-private:
-    std::filesystem::path const m_folder = host::MakeFolder("kvx-modules");
 };
 
 /// The last error of a load that fails.
@@ -108,19 +99,18 @@ TEST(Module, IsGoneWithItsLastUse)
     EXPECT_FALSE(host::IsMapped(file));
 }
 
-TEST(Module, APathMeansThatFile)
+TEST_F(ModuleFiles, APathMeansThatFile)
 {
     KVX_LINUX_ALONE("a dot in front of a name keeps this host's loader from its own search", "2026-11-22");
-    Files files;
     std::filesystem::path const before = std::filesystem::current_path();
-    std::filesystem::create_directories(files.GetFolder() / "sub/dir.so");
+    std::filesystem::create_directories(Host("sub/dir.so"));
     std::filesystem::path const original =
         std::filesystem::path(host::GetProgram()).replace_filename(kvx::ToUtf8(FILE_NAME));
     for (char const * const copy : {"plug.so", "sub/plug.so", "libm.so.6"})
     {
-        std::filesystem::copy_file(original, files.GetFolder() / copy);
+        std::filesystem::copy_file(original, Host(copy));
     }
-    std::filesystem::current_path(files.GetFolder());
+    std::filesystem::current_path(m_strHost);
     CWinModule other;
     ASSERT_TRUE(other.Load(_T("sub\\plug.so")));
     for (LPCTSTR const name : {_T(".\\plug.so"), _T("./plug.so"), _T("sub\\..\\PLUG.dll"), _T(".\\libm.so.6")})
@@ -140,23 +130,22 @@ TEST(Module, APathMeansThatFile)
     std::filesystem::current_path(before);
 }
 
-TEST(Module, FailuresAreToldApart)
+TEST_F(ModuleFiles, FailuresAreToldApart)
 {
-    Files files;
     std::string head(64, 0); // of a true module, and nothing behind it
     std::ifstream(host::GetProgram(), std::ios::binary).read(head.data(), 64);
-    files.Write(host::GetModuleFile("cut"), head.substr(0, 7));
+    Write(host::GetModuleFile("cut"), head.substr(0, 7));
     for (auto const & [name, code] :
          {std::pair<CString, DWORD>{_T("no_such_module"), 126},
-          {files.Name("missing.dll"), 126},
-          {files.Name("no/such/folder/x.so"), 126},
+          {Name("missing.dll"), 126},
+          {Name("no/such/folder/x.so"), 126},
           {_T("\x4E16\x754C"), 126},
           {CString(_T('x'), 5000), 126},
           {_T(""), host::IsWine() ? 126 : 87}, // Wine.NoNameIsAMissingModule (2026-11-22)
-          {files.Write("text.dll", "just a text, long enough to be read as the header of a file, and more"), 193},
-          {files.Write("empty.so", ""), 193},
-          {files.Name("cut"), 193},
-          {files.Write("head.so", head), 193}})
+          {Write("text.dll", "just a text, long enough to be read as the header of a file, and more"), 193},
+          {Write("empty.so", ""), 193},
+          {Name("cut"), 193},
+          {Write("head.so", head), 193}})
     {
         EXPECT_EQ(LoadError(name), code) << kvx::ToUtf8(name);
     }
@@ -165,7 +154,7 @@ TEST(Module, FailuresAreToldApart)
         EXPECT_TRUE(Fails(LoadLibraryExW(_T("test_system_module"), nullptr, 2), 87));
     }
 
-    EXPECT_EQ(CauseOf([&] { CWinModule const module(files.Name("missing.dll")); }), CFileException::fileNotFound);
+    EXPECT_EQ(CauseOf([&] { CWinModule const module(Name("missing.dll")); }), CFileException::fileNotFound);
 
     CWinModule module(CString(_T("test_system_module")));
     for (LPCTSTR const name : {_T("KVX_add"), _T(""), _T("malloc"), _T("KVX_Add ")})

@@ -112,22 +112,22 @@ public:
     NoThreads()
     {
         WaitUntilAllHaveParked();
-        s_go.ResetEvent();
+        sm_go.ResetEvent();
         host::AllowThreads(false);
         auto const wait = [](void * go) -> unsigned int { return static_cast<CEvent *>(go)->Lock(PATIENCE) != 0; };
-        while (CThreadPool::BeginThread(wait, &s_go, 0))
+        while (CThreadPool::BeginThread(wait, &sm_go, 0))
         {
         }
     }
     NoThreads(NoThreads const &) = delete;
     NoThreads & operator=(NoThreads const &) = delete;
-    ~NoThreads() { s_go.SetEvent(); }
+    ~NoThreads() { sm_go.SetEvent(); }
 
     /// The system gives threads again; the pool's are still busy.
     void Allow() { host::AllowThreads(true); }
 
 private:
-    static inline CEvent s_go{FALSE, TRUE}; // a job may look at it when all is over
+    static inline CEvent sm_go{FALSE, TRUE}; // a job may look at it when all is over
 };
 } // namespace
 

@@ -249,7 +249,7 @@ int RunBench(BenchOptions const & options)
         ++bench.nRunning;
         if (!CThreadPool::BeginThread(&Client::Proc, &client, 0))
         {
-            ReportError(GetLastError(), CWinError::GetLastErrorText());
+            ReportSystemError(GetLastError());
             bench.bGivenUp = true;
             --bench.nRunning;
             break;

@@ -479,7 +479,7 @@ bool CabCreation::OpenMember(CabMember const & member)
     if (!m_input)
     {
         m_progress.Hide();
-        ReportError(m_error, m_failed + _T(": ") + CWinError::GetText(m_error));
+        ReportSystemError(m_error, m_failed);
         m_error = 0;
     }
     return m_input != nullptr;
@@ -547,11 +547,11 @@ int CabCreation::Fail(ERF const & erf)
     }
     if (m_error)
     {
-        ReportError(m_error, m_failed + _T(": ") + CWinError::GetText(m_error));
+        ReportSystemError(m_error, m_failed);
     }
     else if (erf.erfOper == FCIERR_ALLOC_FAIL)
     {
-        ReportError(ERROR_NOT_ENOUGH_MEMORY, CWinError::GetText(ERROR_NOT_ENOUGH_MEMORY));
+        ReportSystemError(ERROR_NOT_ENOUGH_MEMORY);
     }
     else if (erf.erfOper == FCIERR_CAB_FORMAT_LIMIT)
     {

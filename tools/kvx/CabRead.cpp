@@ -323,7 +323,7 @@ void CabWalk::ReportFailure(std::string const & cabinet, ERF const & erf)
     CString const name = ToFileName(cabinet);
     if (m_error)
     {
-        ReportError(m_error, m_failed + _T(": ") + CWinError::GetText(m_error));
+        ReportSystemError(m_error, m_failed);
         return;
     }
     switch (erf.erfOper)
@@ -342,7 +342,7 @@ void CabWalk::ReportFailure(std::string const & cabinet, ERF const & erf)
         ReportError(ERROR_NOT_SUPPORTED, name + _T(": a method of compression that isn't supported"));
         break;
     case FDIERROR_ALLOC_FAIL:
-        ReportError(ERROR_NOT_ENOUGH_MEMORY, CWinError::GetText(ERROR_NOT_ENOUGH_MEMORY));
+        ReportSystemError(ERROR_NOT_ENOUGH_MEMORY);
         break;
     default:
         ReportError(ERROR_INVALID_DATA, name + _T(": the next cabinet isn't there, or is another one's"));
@@ -568,9 +568,7 @@ int ExtractCabinet(CabOptions const & options)
     auto const folder = kvx::ConfinedFolder::Open(options.directory);
     if (!folder)
     {
-        DWORD const error = GetLastError();
-        ReportError(error, ToFileName(options.directory) + _T(": ") + CWinError::GetText(error));
-        return 1;
+        return ReportSystemError(GetLastError(), ToFileName(options.directory));
     }
     CabExtraction extraction(options, *folder);
     int const status = extraction.Run();

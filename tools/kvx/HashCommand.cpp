@@ -6,7 +6,6 @@
 #include "ProgressBar.h"
 #include "StandardOutput.h"
 
-#include "kvx/foundation/AppException.h"
 #include "kvx/hash/Crc32.h"
 #include "kvx/hash/Md5Digest.h"
 #include "kvx/hash/Sha1Digest.h"
@@ -118,7 +117,7 @@ bool WithHashFile(std::string const & name, ACTION const & action)
     {
         auto const code = static_cast<DWORD>(failure->m_lOsError);
         failure->Delete();
-        ReportError(code, ToFileName(name) + _T(": ") + CWinError::GetText(code));
+        ReportSystemError(code, ToFileName(name));
         return false;
     }
 }

@@ -325,8 +325,3 @@ Written PrintEvent(CMsgRequest const & event, Format format)
     out << "\n";
     return out.Finish();
 }
-
-void ReportError(DWORD code, CString const & text)
-{
-    WriteError("error " + std::to_string(code) + ": " + ToDisplay(text).strText + "\n");
-}

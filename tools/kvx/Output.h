@@ -36,6 +36,3 @@ int PrintResponse(CMsgResponse & response, Format format);
 
 /// Writes an event to stdout: a line with its name and its parameters, sorted by name, or an object of JSON on a line.
 Written PrintEvent(CMsgRequest const & event, Format format);
-
-/// Writes the line `error CODE: TEXT` to stderr.
-void ReportError(DWORD code, CString const & text);

@@ -3,8 +3,6 @@
 #include "FileNames.h"
 #include "Output.h"
 
-#include "kvx/foundation/AppException.h"
-
 #include <filesystem>
 #include <utility>
 
@@ -58,7 +56,7 @@ bool OutputFile::Open()
     bool const bInPlace = IsDevice(m_strName) || (fs::exists(status) && !fs::is_regular_file(status));
     if (fs::is_regular_file(status) && (status.permissions() & fs::perms::owner_write) == fs::perms::none)
     {
-        ReportError(ERROR_ACCESS_DENIED, ToFileName(m_strName) + _T(": ") + CWinError::GetText(ERROR_ACCESS_DENIED));
+        ReportSystemError(ERROR_ACCESS_DENIED, ToFileName(m_strName));
         return false;
     }
     // Where the name is a link, the file that it leads to is the one that is replaced.
@@ -70,8 +68,7 @@ bool OutputFile::Open()
     CFileException failure;
     if (!file->Open(ToFileName(written), CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite, &failure))
     {
-        ReportError(static_cast<DWORD>(failure.m_lOsError),
-                    ToFileName(m_strName) + _T(": ") + CWinError::GetText(static_cast<DWORD>(failure.m_lOsError)));
+        ReportSystemError(static_cast<DWORD>(failure.m_lOsError), ToFileName(m_strName));
         return false;
     }
     if (!bInPlace)

@@ -23,7 +23,7 @@ std::unique_ptr<PendingCall> PendingCall::Start(Endpoint & endpoint, CMsgConnect
     call->m_request.SetConnection(connection);
     if (!CThreadPool::BeginThread(&Proc, call.get(), 0))
     {
-        ReportError(GetLastError(), CWinError::GetLastErrorText());
+        ReportSystemError(GetLastError());
         return nullptr;
     }
     return call;

@@ -4,7 +4,6 @@
 #include "Output.h"
 #include "OutputFile.h"
 
-#include "kvx/foundation/AppException.h"
 #include "kvx/msgdata/MsgCursor.h"
 #include "kvx/platform/Terminal.h"
 #include "kvx/registry/Registry.h"
@@ -46,13 +45,7 @@ public:
 
 int Fail(LONG code, CString const & subject)
 {
-    CString text = CWinError::GetText(static_cast<DWORD>(code));
-    if (!subject.IsEmpty())
-    {
-        text = subject + _T(": ") + text;
-    }
-    ReportError(static_cast<DWORD>(code), text);
-    return 1;
+    return ReportSystemError(static_cast<DWORD>(code), subject);
 }
 
 CString TypeName(DWORD type)
@@ -485,14 +478,19 @@ int RunImport(RegOptions const & options)
     return 0;
 }
 
-/// The exit status is 1 where there is a difference.
+/// The exit status is 1 where there is a difference, 2 for a failure.
 int RunDiff(RegOptions const & options)
 {
+    constexpr int TROUBLE = 2;
     std::unique_ptr<CFile> const file = OpenBackup(options.strFile);
     CString const path = kvx::FromUtf8(options.strPath);
     if (!file || !HasRoot(path))
     {
-        return file ? Fail(ERROR_BAD_PATHNAME, path) : 1;
+        if (file)
+        {
+            Fail(ERROR_BAD_PATHNAME, path);
+        }
+        return TROUBLE;
     }
     CMsgResponse response;
     CMsgCursor rows(response);
@@ -514,11 +512,15 @@ int RunDiff(RegOptions const & options)
     CRegistryBackup backup;
     if (LONG const code = backup.Compare(*file, path, tell); code != 0)
     {
-        return FailBackup(code, backup, options.strFile, nullptr);
+        FailBackup(code, backup, options.strFile, nullptr);
+        return TROUBLE;
     }
     bool const bQuiet = bSame && options.format == Format::Table;
-    int const printed = bQuiet ? 0 : PrintResponse(response, options.format);
-    return printed != 0 || !bSame ? 1 : 0;
+    if (!bQuiet && PrintResponse(response, options.format) != 0)
+    {
+        return TROUBLE;
+    }
+    return bSame ? 0 : 1;
 }
 
 CLI::App * AddAction(CLI::App & reg, RegOptions & options, char const * name, char const * help)
@@ -591,8 +593,8 @@ void AddRegCommand(CLI::App & app, Run & run)
     restore->add_option("PATH", options->strPath, "Where the tree goes; without it to where it was");
     restore->callback([&run, options] { run = [options] { return RunImport(*options); }; });
 
-    CLI::App * const diff =
-        AddAction(*reg, *options, "diff", "Show where a key and such a file differ: exit status 1 if they do");
+    CLI::App * const diff = AddAction(
+        *reg, *options, "diff", "Show where a key and such a file differ: exit status 1 if they do, 2 for a failure");
     diff->add_option("FILE", options->strFile, "The file; - is stdin")->required();
     AddFormatOption(*diff, options->format);
     diff->callback([&run, options] { run = [options] { return RunDiff(*options); }; });

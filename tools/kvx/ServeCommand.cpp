@@ -48,12 +48,6 @@ struct ServeOptions
     }
 };
 
-int Fail(DWORD code, CString const & text)
-{
-    ReportError(code, text);
-    return 1;
-}
-
 /// One line for each request: its command, its parameters and how it ended.
 void LogRequest(CMsgListenerEvent * event, void *)
 {
@@ -200,7 +194,7 @@ void Service::AwaitDatabases()
     static constexpr std::chrono::milliseconds GRACE(3000);
     if (!std::ranges::all_of(m_databases, [](CSqlProvider * database) { return database->AwaitEnd(GRACE); }))
     {
-        Fail(ERROR_TIMEOUT, _T("a statement doesn't end: it is left alone"));
+        ReportError(ERROR_TIMEOUT, _T("a statement doesn't end: it is left alone"));
         std::_Exit(1);
     }
 }
@@ -227,7 +221,8 @@ bool Service::MountDatabase(std::string_view pathAndFile, SqlLimits const & limi
     auto failure = provider->Open();
     if (failure)
     {
-        Fail(failure->nCode, _T("cannot open the database '") + kvx::FromUtf8(file) + _T("': ") + failure->strText);
+        ReportError(failure->nCode,
+                    _T("cannot open the database '") + kvx::FromUtf8(file) + _T("': ") + failure->strText);
         return false;
     }
     m_databases.push_back(provider.release());
@@ -240,7 +235,7 @@ bool Service::Listen(CString const & config, CMsgListener::Limits const & limits
     CMsgListener * const listener = CMsgDispatcher::GetInstance()->RegisterListener(_T(""), config, 0);
     if (!listener)
     {
-        Fail(ERROR_INVALID_PARAMETER, _T("nothing can listen on '") + config + _T("'"));
+        ReportError(ERROR_INVALID_PARAMETER, _T("nothing can listen on '") + config + _T("'"));
         return false;
     }
     listener->SetLimits(limits);
@@ -282,7 +277,7 @@ bool Service::Start()
     {
         if (!listener.pListener->CMsgListener::StartListener())
         {
-            Fail(GetLastError(), CWinError::GetLastErrorText());
+            ReportSystemError(GetLastError());
             return false;
         }
     }
@@ -307,7 +302,7 @@ bool Service::AwaitReady(DWORD timeout, bool & bAllReady)
             CString text;
             text.Format(_T("cannot listen on '%s': %s%s"), listener.strConfig, CWinError::GetText(code),
                         code == WSAEINVAL ? _T(" (is the host known?)") : _T(""));
-            Fail(code, text);
+            ReportError(code, text);
             return false;
         }
         if (listener.bReady)
@@ -344,7 +339,7 @@ bool Service::AreAlive()
             }
             code = GetLastError();
         }
-        Fail(code, _T("the listener '") + listener.strConfig + _T("' has ended: it can accept no more clients"));
+        ReportError(code, _T("the listener '") + listener.strConfig + _T("' has ended: it can accept no more clients"));
         return false;
     }
     return true;
@@ -379,7 +374,7 @@ int RunServe(ServeOptions options)
     }
     if (!kvx::CatchEndSignals())
     {
-        return Fail(GetLastError(), CWinError::GetLastErrorText());
+        return ReportSystemError(GetLastError());
     }
     Service service;
     bool const bGood = std::ranges::all_of(options.providers, [&](auto const & text) { return service.Mount(text); }) &&

@@ -3,6 +3,7 @@
 /// One connection to a SQLite file, fit for statements from strangers.
 
 #include "SqlFunctions.h"
+#include "SqlValues.h"
 
 #include "kvx/foundation/ValueAccessor.h"
 #include "kvx/msgdata/MsgMultipleRowSets.h"
@@ -15,7 +16,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -41,26 +41,6 @@ struct SqlFailure
 {
     DWORD nCode = 0;
     CString strText;
-};
-
-/// Short texts that a column has had lately: most columns repeat few in many rows, and one that is shared costs less to
-/// make and to send. It gives up where a column doesn't.
-class CTextCache
-{
-public:
-    CString Get(std::string_view bytes);
-    /// Another column comes.
-    void Restart() { m_nLookups = m_nHits = 0; }
-
-private:
-    struct Entry
-    {
-        std::string strBytes;
-        CString strText;
-    };
-    std::vector<Entry> m_entries; // by hash
-    std::size_t m_nLookups = 0;
-    std::size_t m_nHits = 0;
 };
 
 /// Statements can reach nothing but the one file: no other files or modules, no settings but a few that only read, no

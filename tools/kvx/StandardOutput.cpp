@@ -1,7 +1,8 @@
 #include "StandardOutput.h"
 
-#include "Output.h"
+#include "DisplayText.h"
 
+#include "kvx/foundation/AppException.h"
 #include "kvx/platform/Terminal.h"
 
 #include <cstdio>
@@ -40,11 +41,23 @@ void WriteError(std::string_view text)
     std::fflush(stderr);
 }
 
+void ReportError(DWORD code, CString const & text)
+{
+    WriteError("error " + std::to_string(code) + ": " + ToDisplay(text).strText + "\n");
+}
+
+int ReportSystemError(DWORD code, CString const & subject)
+{
+    CString const text = CWinError::GetText(code);
+    ReportError(code, subject.IsEmpty() ? text : subject + _T(": ") + text);
+    return 1;
+}
+
 int ReportWritten(Written written)
 {
     if (written == Written::Failed)
     {
-        ReportError(ERROR_WRITE_FAULT, CWinError::GetText(ERROR_WRITE_FAULT));
+        ReportSystemError(ERROR_WRITE_FAULT);
     }
     return written == Written::Failed ? 1 : 0;
 }

@@ -109,7 +109,7 @@ int Watch::Run()
         });
     if (!bStarted)
     {
-        ReportError(GetLastError(), CWinError::GetLastErrorText());
+        ReportSystemError(GetLastError());
         return 1;
     }
     if (!WaitOrEnd(m_answered))
@@ -198,7 +198,7 @@ int RunWatch(WatchOptions const & options)
 {
     if (!kvx::CatchEndSignals())
     {
-        ReportError(GetLastError(), CWinError::GetLastErrorText());
+        ReportSystemError(GetLastError());
         return 1;
     }
     Watch watch(options);

@@ -2,10 +2,10 @@
 #include "Commands.h"
 #include "DisplayText.h"
 #include "FileNames.h"
+#include "InputFile.h"
 #include "Output.h"
 #include "OutputFile.h"
 
-#include "kvx/foundation/AppException.h"
 #include "kvx/text/StringFile.h"
 #include "kvx/xml/XmlDocument.h"
 
@@ -32,34 +32,19 @@ struct XmlOptions
     bool bOwnGrammar = false;
 };
 
-int FailXml(DWORD code, CString const & subject)
-{
-    ReportError(code, subject + _T(": ") + CWinError::GetText(code));
-    return 1;
-}
-
-CStringA ReadAll(CFile & file)
-{
-    constexpr int PIECE = 65536;
-    CStringA text;
-    for (UINT got = 1; got > 0;)
-    {
-        int const before = text.GetLength();
-        got = file.Read(text.GetBuffer(before + PIECE) + before, PIECE);
-        text.ReleaseBuffer(before + static_cast<int>(got));
-    }
-    return text;
-}
-
 CStringA ReadAll(std::string const & name)
 {
-    if (name == "-")
+    constexpr int PIECE = 65536;
+    InputFile file(name);
+    CStringA text;
+    for (int got = 1; got > 0;)
     {
-        CFile file(GetStdHandle(STD_INPUT_HANDLE));
-        return ReadAll(file);
+        int const before = text.GetLength();
+        char * const room = text.GetBuffer(before + PIECE) + before;
+        got = static_cast<int>(file.Read({reinterpret_cast<BYTE *>(room), PIECE}));
+        text.ReleaseBuffer(before + got);
     }
-    CFile file(kvx::FromUtf8(name), CFile::modeRead | CFile::shareDenyNone);
-    return ReadAll(file);
+    return text;
 }
 
 /// Where something stands behind the root that isn't white space, a comment or an instruction; the size of the text if
@@ -125,7 +110,7 @@ bool Load(CXmlDocument & document, std::string const & name, XmlOptions const & 
     {
         auto const code = static_cast<DWORD>(failure->m_lOsError);
         failure->Delete();
-        FailXml(code, shown);
+        ReportSystemError(code, shown);
     }
     return false;
 }
@@ -157,7 +142,7 @@ int WriteDocument(CXmlDocument const & document, std::string const & name)
     {
         auto const code = static_cast<DWORD>(failure->m_lOsError);
         failure->Delete();
-        return FailXml(code, kvx::FromUtf8(name));
+        return ReportSystemError(code, kvx::FromUtf8(name));
     }
     return out.Finish();
 }
@@ -196,12 +181,12 @@ int RunGet(XmlOptions const & options)
     CXmlElement const * const element = document.FindElement(path, CString(kvx::FromUtf8(options.strDelimiter)));
     if (!element)
     {
-        return FailXml(ERROR_NOT_FOUND, path);
+        return ReportSystemError(ERROR_NOT_FOUND, path);
     }
     CString const name = kvx::FromUtf8(options.strName);
     if (!name.IsEmpty() && !element->HasAttribute(name))
     {
-        return FailXml(ERROR_NOT_FOUND, path + _T(" ") + name);
+        return ReportSystemError(ERROR_NOT_FOUND, path + _T(" ") + name);
     }
     StandardOutput out;
     out << ToStdout(name.IsEmpty() ? element->GetData() : element->GetAttribute(name)).strText << "\n";

@@ -38,7 +38,7 @@ int RunCommand(Run const & run)
     catch (std::bad_alloc const &)
     {
     }
-    ReportError(ERROR_NOT_ENOUGH_MEMORY, CWinError::GetText(ERROR_NOT_ENOUGH_MEMORY));
+    ReportSystemError(ERROR_NOT_ENOUGH_MEMORY);
     return 1;
 }
 } // namespace

@@ -48,6 +48,9 @@ public:
     std::basic_string_view<WCHAR> GetWideText() const;
     std::string_view GetNarrowText() const;
 
+    /// The same, and the length of a text is known.
+    FormatArg Counted() const;
+
 private:
     union
     {
@@ -134,6 +137,14 @@ FormatArg FormatArg::Capture(T const & value)
     {
         arg.SetText(Kind::NarrowText, static_cast<char const *>(value), NUL_TERMINATED);
     }
+    else if constexpr (std::is_same_v<U, std::basic_string_view<WCHAR>>)
+    {
+        arg.SetText(Kind::WideText, value.empty() ? _T("") : value.data(), value.size());
+    }
+    else if constexpr (std::is_same_v<U, std::string_view>)
+    {
+        arg.SetText(Kind::NarrowText, value.empty() ? "" : value.data(), value.size());
+    }
     else if constexpr (std::is_floating_point_v<U>)
     {
         arg.m_kind = Kind::Float;
@@ -169,4 +180,11 @@ FormatArg FormatArg::Capture(T const & value)
         }
     }
     return arg;
+}
+
+inline FormatArg FormatArg::Counted() const
+{
+    return m_kind == Kind::WideText     ? Capture(GetWideText())
+           : m_kind == Kind::NarrowText ? Capture(GetNarrowText())
+                                        : *this;
 }

@@ -138,7 +138,15 @@ CFile * CCabBase::OpenCabFile(char const * name, int oflag, int pmode, int & err
     {
         SetFilePointer(handle, 0, nullptr, FILE_END);
     }
-    return new CFile(handle);
+    try
+    {
+        return new CFile(handle);
+    }
+    catch (CMemoryException *)
+    {
+        CloseHandle(handle);
+        throw;
+    }
 }
 
 int CCabBase::ToErrorNumber(DWORD error)
@@ -208,15 +216,16 @@ INT_PTR CCabBase::FileOpenProc(char const * name, int oflag, int pmode, int * er
         return entry && entry->GetFile() ? reinterpret_cast<INT_PTR>(entry) : SetErr(err, NO_FILE);
     }
     int error = 0;
-    std::unique_ptr<CFile> file(OpenCabFile(name, oflag, pmode, error));
-    if (!file)
-    {
-        return SetErr(err, error);
-    }
-    auto entry = std::make_unique<CCabFileSetEntry>();
+    auto entry = std::make_unique<CCabFileSetEntry>(); // first: a file that is open needs somebody to close it
     entry->SetPath(name);
     entry->SetTemporary(1);
-    entry->SetFile(file.release());
+    CFile * const file = OpenCabFile(name, oflag, pmode, error);
+    if (!file)
+    {
+        entry->SetTemporary(0);
+        return SetErr(err, error);
+    }
+    entry->SetFile(file);
     return reinterpret_cast<INT_PTR>(entry.release());
 }
 

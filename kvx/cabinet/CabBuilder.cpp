@@ -258,6 +258,7 @@ INT_PTR CCabBuilder::OpenFile(char const * name, int oflag, int pmode, int * err
 }
 
 int CCabBuilder::FileDeleteProc(char * name, int * err, void * context)
+try
 {
     *err = 0;
     if (IsExternFile(name))
@@ -275,6 +276,11 @@ int CCabBuilder::FileDeleteProc(char * name, int * err, void * context)
     bool const isMapped = error != ERROR_TOO_MANY_OPEN_FILES && error != ERROR_FILE_EXISTS &&
                           error != ERROR_ALREADY_EXISTS && error != ERROR_INVALID_PARAMETER;
     *err = isMapped ? ToErrorNumber(error) : static_cast<int>(error);
+    return -1;
+}
+catch (...) // the engine's destructor calls it
+{
+    *err = ToErrorNumber(static_cast<DWORD>(kvx::CodeWithoutMemory()));
     return -1;
 }
 

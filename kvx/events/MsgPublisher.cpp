@@ -53,6 +53,16 @@ public:
         }
     }
 
+    /// So that the next Add needs no memory.
+    void ReserveOne()
+    {
+        CSingleLock guard(&m_lock, TRUE);
+        if (m_publications.size() == m_publications.capacity())
+        {
+            m_publications.reserve(2 * m_publications.size() + 1);
+        }
+    }
+
     /// False if the subscription has ended meanwhile.
     bool Add(CMsgPublication * publication)
     {
@@ -75,6 +85,22 @@ public:
     {
         m_pConnection->SetSendQueue(nullptr);
         m_pConnection = nullptr;
+    }
+
+    /// The same for one that publications know of already.
+    void Withdraw()
+    {
+        std::vector<CMsgPublication *> publications;
+        {
+            CSingleLock guard(&m_lock, TRUE);
+            m_bEnded = true;
+            publications.swap(m_publications);
+        }
+        for (CMsgPublication * const publication : publications)
+        {
+            publication->Unregister(m_pConnection);
+        }
+        Abandon();
     }
 
     /// Drops the link first: that frees whoever is blocked in writing to it.
@@ -160,8 +186,9 @@ CMsgPublication * CMsgPublisher::LookupPublication(CString const & name, int cre
     CObject * known = m_publications.Lookup(name);
     if (!known && create)
     {
-        known = new CMsgPublication;
-        m_publications.SetAt(name, known);
+        auto fresh = std::make_unique<CMsgPublication>();
+        m_publications.SetAt(name, fresh.get());
+        known = fresh.release();
     }
     return static_cast<CMsgPublication *>(known);
 }
@@ -187,12 +214,26 @@ CStringValue CMsgPublisher::RegisterSubscription(CMsgRequest & request, CString 
     // Holds the connection until the response has gone, whoever drops the subscription meanwhile.
     SubscriptionPtr const subscription = LookupSubscription(connection, !events.IsEmpty());
     std::size_t const known = subscription ? subscription->GetPublications().size() : 0;
-    CStringValue const handle = RegisterSubscription(connection, events, &request);
+    CStringValue handle;
+    std::vector<CMsgPublication *> publications;
+    try
+    {
+        handle = RegisterSubscription(connection, events, &request);
+        publications = subscription ? subscription->GetPublications() : publications;
+    }
+    catch (...)
+    {
+        // The connection is the session's still, which answers with the failure.
+        if (subscription && known == 0 && TakeSubscription(ToKey(connection)))
+        {
+            subscription->Withdraw();
+        }
+        throw;
+    }
     if (!subscription)
     {
         return handle; // there was nothing to subscribe to: an ordinary response goes back
     }
-    std::vector<CMsgPublication *> const publications = subscription->GetPublications();
     if (publications.empty() && TakeSubscription(ToKey(connection)))
     {
         subscription->Abandon();
@@ -204,17 +245,23 @@ CStringValue CMsgPublisher::RegisterSubscription(CMsgRequest & request, CString 
     // client that has it counts on everything that is published from then on.
     CMsgResponse & response = request.GetResponse();
     CSingleLock writing(connection->GetWriteLock(), TRUE);
-    if (subscription->GetQueue())
+    bool const bAnswered = kvx::FailingWithoutMemory(
+        [&]
+        {
+            if (subscription->GetQueue())
+            {
+                subscription->GetQueue()->PostAtOnce(response);
+            }
+            for (std::size_t i = known; i < publications.size(); ++i)
+            {
+                publications[i]->Confirm(connection);
+            }
+            return subscription->GetQueue() || (response.Write(*connection) && connection->FlushData());
+        });
+    if (!bAnswered)
     {
-        subscription->GetQueue()->PostAtOnce(response);
-    }
-    for (std::size_t i = known; i < publications.size(); ++i)
-    {
-        publications[i]->Confirm(connection);
-    }
-    if (!subscription->GetQueue() && response.Write(*connection))
-    {
-        connection->FlushData(); // a client that has gone shows when something is published
+        // A client that has gone shows when something is published. One that lives would wait for the answer.
+        connection->Disconnect();
     }
     return handle;
 }
@@ -234,6 +281,8 @@ CStringValue CMsgPublisher::RegisterSubscription(CMsgConnection * connection, CS
     for (CString name; names.GetNextString(name);)
     {
         CMsgPublication * const publication = LookupPublication(name, 1);
+        // Room first: a publication must know of no connection that its subscription doesn't.
+        subscription->ReserveOne();
         if (publication->Register(connection, request) && !subscription->Add(publication))
         {
             publication->Unregister(connection);
@@ -255,8 +304,21 @@ CMsgPublisher::SubscriptionPtr CMsgPublisher::LookupSubscription(CMsgConnection 
     {
         return found->second;
     }
-    return bCreate ? m_subscriptions.emplace(ToKey(connection), new CSubscription(connection, m_limits)).first->second
-                   : SubscriptionPtr();
+    SubscriptionPtr fresh;
+    if (bCreate)
+    {
+        auto const slot = m_subscriptions.emplace(ToKey(connection), SubscriptionPtr()).first;
+        try
+        {
+            slot->second = fresh = SubscriptionPtr(new CSubscription(connection, m_limits));
+        }
+        catch (...)
+        {
+            m_subscriptions.erase(slot);
+            throw;
+        }
+    }
+    return fresh;
 }
 
 /// Null if there is none. Another thread may have unregistered the connection, and deleted it: the key is a number.

@@ -30,9 +30,18 @@ int CMsgSubscriber::Connect(CMsgRequest & request, LPCTSTR connectionString, int
 {
     Disconnect();
     m_nPriority = priority;
-    m_strCommand = request.GetCommand();
-    m_strConnection = connectionString;
-    if (!Reconnect(request))
+    int const bKept = kvx::FailingWithoutMemory(
+        [&]
+        {
+            m_strCommand = request.GetCommand();
+            m_strConnection = connectionString;
+            return 1;
+        });
+    if (!bKept)
+    {
+        request.GetResponse().SetError(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    }
+    if (!bKept || !Reconnect(request))
     {
         return 0;
     }
@@ -166,9 +175,13 @@ void CMsgSubscriber::SetReconnectProc(ReconnectProc proc, void * param)
 unsigned int CMsgSubscriber::NotificationProc(void * param)
 {
     auto * const subscriber = static_cast<CMsgSubscriber *>(param);
-    CString text;
-    text.Format(_T("MsgSubscriber::NotificationProc: %X"), &NotificationProc);
-    CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
+    Guarded(
+        []
+        {
+            CString text;
+            text.Format(_T("MsgSubscriber::NotificationProc: %X"), &NotificationProc);
+            CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
+        });
     subscriber->m_nThreadId = GetCurrentThreadId();
     subscriber->Run();
     DWORD const error = GetLastError();

@@ -147,7 +147,25 @@ CAutoObList::~CAutoObList()
 void CAutoObList::DeleteAll()
 {
     std::vector<CObject *> objects;
-    for (POSITION pos = GetHeadPosition(); pos;)
+    try
+    {
+        objects.reserve(static_cast<std::size_t>(GetCount()));
+    }
+    catch (std::bad_alloc const &) // what is destroyed needs none: each object once, and nulls for the rest
+    {
+        for (POSITION pos = GetHeadPosition(); pos;)
+        {
+            CObject const * const object = GetNext(pos);
+            for (POSITION later = pos; later;)
+            {
+                if (CObject *& other = GetNext(later); other == object)
+                {
+                    other = nullptr;
+                }
+            }
+        }
+    }
+    for (POSITION pos = objects.capacity() != 0 ? GetHeadPosition() : nullptr; pos;)
     {
         objects.push_back(GetNext(pos));
     }
@@ -174,7 +192,18 @@ CAutoObArray::~CAutoObArray()
 
 void CAutoObArray::DeleteAll()
 {
-    std::vector<CObject *> objects(GetData(), GetData() + GetSize());
+    std::vector<CObject *> objects;
+    try
+    {
+        objects.assign(GetData(), GetData() + GetSize());
+    }
+    catch (std::bad_alloc const &)
+    {
+        for (INT_PTR i = 0; i < GetSize(); ++i)
+        {
+            std::replace(GetData() + i + 1, GetData() + GetSize(), GetAt(i), static_cast<CObject *>(nullptr));
+        }
+    }
     if (kvx::KeepOnce(objects))
     {
         SetSize(static_cast<INT_PTR>(objects.size()), -1);

@@ -16,14 +16,40 @@ namespace kvx
 /// was shared, also in a collection that owns its objects.
 KVX_API bool KeepOnce(std::vector<CObject *> & objects);
 
+/// The same without any memory, which what is destroyed may not need: the map holds nulls behind it.
+template <class MAP>
+void DeleteValuesInPlace(MAP & map)
+{
+    for (auto * pair = map.PGetFirstAssoc(); pair; pair = map.PGetNextAssoc(pair))
+    {
+        CObject * const object = std::exchange(pair->value, nullptr);
+        for (auto * other = object ? map.PGetNextAssoc(pair) : nullptr; other; other = map.PGetNextAssoc(other))
+        {
+            if (other->value == object)
+            {
+                other->value = nullptr;
+            }
+        }
+        delete object;
+    }
+}
+
 /// Deletes the objects of a map, each once. They stay in the map.
 template <class KEY, class MAP>
-void DeleteValues(MAP const & map)
+void DeleteValues(MAP & map)
 {
     KEY key{};
     CObject * object = nullptr;
     std::vector<CObject *> objects;
-    objects.reserve(static_cast<std::size_t>(map.GetCount()));
+    try
+    {
+        objects.reserve(static_cast<std::size_t>(map.GetCount()));
+    }
+    catch (std::bad_alloc const &)
+    {
+        DeleteValuesInPlace(map);
+        return;
+    }
     for (POSITION pos = map.GetStartPosition(); pos;)
     {
         map.GetNextAssoc(pos, key, object);

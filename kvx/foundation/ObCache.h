@@ -5,6 +5,8 @@
 #include "kvx/foundation/AutoDelete.h"
 #include "kvx/foundation/Lockable.h"
 
+#include <vector>
+
 /// Owns every object that it ever handed out or was given, free or in use, and deletes them all in its destructor.
 /// Nothing resets an object on its way.
 /// Threads: every operation locks; a walk doesn't, and its caller holds the lock (CSingleLock on the cache).
@@ -40,14 +42,18 @@ public:
     int GetTotalCount() const;
 
     POSITION GetStartPosition() const { return m_all.GetHeadPosition(); }
-    POSITION GetStartFreePosition() const { return m_free.GetHeadPosition(); }
+    POSITION GetStartFreePosition() const { return m_free.empty() ? nullptr : reinterpret_cast<POSITION>(1); }
     CObject * GetNext(POSITION & pos) const { return m_all.GetNext(pos); }
-    CObject * GetNextFree(POSITION & pos) const { return m_free.GetNext(pos); }
+    CObject * GetNextFree(POSITION & pos) const;
 
 private:
-    CObList m_free{10};
+    // The last one is handed out next. It has room for all, so that an object can be returned whatever happens. A
+    // position in it is the index plus 1.
+    std::vector<CObject *> m_free;
     CObList m_all{10};
     CreateProc m_pCreate;
+
+    void Add(CObject * object);
 };
 
 /// A cache of T that makes its objects itself.

@@ -58,6 +58,9 @@ private:
         CNode * pParent = nullptr;
         int nColour = BLACK;
         CSortable * pElement = nullptr;
+
+        static void * operator new(std::size_t nBytes) { return AfxAllocate(nBytes); }
+        static void operator delete(void * p) noexcept { AfxFree(p); }
     };
     static constexpr int BLACK = 0;
     static constexpr int RED = 1;

@@ -100,21 +100,21 @@ void CMsgDispatcher::Notify(CMsgRequest & request)
         return;
     }
     CString const name = request.GetNotifyQueueName();
-    auto * const copy = new CMsgRequest(request);
+    auto copy = std::make_unique<CMsgRequest>(request);
     CThreadQueue & queue = name.IsEmpty() ? m_notifyQueue : *GetNamedQueue(name);
-    queue.InsertOrDelete(copy);
+    queue.InsertOrDelete(copy.release());
 }
 
 CThreadQueue * CMsgDispatcher::GetNamedQueue(CString const & name)
 {
     CSingleLock guard(m_namedQueues, TRUE);
-    CObject * queue = m_namedQueues.Lookup(name);
-    if (!queue)
+    if (CObject * const known = m_namedQueues.Lookup(name))
     {
-        queue = new CNamedQueue(&NotifyProc, this, name);
-        m_namedQueues.SetAt(name, queue);
+        return &static_cast<CNamedQueue *>(known)->m_queue;
     }
-    return &static_cast<CNamedQueue *>(queue)->m_queue;
+    auto queue = std::make_unique<CNamedQueue>(&NotifyProc, this, name);
+    m_namedQueues.SetAt(name, queue.get());
+    return &queue.release()->m_queue;
 }
 
 void CMsgDispatcher::ShutDownNotificationQueue(int bDelete)
@@ -148,20 +148,25 @@ int CMsgDispatcher::RegisterProvider(LPCTSTR path, CMsgProvider * provider, int 
 
 CMsgProvider * CMsgDispatcher::RegisterProvider(LPCTSTR path, void (*callback)(CMsgRequest &, void *), void * param)
 {
-    auto * const provider = new CMsgCallbackProvider(callback, param);
-    RegisterProvider(path, provider, 0);
-    return provider;
+    auto provider = std::make_unique<CMsgCallbackProvider>(callback, param);
+    RegisterProvider(path, provider.get(), 0);
+    return provider.release();
 }
 
 CMsgProvider * CMsgDispatcher::RegisterProvider(LPCTSTR path, LPCTSTR config, int start)
 {
-    CMsgProvider * const provider = CreateProvider(config);
+    CMsgProvider * const provider = kvx::FailingWithoutMemory([&] { return CreateProvider(config); });
     if (!provider)
     {
         return nullptr;
     }
-    provider->SetProviderParams(config);
-    if (RegisterProvider(path, provider, start))
+    bool const bRegistered = kvx::FailingWithoutMemory(
+        [&]
+        {
+            provider->SetProviderParams(config);
+            return RegisterProvider(path, provider, start) != 0;
+        });
+    if (bRegistered)
     {
         LogInfo(_T("Loaded provider '%s=%s'"), path, config);
         return provider;
@@ -173,12 +178,12 @@ CMsgProvider * CMsgDispatcher::RegisterProvider(LPCTSTR path, LPCTSTR config, in
 
 CMsgListener * CMsgDispatcher::RegisterListener(LPCTSTR path, LPCTSTR config, int start)
 {
-    CMsgListener * const listener = CreateListener(config);
+    CMsgListener * const listener = kvx::FailingWithoutMemory([&] { return CreateListener(config); });
     if (!listener)
     {
         return nullptr;
     }
-    if (!RegisterProvider(path, listener, 0))
+    if (!kvx::FailingWithoutMemory([&] { return RegisterProvider(path, listener, 0); }))
     {
         LogError(_T("Cannot register listener '%s=%s'"), path, config);
         delete listener;

@@ -48,7 +48,10 @@ public:
     CMsgTarget * GetRootTarget() const { return m_pRoot; }
     CMsgTarget * LookupTarget(LPCTSTR path) { return m_pRoot->LookupTarget(path); }
     /// May be called by the destructor of a provider, also while Terminate takes the tree down: 0 then.
-    int DeleteTarget(LPCTSTR path) { return m_pRoot ? m_pRoot->DeleteTarget(path) : 0; }
+    int DeleteTarget(LPCTSTR path)
+    {
+        return m_pRoot ? m_pRoot->DeleteTargetAt(path ? CString::View(path) : CString::View()) : 0;
+    }
 
     /// 0 for null or a provider that is there already; with `start`, the result of its StartProvider.
     int RegisterProvider(LPCTSTR path, CMsgProvider * provider, int start);

@@ -3,6 +3,8 @@
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/messaging/MsgTarget.h"
 
+#include <memory>
+
 CMsgForwardProvider::CMsgForwardProvider(CMsgProvider * inner) : m_pInner(inner)
 {
     m_pInner->AddRef(); // it doesn't go with its target's reference
@@ -42,6 +44,9 @@ void CMsgForwardProvider::Service(CMsgRequest & request)
 
 CMsgProvider * CMsgForwardFactory::CreateProvider(LPCTSTR params)
 {
-    CMsgProvider * const inner = CMsgDispatcher::GetInstance()->CreateProvider(params);
-    return inner ? new CMsgForwardProvider(inner) : nullptr;
+    std::unique_ptr<CMsgProvider, void (*)(CMsgProvider *)> inner(CMsgDispatcher::GetInstance()->CreateProvider(params),
+                                                                  &CMsgProvider::DeleteWithModule);
+    auto * const provider = inner ? new CMsgForwardProvider(inner.get()) : nullptr;
+    inner.release();
+    return provider;
 }

@@ -5,7 +5,27 @@
 #include "kvx/msgdata/MsgRowSet.h"
 #include "kvx/transport/MsgStream.h"
 
-CMsgRequest::CMsgRequest(DWORD flags) : m_nFlags(flags), m_pResponse(new CMsgResponse) {}
+namespace
+{
+/// What a request answers that has no memory for another response while somebody holds its own. It is held once here,
+/// so that the next use of the request replaces it.
+CMsgResponse * WithoutMemory()
+{
+    static CMsgResponse * const s_response = []
+    {
+        auto * const response = new CMsgResponse;
+        response->AddRef();
+        response->SetError(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+        return response;
+    }();
+    return s_response;
+}
+} // namespace
+
+CMsgRequest::CMsgRequest(DWORD flags) : m_nFlags(flags), m_pResponse(new CMsgResponse)
+{
+    WithoutMemory(); // while there is some
+}
 
 CMsgRequest::CMsgRequest(CMsgRequest const & other)
     : CRefObject(other), CValueAccessor(other), m_strCommand(other.m_strCommand), m_nFlags(other.m_nFlags),
@@ -87,23 +107,48 @@ CMsgResponse & CMsgRequest::Notify(CString const & command, CMsgMultipleRowSets 
 
 CMsgResponse & CMsgRequest::ExecuteRequest()
 {
-    CheckResponseReferences();
-    m_pResponse->SetError(0, nullptr);
-    m_bHandled = 0; // a request may be used again
-    CMsgDispatcher::GetInstance()->Service(*this);
-    if (!m_bHandled && m_pResponse->GetErrorCode() == 0)
-    {
-        m_pResponse->SetError(ERROR_NOT_SUPPORTED, _T("Unsupported command: %s"), m_strCommand);
-    }
-    return *m_pResponse;
+    return Answer(
+        [this]
+        {
+            m_bHandled = 0; // a request may be used again
+            CMsgDispatcher::GetInstance()->Service(*this);
+            if (!m_bHandled && m_pResponse->GetErrorCode() == 0)
+            {
+                m_pResponse->SetError(ERROR_NOT_SUPPORTED, _T("Unsupported command: %s"), m_strCommand);
+            }
+        });
 }
 
 CMsgResponse & CMsgRequest::NotifyRequest()
 {
-    CheckResponseReferences();
-    m_pResponse->SetError(0, nullptr);
-    m_pResponse->AssignRowSets(m_pExParams.Get());
-    CMsgDispatcher::GetInstance()->Notify(*this);
+    return Answer(
+        [this]
+        {
+            m_pResponse->AssignRowSets(m_pExParams.Get());
+            CMsgDispatcher::GetInstance()->Notify(*this);
+        });
+}
+
+/// Fills a response without an error by the work. Never throws.
+template <class WORK>
+CMsgResponse & CMsgRequest::Answer(WORK const & work)
+{
+    bool const bDone = kvx::FailingWithoutMemory(
+        [&]
+        {
+            CheckResponseReferences();
+            m_pResponse->SetError(0, nullptr);
+            work();
+            return true;
+        });
+    if (!bDone && m_pResponse->GetRef() > 1)
+    {
+        m_pResponse = WithoutMemory();
+    }
+    else if (!bDone)
+    {
+        m_pResponse->SetError(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    }
     return *m_pResponse;
 }
 

@@ -150,5 +150,7 @@ private:
     kvx::RefPtr<CMsgMultipleRowSets> m_pExParams;
     CMsgConnection * m_pConnection = nullptr;
 
+    template <class WORK>
+    CMsgResponse & Answer(WORK const & work);
     void CheckResponseReferences();
 };

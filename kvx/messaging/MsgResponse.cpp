@@ -26,21 +26,39 @@ void CMsgResponse::Copy(CMsgResponse const & other)
     {
         return;
     }
+    kvx::RefPtr<CMsgMultipleRowSets> const rowSets(new CMsgMultipleRowSets(*other.m_pRowSets));
     m_nErrorCode = other.m_nErrorCode;
     m_strErrorText = other.m_strErrorText;
-    m_pRowSets = new CMsgMultipleRowSets(*other.m_pRowSets);
+    m_pRowSets = rowSets;
 }
 
 void CMsgResponse::SetError(DWORD code, LPCTSTR format, FormatArgs const & args)
 {
     m_nErrorCode = code;
-    if (format)
-    {
-        m_strErrorText = kvx::FormatOrText(format, args);
-    }
-    else
+    if (!format)
     {
         SyncErrorText();
+        return;
+    }
+    bool const bText = kvx::FailingWithoutMemory(
+        [&]
+        {
+            m_strErrorText = kvx::FormatOrText(format, args);
+            return true;
+        });
+    if (!bText)
+    {
+        SetErrorWithoutText();
+    }
+}
+
+/// There is no memory for the text of a failure: the code tells of it.
+void CMsgResponse::SetErrorWithoutText()
+{
+    m_strErrorText.Empty();
+    if (m_nErrorCode == 0)
+    {
+        m_nErrorCode = ERROR_NOT_ENOUGH_MEMORY;
     }
 }
 
@@ -48,9 +66,15 @@ void CMsgResponse::SyncErrorText()
 {
     constexpr DWORD MAXIMUM = 2048;
     m_strErrorText.Empty();
-    if (m_nErrorCode != 0)
+    bool const bText = m_nErrorCode == 0 || kvx::FailingWithoutMemory(
+                                                [this]
+                                                {
+                                                    kvx::GetSystemText(m_nErrorCode, MAXIMUM, m_strErrorText);
+                                                    return true;
+                                                });
+    if (!bText)
     {
-        kvx::GetSystemText(m_nErrorCode, MAXIMUM, m_strErrorText);
+        SetErrorWithoutText();
     }
 }
 

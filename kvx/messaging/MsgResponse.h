@@ -35,7 +35,8 @@ public:
     DWORD GetErrorCode() const { return m_nErrorCode; }
     CString const & GetErrorText() const { return m_strErrorText; }
 
-    /// A null format takes the system's text of the code. A format that can't be carried out stands for itself.
+    /// A null format takes the system's text of the code. A format that can't be carried out stands for itself. Never
+    /// throws: without memory for a text the code stands alone, 8 where it would be 0.
     template <class... T>
     void SetError(DWORD code, LPCTSTR format, T const &... values)
     {
@@ -65,6 +66,7 @@ protected:
     void SyncErrorText();
 
 private:
+    void SetErrorWithoutText();
     DWORD m_nErrorCode = 0;
     CString m_strErrorText;
     kvx::RefPtr<CMsgMultipleRowSets> m_pRowSets; // never null

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -44,7 +45,7 @@ constexpr FailureTexts PROVIDERS_TEXTS = {
 
 void TakeException(FailureTexts const & texts, View path, CString const & name, CMsgRequest & request)
 {
-    CString const at(path);
+    CString const at = kvx::FailingWithoutMemory([&] { return CString(path); });
     try
     {
         throw;
@@ -55,6 +56,11 @@ void TakeException(FailureTexts const & texts, View path, CString const & name, 
         request.GetResponse().SetError(failure->GetErrorCode(), _T("%s"), text);
         failure->Delete();
         LogError(texts.appException, at, name, text);
+    }
+    catch (std::bad_alloc const &)
+    {
+        request.GetResponse().SetError(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+        LogError(texts.exception, at, name, request.GetResponse().GetErrorText());
     }
     catch (CException * failure)
     {
@@ -86,18 +92,18 @@ CMsgTarget::CMsgTarget(CMsgTarget * parent, CString const & name) : m_pParent(pa
 CMsgTarget::~CMsgTarget()
 {
     EndProviders();
-    std::vector<CMsgTarget *> open{this};
-    while (!open.empty())
+    for (CMsgTarget * open = this; open;)
     {
-        CMsgTarget * const target = open.back();
+        CMsgTarget * const target = open;
         if (CMsgTarget * const child = target->TakeChild())
         {
             child->EndProviders();
-            open.push_back(child);
+            child->m_pEndsBefore = target;
+            open = child;
             continue;
         }
         target->DetachProviders();
-        open.pop_back();
+        open = target == this ? nullptr : target->m_pEndsBefore;
         if (target != this)
         {
             delete target;
@@ -260,19 +266,45 @@ int CMsgTarget::RegisterProvider(CString const & path, CMsgProvider * provider)
         }
     }
     CMsgTarget * target = this;
-    while (!rest.empty())
+    CMsgTarget * parent = nullptr; // of the first target that is made for it
+    CMsgTarget * made = nullptr;
+    auto const build = [&]
     {
-        auto const [head, tail] = SplitPath(rest);
-        CMsgTarget * child = target->FindChild(head);
-        if (!child)
+        while (!rest.empty())
         {
-            child = new CMsgTarget(target->m_strName.IsEmpty() ? nullptr : target, CString(head));
-            target->m_children.SetAt(child->m_strName, child);
+            auto const [head, tail] = SplitPath(rest);
+            CMsgTarget * child = target->FindChild(head);
+            if (!child)
+            {
+                auto fresh =
+                    std::make_unique<CMsgTarget>(target->m_strName.IsEmpty() ? nullptr : target, CString(head));
+                target->m_children.SetAt(fresh->m_strName, fresh.get());
+                child = fresh.release();
+                if (!made)
+                {
+                    parent = target;
+                    made = child;
+                }
+            }
+            target = child;
+            rest = tail;
         }
-        target = child;
-        rest = tail;
+        return target->AddProvider(provider);
+    };
+    try
+    {
+        return build();
     }
-    return target->AddProvider(provider);
+    catch (...)
+    {
+        if (made) // a target that nobody serves would answer for one that isn't there
+        {
+            CString const name = made->m_strName;
+            parent->m_children.RemoveKey(name);
+            delete made;
+        }
+        throw;
+    }
 }
 
 int CMsgTarget::AddProvider(CMsgProvider * provider)
@@ -282,8 +314,19 @@ int CMsgTarget::AddProvider(CMsgProvider * provider)
         return 0;
     }
     m_providers.AddTail(provider);
-    provider->SetTarget(this);
-    provider->RegisterProviderMap();
+    provider->AddRef(); // it is its maker's still when this fails
+    try
+    {
+        provider->SetTarget(this);
+        provider->RegisterProviderMap();
+    }
+    catch (...)
+    {
+        RemoveProvider(provider, 1);
+        provider->Release(0);
+        throw;
+    }
+    provider->Release(0);
     return 1;
 }
 
@@ -361,8 +404,13 @@ CMsgTarget * CMsgTarget::LookupTarget(CString const & path)
 
 int CMsgTarget::DeleteTarget(CString const & path)
 {
+    return DeleteTargetAt(path);
+}
+
+int CMsgTarget::DeleteTargetAt(View rest)
+{
     CMsgTarget * at = this;
-    for (View rest = path;;)
+    for (;;)
     {
         auto const [head, tail] = SplitPath(rest);
         CMsgTarget * const child = at->FindChild(head);

@@ -46,6 +46,8 @@ public:
     /// The deepest target that exists on the path: never null.
     CMsgTarget * LookupTarget(CString const & path);
     int DeleteTarget(CString const & path);
+    /// The same without a text object, which would need memory: destructors call it.
+    int DeleteTargetAt(CString::View path);
 
     CString const & GetName() const { return m_strName; }
     CString GetPath() const;
@@ -66,6 +68,7 @@ private:
 
     void EndProviders();
     void DetachProviders();
+    CMsgTarget * m_pEndsBefore = nullptr; // while a tree ends: the target to go on with behind this one
     CMsgTarget * TakeChild();
     CMsgTarget * FindChild(CString::View segment) const;
     POSITION FindProvider(CString const & params) const;

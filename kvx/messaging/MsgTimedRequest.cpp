@@ -45,9 +45,10 @@ CMsgResponse & CMsgTimedRequest::NotifyRequest()
 CMsgResponse & CMsgTimedRequest::PerformRequest(unsigned int (*proc)(void *))
 {
     CMsgResponse & response = GetResponse();
-    auto const exchange = std::make_shared<Exchange>(*this, response);
-    auto workers = std::make_unique<std::shared_ptr<Exchange>>(exchange);
-    CThreadContext * const thread = CThreadPool::BeginThread(proc, workers.get(), 0);
+    auto workers = kvx::FailingWithoutMemory(
+        [&] { return std::make_unique<std::shared_ptr<Exchange>>(std::make_shared<Exchange>(*this, response)); });
+    auto const exchange = workers ? *workers : nullptr;
+    CThreadContext * const thread = exchange ? CThreadPool::BeginThread(proc, workers.get(), 0) : nullptr;
     if (!thread)
     {
         response.SetError(GetLastError(), nullptr);
@@ -99,7 +100,16 @@ unsigned int CMsgTimedRequest::Work(void * param, PERFORM perform)
     {
         return ERROR_TIMEOUT;
     }
-    exchange.response->Copy(exchange.copy.GetResponse());
+    bool const bCopied = kvx::FailingWithoutMemory(
+        [&]
+        {
+            exchange.response->Copy(exchange.copy.GetResponse());
+            return true;
+        });
+    if (!bCopied)
+    {
+        exchange.response->SetError(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    }
     exchange.finished.SetEvent();
     return 0;
 }

@@ -63,7 +63,7 @@ CStringValue const * CellBlocks::FindFar(int block) const
 CStringValue * CellBlocks::FindOrAdd(int block)
 {
     CStringValue * const cells = Find(block);
-    return cells ? cells : Add(block, MakeCells(block));
+    return cells ? cells : MemoryGuarded([&] { return Add(block, MakeCells(block)); });
 }
 
 CStringValue * CellBlocks::Add(int block, Cells cells)

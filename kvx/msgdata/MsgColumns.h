@@ -44,34 +44,33 @@ public:
     /// Null if there is none.
     COLUMN * Find(CString const & key) const
     {
-        if (m_entries.size() > FEW)
-        {
-            void * found = nullptr;
-            return m_index.Lookup(key, found) ? static_cast<COLUMN *>(found) : nullptr;
-        }
-        auto const at = FindEntry(key);
-        return at != m_entries.end() ? at->pColumn.get() : nullptr;
+        std::size_t const place = FindPlace(key);
+        return place < m_entries.size() ? m_entries[place].pColumn.get() : nullptr;
     }
 
     /// Gives it the next ordinal's place. One that has the key already keeps its ordinal alone.
     COLUMN & Add(CString const & key, std::unique_ptr<COLUMN> column)
     {
+        COLUMN & added = *column;
         MakeRoom(m_ordinals);
-        COLUMN & added = Name(key, std::move(column));
+        Enter(key, 1, [&] { return std::move(column); });
         m_ordinals.push_back(&added);
         return added;
     }
-    /// Finds it under another key from now on, in the last place of a walk. False if there is none.
+    /// Finds it under another key from now on: in the place of one that has it, or in the last of a walk. False if
+    /// there is none.
     bool Rename(CString const & oldKey, CString const & newKey)
     {
-        std::unique_ptr<COLUMN> column = Unname(oldKey);
-        if (!column)
+        COLUMN * const column = Find(oldKey);
+        if (column && oldKey != newKey)
         {
-            return false;
+            Enter(newKey, 0, [&] { return Unname(oldKey); });
         }
-        column->SetName(newKey);
-        Name(newKey, std::move(column));
-        return true;
+        if (column)
+        {
+            column->SetName(newKey);
+        }
+        return column != nullptr;
     }
     /// Hands a column over and moves up the ordinals behind it; null if there is none.
     std::unique_ptr<COLUMN> Remove(CString const & key)
@@ -109,67 +108,80 @@ private:
     static constexpr std::size_t FEW = 8; // are found without an index
 
     std::vector<Entry> m_entries;
-    CMapStringToPtr m_index{10}; // while there are more
+    CMapStringToPtr m_index{10}; // while there are more: their places among the entries
     std::vector<COLUMN *> m_ordinals;
     std::vector<std::unique_ptr<COLUMN>> m_displaced; // another has taken their key
 
-    auto FindEntry(CString const & key) const { return std::ranges::find(m_entries, key, &Entry::strKey); }
+    /// Behind the last if there is none.
+    std::size_t FindPlace(CString const & key) const
+    {
+        if (m_entries.size() <= FEW)
+        {
+            return static_cast<std::size_t>(std::ranges::find(m_entries, key, &Entry::strKey) - m_entries.begin());
+        }
+        void * place = nullptr;
+        return m_index.Lookup(key, place) ? reinterpret_cast<std::size_t>(place) : m_entries.size();
+    }
+    void IndexPlace(CString const & key, std::size_t place) { m_index.SetAt(key, reinterpret_cast<void *>(place)); }
 
-    /// For one more, so that nothing is half done where memory fails.
+    /// For one more.
     template <class T>
     static void MakeRoom(std::vector<T> & vector)
     {
         if (vector.size() == vector.capacity())
         {
-            vector.reserve(2 * vector.size() + 4);
+            MemoryGuarded([&vector] { vector.reserve(2 * vector.size() + 4); });
         }
     }
-    COLUMN & Name(CString const & key, std::unique_ptr<COLUMN> column)
+    /// Enters what `take` gives under a key; `more` says whether that isn't an entry already. All that needs memory
+    /// comes first: where it fails nothing has changed.
+    template <class TAKE>
+    void Enter(CString const & key, std::size_t more, TAKE const & take)
     {
-        COLUMN & named = *column;
-        if (Find(key))
-        {
-            auto const known = m_entries.begin() + (FindEntry(key) - m_entries.begin());
-            MakeRoom(m_displaced);
-            Index(key, named, m_entries.size());
-            m_displaced.push_back(std::exchange(known->pColumn, std::move(column)));
-            return named;
-        }
         MakeRoom(m_entries);
-        Index(key, named, m_entries.size() + 1);
-        m_entries.push_back({key, std::move(column)});
-        return named;
-    }
-    /// For so many columns.
-    void Index(CString const & key, COLUMN & named, std::size_t count)
-    {
-        if (count <= FEW)
+        MakeRoom(m_displaced);
+        bool const bTaken = FindPlace(key) < m_entries.size();
+        if (!bTaken && m_entries.size() + more > FEW)
         {
+            if (m_entries.size() <= FEW)
+            {
+                m_index.RemoveAll();
+                for (std::size_t i = 0; i < m_entries.size(); ++i)
+                {
+                    IndexPlace(m_entries[i].strKey, i);
+                }
+            }
+            IndexPlace(key, 0);
+        }
+        std::unique_ptr<COLUMN> column = take();
+        if (bTaken)
+        {
+            m_displaced.push_back(std::exchange(m_entries[FindPlace(key)].pColumn, std::move(column)));
             return;
         }
-        if (m_entries.size() == FEW)
+        m_entries.push_back({key, std::move(column)});
+        if (m_entries.size() > FEW)
         {
-            m_index.RemoveAll();
-            for (Entry const & entry : m_entries)
-            {
-                m_index.SetAt(entry.strKey, entry.pColumn.get());
-            }
+            IndexPlace(key, m_entries.size() - 1);
         }
-        m_index.SetAt(key, &named);
     }
     std::unique_ptr<COLUMN> Unname(CString const & key)
     {
-        auto const at = m_entries.begin() + (FindEntry(key) - m_entries.begin());
-        if (at == m_entries.end())
+        std::size_t const place = FindPlace(key);
+        if (place == m_entries.size())
         {
             return nullptr;
         }
-        std::unique_ptr<COLUMN> column = std::move(at->pColumn);
-        m_entries.erase(at);
         if (m_entries.size() > FEW)
         {
             m_index.RemoveKey(key);
+            for (std::size_t i = place + 1; i < m_entries.size(); ++i)
+            {
+                IndexPlace(m_entries[i].strKey, i - 1);
+            }
         }
+        std::unique_ptr<COLUMN> column = std::move(m_entries[place].pColumn);
+        m_entries.erase(m_entries.begin() + static_cast<std::ptrdiff_t>(place));
         return column;
     }
 };

@@ -14,7 +14,7 @@ class AFX_TEMPLATE_API CMsgMultiple : public CRefObject
 {
 public:
     CMsgMultiple() = default;
-    CMsgMultiple(CMsgMultiple const & other) : CRefObject(other) { Copy(static_cast<L const &>(other)); }
+    CMsgMultiple(CMsgMultiple const & other) : CMsgMultiple() { Copy(static_cast<L const &>(other)); }
     ~CMsgMultiple() override { RemoveAll(); }
     /// Adds copies to what is there, as Copy does.
     CMsgMultiple & operator=(CMsgMultiple const & other)
@@ -37,8 +37,10 @@ public:
     /// Adds at the tail, and takes a reference.
     POSITION Append(T * item)
     {
+        kvx::RefPtr<T> const keep(item); // a new one goes where the list has no memory for it
+        POSITION const pos = m_list.AddTail(item);
         item->AddRef();
-        return m_list.AddTail(item);
+        return pos;
     }
     /// Makes a new one of that name.
     POSITION Append(LPCTSTR name) { return Append(new T(name)); }

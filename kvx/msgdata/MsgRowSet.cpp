@@ -8,7 +8,7 @@
 
 CMsgRowSet::CMsgRowSet(LPCTSTR name) : m_strName(name) {}
 
-CMsgRowSet::CMsgRowSet(CMsgRowSet const & other) : CRefObject(other), CAutoDelete(other)
+CMsgRowSet::CMsgRowSet(CMsgRowSet const & other) : CMsgRowSet(LPCTSTR{})
 {
     CopyRows(other);
 }

@@ -122,6 +122,7 @@ LONG CRegistry::CloseKey()
 }
 
 LONG CRegistry::OpenKey(HKEY parent, LPCTSTR subKey, DWORD samDesired, DWORD options)
+try
 {
     CloseKey();
     CString path(subKey);
@@ -132,16 +133,26 @@ LONG CRegistry::OpenKey(HKEY parent, LPCTSTR subKey, DWORD samDesired, DWORD opt
     return Told(_T("OpenKey"), _T("RegOpenKeyEx"), path,
                 RegOpenKeyExW(parent, path, options, samDesired & ~GetAccessMask(), &m_hKey));
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::OpenKey(LPCTSTR path, DWORD samDesired, DWORD options)
+try
 {
     CString subKey;
     HKEY const root = GetRootKeys().LookupPath(path, subKey);
     return OpenKey(root, subKey, samDesired, options);
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::CreateKey(HKEY parent, LPCTSTR subKey, DWORD reserved, DWORD samDesired, SECURITY_ATTRIBUTES * security,
                           DWORD * disposition)
+try
 {
     CloseKey();
     CString path(subKey);
@@ -154,13 +165,22 @@ LONG CRegistry::CreateKey(HKEY parent, LPCTSTR subKey, DWORD reserved, DWORD sam
                 RegCreateKeyExW(parent, path, reserved, noClass, REG_OPTION_NON_VOLATILE, samDesired & ~GetAccessMask(),
                                 security, &m_hKey, disposition));
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::CreateKey(LPCTSTR path, DWORD reserved, DWORD samDesired, SECURITY_ATTRIBUTES * security,
                           DWORD * disposition)
+try
 {
     CString subKey;
     HKEY const root = GetRootKeys().LookupPath(path, subKey);
     return CreateKey(root, subKey, reserved, samDesired, security, disposition);
+}
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
 }
 
 LONG CRegistry::DeleteKey(LPCTSTR subKey, int recursive)
@@ -232,6 +252,7 @@ LONG CRegistry::QueryValue(HKEY key, LPCTSTR name, DWORD * type, DWORD * reserve
 }
 
 LONG CRegistry::QueryValue(LPCTSTR name, CString & value)
+try
 {
     value.Empty();
     DWORD type = REG_SZ;
@@ -258,8 +279,13 @@ LONG CRegistry::QueryValue(LPCTSTR name, CString & value)
     value = CString(CString::View(characters.data(), characters.size()));
     return 0;
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::QueryMultistringValue(LPCTSTR name, CStringList & list)
+try
 {
     list.RemoveAll();
     DWORD type = REG_MULTI_SZ;
@@ -295,6 +321,10 @@ LONG CRegistry::QueryMultistringValue(LPCTSTR name, CStringList & list)
     }
     return 0;
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::SetValue(LPCTSTR name, CString const & value)
 {
@@ -318,6 +348,7 @@ LONG CRegistry::SetValue(HKEY key, LPCTSTR subKey, LPCTSTR name, DWORD type, voi
 }
 
 LONG CRegistry::SetMultistringValue(LPCTSTR name, CStringList const & list)
+try
 {
     std::vector<WCHAR> characters;
     for (POSITION pos = list.GetHeadPosition(); pos;)
@@ -332,8 +363,13 @@ LONG CRegistry::SetMultistringValue(LPCTSTR name, CStringList const & list)
     characters.push_back(0);
     return SetValue(name, REG_MULTI_SZ, characters.data(), ToSize(sizeof(WCHAR) * characters.size()));
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::QueryValues(CValueAccessor & values, int maxCount)
+try
 {
     // The first value may have a longer name and more data than the others.
     constexpr std::array<DWORD, 2> NAME_ROOM{2047, 1023};
@@ -388,8 +424,13 @@ LONG CRegistry::QueryValues(CValueAccessor & values, int maxCount)
     }
     return code == ERROR_NO_MORE_ITEMS ? 0 : code;
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::SetValues(CValueAccessor const & values)
+try
 {
     LONG code = 0;
     for (POSITION pos = values.GetStartValuePosition(); pos && code == 0;)
@@ -400,6 +441,10 @@ LONG CRegistry::SetValues(CValueAccessor const & values)
         code = SetValue(name, value);
     }
     return code;
+}
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
 }
 
 /// `next(index, name)` gets the name at an index; 0 for the code to go on with, or the end.
@@ -427,6 +472,7 @@ LONG CRegistry::WalkNames(DWORD longest, int maxCount, F const & next)
 }
 
 LONG CRegistry::QueryValueNames(CStringList & names, int maxCount)
+try
 {
     return WalkNames(GetLongestNameLength(), maxCount,
                      [&](DWORD index, LPTSTR name, DWORD length)
@@ -440,8 +486,13 @@ LONG CRegistry::QueryValueNames(CStringList & names, int maxCount)
                          return code;
                      });
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::QuerySubKeys(CStringList & names, int maxCount)
+try
 {
     return EnumSubKeys(
         [](CRegistry &, CString const & name, int, void * context)
@@ -451,8 +502,13 @@ LONG CRegistry::QuerySubKeys(CStringList & names, int maxCount)
         },
         &names, maxCount);
 }
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
+}
 
 LONG CRegistry::EnumSubKeys(SubKeyProc callback, void * context, int maxCount)
+try
 {
     return WalkNames(GetLongestSubkeyNameLength(), maxCount,
                      [&](DWORD index, LPTSTR name, DWORD length) -> LONG
@@ -466,6 +522,10 @@ LONG CRegistry::EnumSubKeys(SubKeyProc callback, void * context, int maxCount)
                          CString const text(name, static_cast<int>(length));
                          return callback(*this, text, static_cast<int>(index), context) ? 0 : ERROR_NO_MORE_ITEMS;
                      });
+}
+catch (...)
+{
+    return kvx::CodeWithoutMemory();
 }
 
 int CRegistry::GetLengths(DWORD & valueCount, DWORD & longestData, DWORD & longestName)

@@ -45,6 +45,11 @@ void CEventWatcher::SetFlags(DWORD flags)
 
 int CEventWatcher::Insert(void * handle, void * param)
 {
+    return kvx::MemoryGuarded([&] { return InsertNew(handle, param); });
+}
+
+int CEventWatcher::InsertNew(void * handle, void * param)
+{
     CSingleLock guard(*this, TRUE);
     SetLastError(handle ? 0 : ERROR_INVALID_HANDLE);
     EVENT_WATCHER_PROC const proc = m_pEventProc;
@@ -68,7 +73,15 @@ int CEventWatcher::Insert(void * handle, void * param)
     text.Format(_T("EventWatcher %X with EventProc %X"), this, proc);
     auto const set = CEventWatcherSet::Start(m_pLink, m_nPriority, text);
     CSingleLock link(&m_pLink->m_lock, TRUE);
-    m_sets.push_back(set);
+    try
+    {
+        m_sets.push_back(set);
+    }
+    catch (std::bad_alloc const &)
+    {
+        set->End();
+        throw;
+    }
     set->Insert(handle, param);
     return 1;
 }
@@ -92,14 +105,18 @@ int CEventWatcher::Remove(void * handle)
     {
         return 0;
     }
-    std::unique_ptr<CSingleLock> serving;
-    auto const set = LockSet(handle, serving);
-    if (!set || !set->Remove(handle))
-    {
-        SetLastError(ERROR_NOT_FOUND);
-        return 0;
-    }
-    return 1;
+    return kvx::FailingWithoutMemory(
+        [&]
+        {
+            std::unique_ptr<CSingleLock> serving;
+            auto const set = LockSet(handle, serving);
+            if (!set || !set->Remove(handle))
+            {
+                SetLastError(ERROR_NOT_FOUND);
+                return 0;
+            }
+            return 1;
+        });
 }
 
 int CEventWatcher::ReplaceKey(void * old, void * fresh)
@@ -145,16 +162,24 @@ void CEventWatcher::ShutDown()
 {
     constexpr DWORD PATIENCE = 5000; // milliseconds
     std::vector<std::shared_ptr<CEventWatcherSet>> sets;
+    bool bCopied = false;
     {
         CSingleLock guard(*this, TRUE);
         m_pEventProc = nullptr; // no set is added any more
         CSingleLock link(&m_pLink->m_lock, TRUE);
         m_pLink->m_pWatcher = nullptr;
         m_pLink->m_map.clear();
-        sets = m_sets;
+        bCopied = kvx::FailingWithoutMemory(
+            [&]
+            {
+                sets = m_sets;
+                return true;
+            });
     }
+    // The copy is for a watcher that goes meanwhile.
+    auto const & ending = bCopied ? sets : m_sets;
     bool bOnWaitThread = false;
-    for (auto const & set : sets)
+    for (auto const & set : ending)
     {
         set->End();
         if (set->IsOwnThread())
@@ -164,7 +189,7 @@ void CEventWatcher::ShutDown()
         }
     }
     kvx::Timeout const patience(PATIENCE);
-    for (auto const & set : sets)
+    for (auto const & set : ending)
     {
         if (!set->IsOwnThread() && !CKVXBaseApp::IsShuttingDown())
         {

@@ -95,6 +95,7 @@ private:
 
     bool ServesOnWaitThread() const { return (m_nFlags & FLAG_ON_WAIT_THREAD) != 0; }
     static void ServiceTriggerProc(CObject * trigger, void * watcher);
+    int InsertNew(void * handle, void * param);
     std::vector<std::shared_ptr<CEventWatcherSet>> GetSets();
     std::shared_ptr<CEventWatcherSet> FindSet(void * handle);
     std::shared_ptr<CEventWatcherSet> LockSet(void * handle, std::unique_ptr<CSingleLock> & serving);

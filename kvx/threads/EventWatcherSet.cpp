@@ -34,10 +34,10 @@ bool CEventWatcherSet::Insert(void * handle, void * param)
     {
         return false;
     }
+    m_pLink->m_map[handle] = this; // needs memory: before anything else changes
     m_handles[m_nCount] = handle;
     m_params[m_nCount] = param;
     ++m_nCount;
-    m_pLink->m_map[handle] = this;
     m_controlEvent.SetEvent();
     return true;
 }
@@ -64,9 +64,9 @@ bool CEventWatcherSet::Replace(void * old, void * fresh)
     {
         return false;
     }
+    m_pLink->m_map[fresh] = this;
     m_handles[slot] = fresh;
     Forget(old);
-    m_pLink->m_map[fresh] = this;
     m_controlEvent.SetEvent();
     return true;
 }

@@ -37,15 +37,23 @@ CThreadPool::~CThreadPool()
 
 CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void * param, int priority)
 {
-    CString text;
-    text.Format(_T("Unnamed Thread (ThreadProc: %08X)"), proc);
-    return BeginThread(proc, param, priority, text);
+    CString const description = kvx::FailingWithoutMemory(
+        [&]
+        {
+            CString text;
+            text.Format(_T("Unnamed Thread (ThreadProc: %08X)"), proc);
+            return text;
+        });
+    return BeginThread(proc, param, priority, description);
 }
 
 CThreadContext * CThreadPool::BeginThread(CThreadContext::ThreadProc proc, void * param, int priority,
                                           CString const & description)
 {
-    CThreadContext * const context = TakeThread({proc, param, priority, description});
+    CThreadContext * const context = kvx::FailingWithoutMemory(
+        [&] {
+            return TakeThread({proc, param, priority, description});
+        });
     if (!context && CKVXBaseApp::IsShuttingDown() && !GetCurrentThreadContext())
     {
         StandAside();
@@ -69,12 +77,13 @@ CThreadContext * CThreadPool::TakeThread(StJob const & job)
     {
         WatchExit();
         auto fresh = std::make_unique<CThreadContext>();
+        sm_instance.m_cache.Insert(fresh.get(), 1); // a thread that is there already couldn't be taken back
         if (!fresh->Create())
         {
+            sm_instance.m_cache.Remove(fresh.get());
             return nullptr;
         }
         context = fresh.release();
-        sm_instance.m_cache.Insert(context, 1);
         if (CKVXBaseApp::IsShuttingDown())
         {
             context->AskToEnd(); // whoever ends all threads may have looked before this one was among them
@@ -92,16 +101,27 @@ CThreadContext * CThreadPool::TakeThread(StJob const & job)
 bool CThreadPool::Start(CThreadContext * context, StJob const & job)
 {
     // Described before it runs: the job, or whoever started it, may give a better text at once.
-    sm_threadMap.SetAt(static_cast<int>(context->GetThreadId()), job.strDescription);
+    // Without memory for that it runs all the same.
+    kvx::FailingWithoutMemory(
+        [&]
+        {
+            sm_threadMap.SetAt(static_cast<int>(context->GetThreadId()), job.strDescription);
+            return true;
+        });
     return context->Start(job.proc, job.param, job.nPriority) != 0;
 }
 
-void CThreadPool::BeginThreadLater(CThreadContext::ThreadProc proc, void * param, int priority,
-                                   CString const & description)
+int CThreadPool::BeginThreadLater(CThreadContext::ThreadProc proc, void * param, int priority,
+                                  CString const & description)
 {
-    CSingleLock guard(sm_instance.m_cache, TRUE);
-    sm_instance.m_deferred.push_back({proc, param, priority, description});
-    sm_instance.m_bDeferred = true;
+    return kvx::FailingWithoutMemory(
+        [&]
+        {
+            CSingleLock guard(sm_instance.m_cache, TRUE);
+            sm_instance.m_deferred.push_back({proc, param, priority, description});
+            sm_instance.m_bDeferred = true;
+            return 1;
+        });
 }
 
 /// A thread has done its job. It parks, unless another job waits for one.

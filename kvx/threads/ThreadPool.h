@@ -59,9 +59,9 @@ public:
     /// Waits for an event that a thread of the pool sets, for as long as that is worth it.
     static int WaitForThread(CEvent & event, DWORD timeout);
     /// Gives a job to the next thread that has done its own, for a caller whom BeginThread couldn't give one. It may
-    /// never run.
-    static void BeginThreadLater(CThreadContext::ThreadProc proc, void * param, int priority,
-                                 CString const & description);
+    /// never run. 0 without the memory to note it.
+    static int BeginThreadLater(CThreadContext::ThreadProc proc, void * param, int priority,
+                                CString const & description);
 
     /// Whether TerminateAllThreads has left one in the middle of its job: it was killed, or is the one that called.
     static bool HasLeftThreads() { return sm_bLeftThreads.load(); }

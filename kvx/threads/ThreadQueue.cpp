@@ -84,12 +84,13 @@ int CThreadQueue::Insert(CObject * object)
 
 int CThreadQueue::InsertOrDelete(CObject * object)
 {
+    std::unique_ptr<CObject> owned(object);
     Added const added = LockAndAdd(object);
     if (added == Added::Refused)
     {
-        delete object;
         return 0;
     }
+    owned.release();
     if (added == Added::ThreadDue)
     {
         StartServiceThread();
@@ -100,12 +101,15 @@ int CThreadQueue::InsertOrDelete(CObject * object)
 /// Without the lock, which the thread wants first of all.
 int CThreadQueue::StartServiceThread()
 {
-    auto fresh = std::make_unique<StServiceThread>(this);
-    {
-        CSingleLock guard(*this, TRUE);
-        m_serviceThreads.push_back(fresh.get());
-    }
-    if (CThreadPool::BeginThread(&ServiceProc, fresh.get(), m_nPriority, m_strThreads))
+    auto fresh = kvx::FailingWithoutMemory(
+        [this]
+        {
+            auto thread = std::make_unique<StServiceThread>(this);
+            CSingleLock guard(*this, TRUE);
+            m_serviceThreads.push_back(thread.get());
+            return thread;
+        });
+    if (fresh && CThreadPool::BeginThread(&ServiceProc, fresh.get(), m_nPriority, m_strThreads))
     {
         fresh.release(); // the thread's; and as far as this one knows the queue may be gone by now
         return 1;
@@ -115,15 +119,18 @@ int CThreadQueue::StartServiceThread()
     {
         m_idleEvent.SetEvent(); // no thread runs, and none is due
     }
-    if (m_bDeferred || CKVXBaseApp::IsShuttingDown())
+    if (!fresh)
     {
-        std::erase(m_serviceThreads, fresh.get());
+        return 0;
     }
-    else
+    if (!m_bDeferred && !CKVXBaseApp::IsShuttingDown() &&
+        CThreadPool::BeginThreadLater(&DeferredProc, fresh.get(), m_nPriority, m_strThreads))
     {
         m_bDeferred = true;
-        CThreadPool::BeginThreadLater(&DeferredProc, fresh.release(), m_nPriority, m_strThreads);
+        fresh.release();
+        return 0;
     }
+    std::erase(m_serviceThreads, fresh.get());
     return 0;
 }
 

@@ -45,6 +45,8 @@ bool CMsgBufferedConnection::FillReadBuffer()
     if (size != m_nReadSize)
     {
         m_read.reset();
+        m_pReadNext = m_pReadEnd = nullptr;
+        m_nReadSize = 0; // until there is memory for another
         m_read.reset(new BYTE[size]);
         m_nReadSize = size;
     }

@@ -3,6 +3,8 @@
 #include "kvx/logging/LogManager.h"
 #include "kvx/transport/MsgConnection.h"
 
+#include <memory>
+
 CMsgConnectionProvider::CMsgConnectionProvider()
 {
     SetProperty(_T("connection_provider"), 1);
@@ -33,17 +35,17 @@ void CMsgConnectionProvider::BreakConnections(void * object)
 
 CMsgConnection * CMsgConnectionProvider::AllocateConnection()
 {
-    auto * connection = static_cast<CMsgConnection *>(m_connections.Allocate());
-    if (!connection)
+    if (CObject * const known = m_connections.Allocate())
     {
-        connection = CreateConnection();
-        if (connection)
-        {
-            connection->SetOwner(this);
-            m_connections.Insert(connection, 1);
-        }
+        return static_cast<CMsgConnection *>(known);
     }
-    return connection;
+    std::unique_ptr<CMsgConnection> fresh(CreateConnection());
+    if (fresh)
+    {
+        fresh->SetOwner(this);
+        m_connections.Insert(fresh.get(), 1);
+    }
+    return fresh.release();
 }
 
 void CMsgConnectionProvider::ReleaseConnection(CMsgConnection * connection)

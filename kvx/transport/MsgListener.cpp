@@ -88,17 +88,22 @@ void CMsgListener::SetLimits(Limits const & limits)
 
 int CMsgListener::StartListener()
 {
+    return kvx::FailingWithoutMemory([this] { return BeginRun(); });
+}
+
+int CMsgListener::BeginRun()
+{
     auto const run = std::make_shared<CRun>();
+    auto start = std::make_unique<std::pair<CMsgListener *, RunPtr>>(this, run);
     {
         CSingleLock guard(&m_runLock, TRUE);
         if (m_run && !m_run->m_bStopping && !m_run->m_endedEvent.Lock(0))
         {
             return 1;
         }
-        m_run = run;
         m_alive.push_back(run);
+        m_run = run;
     }
-    auto start = std::make_unique<std::pair<CMsgListener *, RunPtr>>(this, run);
     if (CThreadPool::BeginThread(&ListenerProc, start.get(), m_nListenerPriority))
     {
         start.release(); // the thread's
@@ -228,10 +233,15 @@ unsigned int CMsgListener::ListenerProc(void * param)
     std::unique_ptr<std::pair<CMsgListener *, RunPtr>> const start(
         static_cast<std::pair<CMsgListener *, RunPtr> *>(param));
     auto const & [listener, run] = *start;
-    CString text;
-    text.Format(_T("MsgListener::ListenerProc: %X"), &ListenerProc);
-    CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
     t_pRun = &run;
+    kvx::FailingWithoutMemory(
+        []
+        {
+            CString text;
+            text.Format(_T("MsgListener::ListenerProc: %X"), &ListenerProc);
+            CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
+            return true;
+        });
     try
     {
         listener->Run();
@@ -297,15 +307,36 @@ bool CMsgListener::BeginListening(CRun & run)
     return true;
 }
 
+/// For the next client. Want of memory passes, and isn't a reason to turn away everybody for ever.
+CMsgConnection * CMsgListener::AllocateClient(CRun & run)
+{
+    constexpr DWORD PAUSE = 50; // milliseconds
+    for (;;)
+    {
+        bool bHadMemory = false;
+        CMsgConnection * const client = kvx::FailingWithoutMemory(
+            [&]
+            {
+                CMsgConnection * const connection = AllocateConnection();
+                bHadMemory = true;
+                return connection;
+            });
+        if (client || bHadMemory || run.m_stopEvent.Lock(PAUSE))
+        {
+            return client;
+        }
+    }
+}
+
 void CMsgListener::AcceptClients(CRun & run)
 {
     CMsgConnection * const listening = run.m_pListening; // only this thread changes it
-    CMsgConnection * client = AllocateConnection();
+    CMsgConnection * client = AllocateClient(run);
     while (client && !run.m_bStopping && listening->Accept(client))
     {
-        if (BeginSession(*t_pRun, client))
+        if (kvx::FailingWithoutMemory([&] { return BeginSession(*t_pRun, client); }))
         {
-            client = AllocateConnection();
+            client = AllocateClient(run);
         }
         else
         {
@@ -333,9 +364,21 @@ bool CMsgListener::BeginSession(RunPtr const & run, CMsgConnection * client)
         run->m_bTurnsAway = bTooMany;
         if (!bTooMany && !run->m_bStopping)
         {
-            session = AllocateSession();
+            // Memory first: from there on nothing fails.
+            CMsgListenerSession * const fresh = AllocateSession();
+            try
+            {
+                run->m_sessions.push_back(fresh);
+                run->m_broken.reserve(run->m_broken.size() + run->m_sessions.size()); // a stop needs none
+            }
+            catch (std::bad_alloc const &)
+            {
+                std::erase(run->m_sessions, fresh);
+                m_sessions.Return(fresh);
+                throw;
+            }
+            session = fresh;
             session->m_run = run;
-            run->m_sessions.push_back(session);
             run->m_quietEvent.ResetEvent();
         }
     }
@@ -399,13 +442,13 @@ void CMsgListener::EndRun(RunPtr const & run)
 
 CMsgListenerSession * CMsgListener::AllocateSession()
 {
-    auto * session = static_cast<CMsgListenerSession *>(m_sessions.Allocate());
-    if (!session)
+    if (CObject * const known = m_sessions.Allocate())
     {
-        session = new CMsgListenerSession(this);
-        m_sessions.Insert(session, 1);
+        return static_cast<CMsgListenerSession *>(known);
     }
-    return session;
+    auto fresh = std::make_unique<CMsgListenerSession>(this);
+    m_sessions.Insert(fresh.get(), 1);
+    return fresh.release();
 }
 
 int CMsgListener::ReadRequest(CMsgConnection * connection, CMsgRequest & request)
@@ -471,7 +514,10 @@ void CMsgListener::ProcessRequest(CMsgListenerSession * session, CMsgConnection 
             return; // a provider has taken the connection
         }
         NotifyEvent(CMsgListenerEvent::BEFORE_RESPONSE, session, request.get());
-        WriteResponse(connection, *request); // a dead client shows at the next read
+        if (!WriteResponse(connection, *request))
+        {
+            connection->Disconnect(); // the client may live on, and would wait for the rest: the next read ends this
+        }
         NotifyEvent(CMsgListenerEvent::AFTER_RESPONSE, session, request.get());
         ResetRequest(*request);
     }

@@ -160,7 +160,9 @@ private:
     static unsigned int ListenerProc(void * start);
     static void NotifyRequestProc(CObject * request, void * listener);
 
+    int BeginRun();
     bool BeginListening(CRun & run);
+    CMsgConnection * AllocateClient(CRun & run);
     void AcceptClients(CRun & run);
     bool BeginSession(RunPtr const & run, CMsgConnection * client);
     void EndSession(CMsgListenerSession * session);

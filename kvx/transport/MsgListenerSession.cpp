@@ -56,9 +56,6 @@ int CMsgListenerSession::Activate(CMsgConnection * connection, int priority)
 
 unsigned int CMsgListenerSession::SessionProc(void * session)
 {
-    CString text;
-    text.Format(_T("MsgListenerSession::SessionProc: %X"), &SessionProc);
-    CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
     static_cast<CMsgListenerSession *>(session)->Run();
     return GetLastError();
 }
@@ -76,6 +73,9 @@ void CMsgListenerSession::Run()
     CLogManager::GetInstance()->SetThreadSessionId(GetSessionId());
     try
     {
+        CString text;
+        text.Format(_T("MsgListenerSession::SessionProc: %X"), &SessionProc);
+        CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
         int bCompact = 0;
         if (connection->AuthenticateServer(bCompact))
         {

@@ -7,6 +7,7 @@
 #include "kvx/system/WinSecurity.h"
 #include "kvx/transport/MsgPipeFactory.h"
 
+#include <optional>
 #include <utility>
 
 namespace
@@ -16,6 +17,13 @@ constexpr DWORD CONNECT_WAIT = 10000; // milliseconds
 constexpr DWORD TRY_TIME = 1000;      // milliseconds of losing instances to others
 // With no buffers each write would wait for its reader, and two sides that write at the same time for each other.
 constexpr DWORD BUFFER_SIZE = 65536;
+constexpr DWORD ACCEPT_PAUSE = 20; // milliseconds
+
+bool IsTransient(DWORD error)
+{
+    return error == ERROR_TOO_MANY_OPEN_FILES || error == ERROR_NOT_ENOUGH_MEMORY || error == ERROR_DISK_FULL ||
+           error == ERROR_NO_SYSTEM_RESOURCES;
+}
 
 CString MakePath(CString const & name)
 {
@@ -132,9 +140,19 @@ HANDLE CMsgNTPipeConnection::CreateInstance() const
 
 bool CMsgNTPipeConnection::WaitForClient(HANDLE pipe)
 {
-    CEvent event(FALSE, TRUE);
+    std::optional<CEvent> event;
+    bool const bEvent = kvx::FailingWithoutMemory(
+        [&]
+        {
+            event.emplace(FALSE, TRUE);
+            return true;
+        });
+    if (!bEvent)
+    {
+        return false;
+    }
     OVERLAPPED overlapped{};
-    overlapped.hEvent = event;
+    overlapped.hEvent = *event;
     if (ConnectNamedPipe(pipe, &overlapped))
     {
         return true;
@@ -147,10 +165,28 @@ bool CMsgNTPipeConnection::WaitForClient(HANDLE pipe)
 int CMsgNTPipeConnection::Listen()
 {
     m_bDropped = false;
+    m_bAccepts = false;
     return 1;
 }
 
 int CMsgNTPipeConnection::Accept(CMsgConnection * target)
+{
+    // Want of descriptors, memory or space passes, and is no reason to turn away everybody for ever. One that can't
+    // even begin says so.
+    while (!AcceptNext(target))
+    {
+        DWORD const error = GetLastError();
+        if (m_bDropped || !m_bAccepts || !IsTransient(error))
+        {
+            SetLastError(error);
+            return 0;
+        }
+        Sleep(ACCEPT_PAUSE);
+    }
+    return 1;
+}
+
+int CMsgNTPipeConnection::AcceptNext(CMsgConnection * target)
 {
     HANDLE pipe = m_hNext.exchange(INVALID_HANDLE_VALUE);
     if (pipe == INVALID_HANDLE_VALUE)
@@ -165,6 +201,7 @@ int CMsgNTPipeConnection::Accept(CMsgConnection * target)
         SetLastError(failure.GetCode());
         return 0;
     }
+    m_bAccepts = true;
     SetHandles(pipe, pipe, true);
     SignalInstance(0);
     bool bConnected = false;

@@ -28,6 +28,8 @@ public:
 private:
     std::atomic<HANDLE> m_hNext{INVALID_HANDLE_VALUE};
     std::atomic<bool> m_bDropped{false}; // since the last Listen
+    bool m_bAccepts = false;             // there has been an instance since then
+    int AcceptNext(CMsgConnection * target);
 
     void SignalInstance(DWORD error);
     HANDLE CreateInstance() const;

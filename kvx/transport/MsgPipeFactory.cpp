@@ -46,6 +46,25 @@ int CMsgPipeListener::StartListener()
     return bStarted;
 }
 
+/// One that ends before there is an instance says so to whoever waits for that.
+void CMsgPipeListener::Run()
+{
+    struct Ended
+    {
+        CMsgPipeListener & listener;
+        ~Ended()
+        {
+            if (!listener.m_findableEvent.Lock(0))
+            {
+                DWORD const error = GetLastError();
+                listener.SignalInstance(error != 0 ? error : DWORD{ERROR_OPERATION_ABORTED});
+                SetLastError(error);
+            }
+        }
+    } const ended{*this};
+    CMsgListener::Run();
+}
+
 void CMsgPipeListener::SignalInstance(DWORD error)
 {
     if (error != 0)

@@ -42,6 +42,7 @@ public:
 
 protected:
     CMsgConnection * CreateConnection() override { return m_pCreator(this, m_strName); }
+    void Run() override;
 
 private:
     CString m_strName;

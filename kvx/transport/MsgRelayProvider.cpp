@@ -15,12 +15,14 @@ void CMsgRelayProvider::Service(CMsgRequest & request)
 
 CMsgProvider * CMsgRelayFactory::CreateProvider(LPCTSTR params)
 {
-    CMsgProvider * const inner = CMsgDispatcher::GetInstance()->CreateProvider(params);
-    auto * const provider = dynamic_cast<CMsgConnectionProvider *>(inner);
+    std::unique_ptr<CMsgProvider, void (*)(CMsgProvider *)> inner(CMsgDispatcher::GetInstance()->CreateProvider(params),
+                                                                  &CMsgProvider::DeleteWithModule);
+    auto * const provider = dynamic_cast<CMsgConnectionProvider *>(inner.get());
     if (!provider || static_cast<int>(inner->GetProperty(_T("connection_provider"))) == 0)
     {
-        CMsgProvider::DeleteWithModule(inner);
         return nullptr;
     }
-    return new CMsgRelayProvider(provider);
+    auto * const relay = new CMsgRelayProvider(provider);
+    inner.release();
+    return relay;
 }

@@ -129,9 +129,14 @@ bool CMsgSendQueue::AwaitRoom(CSingleLock & guard, std::size_t bytes)
 unsigned int CMsgSendQueue::SendProc(void * param)
 {
     auto * const queue = static_cast<CMsgSendQueue *>(param);
-    CString text;
-    text.Format(_T("MsgSendQueue::SendProc: %X"), &SendProc);
-    CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
+    kvx::FailingWithoutMemory(
+        []
+        {
+            CString text;
+            text.Format(_T("MsgSendQueue::SendProc: %X"), &SendProc);
+            CThreadPool::MarkThread(GetCurrentThreadId(), text, 1);
+            return true;
+        });
     queue->SendMessages();
     queue->Release(1);
     return 0;

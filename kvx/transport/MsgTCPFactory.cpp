@@ -3,6 +3,8 @@
 #include "kvx/messaging/MsgDispatcher.h"
 #include "kvx/transport/MsgTCPConnection.h"
 
+#include <memory>
+
 namespace
 {
 constexpr DWORD STOP_TIMEOUT = 10000; // milliseconds
@@ -28,12 +30,18 @@ UINT CMsgTCPListener::GetListeningPort() const
 
 CMsgProvider * CMsgTCPFactory::CreateProvider(LPCTSTR params)
 {
-    return new CMsgTCPProvider(new CMsgTCPBase::CConnectInfo(params));
+    auto info = std::make_unique<CMsgTCPBase::CConnectInfo>(params);
+    auto * const made = new CMsgTCPProvider(info.get());
+    info.release();
+    return made;
 }
 
 CMsgListener * CMsgTCPFactory::CreateListener(LPCTSTR params)
 {
-    return new CMsgTCPListener(new CMsgTCPBase::CConnectInfo(params));
+    auto info = std::make_unique<CMsgTCPBase::CConnectInfo>(params);
+    auto * const made = new CMsgTCPListener(info.get());
+    info.release();
+    return made;
 }
 
 void CMsgTCPFactory::RegisterTypes(CMsgDispatcher & dispatcher)

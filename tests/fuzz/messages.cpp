@@ -12,9 +12,10 @@
 
 namespace
 {
-constexpr std::uint64_t MAX_CELLS = 1 << 20;
+// Some 128 blocks of 32 rows: whole, partial and missing ones in all orders come in far fewer.
+constexpr std::uint64_t MAX_CELLS = 4096;
 
-/// A few bytes may claim two billion empty rows, which would take long to write.
+/// A few bytes may claim two billion empty rows: they are read, whatever they claim, but take long to write.
 bool IsLarge(CMsgMultipleRowSets const & rowSets)
 {
     if (rowSets.IsEmpty())

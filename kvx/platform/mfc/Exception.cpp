@@ -211,6 +211,7 @@ BOOL CArchiveException::GetErrorMessage(LPTSTR lpszError, UINT nMaxError, UINT *
 
 void AfxThrowMemoryException()
 {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     throw &g_memoryException.object;
 }
 

@@ -6,6 +6,7 @@
 #include <new>
 
 #include <string_view>
+#include <type_traits>
 
 /// Base of what is thrown: always a pointer to an object that ends with `Delete`, which frees it if it was
 /// made with the auto-delete flag and does nothing for the ready-made ones.
@@ -162,6 +163,7 @@ public:
     BOOL GetErrorMessage(LPTSTR lpszError, UINT nMaxError, UINT * pnHelpContext = nullptr) const override;
 };
 
+/// Leaves ERROR_NOT_ENOUGH_MEMORY as the thread's last error.
 [[noreturn]] KVX_API void AfxThrowMemoryException();
 namespace kvx
 {
@@ -178,6 +180,49 @@ auto MemoryGuarded(WORK const & work)
         AfxThrowMemoryException();
     }
 }
+
+/// The result of the work; without memory, or a system resource, `failure`, and the thread's last error tells why. For
+/// calls of which every failure is a result.
+template <class WORK, class RESULT = std::invoke_result_t<WORK const &>>
+RESULT FailingWithoutMemory(WORK const & work, RESULT failure = RESULT())
+{
+    try
+    {
+        return work();
+    }
+    catch (CResourceException * exception)
+    {
+        exception->Delete();
+        return failure;
+    }
+    catch (CMemoryException * exception)
+    {
+        exception->Delete();
+    }
+    catch (std::bad_alloc const &)
+    {
+    }
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return failure;
+}
+
+/// What a function whose result is a code gives for an exception, in its catch-all: ERROR_NOT_ENOUGH_MEMORY. What isn't
+/// about memory goes on its way.
+inline LONG CodeWithoutMemory()
+{
+    try
+    {
+        throw;
+    }
+    catch (CMemoryException * exception)
+    {
+        exception->Delete();
+    }
+    catch (std::bad_alloc const &)
+    {
+    }
+    return ERROR_NOT_ENOUGH_MEMORY;
+}
 } // namespace kvx
 [[noreturn]] KVX_API void AfxThrowNotSupportedException();
 [[noreturn]] KVX_API void AfxThrowInvalidArgException();
@@ -188,7 +233,3 @@ auto MemoryGuarded(WORK const & work)
 /// A cheap plausibility test: FALSE for null, for the lowest 64 KB, for what no program can address and for
 /// a block that runs over the end of the address space. It doesn't touch the memory, so TRUE is no proof.
 KVX_API BOOL AfxIsValidAddress(void const * p, UINT_PTR nBytes, BOOL bReadWrite = TRUE);
-
-/// Memory for collections: a failure is a CMemoryException, never null.
-KVX_API void * AfxAllocate(std::size_t nBytes);
-KVX_API void AfxFree(void * p) noexcept;

@@ -115,6 +115,7 @@ BOOL CFile::Open(LPCTSTR lpszFileName, UINT nOpenFlags, CFileException * pError)
     {
         nDisposition = nOpenFlags & modeNoTruncate ? OPEN_ALWAYS : CREATE_ALWAYS;
     }
+    CString strFullPath = FullPath(lpszFileName); // memory first: an open file is closed by whoever has one
     auto const hFile = CreateFileW(lpszFileName, AccessMode(nOpenFlags), ShareMode(nOpenFlags), &security, nDisposition,
                                    FILE_ATTRIBUTE_NORMAL, nullptr);
     if (hFile == INVALID_HANDLE_VALUE)
@@ -124,7 +125,7 @@ BOOL CFile::Open(LPCTSTR lpszFileName, UINT nOpenFlags, CFileException * pError)
     }
     m_hFile = hFile;
     m_bCloseOnDelete = TRUE;
-    m_strFileName = FullPath(lpszFileName);
+    m_strFileName = std::move(strFullPath);
     return TRUE;
 }
 

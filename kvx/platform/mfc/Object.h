@@ -3,6 +3,7 @@
 #include "kvx/platform/host.h"
 
 #include <cstddef>
+#include <new>
 
 /// Templates that exported classes derive from must be as visible as those classes. A DLL needs no such
 /// mark: every module there instantiates its own copy.
@@ -14,6 +15,10 @@
 
 class CArchive;
 class CObject;
+
+/// Memory for objects and collections: a failure is a CMemoryException, never null.
+KVX_API void * AfxAllocate(std::size_t nBytes);
+KVX_API void AfxFree(void * p) noexcept;
 
 /// A place in a collection. Only the collection that gave it knows what it points to; null is "none".
 struct __POSITION;
@@ -104,6 +109,17 @@ public:
 
     static CRuntimeClass * GetThisClass() { return &classCObject; }
     static CRuntimeClass classCObject;
+
+    // An object that there is no memory for raises CMemoryException, as all that this library allocates.
+    static void * operator new(std::size_t nBytes) { return AfxAllocate(nBytes); }
+    static void * operator new(std::size_t nBytes, std::nothrow_t const & noThrow) noexcept
+    {
+        return ::operator new(nBytes, noThrow);
+    }
+    static void * operator new(std::size_t, void * pPlace) noexcept { return pPlace; }
+    static void operator delete(void * p) noexcept { AfxFree(p); }
+    static void operator delete(void * p, std::nothrow_t const &) noexcept { AfxFree(p); }
+    static void operator delete(void *, void *) noexcept {}
 
 protected:
     CObject(CObject const &) = default;

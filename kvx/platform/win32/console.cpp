@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -58,6 +59,7 @@ bool IsDebugOutputOn()
 } // namespace
 
 HANDLE GetStdHandle(DWORD nStdHandle)
+try
 {
     DWORD const nDescriptor = STD_INPUT_HANDLE - nStdHandle;
     if (nDescriptor > 2)
@@ -87,8 +89,13 @@ HANDLE GetStdHandle(DWORD nStdHandle)
     CloseObject(hNew);
     return hBefore; // another thread was first
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<HANDLE>(INVALID_HANDLE_VALUE);
+}
 
 BOOL AllocConsole()
+try
 {
     if (fcntl(STDOUT_FILENO, F_GETFD) >= 0)
     {
@@ -97,8 +104,13 @@ BOOL AllocConsole()
     SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
+}
 
 BOOL WriteConsoleW(HANDLE hConsole, LPCVOID pText, DWORD nChars, LPDWORD pnWritten, LPVOID pReserved)
+try
 {
     if (pnWritten)
     {
@@ -137,6 +149,10 @@ BOOL WriteConsoleW(HANDLE hConsole, LPCVOID pText, DWORD nChars, LPDWORD pnWritt
         }
     }
     return TRUE;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }
 
 BOOL GetConsoleMode(HANDLE hConsole, LPDWORD pdwMode)

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
 
 #include <unistd.h>
 
@@ -144,6 +145,7 @@ std::u16string ExpandVariables(std::u16string_view text)
 using namespace kvx::win32;
 
 DWORD GetEnvironmentVariableW(LPCWSTR pszName, LPWSTR pszBuffer, DWORD nChars)
+try
 {
     std::optional<std::u16string> const value = GetVariable(pszName ? pszName : u"");
     SetLastError(value ? static_cast<DWORD>(NO_ERROR) : static_cast<DWORD>(ERROR_ENVVAR_NOT_FOUND));
@@ -153,8 +155,13 @@ DWORD GetEnvironmentVariableW(LPCWSTR pszName, LPWSTR pszBuffer, DWORD nChars)
     }
     return value ? CopyText(*value, nChars, pszBuffer) : 0;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
+}
 
 DWORD ExpandEnvironmentStringsW(LPCWSTR pszText, LPWSTR pszBuffer, DWORD nChars)
+try
 {
     if (!pszText)
     {
@@ -169,4 +176,8 @@ DWORD ExpandEnvironmentStringsW(LPCWSTR pszText, LPWSTR pszBuffer, DWORD nChars)
         pszBuffer[bFits ? strText.size() : 0] = 0;
     }
     return static_cast<DWORD>(strText.size() + 1);
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
 }

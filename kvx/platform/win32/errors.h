@@ -180,6 +180,20 @@ inline void SetLastError(DWORD dwError) noexcept
     kvx::win32::g_dwLastError = dwError;
 }
 
+namespace kvx::win32
+{
+
+/// What a call returns where the C++ library has had no memory, for no call of the API throws: its failure, with
+/// ERROR_NOT_ENOUGH_MEMORY as the last error.
+template <class T>
+T WithoutMemory(T failure) noexcept
+{
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return failure;
+}
+
+} // namespace kvx::win32
+
 /// Writes the text of a system error code and a line end (CR LF) to pBuffer, which holds nSize characters, and
 /// returns the length without the closing zero. A code that stands for an errno value gets the host's own text, in
 /// English whatever the locale. dwFlags is FORMAT_MESSAGE_FROM_SYSTEM, with FORMAT_MESSAGE_IGNORE_INSERTS or not;

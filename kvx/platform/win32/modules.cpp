@@ -19,6 +19,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -452,6 +453,7 @@ ResourceTable::~ResourceTable()
 }
 
 HMODULE LoadLibraryExW(LPCWSTR pszName, HANDLE hFile, DWORD dwFlags)
+try
 {
     if (!pszName || !*pszName || hFile || (dwFlags & ~LOAD_WITH_ALTERED_SEARCH_PATH))
     {
@@ -502,6 +504,10 @@ HMODULE LoadLibraryExW(LPCWSTR pszName, HANDLE hFile, DWORD dwFlags)
     }
     return nullptr;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<HMODULE>(nullptr);
+}
 
 BOOL FreeLibrary(HMODULE hModule)
 {
@@ -533,6 +539,7 @@ BOOL FreeLibrary(HMODULE hModule)
 }
 
 FARPROC GetProcAddress(HMODULE hModule, LPCSTR pszName)
+try
 {
     if (IS_INTRESOURCE(pszName))
     {
@@ -564,8 +571,13 @@ FARPROC GetProcAddress(HMODULE hModule, LPCSTR pszName)
     }
     return reinterpret_cast<FARPROC>(pSymbol);
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<FARPROC>(nullptr);
+}
 
 HMODULE GetModuleHandleW(LPCWSTR pszName)
+try
 {
     if (!pszName)
     {
@@ -604,8 +616,13 @@ HMODULE GetModuleHandleW(LPCWSTR pszName)
     }
     return hFound;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<HMODULE>(nullptr);
+}
 
 DWORD GetModuleFileNameW(HMODULE hModule, LPWSTR pszBuffer, DWORD nChars)
+try
 {
     std::string const strPath = !hModule || hModule == ExecutableModule()
                                     ? GetExecutablePath()
@@ -630,8 +647,13 @@ DWORD GetModuleFileNameW(HMODULE hModule, LPWSTR pszBuffer, DWORD nChars)
     pszBuffer[nCopied] = 0;
     return nCopied == strModule.size() ? static_cast<DWORD>(nCopied) : Fail(ERROR_INSUFFICIENT_BUFFER, nChars);
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
+}
 
 HRSRC FindResourceExW(HMODULE hModule, LPCWSTR pszType, LPCWSTR pszName, WORD)
+try
 {
     if (!pszType || !pszName)
     {
@@ -660,6 +682,10 @@ HRSRC FindResourceExW(HMODULE hModule, LPCWSTR pszType, LPCWSTR pszName, WORD)
         SetLastError(static_cast<DWORD>(nError));
     }
     return reinterpret_cast<HRSRC>(const_cast<Resource *>(pFound));
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<HRSRC>(nullptr);
 }
 
 HRSRC FindResourceW(HMODULE hModule, LPCWSTR pszName, LPCWSTR pszType)

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -101,9 +102,14 @@ std::string GetRuntimeFolder()
     return OpenFolder(strPath) ? strPath : std::string();
 }
 
-UniqueFd OpenRuntimeFolder()
+UniqueFd OpenRuntimeFolder() noexcept
+try
 {
     return OpenFolder(MakePath());
+}
+catch (std::bad_alloc const &)
+{
+    return WithoutMemory(UniqueFd());
 }
 
 } // namespace kvx::win32

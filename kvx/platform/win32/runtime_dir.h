@@ -15,6 +15,6 @@ namespace kvx::win32
 std::string GetRuntimeFolder();
 
 /// The same folder, opened, so that what is done below it can't be led elsewhere.
-UniqueFd OpenRuntimeFolder();
+UniqueFd OpenRuntimeFolder() noexcept;
 
 } // namespace kvx::win32

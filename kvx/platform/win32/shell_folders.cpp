@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -302,11 +303,21 @@ HRESULT SHGetFolderPathW(HWND, int nFolder, HANDLE, DWORD, LPWSTR pszPath)
 }
 
 UINT GetWindowsDirectoryW(LPWSTR pszBuffer, UINT nChars)
+try
 {
     return GiveFolder(CSIDL_WINDOWS, pszBuffer, nChars);
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<UINT>(0);
+}
 
 UINT GetSystemDirectoryW(LPWSTR pszBuffer, UINT nChars)
+try
 {
     return GiveFolder(CSIDL_SYSTEM, pszBuffer, nChars);
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<UINT>(0);
 }

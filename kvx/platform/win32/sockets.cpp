@@ -384,6 +384,7 @@ namespace winsock
 {
 
 SOCKET socket(int nFamily, int nType, int nProtocol)
+try
 {
     if (nFamily != AddressFamilyInet || (nType != SocketStream && nType != SocketDatagram))
     {
@@ -398,6 +399,10 @@ SOCKET socket(int nFamily, int nType, int nProtocol)
     }
     HANDLE const handle = OpenHandle(Ref<Socket>(new Socket(std::move(opened), nType)));
     return handle ? reinterpret_cast<SOCKET>(handle) : INVALID_SOCKET;
+}
+catch (std::bad_alloc const &)
+{
+    return WithoutMemory<SOCKET>(INVALID_SOCKET);
 }
 
 int bind(SOCKET hSocket, SockAddr const * pAddress, int nLength)
@@ -434,6 +439,7 @@ int listen(SOCKET hSocket, int nBacklog)
 }
 
 SOCKET accept(SOCKET hSocket, SockAddr * pAddress, int * pnLength)
+try
 {
     Ref<Socket> const socket = FindSocket(hSocket);
     if (!socket || (pAddress && !HasRoom(pAddress, pnLength)))
@@ -463,6 +469,10 @@ SOCKET accept(SOCKET hSocket, SockAddr * pAddress, int * pnLength)
         CopyAddress(address, pAddress, pnLength);
     }
     return reinterpret_cast<SOCKET>(handle);
+}
+catch (std::bad_alloc const &)
+{
+    return WithoutMemory<SOCKET>(INVALID_SOCKET);
 }
 
 int connect(SOCKET hSocket, SockAddr const * pAddress, int nLength)

@@ -5,6 +5,7 @@
 #include "kvx/platform/win32/utf8.h"
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -230,6 +231,7 @@ View ToView(LPCWSTR pszText, DWORD nLength)
 } // namespace
 
 BOOL InternetCrackUrlW(LPCWSTR pszUrl, DWORD nLength, DWORD dwFlags, URL_COMPONENTSW * pParts)
+try
 {
     if (!pszUrl || !pParts || pParts->dwStructSize != sizeof(URL_COMPONENTSW) || (dwFlags & ~FLAGS) != 0)
     {
@@ -299,8 +301,13 @@ BOOL InternetCrackUrlW(LPCWSTR pszUrl, DWORD nLength, DWORD dwFlags, URL_COMPONE
     pParts->nPort = parts.nPort;
     return TRUE;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
+}
 
 BOOL InternetCreateUrlW(URL_COMPONENTSW * pParts, DWORD dwFlags, LPWSTR pszUrl, DWORD * pnLength)
+try
 {
     if (!pParts || !pnLength || pParts->dwStructSize != sizeof(URL_COMPONENTSW) || (dwFlags & ~FLAGS) != 0)
     {
@@ -376,4 +383,8 @@ BOOL InternetCreateUrlW(URL_COMPONENTSW * pParts, DWORD dwFlags, LPWSTR pszUrl, 
     *std::ranges::copy(url, pszUrl).out = 0;
     *pnLength = static_cast<DWORD>(url.size());
     return TRUE;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }

@@ -1,4 +1,5 @@
 #include "kvx/platform/win32/files/attributes.h"
+#include "kvx/platform/win32/errors.h"
 
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/files/file_object.h"
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <string>
 
 #include <fcntl.h>
@@ -148,12 +150,18 @@ BOOL SetFileTime(HANDLE hFile, FILETIME const *, FILETIME const * pLastAccess, F
 }
 
 DWORD GetFileAttributesW(LPCWSTR pszPath)
+try
 {
     WIN32_FILE_ATTRIBUTE_DATA data;
     return Inspect(pszPath, data) ? data.dwFileAttributes : INVALID_FILE_ATTRIBUTES;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(INVALID_FILE_ATTRIBUTES);
+}
 
 BOOL GetFileAttributesExW(LPCWSTR pszPath, GET_FILEEX_INFO_LEVELS level, LPVOID pData)
+try
 {
     if (level != GetFileExInfoStandard || !pData)
     {
@@ -161,8 +169,13 @@ BOOL GetFileAttributesExW(LPCWSTR pszPath, GET_FILEEX_INFO_LEVELS level, LPVOID 
     }
     return Inspect(pszPath, *static_cast<WIN32_FILE_ATTRIBUTE_DATA *>(pData));
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
+}
 
 BOOL SetFileAttributesW(LPCWSTR pszPath, DWORD dwAttributes)
+try
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
@@ -184,4 +197,8 @@ BOOL SetFileAttributesW(LPCWSTR pszPath, DWORD dwAttributes)
     mode_t const nMode =
         bReadOnly ? info.st_mode & ~static_cast<mode_t>(S_IWUSR | S_IWGRP | S_IWOTH) : info.st_mode | S_IWUSR;
     return chmod(strHost.c_str(), nMode & 07777) == 0 ? TRUE : RefuseByErrno();
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }

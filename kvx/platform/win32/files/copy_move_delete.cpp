@@ -1,5 +1,6 @@
 /// Copying, moving and deleting files by name.
 
+#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/files/attributes.h"
@@ -10,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -135,6 +137,7 @@ bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
 using namespace kvx::win32;
 
 BOOL DeleteFileW(LPCWSTR pszPath)
+try
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
@@ -162,8 +165,13 @@ BOOL DeleteFileW(LPCWSTR pszPath)
     }
     return TRUE;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
+}
 
 BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo)
+try
 {
     std::string strFrom = ToHost(pszFrom, LastComponent::AsWritten);
     if (strFrom.empty())
@@ -235,8 +243,13 @@ BOOL MoveFileW(LPCWSTR pszFrom, LPCWSTR pszTo)
     }
     return RefuseByErrno();
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
+}
 
 BOOL CopyFileW(LPCWSTR pszFrom, LPCWSTR pszTo, BOOL bFailIfExists)
+try
 {
     std::string const strFrom = ToHost(pszFrom, LastComponent::AsWritten);
     if (strFrom.empty())
@@ -245,4 +258,8 @@ BOOL CopyFileW(LPCWSTR pszFrom, LPCWSTR pszTo, BOOL bFailIfExists)
     }
     std::string const strTo = ToHost(pszTo, LastComponent::AsWritten);
     return !strTo.empty() && CopyHost(strFrom, strTo, bFailIfExists);
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }

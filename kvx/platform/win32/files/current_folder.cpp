@@ -1,5 +1,6 @@
 /// The current folder, and paths that begin in it.
 
+#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/files/folders.h"
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
 
 #include <unistd.h>
@@ -15,6 +17,7 @@
 using namespace kvx::win32;
 
 DWORD GetFullPathNameW(LPCWSTR pszPath, DWORD nChars, LPWSTR pszBuffer, LPWSTR * ppszFilePart)
+try
 {
     if (ppszFilePart)
     {
@@ -34,8 +37,13 @@ DWORD GetFullPathNameW(LPCWSTR pszPath, DWORD nChars, LPWSTR pszBuffer, LPWSTR *
     }
     return nResult;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
+}
 
 DWORD GetCurrentDirectoryW(DWORD nChars, LPWSTR pszBuffer)
+try
 {
     std::unique_ptr<char, decltype(&std::free)> const pszCurrent(getcwd(nullptr, 0), &std::free);
     if (!pszCurrent)
@@ -45,8 +53,13 @@ DWORD GetCurrentDirectoryW(DWORD nChars, LPWSTR pszBuffer)
     }
     return CopyText(FromHost(pszCurrent.get()), nChars, pszBuffer);
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
+}
 
 BOOL SetCurrentDirectoryW(LPCWSTR pszPath)
+try
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
@@ -59,4 +72,8 @@ BOOL SetCurrentDirectoryW(LPCWSTR pszPath)
     }
     SetLastErrorForFolder(errno, strHost);
     return FALSE;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }

@@ -1,5 +1,6 @@
 /// Searches: FindFirstFileW and kin.
 
+#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/files/attributes.h"
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -35,8 +37,10 @@ public:
     /// A search that is over after its one entry.
     Find() noexcept : KernelObject(KIND), m_pattern(u""), m_pFolder(nullptr, closedir), m_nDots(2) {}
 
-    Find(DIR * pFolder, std::u16string_view pattern, bool bRoot)
-        : KernelObject(KIND), m_pattern(pattern), m_pFolder(pFolder, closedir), m_nDots(bRoot ? 2 : 0)
+    using FolderPtr = std::unique_ptr<DIR, int (*)(DIR *)>;
+
+    Find(FolderPtr pFolder, std::u16string_view pattern, bool bRoot)
+        : KernelObject(KIND), m_pattern(pattern), m_pFolder(std::move(pFolder)), m_nDots(bRoot ? 2 : 0)
     {
     }
 
@@ -145,7 +149,7 @@ Ref<Find> FindMany(std::u16string_view folder, std::u16string_view pattern, WIN3
         return nullptr;
     }
     UniqueFd opened(CallOnPath(strFolder, [](char const * p) { return open(p, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-    DIR * const pFolder = opened ? fdopendir(opened.Get()) : nullptr;
+    Find::FolderPtr pFolder(opened ? fdopendir(opened.Get()) : nullptr, closedir);
     if (pFolder)
     {
         opened.Detach();
@@ -160,7 +164,7 @@ Ref<Find> FindMany(std::u16string_view folder, std::u16string_view pattern, WIN3
         return nullptr;
     }
     bool const bRoot = strFolder == "/" || strFolder == GetDriveCRoot() || strFolder == GetDriveCRoot() + "/";
-    Ref<Find> find(new Find(pFolder, pattern, bRoot));
+    Ref<Find> find(new Find(std::move(pFolder), pattern, bRoot));
     if (!find->Next(data))
     {
         if (GetLastError() == ERROR_NO_MORE_FILES)
@@ -179,6 +183,7 @@ Ref<Find> FindMany(std::u16string_view folder, std::u16string_view pattern, WIN3
 using namespace kvx::win32;
 
 HANDLE FindFirstFileW(LPCWSTR pszPattern, LPWIN32_FIND_DATAW pData)
+try
 {
     if (!pData)
     {
@@ -207,8 +212,13 @@ HANDLE FindFirstFileW(LPCWSTR pszPattern, LPWIN32_FIND_DATAW pData)
     HANDLE const hFind = find ? OpenHandle(find) : nullptr;
     return hFind ? hFind : INVALID_HANDLE_VALUE;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<HANDLE>(INVALID_HANDLE_VALUE);
+}
 
 BOOL FindNextFileW(HANDLE hFind, LPWIN32_FIND_DATAW pData)
+try
 {
     Ref<Find> const find = FindObject<Find>(hFind);
     if (!find)
@@ -216,6 +226,10 @@ BOOL FindNextFileW(HANDLE hFind, LPWIN32_FIND_DATAW pData)
         return FALSE;
     }
     return pData ? find->Next(*pData) : Refuse(ERROR_INVALID_PARAMETER);
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }
 
 BOOL FindClose(HANDLE hFind)

@@ -1,10 +1,12 @@
 #include "kvx/platform/win32/files/folders.h"
+#include "kvx/platform/win32/errors.h"
 
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/paths.h"
 
 #include <cerrno>
+#include <new>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,6 +40,7 @@ void SetLastErrorForFolder(int nErrno, std::string const & strHost)
 using namespace kvx::win32;
 
 BOOL CreateDirectoryW(LPCWSTR pszPath, LPSECURITY_ATTRIBUTES)
+try
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
@@ -55,8 +58,13 @@ BOOL CreateDirectoryW(LPCWSTR pszPath, LPSECURITY_ATTRIBUTES)
     }
     return errno == ENOENT || errno == ENOTDIR ? Refuse(ERROR_PATH_NOT_FOUND) : RefuseByErrno();
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
+}
 
 BOOL RemoveDirectoryW(LPCWSTR pszPath)
+try
 {
     std::string strHost = ToHost(pszPath, LastComponent::AsWritten);
     if (strHost.empty())
@@ -87,4 +95,8 @@ BOOL RemoveDirectoryW(LPCWSTR pszPath)
     }
     SetLastErrorForPath(nError);
     return FALSE;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }

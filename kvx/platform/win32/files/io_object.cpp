@@ -1,11 +1,14 @@
 #include "kvx/platform/win32/files/io_object.h"
 
+#include <new>
+
 #include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/files.h"
 
 using namespace kvx::win32;
 
 BOOL ReadFile(HANDLE hFile, LPVOID pBuffer, DWORD nBytes, LPDWORD pnRead, LPOVERLAPPED pOverlapped)
+try
 {
     DWORD nRead = 0;
     BOOL bDone = FALSE;
@@ -19,8 +22,13 @@ BOOL ReadFile(HANDLE hFile, LPVOID pBuffer, DWORD nBytes, LPDWORD pnRead, LPOVER
     }
     return bDone;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
+}
 
 BOOL WriteFile(HANDLE hFile, LPCVOID pBuffer, DWORD nBytes, LPDWORD pnWritten, LPOVERLAPPED pOverlapped)
+try
 {
     DWORD nWritten = 0;
     BOOL bDone = FALSE;
@@ -33,6 +41,10 @@ BOOL WriteFile(HANDLE hFile, LPCVOID pBuffer, DWORD nBytes, LPDWORD pnWritten, L
         *pnWritten = nWritten;
     }
     return bDone;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }
 
 BOOL FlushFileBuffers(HANDLE hFile)

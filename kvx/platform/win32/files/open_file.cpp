@@ -1,5 +1,6 @@
 /// Opening and creating files: what CreateFileW does.
 
+#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/files/attributes.h"
@@ -9,6 +10,7 @@
 #include "kvx/platform/win32/retry.h"
 
 #include <cerrno>
+#include <new>
 #include <string>
 
 #include <fcntl.h>
@@ -212,6 +214,7 @@ using namespace kvx::win32;
 
 HANDLE CreateFileW(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, LPSECURITY_ATTRIBUTES, DWORD dwDisposition,
                    DWORD dwFlags, HANDLE hTemplate)
+try
 {
     if (hTemplate)
     {
@@ -221,4 +224,8 @@ HANDLE CreateFileW(LPCWSTR pszPath, DWORD dwAccess, DWORD dwShare, LPSECURITY_AT
     HANDLE const hFile = IsPipePath(pszPath) ? OpenNamedPipe(pszPath, dwAccess, dwDisposition)
                                              : CreateFileImpl(pszPath, dwAccess, dwShare, dwDisposition, dwFlags);
     return hFile ? hFile : INVALID_HANDLE_VALUE;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<HANDLE>(INVALID_HANDLE_VALUE);
 }

@@ -1,5 +1,6 @@
 /// Where temporary files lie, and names for them that nobody else has.
 
+#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/files/folders.h"
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -19,6 +21,7 @@
 using namespace kvx::win32;
 
 DWORD GetTempPathW(DWORD nChars, LPWSTR pszBuffer)
+try
 {
     char const * const pszFolder = std::getenv("TMPDIR");
     std::u16string strPath = FromHost(pszFolder && *pszFolder == '/' ? pszFolder : "/tmp");
@@ -28,8 +31,13 @@ DWORD GetTempPathW(DWORD nChars, LPWSTR pszBuffer)
     }
     return CopyText(strPath, nChars, pszBuffer);
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
+}
 
 UINT GetTempFileNameW(LPCWSTR pszPath, LPCWSTR pszPrefix, UINT nUnique, LPWSTR pszBuffer)
+try
 {
     if (!pszPath || !pszBuffer)
     {
@@ -93,4 +101,8 @@ UINT GetTempFileNameW(LPCWSTR pszPath, LPCWSTR pszPrefix, UINT nUnique, LPWSTR p
         return nUnique ? nUnique : nNumber;
     }
     return Refuse(ERROR_FILE_EXISTS);
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<UINT>(0);
 }

@@ -291,21 +291,19 @@ Ref<NamedObject> FindOrOpen(WaitType type, std::u16string const & strKey, bool b
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return {};
     }
+    // Memory first: a name that has been made couldn't be taken back, for others may have found it.
     std::string strFile = MakeFileName(strKey);
+    std::u16string strOwnKey(strKey);
+    void * const pPlace = ::operator new(sizeof(NamedObject));
     std::optional<OpenedName> opened = OpenName(type, strKey, strFile, bSignalled, bMayCreate);
     if (!opened)
     {
+        ::operator delete(pPlace);
         return {};
     }
     bExisted = opened->bExisted;
-    auto * const pObject = new (std::nothrow) NamedObject(opened->pState->type, strKey, std::move(strFile),
-                                                          std::move(opened->file), opened->pState, opened->identity);
-    if (!pObject)
-    {
-        ::munmap(opened->pState, sizeof(SharedState));
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return {};
-    }
+    auto * const pObject = new (pPlace) NamedObject(opened->pState->type, std::move(strOwnKey), std::move(strFile),
+                                                    std::move(opened->file), opened->pState, opened->identity);
     g_registry.Add(*pObject);
     return Ref<NamedObject>(pObject);
 }

@@ -4,6 +4,7 @@
 #include "kvx/platform/win32/failure.h"
 
 #include <algorithm>
+#include <new>
 #include <string_view>
 
 using namespace kvx::win32;
@@ -22,6 +23,7 @@ char16_t DriveOf(std::u16string_view text)
 } // namespace
 
 DWORD GetLogicalDriveStringsW(DWORD nChars, LPWSTR pszBuffer)
+try
 {
     constexpr std::u16string_view Roots(u"C:\\\0Z:\\\0", 8);
     if (!pszBuffer || nChars <= Roots.size())
@@ -31,6 +33,10 @@ DWORD GetLogicalDriveStringsW(DWORD nChars, LPWSTR pszBuffer)
     *std::ranges::copy(Roots, pszBuffer).out = 0;
     return static_cast<DWORD>(Roots.size());
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
+}
 
 UINT GetDriveTypeW(LPCWSTR pszRoot)
 {
@@ -38,6 +44,7 @@ UINT GetDriveTypeW(LPCWSTR pszRoot)
 }
 
 DWORD QueryDosDeviceW(LPCWSTR pszDevice, LPWSTR pszBuffer, DWORD nChars)
+try
 {
     if (!pszDevice)
     {
@@ -59,4 +66,8 @@ DWORD QueryDosDeviceW(LPCWSTR pszDevice, LPWSTR pszBuffer, DWORD nChars)
     *pszEnd++ = 0;
     *pszEnd = 0;
     return static_cast<DWORD>(Device.size() + 3);
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
 }

@@ -8,6 +8,7 @@
 #include "kvx/platform/win32/upcase.h"
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -124,17 +125,28 @@ BOOL PutCompact(LPWSTR pszOut, View path, std::size_t nRoom)
 } // namespace
 
 DWORD GetLongPathNameW(LPCWSTR pszPath, LPWSTR pszBuffer, DWORD nChars)
+try
 {
     return GiveExisting(pszPath, pszBuffer, nChars);
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
+}
 
 DWORD GetShortPathNameW(LPCWSTR pszPath, LPWSTR pszBuffer, DWORD nChars)
+try
 {
     return GiveExisting(pszPath, pszBuffer, nChars);
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
 }
 
 DWORD SearchPathW(LPCWSTR pszFolders, LPCWSTR pszName, LPCWSTR pszExtension, DWORD nChars, LPWSTR pszBuffer,
                   LPWSTR * ppszFilePart)
+try
 {
     if (ppszFilePart)
     {
@@ -198,8 +210,13 @@ DWORD SearchPathW(LPCWSTR pszFolders, LPCWSTR pszName, LPCWSTR pszExtension, DWO
     SetLastError(ERROR_FILE_NOT_FOUND);
     return 0;
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<DWORD>(0);
+}
 
 BOOL PathCompactPathExW(LPWSTR pszOut, LPCWSTR pszPath, UINT nMax, DWORD)
+try
 {
     if (!pszOut || !pszPath || nMax == 0)
     {
@@ -207,8 +224,13 @@ BOOL PathCompactPathExW(LPWSTR pszOut, LPCWSTR pszPath, UINT nMax, DWORD)
     }
     return PutCompact(pszOut, pszPath, nMax - 1);
 }
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
+}
 
 BOOL PathCompactPathW(HDC, LPWSTR pszPath, UINT nPixels)
+try
 {
     constexpr UINT PixelsOfCharacter = 7;
     if (!pszPath)
@@ -217,4 +239,8 @@ BOOL PathCompactPathW(HDC, LPWSTR pszPath, UINT nPixels)
     }
     return PutCompact(pszPath, std::u16string(pszPath),
                       std::min<std::size_t>(nPixels / PixelsOfCharacter, MAX_PATH - 1));
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }

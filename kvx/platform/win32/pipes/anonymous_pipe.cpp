@@ -1,5 +1,6 @@
 /// Anonymous pipes, and how another process comes to an end of one.
 
+#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/pipe_signal.h"
 #include "kvx/platform/win32/pipes.h"
@@ -15,6 +16,7 @@
 #include <charconv>
 #include <cstdio>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -277,6 +279,7 @@ Ref<KernelObject> OpenForeignPipe(int nProcess, HANDLE hForeign)
 using namespace kvx::win32;
 
 BOOL CreatePipe(HANDLE * phRead, HANDLE * phWrite, LPSECURITY_ATTRIBUTES, DWORD nSize)
+try
 {
     static constinit std::atomic<unsigned> s_nPipes{0};
     if (!phRead || !phWrite)
@@ -335,4 +338,8 @@ BOOL CreatePipe(HANDLE * phRead, HANDLE * phWrite, LPSECURITY_ATTRIBUTES, DWORD 
     *phRead = hRead;
     *phWrite = hWrite;
     return TRUE;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }

@@ -1,5 +1,6 @@
 /// The client's side of a named pipe: waiting for an instance, and opening it.
 
+#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/files.h"
 #include "kvx/platform/win32/futex.h"
@@ -11,6 +12,7 @@
 #include "kvx/platform/win32/runtime_dir.h"
 
 #include <cerrno>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -102,6 +104,7 @@ HANDLE OpenNamedPipe(LPCWSTR pszPath, DWORD dwAccess, DWORD dwDisposition)
 using namespace kvx::win32;
 
 BOOL WaitNamedPipeW(LPCWSTR pszName, DWORD nTimeOut)
+try
 {
     constexpr DWORD LookAgain = 5; // milliseconds
     std::string const strFile = FileOfPipe(pszName);
@@ -132,4 +135,8 @@ BOOL WaitNamedPipeW(LPCWSTR pszName, DWORD nTimeOut)
         }
         ::poll(nullptr, 0, LookAgain);
     }
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }

@@ -2,6 +2,8 @@
 
 #include "kvx/platform/win32/pipes/pipe_end.h"
 
+#include <new>
+
 #include "kvx/platform/BlockedCalls.h"
 
 #include "kvx/platform/win32/errors.h"
@@ -67,9 +69,14 @@ void kvx::EndPipeCalls(HANDLE hPipe)
 using namespace kvx::win32;
 
 BOOL ConnectNamedPipe(HANDLE hPipe, LPOVERLAPPED pOverlapped)
+try
 {
     Ref<PipeEnd> const pipe = FindPipe(hPipe);
     return pipe ? pipe->Connect(pOverlapped) : FALSE;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<BOOL>(FALSE);
 }
 
 BOOL DisconnectNamedPipe(HANDLE hPipe)

@@ -1,5 +1,6 @@
 /// The server's side of a named pipe: instances, and how clients come to them.
 
+#include "kvx/platform/win32/errors.h"
 #include "kvx/platform/win32/failure.h"
 #include "kvx/platform/win32/pipes.h"
 #include "kvx/platform/win32/pipes/pipe_names.h"
@@ -11,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -78,7 +80,8 @@ public:
             }
             if (!m_wake)
             {
-                m_wake = std::make_shared<UniqueFd>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+                UniqueFd wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+                m_wake = std::make_shared<UniqueFd>(std::move(wake));
             }
             if (!*m_wake)
             {
@@ -88,8 +91,12 @@ public:
             }
             if (state == State::Disconnected)
             {
+                if (!m_server->AddFree())
+                {
+                    SetLastErrorFromErrno();
+                    return FALSE;
+                }
                 m_state.store(State::Free);
-                m_server->AddFree();
             }
         }
         if (AcceptClient(false))
@@ -220,6 +227,7 @@ using namespace kvx::win32;
 
 HANDLE CreateNamedPipeW(LPCWSTR pszName, DWORD dwOpenMode, DWORD dwPipeMode, DWORD nMaxInstances, DWORD, DWORD, DWORD,
                         LPSECURITY_ATTRIBUTES)
+try
 {
     DWORD const dwAccess = dwOpenMode & PIPE_ACCESS_DUPLEX;
     bool const bOverlapped = dwOpenMode & FILE_FLAG_OVERLAPPED;
@@ -244,6 +252,9 @@ HANDLE CreateNamedPipeW(LPCWSTR pszName, DWORD dwOpenMode, DWORD dwPipeMode, DWO
         }
         return INVALID_HANDLE_VALUE;
     }
+    // Memory first: an instance that is counted must be there.
+    std::unique_ptr<void, void (*)(void *)> place(::operator new(sizeof(PipeInstance)),
+                                                  [](void * p) { ::operator delete(p); });
     std::shared_ptr<PipeServer> server;
     {
         FutexGuard const guard(g_pipesLock);
@@ -253,8 +264,8 @@ HANDLE CreateNamedPipeW(LPCWSTR pszName, DWORD dwOpenMode, DWORD dwPipeMode, DWO
     {
         return INVALID_HANDLE_VALUE;
     }
-    Ref<PipeInstance> const instance(new PipeInstance(std::move(server), dwAccess & PIPE_ACCESS_INBOUND,
-                                                      dwAccess & PIPE_ACCESS_OUTBOUND, bOverlapped));
+    Ref<PipeInstance> const instance(new (place.release()) PipeInstance(
+        std::move(server), dwAccess & PIPE_ACCESS_INBOUND, dwAccess & PIPE_ACCESS_OUTBOUND, bOverlapped));
     HANDLE const hPipe = OpenHandle(instance);
     if (!hPipe)
     {
@@ -262,4 +273,8 @@ HANDLE CreateNamedPipeW(LPCWSTR pszName, DWORD dwOpenMode, DWORD dwPipeMode, DWO
         return INVALID_HANDLE_VALUE;
     }
     return hPipe;
+}
+catch (std::bad_alloc const &)
+{
+    return kvx::win32::WithoutMemory<HANDLE>(INVALID_HANDLE_VALUE);
 }

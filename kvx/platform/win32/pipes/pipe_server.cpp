@@ -48,17 +48,25 @@ std::shared_ptr<PipeServer> PipeServer::Join(std::string const & strFile, DWORD 
         SetLastError(ERROR_PIPE_BUSY);
         return nullptr;
     }
+    if (!server.AddFree())
+    {
+        SetLastErrorFromErrno();
+        return nullptr;
+    }
     ++server.m_nInstances;
-    server.AddFree();
     return it->second;
 }
 
-void PipeServer::AddFree()
+bool PipeServer::AddFree()
 {
-    if (m_nFree++ == 0)
+    if (m_nFree == 0 &&
+        ::renameat(m_folder.Get(), m_files.strBusy.c_str(), m_folder.Get(), m_files.strSocket.c_str()) != 0 &&
+        errno != ENOENT)
     {
-        ::renameat(m_folder.Get(), m_files.strBusy.c_str(), m_folder.Get(), m_files.strSocket.c_str());
+        return false;
     }
+    ++m_nFree;
+    return true;
 }
 
 void PipeServer::TakeFree()

@@ -39,7 +39,8 @@ public:
 
     int GetListener() const { return m_listener.Get(); }
 
-    void AddFree();
+    /// False with errno if clients can't be shown that one is free.
+    bool AddFree();
     void TakeFree();
     void Leave();
 

@@ -194,7 +194,7 @@ int main(int argc, char ** argv)
     CMsgDispatcher::GetInstance()->RegisterProvider(_T("bench.list.get"), &Count, nullptr);
     benchmark::RegisterBenchmark("execute in process : look up and call a function/ours", &OurExecute);
     benchmark::RegisterBenchmark("execute in process : look up and call a function/limit", &BareCall);
-    RunPairs(argc, argv, 25.0);
+    RunPairs(argc, argv, 10.0);
 
     benchmark::RegisterBenchmark("10 x 4 cells, ready texts : vector of arrays/ours", &OurCells<ReadyOurs>);
     benchmark::RegisterBenchmark("10 x 4 cells, ready texts : vector of arrays/limit", &StandardCells<ReadyStandard>);

@@ -15,7 +15,7 @@
 
 namespace
 {
-constexpr double TARGET = 1.5;
+constexpr double TARGET = 1.1;
 constexpr int VALUES = 20000;  // more than an open key keeps in memory
 constexpr DWORD LARGE = 65536; // bytes
 

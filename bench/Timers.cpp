@@ -19,7 +19,7 @@ namespace
 {
 using namespace bench;
 
-constexpr double FLAT = 1.5; // of the cost among a thousand timers
+constexpr double FLAT = 1.2; // of the cost among a thousand timers
 constexpr double MOST = 1.5; // of the cost of the map
 constexpr int FAR = 3600000; // milliseconds: never in this run
 

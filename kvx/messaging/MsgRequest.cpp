@@ -137,7 +137,7 @@ CMsgResponse & CMsgRequest::Answer(WORK const & work)
         [&]
         {
             CheckResponseReferences();
-            m_pResponse->SetError(0, nullptr);
+            m_pResponse->ClearError();
             work();
             return true;
         });

@@ -43,6 +43,12 @@ public:
         SetError(code, format, FormatArgs(FormatArgStore<sizeof...(T)>(values...)));
     }
     void SetError(DWORD code, LPCTSTR format, FormatArgs const & args);
+    /// Code 0 without a text.
+    void ClearError()
+    {
+        m_nErrorCode = 0;
+        m_strErrorText.Empty();
+    }
     /// Takes code and text from the thread's last error; the code.
     DWORD SyncLastError();
     void CopyErrorInfo(CMsgResponse const & other) { SetError(other.m_nErrorCode, _T("%s"), other.m_strErrorText); }

@@ -22,6 +22,33 @@ std::pair<View, View> SplitPath(View path)
     return dot == View::npos ? std::pair(path, View()) : std::pair(path.substr(0, dot), path.substr(dot + 1));
 }
 
+/// The characters of a path, whatever becomes of the text that they were in: that may be the request's command, which a
+/// provider can change. Short ones are copied: the count of the text's users is dear to change, as other threads may
+/// change it too.
+class KeptPath
+{
+public:
+    explicit KeptPath(CString const & path) : m_nLength(View(path).size())
+    {
+        if (IsShort())
+        {
+            std::ranges::copy(View(path), m_copy.begin());
+        }
+        else
+        {
+            m_strPath = path;
+        }
+    }
+    operator View() const { return IsShort() ? View(m_copy.data(), m_nLength) : View(m_strPath); }
+
+private:
+    std::size_t m_nLength;
+    std::array<WCHAR, 64> m_copy;
+    CString m_strPath;
+
+    bool IsShort() const { return m_nLength <= m_copy.size(); }
+};
+
 /// Takes an exception off a provider or a walk and leaves it as the response's error, with a line in the log. To be
 /// called from a catch-all.
 struct FailureTexts
@@ -160,27 +187,13 @@ CString CMsgTarget::GetPath() const
 
 CMsgTarget * CMsgTarget::FindChild(View segment) const
 {
-    // Segments are short: their lower-case form needs no memory.
-    std::array<WCHAR, 64> lower;
-    CString longSegment;
-    if (segment.size() <= lower.size())
-    {
-        std::ranges::transform(segment, lower.begin(), [](WCHAR c) { return kvx::ToLower(c); });
-        segment = View(lower.data(), segment.size());
-    }
-    else
-    {
-        longSegment = CString(segment).MakeLower();
-        segment = longSegment;
-    }
-    CObject * child = nullptr;
-    return m_children.Lookup(segment, child) ? static_cast<CMsgTarget *>(child) : nullptr;
+    auto const * const pair = m_children.PLookupLower(segment);
+    return pair ? static_cast<CMsgTarget *>(pair->value) : nullptr;
 }
 
 void CMsgTarget::Service(CString const & path, CMsgRequest & request)
 {
-    CString const keep = path; // it may be the request's command, which a provider can change on the way
-    ServicePath(keep, request);
+    ServicePath(KeptPath(path), request);
 }
 
 void CMsgTarget::ServicePath(View path, CMsgRequest & request)

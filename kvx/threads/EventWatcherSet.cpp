@@ -139,8 +139,17 @@ void CEventWatcherSet::Run()
     // Told to end by the pool, the thread leaves as well.
     HANDLE const endEvent = CThreadPool::GetCurrentThreadContext()->GetActiveHandle();
     void * woken = nullptr;
-    while (Pass(woken))
+    bool bTold = true; // the control event may be signalled
+    for (;;)
     {
+        if (bTold)
+        {
+            m_controlEvent.ResetEvent(); // before the pass looks at what it tells of
+        }
+        if (!Pass(woken))
+        {
+            return;
+        }
         std::array<void *, SLOTS + 1> handles;
         DWORD count = 0;
         {
@@ -155,6 +164,7 @@ void CEventWatcherSet::Run()
         {
             return;
         }
+        bTold = slot == WAIT_OBJECT_0 || slot == WAIT_FAILED;
         if (slot == WAIT_FAILED)
         {
             // Either one was closed, which the next pass drops, or it is of a kind that can only be looked at by
@@ -177,15 +187,54 @@ void CEventWatcherSet::Run()
 bool CEventWatcherSet::Pass(void * woken)
 {
     CSingleLock serving(&m_serveLock, TRUE);
-    if (WaitForSingleObject(m_controlEvent, 0) == WAIT_FAILED)
+    bool bEach = HasFlag(CEventWatcher::FLAG_SINGLE_SHOT);
+    for (DWORD slot = 1; !m_bEnds; ++slot)
+    {
+        void * taken = nullptr;
+        if (!bEach && !FindSignalled(slot, woken, taken))
+        {
+            bEach = true;
+        }
+        if (!ServeSlot(slot, taken ? taken : woken))
+        {
+            break;
+        }
+    }
+    return !m_bEnds;
+}
+
+/// Moves the slot on to the next one that has to be looked at by itself. With one wait for all handles on the way
+/// there, which `taken` has ended, if any: that takes the signal, too. False if some of them can't be waited for.
+bool CEventWatcherSet::FindSignalled(DWORD & slot, void * woken, void *& taken)
+{
+    std::array<void *, SLOTS> handles;
+    DWORD count = 0;
+    {
+        CSingleLock guard(&m_pLink->m_lock, TRUE);
+        while (slot + count < m_nCount && m_handles[slot + count] && m_handles[slot + count] != woken)
+        {
+            handles[count] = m_handles[slot + count];
+            ++count;
+        }
+    }
+    if (count == 0)
+    {
+        return true;
+    }
+    DWORD state = WaitForMultipleObjects(count, handles.data(), FALSE, 0);
+    if (state == WAIT_FAILED)
     {
         return false;
     }
-    m_controlEvent.ResetEvent();
-    for (DWORD slot = 1; !m_bEnds && ServeSlot(slot, woken); ++slot)
+    if (state == WAIT_TIMEOUT)
     {
+        slot += count;
+        return true;
     }
-    return !m_bEnds;
+    state -= state < WAIT_ABANDONED_0 ? WAIT_OBJECT_0 : WAIT_ABANDONED_0;
+    slot += state;
+    taken = handles[state];
+    return true;
 }
 
 /// False behind the last slot; a function may add handles meanwhile.

@@ -75,6 +75,7 @@ private:
     void Compact();
     void Run();
     bool Pass(void * woken);
+    bool FindSignalled(DWORD & slot, void * woken, void *& taken);
     bool ServeSlot(DWORD slot, void * woken);
     void ServeAtOnce(DWORD slot, void * handle);
     void Serve(void * handle, void * param);

@@ -11,7 +11,8 @@
 #include <limits>
 #include <utility>
 
-class CTimerQueue::CTimer : public kvx::TimerEntry
+/// A line of the cache each: among many timers a look at one is a miss, and two would cost twice as much.
+class alignas(64) CTimerQueue::CTimer : public kvx::TimerEntry
 {
 public:
     TimerFunction m_pFunction = nullptr;

@@ -413,4 +413,14 @@ WCHAR ToUpperSlow(WCHAR c)
 {
     return Map(TO_UPPER, c);
 }
+
+std::uint64_t ToLowerFourSlow(std::uint64_t units)
+{
+    std::uint64_t lower = 0;
+    for (unsigned shift = 0; shift < 64; shift += 16)
+    {
+        lower |= std::uint64_t{ToLower(static_cast<WCHAR>(units >> shift))} << shift;
+    }
+    return lower;
+}
 } // namespace kvx

@@ -13,6 +13,8 @@ namespace kvx
 {
 /// Seeded anew in every process, since keys come from outside: not to be stored or sent.
 KVX_API UINT HashText(WCHAR const * pText, std::size_t nLength) noexcept;
+/// The same of the text's lower-case form.
+KVX_API UINT HashLowerText(WCHAR const * pText, std::size_t nLength) noexcept;
 KVX_API UINT HashInteger(ULONGLONG nValue) noexcept;
 
 template <class T>

@@ -73,11 +73,10 @@ inline UINT Fold(std::uint64_t n)
 }
 
 constexpr std::uint64_t SPREAD = 0xD6E8FEB86659FD93;
-} // namespace
 
-namespace kvx
-{
-UINT HashText(WCHAR const * pText, std::size_t nLength) noexcept
+/// Of a text whose units go through `fold`, up to four at once.
+template <class FOLD>
+inline UINT HashUnits(WCHAR const * pText, std::size_t nLength, FOLD const & fold)
 {
     auto const nSeed = GetSeed();
     auto const nSecond = std::rotl(nSeed, 29) ^ SPREAD;
@@ -91,26 +90,39 @@ UINT HashText(WCHAR const * pText, std::size_t nLength) noexcept
         auto const * const pTail = p + nBytes - 16;
         for (; p < pTail; p += 16)
         {
-            nState = Mix(Load<std::uint64_t>(p) ^ nSecond, Load<std::uint64_t>(p + 8) ^ nState);
+            nState = Mix(fold(Load<std::uint64_t>(p)) ^ nSecond, fold(Load<std::uint64_t>(p + 8)) ^ nState);
         }
-        a = Load<std::uint64_t>(pTail);
-        b = Load<std::uint64_t>(pTail + 8);
+        a = fold(Load<std::uint64_t>(pTail));
+        b = fold(Load<std::uint64_t>(pTail + 8));
     }
     else if (nBytes >= 8)
     {
-        a = Load<std::uint64_t>(p);
-        b = Load<std::uint64_t>(p + nBytes - 8);
+        a = fold(Load<std::uint64_t>(p));
+        b = fold(Load<std::uint64_t>(p + nBytes - 8));
     }
     else if (nBytes >= 4)
     {
-        a = Load<std::uint32_t>(p);
-        b = Load<std::uint32_t>(p + nBytes - 4);
+        a = fold(Load<std::uint32_t>(p));
+        b = fold(Load<std::uint32_t>(p + nBytes - 4));
     }
     else if (nBytes != 0)
     {
-        a = Load<std::uint16_t>(p);
+        a = fold(Load<std::uint16_t>(p));
     }
     return Fold(Mix(Mix(a ^ nSecond, b ^ nState), nSecond ^ nBytes));
+}
+} // namespace
+
+namespace kvx
+{
+UINT HashText(WCHAR const * pText, std::size_t nLength) noexcept
+{
+    return HashUnits(pText, nLength, [](std::uint64_t units) { return units; });
+}
+
+UINT HashLowerText(WCHAR const * pText, std::size_t nLength) noexcept
+{
+    return HashUnits(pText, nLength, [](std::uint64_t units) { return ToLowerFour(units); });
 }
 
 UINT HashInteger(ULONGLONG nValue) noexcept

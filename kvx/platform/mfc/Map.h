@@ -62,6 +62,22 @@ public:
         }
     }
 
+    /// For a match that says enough by itself: with a few entries it is cheaper than the hash, which `hash` computes.
+    template <class HASH, class MATCH>
+    MapLink * FindByMatch(HASH hash, MATCH match) const
+    {
+        if (m_nSlots != 0)
+        {
+            return Find(hash(), match);
+        }
+        auto * pLink = m_pFirst;
+        while (pLink && !match(pLink))
+        {
+            pLink = pLink->pNext;
+        }
+        return pLink;
+    }
+
     /// Makes room for one more entry, so that `Link` can't fail.
     void Reserve()
     {
@@ -254,6 +270,13 @@ protected:
                                                       }
                                                   }));
     }
+    /// The entry whose key is the lower-case form of the text.
+    CAssoc * FindLower(CStringKey::View text) const
+    {
+        return static_cast<CAssoc *>(m_table.FindByMatch(
+            [text] { return kvx::HashLowerText(text.data(), text.size()); }, [text](kvx::MapLink const * pLink)
+            { return kvx::IsLowerOf(static_cast<CAssoc const *>(pLink)->key, text); }));
+    }
     CAssoc * First() const { return static_cast<CAssoc *>(m_table.GetFirst()); }
 
 private:
@@ -352,6 +375,12 @@ public:
             rKey = pPair->key.GetString();
         }
         return pPair != nullptr;
+    }
+
+    /// For a map whose keys are in lower case: looks up the lower-case form of the text, which isn't made for it.
+    auto const * PLookupLower(CStringKey::View text) const
+    {
+        return static_cast<typename Base::CPair const *>(this->FindLower(text));
     }
 };
 

@@ -180,6 +180,35 @@ TEST(Map, TextKeysOfEveryKindFindTheSameEntry)
     EXPECT_EQ(byPointer[CString(_T("x"))], 1);
 }
 
+TEST(Map, LowerCaseKeysAreFoundByTextsOfAnyCase)
+{
+    // Of each length in turns, and with the neighbours of the letters; with few entries there is no table.
+    CString const strUnits(_T("aZ@[`{0.\u00C4\u00E4\u0416\uFF21z"));
+    CMapStringToPtr map;
+    auto const make = [&](int i)
+    {
+        CString strText;
+        for (int nLength = 1 + i % 40; strText.GetLength() < nLength; i = (i * 7 + 3) % 1009)
+        {
+            strText += strUnits[i % strUnits.GetLength()];
+        }
+        return strText;
+    };
+    for (int i = 0; i < 200; ++i)
+    {
+        CString const strText = make(i);
+        CString strLower = strText;
+        map.SetAt(strLower.MakeLower(), &map);
+        for (int j = 0; j <= i; ++j)
+        {
+            auto const * const pPair = map.PLookupLower(make(j));
+            ASSERT_TRUE(pPair && pPair->key == make(j).MakeLower()) << i << " " << j;
+        }
+        strLower.SetAt(strLower.GetLength() - 1, 'q');
+        EXPECT_FALSE(map.PLookupLower(strLower)) << i;
+    }
+}
+
 TEST(Map, HashesSpreadRegularKeys)
 {
     // Texts that differ in one digit, aligned addresses and multiples of a power of two fall into few slots under

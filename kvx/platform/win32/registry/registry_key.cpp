@@ -21,25 +21,6 @@ LONG CheckKey(StoreConnection & connection, KeyId id)
     return query.GetError() == 0 && !bHas ? ERROR_KEY_DELETED : query.GetError();
 }
 
-LONG RegistryKey::ReadValue(RegistryStore & store, Name name, std::size_t nRoom, Value & value) const
-{
-    FoldedName const folded(name);
-    return store.Read(
-        [&](StoreConnection & connection) -> LONG
-        {
-            StoreQuery query(connection, Sql::FindValue);
-            if (!query.Bind(m_id).Bind(folded).Bind(static_cast<std::int64_t>(nRoom)).Next())
-            {
-                return query.GetError() != 0 ? query.GetError() : CheckKey(connection, m_id);
-            }
-            value.bExists = true;
-            value.dwType = static_cast<DWORD>(query.GetNumber(0));
-            value.nSize = static_cast<DWORD>(query.GetNumber(1));
-            value.strData = query.GetBytes(2);
-            return value.HasData() || value.strData.empty() ? 0 : ERROR_BADDB;
-        });
-}
-
 void RegistryKey::Keep(KeyVersion version, Name name, Value const & value)
 {
     std::size_t const nBytes = CACHED_ENTRY + 2 * name.size() + value.strData.size();

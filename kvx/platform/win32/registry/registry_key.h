@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -24,7 +26,18 @@ inline constexpr std::size_t FIRST_WINDOW = 16;
 inline constexpr std::size_t LAST_WINDOW = 512;
 inline constexpr REGSAM GENERIC_BITS = 0xF2000000; // GENERIC_..., and the most that one may have
 
-/// A value as it was read; without data if it has more than the reader wanted.
+/// A value where it lies: in memory that is kept, or in the store's own while that is being read. Without data if it
+/// has more than the reader wanted.
+struct ValueView
+{
+    DWORD dwType = 0;
+    DWORD nSize = 0;
+    std::string_view data;
+
+    bool HasData() const noexcept { return data.size() == nSize; }
+};
+
+/// A copy of a value that was read.
 struct Value
 {
     bool bExists = false;
@@ -33,6 +46,7 @@ struct Value
     std::string strData;
 
     bool HasData() const noexcept { return strData.size() == nSize; }
+    operator ValueView() const noexcept { return {dwType, nSize, strData}; }
 };
 
 struct ListedValue
@@ -76,7 +90,8 @@ public:
     std::size_t GetDepth() const noexcept { return m_nDepth; }
     bool Allows(REGSAM access) const noexcept { return (m_access & (access | GENERIC_BITS)) != 0; }
 
-    /// Hands the value to `use`, with its data if there are at most `nRoom` bytes.
+    /// Hands the value to `use`, with its data if there are at most `nRoom` bytes. `use` may run while the store is
+    /// being read: nobody else reads it until it is done.
     template <class F>
     LONG UseValue(RegistryStore & store, Name name, std::size_t nRoom, F const & use);
     /// Hands the item at the index to `use`, or gives ERROR_NO_MORE_ITEMS.
@@ -88,7 +103,10 @@ public:
     Window<ListedValue> m_values;
 
 private:
-    LONG ReadValue(RegistryStore & store, Name name, std::size_t nRoom, Value & value) const;
+    /// A value that may be kept becomes `copy`; a large one goes straight to `use`, whose result this is then.
+    template <class F>
+    LONG ReadValue(RegistryStore & store, Name name, std::size_t nRoom, std::optional<Value> & copy,
+                   F const & use) const;
     LONG ReadWindow(StoreConnection & connection, std::size_t nFirst, std::size_t nItems,
                     Window<std::u16string> & window) const;
     LONG ReadWindow(StoreConnection & connection, std::size_t nFirst, std::size_t nItems,
@@ -125,16 +143,50 @@ LONG RegistryKey::UseValue(RegistryStore & store, Name name, std::size_t nRoom, 
             }
         }
     }
-    Value value;
-    if (LONG const nError = ReadValue(store, name, std::max(nRoom, MAX_CACHED_DATA), value); nError != 0)
+    std::optional<Value> copy;
+    LONG const nResult = ReadValue(store, name, std::max(nRoom, MAX_CACHED_DATA), copy, use);
+    if (!copy)
     {
-        return nError;
+        return nResult;
     }
-    if (version.IsReliable() && value.HasData() && value.nSize <= MAX_CACHED_DATA && name.size() <= MAX_CACHED_DATA)
+    if (version.IsReliable() && name.size() <= MAX_CACHED_DATA)
     {
-        Keep(version, name, value);
+        Keep(version, name, *copy);
     }
-    return value.bExists ? use(value) : ERROR_FILE_NOT_FOUND;
+    return copy->bExists ? use(*copy) : ERROR_FILE_NOT_FOUND;
+}
+
+template <class F>
+LONG RegistryKey::ReadValue(RegistryStore & store, Name name, std::size_t nRoom, std::optional<Value> & copy,
+                            F const & use) const
+{
+    FoldedName const folded(name);
+    return store.Read(
+        [&](StoreConnection & connection) -> LONG
+        {
+            StoreQuery query(connection, Sql::FindValue);
+            if (!query.Bind(m_id).Bind(folded).Bind(static_cast<std::int64_t>(nRoom)).Next())
+            {
+                LONG const nError = query.GetError() != 0 ? query.GetError() : CheckKey(connection, m_id);
+                if (nError == 0)
+                {
+                    copy.emplace();
+                }
+                return nError;
+            }
+            ValueView const value{static_cast<DWORD>(query.GetNumber(0)), static_cast<DWORD>(query.GetNumber(1)),
+                                  query.GetBytes(2)};
+            if (value.nSize <= nRoom ? !value.HasData() : !value.data.empty())
+            {
+                return ERROR_BADDB;
+            }
+            if (value.nSize > MAX_CACHED_DATA)
+            {
+                return use(value);
+            }
+            copy.emplace(Value{true, value.dwType, value.nSize, std::string(value.data)});
+            return 0;
+        });
 }
 
 template <class ITEM, class F>

@@ -54,7 +54,7 @@ LONG SetValue(RegistryStore & store, KeyId id, Name name, DWORD dwType, std::str
 }
 
 /// Gives type, size and, if there is a place for it, the data.
-LONG CopyValue(Value const & value, DWORD * pdwType, BYTE * pData, DWORD * pdwSize)
+LONG CopyValue(ValueView const & value, DWORD * pdwType, BYTE * pData, DWORD * pdwSize)
 {
     if (pdwType)
     {
@@ -73,7 +73,7 @@ LONG CopyValue(Value const & value, DWORD * pdwType, BYTE * pData, DWORD * pdwSi
     {
         return ERROR_MORE_DATA;
     }
-    std::copy_n(value.strData.data(), value.nSize, reinterpret_cast<char *>(pData));
+    std::copy_n(value.data.data(), value.nSize, reinterpret_cast<char *>(pData));
     return 0;
 }
 
@@ -116,7 +116,7 @@ LONG RegQueryValueExW(HKEY hKey, LPCWSTR pszName, DWORD * pdwReserved, DWORD * p
                    [&](RegistryStore & store, RegistryKey & key)
                    {
                        return key.UseValue(store, ToView(pszName), pData ? *pdwSize : 0,
-                                           [&](Value const & value)
+                                           [&](ValueView const & value)
                                            { return CopyValue(value, pdwType, pData, pdwSize); });
                    });
 }
@@ -131,13 +131,20 @@ LONG SHQueryValueExW(HKEY hKey, LPCWSTR pszName, DWORD * pdwReserved, DWORD * pd
     return WithKey(hKey, KEY_QUERY_VALUE,
                    [&](RegistryStore & store, RegistryKey & key)
                    {
-                       return key.UseValue(store, ToView(pszName), MAX_VALUE_SIZE,
-                                           [&](Value const & stored)
-                                           {
-                                               Value value = stored;
-                                               FinishText(value);
-                                               return CopyValue(value, pdwType, static_cast<BYTE *>(pData), pdwSize);
-                                           });
+                       Value value;
+                       LONG const nError =
+                           key.UseValue(store, ToView(pszName), MAX_VALUE_SIZE,
+                                        [&](ValueView const & stored) -> LONG
+                                        {
+                                            value = {true, stored.dwType, stored.nSize, std::string(stored.data)};
+                                            return 0;
+                                        });
+                       if (nError != 0)
+                       {
+                           return nError;
+                       }
+                       FinishText(value);
+                       return CopyValue(value, pdwType, static_cast<BYTE *>(pData), pdwSize);
                    });
 }
 

@@ -615,10 +615,10 @@ void CArchive::MapObject(CObject const * pOb)
 
 void AfxWriteStringLength(CArchive & ar, UINT_PTR nLength, BOOL bUnicode)
 {
-    constexpr BYTE more = 0xFF;
+    constexpr BYTE MORE = 0xFF;
     if (bUnicode)
     {
-        ar << more << static_cast<WORD>(0xFFFE);
+        ar << MORE << static_cast<WORD>(0xFFFE);
     }
     if (nLength < 0xFF)
     {
@@ -626,15 +626,15 @@ void AfxWriteStringLength(CArchive & ar, UINT_PTR nLength, BOOL bUnicode)
     }
     else if (nLength < 0xFFFE)
     {
-        ar << more << static_cast<WORD>(nLength);
+        ar << MORE << static_cast<WORD>(nLength);
     }
     else if (nLength < 0xFFFFFFFF)
     {
-        ar << more << static_cast<WORD>(0xFFFF) << static_cast<DWORD>(nLength);
+        ar << MORE << static_cast<WORD>(0xFFFF) << static_cast<DWORD>(nLength);
     }
     else
     {
-        ar << more << static_cast<WORD>(0xFFFF) << static_cast<DWORD>(0xFFFFFFFF) << static_cast<ULONGLONG>(nLength);
+        ar << MORE << static_cast<WORD>(0xFFFF) << static_cast<DWORD>(0xFFFFFFFF) << static_cast<ULONGLONG>(nLength);
     }
 }
 

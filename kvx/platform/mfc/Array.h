@@ -176,13 +176,13 @@ public:
             SerializeElements<TYPE>(ar, m_pData, m_nSize);
             return;
         }
-        constexpr DWORD_PTR firstPiece = sizeof(TYPE) < 0x1000 ? 0x1000 / sizeof(TYPE) : 1;
+        constexpr DWORD_PTR FIRST_PIECE = sizeof(TYPE) < 0x1000 ? 0x1000 / sizeof(TYPE) : 1;
         auto nLeft = ar.ReadCount();
         RemoveAll();
         while (nLeft > 0)
         {
             auto const nDone = m_nSize;
-            auto const nPiece = std::min(nLeft, std::max(firstPiece, static_cast<DWORD_PTR>(nDone)));
+            auto const nPiece = std::min(nLeft, std::max(FIRST_PIECE, static_cast<DWORD_PTR>(nDone)));
             SetSize(nDone + static_cast<INT_PTR>(nPiece));
             SerializeElements<TYPE>(ar, m_pData + nDone, static_cast<INT_PTR>(nPiece));
             nLeft -= nPiece;

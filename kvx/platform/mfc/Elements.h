@@ -84,10 +84,10 @@ void SerializeElements(CArchive & ar, TYPE * pElements, INT_PTR nCount)
     }
     else if constexpr (std::is_trivially_copyable_v<TYPE> && !std::is_pointer_v<TYPE>)
     {
-        constexpr INT_PTR nStep = INT_PTR{0x40000000} / static_cast<INT_PTR>(sizeof(TYPE));
-        for (INT_PTR i = 0; i < nCount; i += nStep)
+        constexpr INT_PTR STEP = INT_PTR{0x40000000} / static_cast<INT_PTR>(sizeof(TYPE));
+        for (INT_PTR i = 0; i < nCount; i += STEP)
         {
-            auto const nBytes = static_cast<UINT>((nCount - i < nStep ? nCount - i : nStep) * sizeof(TYPE));
+            auto const nBytes = static_cast<UINT>((nCount - i < STEP ? nCount - i : STEP) * sizeof(TYPE));
             if (ar.IsStoring())
             {
                 ar.Write(pElements + i, nBytes);

@@ -242,11 +242,11 @@ void AfxThrowArchiveException(int cause, LPCTSTR lpszArchiveName)
 
 BOOL AfxIsValidAddress(void const * p, UINT_PTR nBytes, BOOL)
 {
-    constexpr UINT_PTR lowest = 0x10000;
-    constexpr UINT_PTR highest =
+    constexpr UINT_PTR LOWEST = 0x10000;
+    constexpr UINT_PTR HIGHEST =
         sizeof(void *) == 8 ? static_cast<UINT_PTR>(0x00007FFFFFFFFFFF) : std::numeric_limits<UINT_PTR>::max() - 0xFFFF;
     auto const nAddress = reinterpret_cast<UINT_PTR>(p);
-    return nAddress >= lowest && nAddress <= highest && nBytes <= highest - nAddress;
+    return nAddress >= LOWEST && nAddress <= HIGHEST && nBytes <= HIGHEST - nAddress;
 }
 
 void * AfxAllocate(std::size_t nBytes)

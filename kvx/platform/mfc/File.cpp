@@ -426,8 +426,8 @@ ULONGLONG CMemFile::Seek(LONGLONG lOff, UINT nFrom)
     default:
         AfxThrowInvalidArgException();
     }
-    constexpr auto nMaximum = static_cast<LONGLONG>(MAX_MEMORY_FILE);
-    if (lOff < -nBase || lOff > nMaximum - nBase)
+    constexpr auto MAXIMUM = static_cast<LONGLONG>(MAX_MEMORY_FILE);
+    if (lOff < -nBase || lOff > MAXIMUM - nBase)
     {
         AfxThrowFileException(CFileException::badSeek, ERROR_NEGATIVE_SEEK, m_strFileName);
     }

@@ -25,9 +25,9 @@ int CWinApp::ExitInstance()
 
 AFX_MSGMAP const * CWinApp::GetMessageMap() const
 {
-    static constexpr AFX_MSGMAP_ENTRY end{};
-    static constexpr AFX_MSGMAP map{nullptr, &end};
-    return &map;
+    static constexpr AFX_MSGMAP_ENTRY END{};
+    static constexpr AFX_MSGMAP MAP{nullptr, &END};
+    return &MAP;
 }
 
 BOOL AfxSocketInit()

@@ -22,10 +22,10 @@ using namespace kvx::win32;
 namespace
 {
 
-constexpr UINT AnsiDefault = 1252;
+constexpr UINT ANSI_DEFAULT = 1252;
 
 /// What 0x80 to 0x9F mean in page 1252. The five holes stand for the control characters of their value.
-constexpr std::array<char16_t, 32> Windows1252 = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
+constexpr std::array<char16_t, 32> WINDOWS1252 = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
                                                   0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0x008D, 0x017D, 0x008F,
                                                   0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
                                                   0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
@@ -95,14 +95,14 @@ enum class Result
 template <typename Source, typename Unit>
 std::size_t CopyAscii(std::basic_string_view<Source> source, std::size_t nPos, Output<Unit> & out)
 {
-    constexpr std::size_t Block = 16;
+    constexpr std::size_t BLOCK = 16;
     std::size_t const nEnd = nPos + std::min(source.size() - nPos, out.Room());
     Source const * const p = source.data();
     std::size_t n = nPos;
-    while (nEnd - n >= Block)
+    while (nEnd - n >= BLOCK)
     {
         unsigned nBits = 0;
-        for (std::size_t i = 0; i < Block; ++i)
+        for (std::size_t i = 0; i < BLOCK; ++i)
         {
             nBits |= static_cast<std::make_unsigned_t<Source>>(p[n + i]);
         }
@@ -110,7 +110,7 @@ std::size_t CopyAscii(std::basic_string_view<Source> source, std::size_t nPos, O
         {
             break;
         }
-        n += Block;
+        n += BLOCK;
     }
     while (n < nEnd && static_cast<std::make_unsigned_t<Source>>(p[n]) < 0x80)
     {
@@ -149,7 +149,7 @@ Result EncodeUtf8(std::u16string_view source, Output<char> & out, bool bStrict)
             }
             else
             {
-                c = Replacement;
+                c = REPLACEMENT;
             }
         }
         char szBytes[4];
@@ -217,9 +217,9 @@ int EncodeSingleByte(UINT nCodePage, char16_t c)
     }
     if (nCodePage == 1252)
     {
-        if (auto const it = std::ranges::find(Windows1252, c); it != Windows1252.end())
+        if (auto const it = std::ranges::find(WINDOWS1252, c); it != WINDOWS1252.end())
         {
-            return 0x80 + static_cast<int>(it - Windows1252.begin());
+            return 0x80 + static_cast<int>(it - WINDOWS1252.begin());
         }
     }
     return -1;
@@ -267,7 +267,7 @@ Result DecodeSingleByte(UINT nCodePage, std::string_view source, Output<char16_t
         char16_t c = nByte;
         if (nCodePage == 1252 && nByte < 0xA0)
         {
-            c = Windows1252[nByte - 0x80];
+            c = WINDOWS1252[nByte - 0x80];
         }
         else if (nCodePage == 20127)
         {
@@ -275,7 +275,7 @@ Result DecodeSingleByte(UINT nCodePage, std::string_view source, Output<char16_t
             {
                 return Result::Malformed;
             }
-            c = Replacement;
+            c = REPLACEMENT;
         }
         if (!out.Put(c))
         {
@@ -367,7 +367,7 @@ Result Decode(iconv_t hIconv, std::string_view source, Output<char16_t> & out, b
         {
             return Result::Malformed;
         }
-        if (!out.Put(Replacement))
+        if (!out.Put(REPLACEMENT))
         {
             return Result::Full;
         }
@@ -464,13 +464,13 @@ UINT AnsiFromEnvironment()
     char const * const pszValue = std::getenv("KVX_ANSI_CODE_PAGE");
     if (!pszValue)
     {
-        return AnsiDefault;
+        return ANSI_DEFAULT;
     }
     UINT nCodePage = 0;
     char const * const pEnd = pszValue + std::strlen(pszValue);
     auto const [pStop, error] = std::from_chars(pszValue, pEnd, nCodePage);
     bool const bNumber = error == std::errc() && pStop == pEnd && nCodePage != CP_ACP && nCodePage != CP_THREAD_ACP;
-    return bNumber && IsKnown(nCodePage) ? nCodePage : AnsiDefault;
+    return bNumber && IsKnown(nCodePage) ? nCodePage : ANSI_DEFAULT;
 }
 
 } // namespace

@@ -127,11 +127,11 @@ try
         return FALSE;
     }
     // Long texts go in pieces, so that a hostile length takes no memory.
-    constexpr std::size_t Piece = 16 * 1024;
+    constexpr std::size_t PIECE = 16 * 1024;
     std::u16string_view const text(static_cast<LPCWSTR>(pText), nChars);
     for (std::size_t n = 0; n < text.size();)
     {
-        std::size_t nUnits = std::min(Piece, text.size() - n);
+        std::size_t nUnits = std::min(PIECE, text.size() - n);
         if (n + nUnits < text.size() && IsHighSurrogate(text[n + nUnits - 1]))
         {
             --nUnits;
@@ -167,9 +167,9 @@ BOOL GetConsoleMode(HANDLE hConsole, LPDWORD pdwMode)
         SetLastError(pdwMode ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    constexpr DWORD InputModes = 7;  // processed, line, echo
-    constexpr DWORD OutputModes = 3; // processed, wrap at the line's end
-    *pdwMode = file->CanWrite() && file->GetDescriptor() != STDIN_FILENO ? OutputModes : InputModes;
+    constexpr DWORD INPUT_MODES = 7;  // processed, line, echo
+    constexpr DWORD OUTPUT_MODES = 3; // processed, wrap at the line's end
+    *pdwMode = file->CanWrite() && file->GetDescriptor() != STDIN_FILENO ? OUTPUT_MODES : INPUT_MODES;
     return TRUE;
 }
 

@@ -26,9 +26,9 @@ struct DefaultVariable
     int nFolder;
     std::u16string_view text;
 };
-constexpr int NoFolder = -1;
-constexpr DefaultVariable DefaultVariables[] = {
-    {u"SystemDrive", NoFolder, u"C:"},
+constexpr int NO_FOLDER = -1;
+constexpr DefaultVariable DEFAULT_VARIABLES[] = {
+    {u"SystemDrive", NO_FOLDER, u"C:"},
     {u"SystemRoot", CSIDL_WINDOWS, u""},
     {u"windir", CSIDL_WINDOWS, u""},
     {u"ProgramFiles", CSIDL_PROGRAM_FILES, u""},
@@ -39,7 +39,7 @@ constexpr DefaultVariable DefaultVariables[] = {
     {u"CommonProgramW6432", CSIDL_PROGRAM_FILES_COMMON, u""},
     {u"ProgramData", CSIDL_COMMON_APPDATA, u""},
     {u"ALLUSERSPROFILE", CSIDL_COMMON_APPDATA, u""},
-    {u"PUBLIC", NoFolder, u"C:\\Users\\Public"},
+    {u"PUBLIC", NO_FOLDER, u"C:\\Users\\Public"},
     {u"USERPROFILE", CSIDL_PROFILE, u""},
     {u"APPDATA", CSIDL_APPDATA, u""},
     {u"LOCALAPPDATA", CSIDL_LOCAL_APPDATA, u""},
@@ -90,7 +90,7 @@ std::u16string ToFolderList(std::string_view folders)
 
 std::u16string TempFolder()
 {
-    std::u16string strPath(MaxPathChars, u'\0');
+    std::u16string strPath(MAX_PATH_CHARS, u'\0');
     strPath.resize(GetTempPathW(static_cast<DWORD>(strPath.size()), strPath.data()));
     while (strPath.size() > 3 && strPath.ends_with(u'\\'))
     {
@@ -107,11 +107,11 @@ std::optional<std::u16string> GetVariable(std::u16string_view name)
     {
         return IsSameName(name, u"PATH") ? ToFolderList(pszValue) : FromUtf8(pszValue);
     }
-    for (DefaultVariable const & variable : DefaultVariables)
+    for (DefaultVariable const & variable : DEFAULT_VARIABLES)
     {
         if (IsSameName(name, variable.name))
         {
-            return variable.nFolder == NoFolder ? std::u16string(variable.text) : GetShellFolder(variable.nFolder);
+            return variable.nFolder == NO_FOLDER ? std::u16string(variable.text) : GetShellFolder(variable.nFolder);
         }
     }
     if (IsSameName(name, u"TEMP") || IsSameName(name, u"TMP"))

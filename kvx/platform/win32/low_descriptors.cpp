@@ -16,22 +16,22 @@ namespace kvx::win32
 namespace
 {
 
-constexpr int LastStandard = 2;
+constexpr int LAST_STANDARD = 2;
 
 constinit FutexMutex g_lock;
 constinit int g_nGuards = 0;
-constinit std::array<bool, LastStandard + 1> g_taken{};
+constinit std::array<bool, LAST_STANDARD + 1> g_taken{};
 
 } // namespace
 
 int AboveStandard(int nFd) noexcept
 {
-    if (nFd < 0 || nFd > LastStandard) [[likely]]
+    if (nFd < 0 || nFd > LAST_STANDARD) [[likely]]
     {
         return nFd;
     }
     int const nErrno = errno;
-    int const nMoved = ::fcntl(nFd, F_DUPFD_CLOEXEC, LastStandard + 1);
+    int const nMoved = ::fcntl(nFd, F_DUPFD_CLOEXEC, LAST_STANDARD + 1);
     int const nResult = nMoved < 0 ? errno : nErrno;
     ::close(nFd);
     errno = nResult;
@@ -43,7 +43,7 @@ LowDescriptorGuard::LowDescriptorGuard() noexcept
     UninterruptedScope const scope;
     FutexGuard const guard(g_lock);
     ++g_nGuards;
-    for (int n = 0; n <= LastStandard; ++n)
+    for (int n = 0; n <= LAST_STANDARD; ++n)
     {
         if (::fcntl(n, F_GETFD) >= 0)
         {
@@ -51,7 +51,7 @@ LowDescriptorGuard::LowDescriptorGuard() noexcept
         }
         // The lowest free number, so that it is one of these or there is none left among them.
         int const nFd = ::open("/", O_PATH | O_CLOEXEC);
-        if (nFd > LastStandard)
+        if (nFd > LAST_STANDARD)
         {
             ::close(nFd);
         }
@@ -75,7 +75,7 @@ LowDescriptorGuard::~LowDescriptorGuard()
         return;
     }
     int const nErrno = errno;
-    for (int n = 0; n <= LastStandard; ++n)
+    for (int n = 0; n <= LAST_STANDARD; ++n)
     {
         bool & bTaken = g_taken[static_cast<std::size_t>(n)];
         // The program may have opened its stream meanwhile, in place of ours.

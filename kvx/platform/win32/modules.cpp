@@ -40,21 +40,21 @@ namespace kvx::win32
 /// All tables of the process. Constant-initialised: modules come and go when they like.
 struct ResourceTables
 {
-    static constinit inline ResourceTable * pFirst = nullptr;
-    static constinit inline std::mutex lock{};
+    static constinit inline ResourceTable * sm_pFirst = nullptr;
+    static constinit inline std::mutex sm_lock{};
 
     static void Add(ResourceTable & table)
     {
         UninterruptedScope const scope;
-        std::scoped_lock const guard(lock);
-        table.m_pNext = std::exchange(pFirst, &table);
+        std::scoped_lock const guard(sm_lock);
+        table.m_pNext = std::exchange(sm_pFirst, &table);
     }
 
     static void Remove(ResourceTable & table)
     {
         UninterruptedScope const scope;
-        std::scoped_lock const guard(lock);
-        for (ResourceTable ** pp = &pFirst; *pp; pp = &(*pp)->m_pNext)
+        std::scoped_lock const guard(sm_lock);
+        for (ResourceTable ** pp = &sm_pFirst; *pp; pp = &(*pp)->m_pNext)
         {
             if (*pp == &table)
             {
@@ -170,11 +170,11 @@ std::string GetExecutablePath()
     }
     std::string_view path(szPath, static_cast<std::size_t>(nLength));
     // The kernel's mark on an executable that was replaced while it runs.
-    if (constexpr std::string_view Deleted = " (deleted)"; path.ends_with(Deleted))
+    if (constexpr std::string_view DELETED = " (deleted)"; path.ends_with(DELETED))
     {
         if (std::string const strPath(path); access(strPath.c_str(), F_OK) != 0)
         {
-            path.remove_suffix(Deleted.size());
+            path.remove_suffix(DELETED.size());
         }
     }
     return std::string(path);
@@ -428,8 +428,8 @@ template <class VISIT>
 void ResourceTables::ForEach(HMODULE hModule, VISIT visit)
 {
     UninterruptedScope const scope;
-    std::scoped_lock const guard(lock);
-    for (ResourceTable const * pTable = pFirst; pTable; pTable = pTable->m_pNext)
+    std::scoped_lock const guard(sm_lock);
+    for (ResourceTable const * pTable = sm_pFirst; pTable; pTable = pTable->m_pNext)
     {
         if (ModuleOf(pTable->m_pResources) == hModule)
         {

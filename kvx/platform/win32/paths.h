@@ -23,7 +23,7 @@ namespace kvx::win32
 {
 
 /// What a path may have here, with its zero.
-inline constexpr std::size_t MaxPathChars = 32768;
+inline constexpr std::size_t MAX_PATH_CHARS = 32768;
 
 enum class LastComponent
 {

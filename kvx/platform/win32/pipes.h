@@ -4,7 +4,7 @@
 ///
 /// A named pipe's path is `\\.\pipe\NAME` (or `\\MACHINE\pipe\NAME` with this machine's name), at most 256 characters
 /// in all; case means nothing, and every character is allowed. Behind a name stands a stream socket in the private
-/// folder of kvx/platform/win32/runtime_dir.h: docs/wire-protocol.md tells where. Up to MaxPipeServers processes may
+/// folder of kvx/platform/win32/runtime_dir.h: docs/wire-protocol.md tells where. Up to MAX_PIPE_SERVERS processes may
 /// have instances of one name, and a name that a killed process leaves behind is free.
 ///
 /// ReadFile gives what has come, at least one byte; WriteFile writes all. Closing a handle or DisconnectNamedPipe, from
@@ -31,7 +31,7 @@ inline constexpr DWORD NMPWAIT_USE_DEFAULT_WAIT = 0x00000000;
 /// FILE_FLAG_OVERLAPPED for ConnectNamedPipe not to block. dwPipeMode 0; messages and PIPE_NOWAIT are refused (50).
 /// Instances in one process share the limit that the first one set (1 to 255, 255 being none): 231 beyond it. Sizes,
 /// the default time-out and the security attributes are ignored: only the user has access. INVALID_HANDLE_VALUE with
-/// ERROR_INVALID_NAME (no local pipe's path), ERROR_FILENAME_EXCED_RANGE, ERROR_PIPE_BUSY (also with MaxPipeServers
+/// ERROR_INVALID_NAME (no local pipe's path), ERROR_FILENAME_EXCED_RANGE, ERROR_PIPE_BUSY (also with MAX_PIPE_SERVERS
 /// other processes on the name), ERROR_ACCESS_DENIED (an open mode other than the first one's, or a folder that isn't
 /// private), ERROR_INVALID_PARAMETER or the system's reason.
 KVX_API HANDLE CreateNamedPipeW(LPCWSTR pszName, DWORD dwOpenMode, DWORD dwPipeMode, DWORD nMaxInstances,
@@ -71,7 +71,7 @@ namespace kvx::win32
 {
 
 /// The processes that can have instances of one name at a time.
-inline constexpr int MaxPipeServers = 8;
+inline constexpr int MAX_PIPE_SERVERS = 8;
 
 /// Whether a path is that of a named pipe, on any machine.
 bool IsPipePath(LPCWSTR pszPath) noexcept;

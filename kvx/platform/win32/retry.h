@@ -9,7 +9,7 @@ namespace kvx::win32
 {
 
 /// The kernel moves no more bytes than this in one call.
-inline constexpr std::size_t MaxTransfer = 0x7FFFF000;
+inline constexpr std::size_t MAX_TRANSFER = 0x7FFFF000;
 
 /// Runs a system call until no signal gets in its way.
 template <typename Call>

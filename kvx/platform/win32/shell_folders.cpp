@@ -45,7 +45,7 @@ struct ShellFolder
     std::string_view strUserDir = {};
 };
 
-constexpr ShellFolder ShellFolders[] = {
+constexpr ShellFolder SHELL_FOLDERS[] = {
     {0, Root::User, "Desktop", "XDG_DESKTOP_DIR"},
     {1, Root::Virtual, "internet"},
     {2, Root::Data, "applications"},
@@ -174,14 +174,14 @@ std::optional<std::string> ReadUserDir(std::string_view line, std::string_view n
 /// As the user has set it, the last line counting; else the default.
 std::string UserDir(ShellFolder const & row)
 {
-    constexpr std::size_t LongestFile = 1 << 16;
+    constexpr std::size_t LONGEST_FILE = 1 << 16;
     std::string strFolder = GetHomeFolder().append("/").append(row.path);
     std::string strText;
     {
         LowDescriptorGuard const guard;
         std::ifstream file(XdgFolder("XDG_CONFIG_HOME", ".config") + "/user-dirs.dirs", std::ios::binary);
-        strText.resize(LongestFile);
-        file.read(strText.data(), LongestFile);
+        strText.resize(LONGEST_FILE);
+        file.read(strText.data(), LONGEST_FILE);
         strText.resize(static_cast<std::size_t>(file.gcount()));
     }
     for (std::string_view rest = strText; !rest.empty();)
@@ -255,8 +255,8 @@ std::string HostFolder(ShellFolder const & row)
 
 ShellFolder const * FindRow(int nFolder)
 {
-    auto const it = std::ranges::find(ShellFolders, nFolder, &ShellFolder::nFolder);
-    return it == std::ranges::end(ShellFolders) ? nullptr : it;
+    auto const it = std::ranges::find(SHELL_FOLDERS, nFolder, &ShellFolder::nFolder);
+    return it == std::ranges::end(SHELL_FOLDERS) ? nullptr : it;
 }
 
 UINT GiveFolder(int nFolder, LPWSTR pszBuffer, UINT nChars)
@@ -279,7 +279,7 @@ using namespace kvx::win32;
 
 HRESULT SHGetFolderPathW(HWND, int nFolder, HANDLE, DWORD, LPWSTR pszPath)
 {
-    constexpr auto TooLong = static_cast<HRESULT>(0x80070000u | static_cast<DWORD>(ERROR_FILENAME_EXCED_RANGE));
+    constexpr auto TOO_LONG = static_cast<HRESULT>(0x80070000u | static_cast<DWORD>(ERROR_FILENAME_EXCED_RANGE));
     if (!pszPath)
     {
         return E_INVALIDARG;
@@ -296,7 +296,7 @@ HRESULT SHGetFolderPathW(HWND, int nFolder, HANDLE, DWORD, LPWSTR pszPath)
     }
     if (strPath.size() >= MAX_PATH)
     {
-        return TooLong;
+        return TOO_LONG;
     }
     CopyText(strPath, MAX_PATH, pszPath);
     return S_OK;

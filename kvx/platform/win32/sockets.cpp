@@ -165,7 +165,7 @@ DWORD ErrorOfResolver(int nError)
 class HostAnswer
 {
 public:
-    static constexpr std::size_t MaxAddresses = 64;
+    static constexpr std::size_t MAX_ADDRESSES = 64;
 
     void Begin(char const * pszName)
     {
@@ -175,7 +175,7 @@ public:
 
     void Add(in_addr address)
     {
-        if (m_nAddresses < MaxAddresses)
+        if (m_nAddresses < MAX_ADDRESSES)
         {
             m_addresses[m_nAddresses++] = address;
         }
@@ -194,9 +194,9 @@ public:
 
 private:
     std::string m_strName;
-    std::array<in_addr, MaxAddresses> m_addresses;
+    std::array<in_addr, MAX_ADDRESSES> m_addresses;
     std::size_t m_nAddresses = 0;
-    std::array<char *, MaxAddresses + 1> m_list;
+    std::array<char *, MAX_ADDRESSES + 1> m_list;
     char * m_pNoAlias = nullptr;
     winsock::HostEnt m_entry;
 };
@@ -227,7 +227,7 @@ public:
     /// False with last error for a set too long, or a member that is no socket.
     bool Add(Set set, winsock::FdSet const * pSockets)
     {
-        constexpr short Events[SetCount] = {POLLIN, POLLOUT, POLLPRI};
+        constexpr short EVENTS[SetCount] = {POLLIN, POLLOUT, POLLPRI};
         if (!pSockets)
         {
             return true;
@@ -244,7 +244,7 @@ public:
             {
                 return false;
             }
-            m_polled[m_nCount] = {m_sockets[m_nCount]->Get(), Events[set], 0};
+            m_polled[m_nCount] = {m_sockets[m_nCount]->Get(), EVENTS[set], 0};
             m_sets[m_nCount] = set;
             m_numbers[m_nCount++] = pSockets->fd_array[i];
         }
@@ -268,8 +268,8 @@ public:
 
     bool IsReady(std::size_t n) const
     {
-        constexpr short Ready[SetCount] = {POLLIN | POLLHUP | POLLERR, POLLOUT | POLLERR, POLLPRI};
-        return m_polled[n].revents & Ready[m_sets[n]];
+        constexpr short READY[SetCount] = {POLLIN | POLLHUP | POLLERR, POLLOUT | POLLERR, POLLPRI};
+        return m_polled[n].revents & READY[m_sets[n]];
     }
 
     bool IsAnyReady() const
@@ -322,14 +322,14 @@ public:
     }
 
 private:
-    static constexpr std::size_t Max = SetCount * 64;
+    static constexpr std::size_t MAX = SetCount * 64;
 
     std::size_t m_nCount = 0;
     bool m_bIgnoring = false;
-    std::array<Ref<Socket>, Max> m_sockets;
-    std::array<pollfd, Max> m_polled;
-    std::array<Set, Max> m_sets;
-    std::array<SOCKET, Max> m_numbers;
+    std::array<Ref<Socket>, MAX> m_sockets;
+    std::array<pollfd, MAX> m_polled;
+    std::array<Set, MAX> m_sets;
+    std::array<SOCKET, MAX> m_numbers;
 };
 
 /// Finishes a connect that was begun without blocking. Returns 0 or an errno value; EINTR when the socket was closed.
@@ -588,11 +588,11 @@ int select(int, FdSet * pRead, FdSet * pWrite, FdSet * pExcept, TimeVal const * 
     LONGLONG nLeft = pTimeout ? pTimeout->tv_sec * 1000000000LL + pTimeout->tv_usec * 1000LL : -1;
     Deadline const deadline = nLeft > 0 ? GetMonotonicTime() + nLeft : 0;
     // With sockets left out, their closing is looked for now and then.
-    constexpr LONGLONG Slice = 50000000;
+    constexpr LONGLONG SLICE = 50000000;
     bool bSliced = false;
     for (;;)
     {
-        int const nResult = selection.Poll(bSliced && (nLeft < 0 || nLeft > Slice) ? Slice : nLeft);
+        int const nResult = selection.Poll(bSliced && (nLeft < 0 || nLeft > SLICE) ? SLICE : nLeft);
         if (nResult < 0 && errno != EINTR)
         {
             return Fail(WsaErrorFromErrno(errno));

@@ -15,7 +15,7 @@ struct Range
     std::int32_t nDelta;
 };
 
-constexpr Range Ranges[] = {
+constexpr Range RANGES[] = {
     {0x00B5, 0x00B5, 1, 743},   {0x00E0, 0x00F6, 1, -32},    {0x00F8, 0x00FE, 1, -32},    {0x00FF, 0x00FF, 1, 121},
     {0x0101, 0x012F, 2, -1},    {0x0131, 0x0131, 1, -232},   {0x0133, 0x0137, 2, -1},     {0x013A, 0x0148, 2, -1},
     {0x014B, 0x0177, 2, -1},    {0x017A, 0x017E, 2, -1},     {0x017F, 0x017F, 1, -300},   {0x0180, 0x0180, 1, 195},
@@ -74,8 +74,8 @@ char16_t UpCase(char16_t c) noexcept
     {
         return c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - 0x20) : c;
     }
-    Range const * const pRange = std::ranges::lower_bound(Ranges, c, {}, &Range::nLast);
-    if (pRange == std::end(Ranges) || c < pRange->nFirst || (c - pRange->nFirst) % pRange->nStep != 0)
+    Range const * const pRange = std::ranges::lower_bound(RANGES, c, {}, &Range::nLast);
+    if (pRange == std::end(RANGES) || c < pRange->nFirst || (c - pRange->nFirst) % pRange->nStep != 0)
     {
         return c;
     }

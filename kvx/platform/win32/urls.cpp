@@ -197,7 +197,7 @@ void AppendEscaped(std::u16string & url, View text, View unsafe)
         }
         else if ((c & 0xF800) == 0xD800)
         {
-            c = Replacement;
+            c = REPLACEMENT;
         }
         char bytes[4];
         std::size_t const nBytes = EncodeUtf8Char(c, bytes);

@@ -8,7 +8,7 @@
 namespace kvx::win32
 {
 
-inline constexpr char16_t Replacement = 0xFFFD;
+inline constexpr char16_t REPLACEMENT = 0xFFFD;
 
 constexpr bool IsHighSurrogate(char16_t c)
 {
@@ -121,18 +121,18 @@ constexpr DecodedChar DecodeUtf8Char(std::string_view source, std::size_t n)
     }
     else
     {
-        return {Replacement, 1, false};
+        return {REPLACEMENT, 1, false};
     }
     for (std::size_t i = 1; i <= nMore; ++i)
     {
         if (n + i >= source.size())
         {
-            return {Replacement, i, false};
+            return {REPLACEMENT, i, false};
         }
         unsigned const nByte = static_cast<unsigned char>(source[n + i]);
         if (nByte < nLowest || nByte > nHighest)
         {
-            return {Replacement, i, false};
+            return {REPLACEMENT, i, false};
         }
         nLowest = 0x80;
         nHighest = 0xBF;

@@ -36,12 +36,12 @@ auto Elements(ARRAY const & array)
 /// Counts the living, so that a lost or doubled destructor shows.
 struct Counted
 {
-    static inline int nAlive = 0;
+    static inline int sm_nAlive = 0;
     int nValue;
-    Counted(int value = 0) : nValue(value) { ++nAlive; }
-    Counted(Counted const & other) : nValue(other.nValue) { ++nAlive; }
+    Counted(int value = 0) : nValue(value) { ++sm_nAlive; }
+    Counted(Counted const & other) : nValue(other.nValue) { ++sm_nAlive; }
     Counted & operator=(Counted const &) = default;
-    ~Counted() { --nAlive; }
+    ~Counted() { --sm_nAlive; }
     bool operator==(Counted const &) const = default;
 };
 } // namespace
@@ -126,13 +126,13 @@ TEST(List, QueueUseKeepsEveryElementAndDestroysEachOnce)
                 list.RemoveAt(pos);
                 model.erase(it);
             }
-            ASSERT_EQ(Counted::nAlive, static_cast<int>(model.size()));
+            ASSERT_EQ(Counted::sm_nAlive, static_cast<int>(model.size()));
         }
         list.RemoveAll();
-        EXPECT_EQ(Counted::nAlive, 0);
+        EXPECT_EQ(Counted::sm_nAlive, 0);
         list.AddHead(1);
     }
-    EXPECT_EQ(Counted::nAlive, 0);
+    EXPECT_EQ(Counted::sm_nAlive, 0);
 }
 
 TEST(Array, GrowsInsertsAndRemoves)
@@ -151,11 +151,11 @@ TEST(Array, GrowsInsertsAndRemoves)
     EXPECT_EQ(array.Append(array), 14);
     array.SetSize(15);
     EXPECT_THAT(Elements(array), ElementsAre(9, 1, 2, 3, 4, 0, 9, 1, 2, 3, 4, 0, 8, 8, 9));
-    EXPECT_EQ(Counted::nAlive, 15 + 7);
+    EXPECT_EQ(Counted::sm_nAlive, 15 + 7);
     array.FreeExtra();
     array.RemoveAll();
     other.RemoveAll();
-    EXPECT_EQ(Counted::nAlive, 0);
+    EXPECT_EQ(Counted::sm_nAlive, 0);
 }
 
 TEST(Array, AnElementOfItsOwnMayBeAdded)

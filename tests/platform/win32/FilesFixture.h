@@ -7,15 +7,15 @@
 
 #include <vector>
 
-inline constexpr DWORD ReadWrite = GENERIC_READ | GENERIC_WRITE;
+inline constexpr DWORD READ_WRITE = GENERIC_READ | GENERIC_WRITE;
 inline constexpr DWORD UNTOUCHED = 12345;
-inline constexpr DWORD ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+inline constexpr DWORD SHARE_ALL = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 class Files : public TestFolder
 {
 protected:
     /// Opens an entry; null with m_dwError on failure.
-    Handle Open(CString const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
+    Handle Open(CString const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = SHARE_ALL,
                 DWORD dwFlags = FILE_ATTRIBUTE_NORMAL)
     {
         SetLastError(UNTOUCHED);
@@ -25,7 +25,7 @@ protected:
     }
 
     /// The last error that an opening leaves.
-    DWORD OpenError(CString const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = ShareAll,
+    DWORD OpenError(CString const & strName, DWORD dwAccess, DWORD dwDisposition, DWORD dwShare = SHARE_ALL,
                     DWORD dwFlags = 0)
     {
         bool const bOpen = Open(strName, dwAccess, dwDisposition, dwShare, dwFlags) != nullptr;

@@ -21,12 +21,12 @@ TEST_F(Files, DispositionsGiveTheOriginalsCodes)
         EXPECT_EQ(OpenError(_T("f"), GENERIC_READ, TRUNCATE_EXISTING), ERROR_INVALID_PARAMETER);
     }
 
-    Handle hFile = Open(_T("f"), ReadWrite, OPEN_ALWAYS);
+    Handle hFile = Open(_T("f"), READ_WRITE, OPEN_ALWAYS);
     EXPECT_TRUE(hFile && m_dwError == 0);
     hFile.Close();
     Put("f", "text");
     EXPECT_EQ(OpenError(_T("f"), GENERIC_WRITE, CREATE_NEW), ERROR_FILE_EXISTS);
-    EXPECT_EQ(OpenError(_T("F"), ReadWrite, OPEN_ALWAYS), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(OpenError(_T("F"), READ_WRITE, OPEN_ALWAYS), ERROR_ALREADY_EXISTS);
     EXPECT_EQ(Get("f"), "text");
     EXPECT_EQ(OpenError(_T("f"), GENERIC_READ, CREATE_ALWAYS), ERROR_ALREADY_EXISTS);
     EXPECT_EQ(Get("f"), "");
@@ -37,7 +37,7 @@ TEST_F(Files, DispositionsGiveTheOriginalsCodes)
         EXPECT_EQ(OpenError(_T("d"), GENERIC_READ, dwDisposition), ERROR_ACCESS_DENIED);
     }
     EXPECT_EQ(OpenError(_T("d"), GENERIC_READ, CREATE_NEW), ERROR_FILE_EXISTS);
-    EXPECT_EQ(OpenError(_T("d"), ReadWrite, OPEN_EXISTING, ShareAll, FILE_FLAG_BACKUP_SEMANTICS), 0u);
+    EXPECT_EQ(OpenError(_T("d"), READ_WRITE, OPEN_EXISTING, SHARE_ALL, FILE_FLAG_BACKUP_SEMANTICS), 0u);
 }
 
 TEST_F(Files, ReadOnlyFilesAreProtected)
@@ -53,7 +53,7 @@ TEST_F(Files, ReadOnlyFilesAreProtected)
     EXPECT_EQ(Get("f"), "text");
     ASSERT_TRUE(SetFileAttributesW(Path(_T("f")), FILE_ATTRIBUTE_NORMAL));
     EXPECT_TRUE(DeleteFileW(Path(_T("f"))));
-    Handle hFile = Open(_T("new"), GENERIC_WRITE, CREATE_NEW, ShareAll, FILE_ATTRIBUTE_READONLY);
+    Handle hFile = Open(_T("new"), GENERIC_WRITE, CREATE_NEW, SHARE_ALL, FILE_ATTRIBUTE_READONLY);
     DWORD nWritten = 0;
     EXPECT_TRUE(WriteFile(hFile, "x", 1, &nWritten, nullptr)); // who made it may fill it
     EXPECT_TRUE(GetFileAttributesW(Path(_T("new"))) & FILE_ATTRIBUTE_READONLY);
@@ -69,11 +69,11 @@ TEST_F(Files, ShareModesHoldInTheProcess)
     };
     for (Case const & test :
          {Case{GENERIC_READ, FILE_SHARE_READ, GENERIC_READ, FILE_SHARE_READ, true},
-          Case{GENERIC_READ, 0, GENERIC_READ, ShareAll, false}, Case{GENERIC_READ, ShareAll, GENERIC_READ, 0, false},
-          Case{GENERIC_READ, FILE_SHARE_READ, GENERIC_WRITE, ShareAll, false},
-          Case{GENERIC_WRITE, ShareAll, GENERIC_READ, FILE_SHARE_READ, false},
+          Case{GENERIC_READ, 0, GENERIC_READ, SHARE_ALL, false}, Case{GENERIC_READ, SHARE_ALL, GENERIC_READ, 0, false},
+          Case{GENERIC_READ, FILE_SHARE_READ, GENERIC_WRITE, SHARE_ALL, false},
+          Case{GENERIC_WRITE, SHARE_ALL, GENERIC_READ, FILE_SHARE_READ, false},
           Case{GENERIC_WRITE, FILE_SHARE_READ, GENERIC_READ, FILE_SHARE_WRITE, true},
-          Case{GENERIC_READ, FILE_SHARE_READ, DELETE, ShareAll, false},
+          Case{GENERIC_READ, FILE_SHARE_READ, DELETE, SHARE_ALL, false},
           Case{GENERIC_WRITE, 0, FILE_READ_ATTRIBUTES, 0, true}})
     {
         Handle const hFirst = Open(_T("f"), test.dwAccess, OPEN_EXISTING, test.dwShare);
@@ -102,7 +102,7 @@ TEST_F(Files, ShareModesHoldInTheProcess)
 
 TEST_F(Files, ReadingWritingAndPositions)
 {
-    Handle hFile = Open(_T("f"), ReadWrite, CREATE_NEW);
+    Handle hFile = Open(_T("f"), READ_WRITE, CREATE_NEW);
     DWORD nDone = 0;
     ASSERT_TRUE(WriteFile(hFile, "0123456789", 10, &nDone, nullptr));
     EXPECT_EQ(nDone, 10u);

@@ -22,7 +22,7 @@ namespace
 
 TEST_F(HostFiles, OpenNothingForChildrenAndFollowDanglingLinks)
 {
-    Handle hFile = Open(_T("f"), ReadWrite, OPEN_ALWAYS);
+    Handle hFile = Open(_T("f"), READ_WRITE, OPEN_ALWAYS);
     for (auto const & entry : std::filesystem::directory_iterator("/proc/self/fd"))
     {
         if (std::error_code error; std::filesystem::read_symlink(entry, error) == Host("f"))

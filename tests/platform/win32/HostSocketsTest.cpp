@@ -27,7 +27,7 @@ TEST_F(HostSockets, CloseEndsConnect)
         fillers.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         ::connect(fillers.back(), reinterpret_cast<sockaddr const *>(&to), sizeof to);
     }
-    for (int nRound = 0; nRound < Rounds; ++nRound)
+    for (int nRound = 0; nRound < ROUNDS; ++nRound)
     {
         Socket client;
         CloseUnder(client, nRound, [&](SOCKET hClient) { return winsock::connect(hClient, Generic(to), sizeof to); });

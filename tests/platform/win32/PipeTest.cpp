@@ -15,7 +15,7 @@
 namespace
 {
 
-constexpr int Rounds = 100;
+constexpr int ROUNDS = 100;
 
 Wide PathOf(Wide const & strName)
 {
@@ -283,7 +283,7 @@ TEST_F(Pipe, BreakingAPendingConnectTouchesNothingElse)
 {
     KVX_LINUX_ALONE("the value of a closed handle isn't soon another's", "2026-11-22");
     Churn const churn;
-    for (int nRound = 0; nRound < Rounds; ++nRound)
+    for (int nRound = 0; nRound < ROUNDS; ++nRound)
     {
         HANDLE const hPipe = Serve(_T("broken"), PIPE_ACCESS_DUPLEX | (nRound % 2 ? FILE_FLAG_OVERLAPPED : 0));
         HANDLE const hOther = Serve(_T("broken"), PIPE_ACCESS_DUPLEX);
@@ -310,7 +310,7 @@ TEST_F(Pipe, BreakingATransferTouchesNothingElse)
     KVX_LINUX_ALONE("the value of a closed handle isn't soon another's", "2026-11-22");
     Churn const churn;
     std::string const strLarge(1 << 20, 'x');
-    for (int nRound = 0; nRound < Rounds; ++nRound)
+    for (int nRound = 0; nRound < ROUNDS; ++nRound)
     {
         HANDLE const hServer = Serve(_T("broken"));
         HANDLE const hClient = OpenPipe(_T("broken"));

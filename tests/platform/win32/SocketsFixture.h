@@ -81,7 +81,7 @@ class Sockets : public testing::Test
         WSADATA data;
         return WSAStartup(0x0202, &data);
     }
-    static inline int const sm_nBegun = Begin(); // there is an end to it with the process
+    static inline int const BEGUN = Begin(); // there is an end to it with the process
     NoLeaks m_noLeaks;
 };
 
@@ -99,4 +99,4 @@ inline void CloseUnder(Socket & socket, int nRound, std::function<int(SOCKET)> c
     EXPECT_TRUE(Fails(winsock::closesocket(hSocket), WSAENOTSOCK, SOCKET_ERROR));
 }
 
-inline constexpr int Rounds = 200;
+inline constexpr int ROUNDS = 200;

@@ -8,7 +8,7 @@ TEST_F(Sockets, CloseEndsEveryCall)
     KVX_LINUX_ALONE("the value of a closed handle isn't soon another's", "2026-11-22");
     Churn churn;
     Socket const listener = Listener();
-    for (int nRound = 0; nRound < Rounds; ++nRound)
+    for (int nRound = 0; nRound < ROUNDS; ++nRound)
     {
         Socket const client = ConnectTo(PortOf(listener));
         Socket server = winsock::accept(listener, nullptr, nullptr);

@@ -23,7 +23,7 @@ namespace
 
 using win32::UniqueFd;
 
-constexpr int FolderFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC; // one that can't be listed will do
+constexpr int FOLDER_FLAGS = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC; // one that can't be listed will do
 
 bool FailBy(int nErrno) noexcept
 {
@@ -187,7 +187,7 @@ private:
             {
                 return FailBy(errno);
             }
-            UniqueFd next(::openat(folder->Get(), name.c_str(), FolderFlags));
+            UniqueFd next(::openat(folder->Get(), name.c_str(), FOLDER_FLAGS));
             if (!next)
             {
                 return FailBy(errno);

@@ -25,7 +25,7 @@ namespace
 
 using namespace kvx::win32;
 
-constexpr int FolderFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+constexpr int FOLDER_FLAGS = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 /// A folder whose entries were read, all at once: what becomes of them while they are looked at disturbs nothing.
 class TreeFolder
@@ -99,7 +99,7 @@ public:
     /// By the way up from a folder in it. False if that has been moved elsewhere.
     bool Reopen(int nBelow)
     {
-        UniqueFd opened(openat(nBelow, "..", FolderFlags));
+        UniqueFd opened(openat(nBelow, "..", FOLDER_FLAGS));
         struct stat info;
         if (!opened || fstat(opened.Get(), &info) != 0 || info.st_dev != m_device || info.st_ino != m_inode)
         {
@@ -141,16 +141,16 @@ public:
     /// False with errno.
     bool Enter(UniqueFd opened)
     {
-        constexpr std::size_t MostOpen = 24; // a process may have as few as 256 descriptors
+        constexpr std::size_t MOST_OPEN = 24; // a process may have as few as 256 descriptors
         TreeFolder folder(std::move(opened));
         if (!folder)
         {
             return false;
         }
         int const nError = errno;
-        if (m_folders.size() >= MostOpen)
+        if (m_folders.size() >= MOST_OPEN)
         {
-            m_folders[m_folders.size() - MostOpen].Close();
+            m_folders[m_folders.size() - MOST_OPEN].Close();
         }
         m_folders.push_back(std::move(folder));
         errno = nError;
@@ -197,7 +197,7 @@ UniqueFd OpenTree(std::u16string const & folder, bool bThroughLink)
     {
         strHost.pop_back(); // it would lead through the link
     }
-    int const nFlags = FolderFlags | (bThroughLink ? 0 : O_NOFOLLOW);
+    int const nFlags = FOLDER_FLAGS | (bThroughLink ? 0 : O_NOFOLLOW);
     UniqueFd opened(CallOnPath(strHost, [&](char const * p) { return open(p, nFlags); }));
     if (!opened)
     {
@@ -269,7 +269,7 @@ DWORD VisitFolderTree(std::u16string_view folder, LPCWSTR pattern, bool bRecursi
             continue;
         }
         std::size_t const nDepth = walk.GetDepth();
-        UniqueFd below(openat(walk.Current().GetFd(), entry.pszName, FolderFlags | O_NOFOLLOW));
+        UniqueFd below(openat(walk.Current().GetFd(), entry.pszName, FOLDER_FLAGS | O_NOFOLLOW));
         if ((!below || !walk.Enter(std::move(below))) && !IsGone(errno))
         {
             note();
@@ -317,7 +317,7 @@ void EmptyFolderTree(std::u16string_view folder, bool bThroughLink)
             continue;
         }
         std::size_t const nDepth = walk.GetDepth();
-        if (UniqueFd below(openat(current.GetFd(), entry.pszName, FolderFlags | O_NOFOLLOW)); below)
+        if (UniqueFd below(openat(current.GetFd(), entry.pszName, FOLDER_FLAGS | O_NOFOLLOW)); below)
         {
             walk.Enter(std::move(below));
         }

@@ -41,8 +41,8 @@ DWORD AttributesOf(mode_t nMode)
 
 FILETIME ToFileTime(struct statx_timestamp const & time)
 {
-    constexpr LONGLONG UnixEpoch = 116444736000000000; // in 100 ns since 1601
-    LONGLONG const nTicks = std::max<LONGLONG>(0, UnixEpoch + time.tv_sec * 10000000 + time.tv_nsec / 100);
+    constexpr LONGLONG UNIX_EPOCH = 116444736000000000; // in 100 ns since 1601
+    LONGLONG const nTicks = std::max<LONGLONG>(0, UNIX_EPOCH + time.tv_sec * 10000000 + time.tv_nsec / 100);
     return {static_cast<DWORD>(nTicks), static_cast<DWORD>(nTicks >> 32)};
 }
 

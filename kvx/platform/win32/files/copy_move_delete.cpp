@@ -31,7 +31,7 @@ bool CopyContents(int nFrom, int nTo)
     // Some file systems copy by reference; those that can't, or files without a size, are read and written.
     for (;;)
     {
-        ssize_t const n = Retry([&] { return copy_file_range(nFrom, nullptr, nTo, nullptr, MaxTransfer, 0); });
+        ssize_t const n = Retry([&] { return copy_file_range(nFrom, nullptr, nTo, nullptr, MAX_TRANSFER, 0); });
         if (n <= 0)
         {
             break;

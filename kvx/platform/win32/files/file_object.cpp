@@ -71,7 +71,7 @@ BOOL File::Read(void * pBuffer, DWORD nBytes, DWORD & nRead, OVERLAPPED * pOverl
     char * const pTarget = static_cast<char *>(pBuffer);
     while (nRead < nBytes)
     {
-        std::size_t const nWanted = std::min<std::size_t>(nBytes - nRead, MaxTransfer);
+        std::size_t const nWanted = std::min<std::size_t>(nBytes - nRead, MAX_TRANSFER);
         ssize_t const n = Retry(
             [&]
             {
@@ -136,7 +136,7 @@ BOOL File::Write(void const * pBuffer, DWORD nBytes, DWORD & nWritten, OVERLAPPE
     char const * const pSource = static_cast<char const *>(pBuffer);
     while (nWritten < nBytes)
     {
-        std::size_t const nWanted = std::min<std::size_t>(nBytes - nWritten, MaxTransfer);
+        std::size_t const nWanted = std::min<std::size_t>(nBytes - nWritten, MAX_TRANSFER);
         ssize_t const n = Retry(
             [&]
             {

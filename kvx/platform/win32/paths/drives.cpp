@@ -25,13 +25,13 @@ char16_t DriveOf(std::u16string_view text)
 DWORD GetLogicalDriveStringsW(DWORD nChars, LPWSTR pszBuffer)
 try
 {
-    constexpr std::u16string_view Roots(u"C:\\\0Z:\\\0", 8);
-    if (!pszBuffer || nChars <= Roots.size())
+    constexpr std::u16string_view ROOTS(u"C:\\\0Z:\\\0", 8);
+    if (!pszBuffer || nChars <= ROOTS.size())
     {
-        return static_cast<DWORD>(Roots.size() + 1);
+        return static_cast<DWORD>(ROOTS.size() + 1);
     }
-    *std::ranges::copy(Roots, pszBuffer).out = 0;
-    return static_cast<DWORD>(Roots.size());
+    *std::ranges::copy(ROOTS, pszBuffer).out = 0;
+    return static_cast<DWORD>(ROOTS.size());
 }
 catch (std::bad_alloc const &)
 {
@@ -56,16 +56,16 @@ try
     {
         return Refuse(ERROR_FILE_NOT_FOUND);
     }
-    constexpr std::u16string_view Device = u"\\Device\\Drive";
-    if (!pszBuffer || nChars < Device.size() + 3)
+    constexpr std::u16string_view DEVICE = u"\\Device\\Drive";
+    if (!pszBuffer || nChars < DEVICE.size() + 3)
     {
         return Refuse(ERROR_INSUFFICIENT_BUFFER);
     }
-    LPWSTR pszEnd = std::ranges::copy(Device, pszBuffer).out;
+    LPWSTR pszEnd = std::ranges::copy(DEVICE, pszBuffer).out;
     *pszEnd++ = c;
     *pszEnd++ = 0;
     *pszEnd = 0;
-    return static_cast<DWORD>(Device.size() + 3);
+    return static_cast<DWORD>(DEVICE.size() + 3);
 }
 catch (std::bad_alloc const &)
 {

@@ -95,9 +95,9 @@ void FoldedNames::ForEachWithHash(std::uint32_t nHash, Visit visit) const
         return;
     }
     std::size_t const nMask = m_slots.size() - 1;
-    for (std::size_t n = nHash & nMask; m_slots[n].nOffset != Free; n = (n + 1) & nMask)
+    for (std::size_t n = nHash & nMask; m_slots[n].nOffset != FREE; n = (n + 1) & nMask)
     {
-        if (m_slots[n].nHash == nHash && m_slots[n].nOffset != Removed && !visit(m_slots[n]))
+        if (m_slots[n].nHash == nHash && m_slots[n].nOffset != REMOVED && !visit(m_slots[n]))
         {
             return;
         }
@@ -142,8 +142,8 @@ FoldedNames::Slot * FoldedNames::FindSlot(std::string_view name)
 
 void FoldedNames::Insert(std::string_view name)
 {
-    constexpr std::size_t Longest = 255;
-    if (name.empty() || name.size() > Longest || FindSlot(name))
+    constexpr std::size_t LONGEST = 255;
+    if (name.empty() || name.size() > LONGEST || FindSlot(name))
     {
         return;
     }
@@ -154,7 +154,7 @@ void FoldedNames::Insert(std::string_view name)
     std::uint32_t const nHash = HashOf(name);
     std::size_t const nMask = m_slots.size() - 1;
     std::size_t n = nHash & nMask;
-    while (m_slots[n].nOffset != Free)
+    while (m_slots[n].nOffset != FREE)
     {
         n = (n + 1) & nMask;
     }
@@ -168,7 +168,7 @@ void FoldedNames::Insert(std::string_view name)
 
 void FoldedNames::Remove(Slot & slot)
 {
-    slot.nOffset = Removed;
+    slot.nOffset = REMOVED;
     slot.bMovedOver = 0;
     --m_nNames;
 }
@@ -211,19 +211,19 @@ bool FoldedNames::EraseMoved(std::string_view name)
 /// Makes room for more names, and drops the text of those that are gone.
 void FoldedNames::Rebuild()
 {
-    constexpr std::size_t Smallest = 16;
-    std::vector<Slot> slots(std::bit_ceil(std::max(Smallest, m_nNames * 2 + 2)));
+    constexpr std::size_t SMALLEST = 16;
+    std::vector<Slot> slots(std::bit_ceil(std::max(SMALLEST, m_nNames * 2 + 2)));
     std::string strNames(m_names, 0, 2);
     strNames.reserve(m_names.size());
     std::size_t const nMask = slots.size() - 1;
     for (Slot const & slot : m_slots)
     {
-        if (slot.nOffset == Free || slot.nOffset == Removed)
+        if (slot.nOffset == FREE || slot.nOffset == REMOVED)
         {
             continue;
         }
         std::size_t n = slot.nHash & nMask;
-        while (slots[n].nOffset != Free)
+        while (slots[n].nOffset != FREE)
         {
             n = (n + 1) & nMask;
         }

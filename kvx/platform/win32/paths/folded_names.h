@@ -38,11 +38,11 @@ private:
     struct Slot
     {
         std::uint32_t nHash = 0;
-        std::uint32_t nOffset : 31 = Free;
+        std::uint32_t nOffset : 31 = FREE;
         std::uint32_t bMovedOver : 1 = 0;
     };
-    static constexpr std::uint32_t Free = 0;
-    static constexpr std::uint32_t Removed = 1;
+    static constexpr std::uint32_t FREE = 0;
+    static constexpr std::uint32_t REMOVED = 1;
 
     std::string_view NameOf(Slot const & slot) const;
     Slot * FindSlot(std::string_view name);

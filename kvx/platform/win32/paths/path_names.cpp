@@ -39,7 +39,7 @@ bool IsFile(std::u16string const & strPath)
 
 std::u16string ProgramFolder()
 {
-    std::u16string strPath(MaxPathChars, u'\0');
+    std::u16string strPath(MAX_PATH_CHARS, u'\0');
     strPath.resize(GetModuleFileNameW(nullptr, strPath.data(), static_cast<DWORD>(strPath.size())));
     strPath.resize(strPath.rfind(u'\\') + 1);
     return strPath;

@@ -26,9 +26,9 @@ namespace kvx::win32
 namespace
 {
 
-constexpr std::size_t MaxChars = 32767;
+constexpr std::size_t MAX_CHARS = 32767;
 /// Stands for a backslash inside a file name, which would else be taken for a separator.
-constexpr char16_t NamedBackslash = 0xF05C;
+constexpr char16_t NAMED_BACKSLASH = 0xF05C;
 
 constexpr bool IsSeparator(char16_t c)
 {
@@ -63,7 +63,7 @@ bool AppendName(std::string & strTarget, std::u16string_view name)
         {
             return false;
         }
-        if (c == NamedBackslash)
+        if (c == NAMED_BACKSLASH)
         {
             c = U'\\';
         }
@@ -106,7 +106,7 @@ void AppendHost(std::u16string & strTarget, std::string_view host)
         }
         else if (decoded.nChar == U'\\')
         {
-            strTarget += NamedBackslash;
+            strTarget += NAMED_BACKSLASH;
         }
         else
         {
@@ -235,7 +235,7 @@ std::optional<Start> Analyse(std::u16string_view path)
         Refuse(ERROR_PATH_NOT_FOUND);
         return std::nullopt;
     }
-    if (path.size() > MaxChars)
+    if (path.size() > MAX_CHARS)
     {
         Refuse(ERROR_FILENAME_EXCED_RANGE);
         return std::nullopt;

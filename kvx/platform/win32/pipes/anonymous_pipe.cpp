@@ -87,7 +87,7 @@ private:
     {
         for (;;)
         {
-            ssize_t const nGot = ::read(m_fifo.Get(), pBuffer, std::min<std::size_t>(nBytes, MaxTransfer));
+            ssize_t const nGot = ::read(m_fifo.Get(), pBuffer, std::min<std::size_t>(nBytes, MAX_TRANSFER));
             if (m_bClosed.load(std::memory_order_seq_cst))
             {
                 return Refuse(ERROR_OPERATION_ABORTED);
@@ -114,7 +114,7 @@ private:
                 return Refuse(ERROR_OPERATION_ABORTED);
             }
             ssize_t const nSent = ::write(m_fifo.Get(), static_cast<char const *>(pBuffer) + nWritten,
-                                          std::min<std::size_t>(nBytes - nWritten, MaxTransfer));
+                                          std::min<std::size_t>(nBytes - nWritten, MAX_TRANSFER));
             if (nSent > 0)
             {
                 nWritten += static_cast<DWORD>(nSent);

@@ -38,7 +38,7 @@ UniqueFd ConnectToServer(UniqueFd const & folder, std::string const & strFile)
         SetLastErrorFromErrno();
         return {};
     }
-    for (int nSlot = 0; nSlot < MaxPipeServers; ++nSlot)
+    for (int nSlot = 0; nSlot < MAX_PIPE_SERVERS; ++nSlot)
     {
         SlotFiles const files(strFile, nSlot);
         sockaddr_un const address = AddressOf(folder, files.strSocket);

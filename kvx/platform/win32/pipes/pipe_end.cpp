@@ -111,7 +111,7 @@ BOOL GetOverlappedResult(HANDLE hFile, LPOVERLAPPED pOverlapped, LPDWORD pnTrans
     {
         return Refuse(ERROR_INVALID_PARAMETER);
     }
-    if (pOverlapped->Internal == Pending)
+    if (pOverlapped->Internal == PENDING)
     {
         Ref<PipeEnd> const pipe = FindPipe(hFile);
         if (!pipe || !pipe->FinishConnect(*pOverlapped, bWait != FALSE))

@@ -10,7 +10,7 @@ namespace kvx::win32
 {
 
 /// What OVERLAPPED::Internal holds while a call is pending; else it holds the call's error code.
-inline constexpr ULONG_PTR Pending = 0x103;
+inline constexpr ULONG_PTR PENDING = 0x103;
 
 /// An end of a pipe of either kind.
 class PipeEnd : public IoObject

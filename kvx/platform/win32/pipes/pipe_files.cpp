@@ -45,7 +45,7 @@ bool IsThere(UniqueFd const & folder, std::string const & strFile)
 NameState LookForPipe(UniqueFd const & folder, std::string const & strFile)
 {
     NameState state = NameState::Missing;
-    for (int nSlot = 0; nSlot < MaxPipeServers; ++nSlot)
+    for (int nSlot = 0; nSlot < MAX_PIPE_SERVERS; ++nSlot)
     {
         SlotFiles const files(strFile, nSlot);
         if (!IsServed(folder, files))

@@ -111,7 +111,7 @@ public:
         {
             return AcceptClient(true);
         }
-        pOverlapped->Internal = Pending;
+        pOverlapped->Internal = PENDING;
         pOverlapped->InternalHigh = 0;
         if (pOverlapped->hEvent)
         {
@@ -156,7 +156,7 @@ private:
     /// ERROR_OPERATION_ABORTED when the instance was disconnected or closed.
     BOOL AcceptClient(bool bWait)
     {
-        constexpr int ShortOfDescriptors = 20; // milliseconds until the next try: that want passes
+        constexpr int SHORT_OF_DESCRIPTORS = 20; // milliseconds until the next try: that want passes
         std::shared_ptr<UniqueFd> wake;
         {
             UninterruptedScope const scope;
@@ -185,7 +185,7 @@ private:
                 return Refuse(ERROR_IO_INCOMPLETE);
             }
             pollfd polled[] = {{wake->Get(), POLLIN, 0}, {m_server->GetListener(), POLLIN, 0}};
-            ::poll(polled, bShort ? 1 : 2, bShort ? ShortOfDescriptors : -1);
+            ::poll(polled, bShort ? 1 : 2, bShort ? SHORT_OF_DESCRIPTORS : -1);
         }
         return Refuse(ERROR_OPERATION_ABORTED);
     }

@@ -44,14 +44,14 @@ std::optional<PipePath> SplitPipePath(std::u16string_view path) noexcept
     {
         return std::nullopt;
     }
-    constexpr std::u16string_view Folder = u"pipe";
+    constexpr std::u16string_view FOLDER = u"pipe";
     std::u16string_view const rest = path.substr(nMachine + 1);
-    if (!IsSameName(rest.substr(0, Folder.size()), Folder) || rest.size() <= Folder.size() ||
-        !IsSeparator(rest[Folder.size()]))
+    if (!IsSameName(rest.substr(0, FOLDER.size()), FOLDER) || rest.size() <= FOLDER.size() ||
+        !IsSeparator(rest[FOLDER.size()]))
     {
         return std::nullopt;
     }
-    return PipePath{path.substr(0, nMachine), rest.substr(Folder.size() + 1)};
+    return PipePath{path.substr(0, nMachine), rest.substr(FOLDER.size() + 1)};
 }
 
 bool IsThisMachine(std::u16string_view name)
@@ -70,9 +70,9 @@ bool IsThisMachine(std::u16string_view name)
 /// as they are, and the UTF-8 bytes of all else, upper case, as %XX. A long one is cut and gets a hash of the whole.
 std::string MakeFileName(std::u16string_view name)
 {
-    constexpr std::size_t Longest = 64;
-    constexpr std::size_t Readable = 47;
-    constexpr char Digits[] = "0123456789ABCDEF";
+    constexpr std::size_t LONGEST = 64;
+    constexpr std::size_t READABLE = 47;
+    constexpr char DIGITS[] = "0123456789ABCDEF";
     std::string strFile;
     for (std::size_t n = 0; n < name.size(); ++n)
     {
@@ -95,22 +95,22 @@ std::string MakeFileName(std::u16string_view name)
             for (char const cByte : std::string_view(bytes, EncodeUtf8Char(c, bytes)))
             {
                 auto const nByte = static_cast<unsigned char>(cByte);
-                strFile += {'%', Digits[nByte >> 4], Digits[nByte & 0xF]};
+                strFile += {'%', DIGITS[nByte >> 4], DIGITS[nByte & 0xF]};
             }
         }
     }
-    if (strFile.size() > Longest)
+    if (strFile.size() > LONGEST)
     {
         Fnv hash;
         for (char const c : strFile)
         {
             hash.Add(static_cast<unsigned char>(c));
         }
-        strFile.resize(Readable);
+        strFile.resize(READABLE);
         strFile += '~';
         for (int nShift = 60; nShift >= 0; nShift -= 4)
         {
-            strFile += Digits[hash.Get() >> nShift & 0xF];
+            strFile += DIGITS[hash.Get() >> nShift & 0xF];
         }
     }
     return "pipe." + strFile;
@@ -120,14 +120,14 @@ std::string MakeFileName(std::u16string_view name)
 
 std::string FileOfPipe(LPCWSTR pszPath)
 {
-    constexpr std::size_t LongestPath = 256;
+    constexpr std::size_t LONGEST_PATH = 256;
     std::u16string_view const path(pszPath ? pszPath : u"");
     std::optional<PipePath> const parts = SplitPipePath(path);
     if (!parts || parts->name.empty())
     {
         SetLastError(ERROR_INVALID_NAME);
     }
-    else if (path.size() > LongestPath)
+    else if (path.size() > LONGEST_PATH)
     {
         SetLastError(ERROR_FILENAME_EXCED_RANGE);
     }

@@ -98,7 +98,7 @@ std::map<PipeServer::Key, std::shared_ptr<PipeServer>> & PipeServer::GetAll()
 
 bool PipeServer::Open()
 {
-    for (int nSlot = 0; nSlot < MaxPipeServers; ++nSlot)
+    for (int nSlot = 0; nSlot < MAX_PIPE_SERVERS; ++nSlot)
     {
         m_files = SlotFiles(std::get<2>(m_key), nSlot);
         switch (TakeSlot())

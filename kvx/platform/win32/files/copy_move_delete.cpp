@@ -61,8 +61,8 @@ bool CopyContents(int nFrom, int nTo)
 /// Both paths are looked up in any case.
 bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
 {
-    constexpr int Flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-    UniqueFd const fromFile(CallOnPath(strFrom, [&](char const * p) { return open(p, O_RDONLY | Flags); }));
+    constexpr int FLAGS = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    UniqueFd const fromFile(CallOnPath(strFrom, [&](char const * p) { return open(p, O_RDONLY | FLAGS); }));
     int const from = fromFile.Get();
     struct stat source;
     if (from < 0 || fstat(from, &source) != 0)
@@ -76,7 +76,7 @@ bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
     }
     FindInAnyCase(strTo);
     // Until it is whole the copy must be writable, and no one else's.
-    UniqueFd toFile(open(strTo.c_str(), O_WRONLY | O_CREAT | O_EXCL | Flags, 0600));
+    UniqueFd toFile(open(strTo.c_str(), O_WRONLY | O_CREAT | O_EXCL | FLAGS, 0600));
     bool const bCreated = static_cast<bool>(toFile);
     if (!bCreated && errno == EEXIST)
     {
@@ -84,7 +84,7 @@ bool CopyHost(std::string strFrom, std::string strTo, bool bFailIfExists)
         {
             return Refuse(ERROR_FILE_EXISTS);
         }
-        toFile = UniqueFd(open(strTo.c_str(), O_WRONLY | Flags));
+        toFile = UniqueFd(open(strTo.c_str(), O_WRONLY | FLAGS));
     }
     else if (!bCreated && errno == ENOENT)
     {

@@ -203,8 +203,8 @@ BOOL SetFilePointerEx(HANDLE hFile, LARGE_INTEGER nDistance, LARGE_INTEGER * pnN
     {
         return Refuse(ERROR_INVALID_PARAMETER);
     }
-    constexpr std::array Methods = {SEEK_SET, SEEK_CUR, SEEK_END};
-    off_t const nPosition = lseek(file->GetDescriptor(), nDistance.QuadPart, Methods[dwMethod]);
+    constexpr std::array METHODS = {SEEK_SET, SEEK_CUR, SEEK_END};
+    off_t const nPosition = lseek(file->GetDescriptor(), nDistance.QuadPart, METHODS[dwMethod]);
     if (nPosition < 0)
     {
         return errno == EINVAL ? Refuse(ERROR_NEGATIVE_SEEK) : RefuseByErrno();

@@ -86,20 +86,20 @@ std::optional<Moment> TakeMoment(GetStatus getStatus)
 bool IsLocal(int nDescriptor)
 {
     // Folders may be without regard to case by themselves, by rules of their own.
-    constexpr int AnyCase = 0x40000000;
+    constexpr int ANY_CASE = 0x40000000;
     int nAttributes = 0;
-    if (::ioctl(nDescriptor, FS_IOC_GETFLAGS, &nAttributes) == 0 && (nAttributes & AnyCase) != 0)
+    if (::ioctl(nDescriptor, FS_IOC_GETFLAGS, &nAttributes) == 0 && (nAttributes & ANY_CASE) != 0)
     {
         return false;
     }
-    constexpr std::array<unsigned long, 12> Local{
+    constexpr std::array<unsigned long, 12> LOCAL{
         0xEF53,     0x58465342, 0x9123683E, 0x01021994, // ext, XFS, Btrfs, tmpfs
         0x858458F6, 0x794C7630, 0xF2F52010, 0x2FC12FC1, // ramfs, overlays, F2FS, ZFS
         0xCA451A4E, 0x52654973, 0x3153464A, 0xE0F5E1E2, // bcachefs, ReiserFS, JFS, EROFS
     };
     struct statfs info;
     return ::fstatfs(nDescriptor, &info) == 0 &&
-           std::ranges::find(Local, static_cast<unsigned long>(info.f_type) & 0xFFFFFFFF) != Local.end();
+           std::ranges::find(LOCAL, static_cast<unsigned long>(info.f_type) & 0xFFFFFFFF) != LOCAL.end();
 }
 
 struct Change
@@ -155,14 +155,14 @@ public:
     /// Takes over what the caller has read, and brings it up to date; without names, only forgets the folder.
     void EndScan(std::uint64_t nScan, Moment const & moment, std::optional<FoldedNames> names);
 
-    static constexpr std::size_t MaxNames = 1'000'000;
+    static constexpr std::size_t MAX_NAMES = 1'000'000;
 
 private:
     using Folders = std::map<FolderId, Folder>;
 
-    static constexpr std::size_t MaxFolders = 128;
-    static constexpr std::size_t MaxPutBy = 65'536;
-    static constexpr std::size_t TrimAfter = 10'000;
+    static constexpr std::size_t MAX_FOLDERS = 128;
+    static constexpr std::size_t MAX_PUT_BY = 65'536;
+    static constexpr std::size_t TRIM_AFTER = 10'000;
 
     static void OnForked() noexcept;
 
@@ -260,7 +260,7 @@ std::uint64_t FolderIndex::BeginScan(Moment const & moment, int nDescriptor)
     {
         return 0;
     }
-    if (m_folders.size() >= MaxFolders)
+    if (m_folders.size() >= MAX_FOLDERS)
     {
         DropOldest();
     }
@@ -321,7 +321,7 @@ void FolderIndex::EndScan(std::uint64_t nScan, Moment const & moment, std::optio
     m_nAdded += names->GetCount();
     folder.names = std::move(*names);
     folder.nScan = 0;
-    if (m_nAdded > TrimAfter)
+    if (m_nAdded > TRIM_AFTER)
     {
         Trim();
     }
@@ -330,7 +330,7 @@ void FolderIndex::EndScan(std::uint64_t nScan, Moment const & moment, std::optio
 /// Reads what the kernel has to tell. It tells of a change before the call that makes it returns.
 void FolderIndex::Drain()
 {
-    constexpr std::size_t Longest = sizeof(inotify_event) + NAME_MAX + 1;
+    constexpr std::size_t LONGEST = sizeof(inotify_event) + NAME_MAX + 1;
     ssize_t nRead = 0;
     do
     {
@@ -341,8 +341,8 @@ void FolderIndex::Drain()
             OnEvent(event);
             n += static_cast<ssize_t>(sizeof(inotify_event) + event.len);
         }
-    } while (nRead > static_cast<ssize_t>(m_buffer.size() - Longest));
-    if (m_nAdded > TrimAfter)
+    } while (nRead > static_cast<ssize_t>(m_buffer.size() - LONGEST));
+    if (m_nAdded > TRIM_AFTER)
     {
         Trim();
     }
@@ -374,7 +374,7 @@ void FolderIndex::OnEvent(inotify_event const & event)
     if (folder.nScan != 0)
     {
         folder.changes.push_back({event.mask, std::string(name)});
-        if (folder.changes.size() > MaxPutBy)
+        if (folder.changes.size() > MAX_PUT_BY)
         {
             Drop(it);
         }
@@ -413,7 +413,7 @@ void FolderIndex::Trim()
         {
             nNames += folder.names.GetCount();
         }
-        if (nNames <= MaxNames)
+        if (nNames <= MAX_NAMES)
         {
             return;
         }
@@ -493,7 +493,7 @@ NameLookup FindName(char const * pszFolder, std::string_view name, std::string &
         {
             continue;
         }
-        if (names && names->GetCount() < FolderIndex::MaxNames)
+        if (names && names->GetCount() < FolderIndex::MAX_NAMES)
         {
             names->Insert(entry);
         }

@@ -92,7 +92,7 @@ bool IsPlaced(View name)
 /// At most `nRoom` characters.
 std::u16string Compact(View path, std::size_t nRoom)
 {
-    constexpr View Dots = u"...";
+    constexpr View DOTS = u"...";
     if (path.size() <= nRoom)
     {
         return std::u16string(path);
@@ -100,17 +100,17 @@ std::u16string Compact(View path, std::size_t nRoom)
     std::size_t const nName = path.find_last_of(u"\\/", path.size() - 2);
     View const name = nName == path.npos ? View() : path.substr(nName);
     std::u16string strResult;
-    if (!name.empty() && name.size() + Dots.size() <= nRoom)
+    if (!name.empty() && name.size() + DOTS.size() <= nRoom)
     {
-        return strResult.append(path.substr(0, nRoom - Dots.size() - name.size())).append(Dots).append(name);
+        return strResult.append(path.substr(0, nRoom - DOTS.size() - name.size())).append(DOTS).append(name);
     }
     if (!name.empty())
     {
-        strResult.append(Dots).append(name.substr(0, 1));
+        strResult.append(DOTS).append(name.substr(0, 1));
     }
     View const title = name.empty() ? path : name.substr(1);
-    std::size_t const nTaken = strResult.size() + Dots.size();
-    strResult.append(title.substr(0, nRoom > nTaken ? nRoom - nTaken : 0)).append(Dots);
+    std::size_t const nTaken = strResult.size() + DOTS.size();
+    strResult.append(title.substr(0, nRoom > nTaken ? nRoom - nTaken : 0)).append(DOTS);
     strResult.resize(std::min(strResult.size(), nRoom));
     return strResult;
 }
@@ -232,13 +232,13 @@ catch (std::bad_alloc const &)
 BOOL PathCompactPathW(HDC, LPWSTR pszPath, UINT nPixels)
 try
 {
-    constexpr UINT PixelsOfCharacter = 7;
+    constexpr UINT PIXELS_OF_CHARACTER = 7;
     if (!pszPath)
     {
         return FALSE;
     }
     return PutCompact(pszPath, std::u16string(pszPath),
-                      std::min<std::size_t>(nPixels / PixelsOfCharacter, MAX_PATH - 1));
+                      std::min<std::size_t>(nPixels / PIXELS_OF_CHARACTER, MAX_PATH - 1));
 }
 catch (std::bad_alloc const &)
 {

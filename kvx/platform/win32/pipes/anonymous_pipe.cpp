@@ -214,11 +214,11 @@ bool HasAccess(int nInfoFolder, char const * pszDescriptor, int nAccess)
     char text[256];
     ssize_t const nGot = file ? ::read(file.Get(), text, sizeof text) : -1;
     std::string_view const info(text, nGot > 0 ? static_cast<std::size_t>(nGot) : 0);
-    constexpr std::string_view Label = "flags:\t";
-    std::size_t const nLabel = info.find(Label);
+    constexpr std::string_view LABEL = "flags:\t";
+    std::size_t const nLabel = info.find(LABEL);
     unsigned nFlags = 0;
     return nLabel != info.npos &&
-           std::from_chars(info.data() + nLabel + Label.size(), info.data() + info.size(), nFlags, 8).ec ==
+           std::from_chars(info.data() + nLabel + LABEL.size(), info.data() + info.size(), nFlags, 8).ec ==
                std::errc() &&
            static_cast<int>(nFlags & O_ACCMODE) == nAccess;
 }
@@ -300,9 +300,9 @@ try
         SetLastErrorFromErrno();
         return FALSE;
     }
-    constexpr int Flags = O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW;
-    UniqueFd read(::openat(folder.Get(), strName.c_str(), O_RDONLY | Flags));
-    UniqueFd write(read ? ::openat(folder.Get(), strName.c_str(), O_WRONLY | Flags) : -1);
+    constexpr int FLAGS = O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW;
+    UniqueFd read(::openat(folder.Get(), strName.c_str(), O_RDONLY | FLAGS));
+    UniqueFd write(read ? ::openat(folder.Get(), strName.c_str(), O_WRONLY | FLAGS) : -1);
     HANDLE hRead = nullptr;
     HANDLE hWrite = nullptr;
     if (!write)

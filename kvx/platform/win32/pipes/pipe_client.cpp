@@ -26,12 +26,12 @@ namespace kvx::win32
 namespace
 {
 
-constexpr DWORD DefaultWait = 50; // milliseconds
+constexpr DWORD DEFAULT_WAIT = 50; // milliseconds
 
 /// Connects to a process that serves the name. Null with last error.
 UniqueFd ConnectToServer(UniqueFd const & folder, std::string const & strFile)
 {
-    constexpr timeval Patience = {0, 200000};
+    constexpr timeval PATIENCE = {0, 200000};
     UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket)
     {
@@ -51,11 +51,11 @@ UniqueFd ConnectToServer(UniqueFd const & folder, std::string const & strFile)
         if (bQueueFull)
         {
             // Thousands wait already: a place may come free.
-            constexpr timeval None{};
-            ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &Patience, sizeof Patience);
+            constexpr timeval NONE{};
+            ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &PATIENCE, sizeof PATIENCE);
             nResult = Retry([&] { return ::connect(socket.Get(), Generic(address), sizeof address); });
             int const nError = errno;
-            ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &None, sizeof None);
+            ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &NONE, sizeof NONE);
             errno = nError;
         }
         if (nResult == 0)
@@ -106,7 +106,7 @@ using namespace kvx::win32;
 BOOL WaitNamedPipeW(LPCWSTR pszName, DWORD nTimeOut)
 try
 {
-    constexpr DWORD LookAgain = 5; // milliseconds
+    constexpr DWORD LOOK_AGAIN = 5; // milliseconds
     std::string const strFile = FileOfPipe(pszName);
     if (strFile.empty())
     {
@@ -117,7 +117,7 @@ try
     {
         return FALSE;
     }
-    Deadline const deadline = MakeDeadline(nTimeOut == NMPWAIT_USE_DEFAULT_WAIT ? DefaultWait : nTimeOut);
+    Deadline const deadline = MakeDeadline(nTimeOut == NMPWAIT_USE_DEFAULT_WAIT ? DEFAULT_WAIT : nTimeOut);
     for (;;)
     {
         switch (LookForPipe(folder, strFile))
@@ -133,7 +133,7 @@ try
         {
             return Refuse(ERROR_SEM_TIMEOUT);
         }
-        ::poll(nullptr, 0, LookAgain);
+        ::poll(nullptr, 0, LOOK_AGAIN);
     }
 }
 catch (std::bad_alloc const &)

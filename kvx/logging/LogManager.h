@@ -32,7 +32,8 @@ public:
     /// source object its address stands in front of the text.
     void LogEvent(CObject const * source, DWORD type, LPCTSTR format, FormatArgs const & args);
     void LogEvent(DWORD type, LPCTSTR format, FormatArgs const & args) { LogEvent(nullptr, type, format, args); }
-    /// Command and parameters, at the type of information.
+    /// Command and parameters, at the type of information. By contract their text is a format: a per-cent sign in a
+    /// value is taken for a directive, and values stand there as they are, line ends and secrets included.
     void LogRequestParams(CMsgRequest & request);
 
     /// The manager owns the sink from now on. Immediate sinks see every event, whatever their mask, before its built

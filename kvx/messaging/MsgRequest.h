@@ -15,8 +15,9 @@ class CMsgConnection;
 /// As a CValueAccessor a request is the set of its parameters; names are case-sensitive.
 ///
 /// Execute runs the request on the calling thread and waits for the response. Send does the same with
-/// DiscardResults set: a connection writes the request and reads nothing. Notify queues a copy and returns at once.
-/// None of them throws: a failure is a code and a text in the response.
+/// DiscardResults set: a connection writes the request and reads nothing. The other end serves one-way requests in
+/// order, on a thread of their own; a two-way request doesn't wait for those that were sent before it. Notify queues a
+/// copy and returns at once. None of them throws: a failure is a code and a text in the response.
 ///
 /// May live on the stack. Threads: one at a time; Notify hands a copy to another.
 class KVX_API CMsgRequest : public CRefObject, public CValueAccessor

@@ -1,7 +1,7 @@
 #pragma once
 
 /// A named table of text cells: what requests and responses carry. Column by column in memory, sparse, so that a row is
-/// only a number.
+/// only a number. On the wire every cell of every column is a text: one in row 2,000,000 of 3,000 columns makes 24 GB.
 
 #include "kvx/foundation/AutoDelete.h"
 #include "kvx/foundation/RefCounter.h"
@@ -41,7 +41,8 @@ public:
     /// The column count, not the ordinal; an existing column stays as it is.
     int AddColumn(LPCTSTR name);
     int RemoveColumn(LPCTSTR name);
-    /// Over a column that has the new name: that one can then be reached by its ordinal alone.
+    /// Over a column that has the new name: that one can then be reached by its ordinal alone, and neither counts nor
+    /// travels.
     int RenameColumn(LPCTSTR oldName, LPCTSTR newName);
     /// No rows, no columns.
     void RemoveAll();

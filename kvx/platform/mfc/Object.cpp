@@ -21,6 +21,15 @@ constexpr WORD CLASS_NAME_SIZE = 64;
 constinit CRuntimeClass CObject::classCObject = {"CObject", static_cast<int>(sizeof(CObject)), 0xFFFF, nullptr, nullptr,
                                                  nullptr};
 
+void * CObject::operator new(std::size_t nBytes, std::align_val_t nAlignment)
+{
+    if (void * p = ::operator new(nBytes, nAlignment, std::nothrow))
+    {
+        return p;
+    }
+    AfxThrowMemoryException();
+}
+
 CObject * CRuntimeClass::CreateObject() const
 {
     return m_pfnCreateObject ? m_pfnCreateObject() : nullptr;

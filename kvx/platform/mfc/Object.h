@@ -116,9 +116,11 @@ public:
     {
         return ::operator new(nBytes, noThrow);
     }
+    static void * operator new(std::size_t nBytes, std::align_val_t nAlignment);
     static void * operator new(std::size_t, void * pPlace) noexcept { return pPlace; }
     static void operator delete(void * p) noexcept { AfxFree(p); }
     static void operator delete(void * p, std::nothrow_t const &) noexcept { AfxFree(p); }
+    static void operator delete(void * p, std::align_val_t nAlignment) noexcept { ::operator delete(p, nAlignment); }
     static void operator delete(void *, void *) noexcept {}
 
 protected:

@@ -140,6 +140,11 @@ DWORD WINAPI CLogManager::EventQueueProc(void * manager)
 {
     auto & self = *static_cast<CLogManager *>(manager);
     self.RunEventQueue();
+    {
+        // Nobody writes any more: whoever waits for that is told.
+        CSingleLock guard(&self.m_queueLock, TRUE);
+        self.m_flushedEvent.SetEvent();
+    }
     self.m_nThreadId = 0;
     if (self.m_bEndsItself)
     {
@@ -165,6 +170,10 @@ void CLogManager::RunEventQueue()
         }
         m_inHand.Clear();
         CSingleLock guard(&m_queueLock, TRUE);
+        if (m_state == State::Ended)
+        {
+            return; // some of what was in hand may have been dropped
+        }
         bool const bWaitedFor = m_nWritten < m_nFlushed;
         m_nWritten = m_nTaken;
         if (bWaitedFor && m_nWritten >= m_nFlushed)
@@ -193,18 +202,23 @@ void CLogManager::RunEventQueue()
 int CLogManager::Flush(DWORD timeout)
 {
     CSingleLock guard(&m_queueLock, TRUE);
-    if (m_nWritten == m_nLogged)
-    {
-        return 1;
-    }
     if (m_state != State::Runs || IsLogThread())
     {
         return 0;
     }
-    m_nFlushed = m_nLogged;
-    m_flushedEvent.ResetEvent();
-    guard.Unlock();
-    return m_flushedEvent.Lock(timeout);
+    std::uint64_t const logged = m_nLogged;
+    if (m_nWritten < logged)
+    {
+        m_nFlushed = logged;
+        m_flushedEvent.ResetEvent();
+        guard.Unlock();
+        if (!m_flushedEvent.Lock(timeout))
+        {
+            return 0;
+        }
+        guard.Lock();
+    }
+    return m_nWritten >= logged;
 }
 
 void CLogManager::WriteEvent(CLogEvent & event)

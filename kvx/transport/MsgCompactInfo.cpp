@@ -157,14 +157,14 @@ void CMsgStream::CCompactInfo::Reset()
         m_texts = {};
         m_held = {};
     }
-    if (m_index.slots.size() > KEPT_SLOTS)
-    {
-        GetSpareIndices().Return(std::exchange(m_index, Index()));
-        m_recent = {};
-    }
-    else if (m_index.nBase > LAST_BASE)
+    if (m_index.nBase > LAST_BASE)
     {
         m_index = {};
+        m_recent = {};
+    }
+    else if (m_index.slots.size() > KEPT_SLOTS)
+    {
+        GetSpareIndices().Return(std::exchange(m_index, Index()));
         m_recent = {};
     }
 }

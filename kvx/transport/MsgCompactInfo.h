@@ -12,7 +12,7 @@
 /// finds numbers by text, the reader's side texts by number; a stream uses one of them at a time.
 ///
 /// A text that `bStays` is known by its address until Reset, and nothing more; of any other the table holds a
-/// reference.
+/// reference. Where a message breaks off, such texts may go before the table does; nobody asks for them any more.
 class KVX_API CMsgStream::CCompactInfo : public CObject
 {
 public:

@@ -194,9 +194,13 @@ int CMsgStream::ReadText(CString & text, kvx::TextPool * pool)
 
 int CMsgStream::ReadTexts(std::span<CStringValue> texts, kvx::MessageTexts * memory)
 {
-    return std::ranges::all_of(
-        texts, [this, memory](CStringValue & text)
-        { return ReadInPlace(text, memory, m_bTextsStay) || ReadInParts(text, m_bTextsStay) != 0; });
+    return std::ranges::all_of(texts,
+                               [this, memory](CStringValue & text)
+                               {
+                                   text.Empty(); // an empty one may have memory
+                                   return ReadInPlace(text, memory, m_bTextsStay) ||
+                                          ReadInParts(text, m_bTextsStay) != 0;
+                               });
 }
 
 int CMsgStream::ReadWideText(CString & text, DWORD length)

@@ -61,8 +61,8 @@ public:
     int Write(DWORD word);
     int Write(CString const & text);
     int Write(void const * buffer, DWORD count) { return count == 0 ? 1 : WriteBytes(buffer, count); }
-    /// A run of texts, each as above, in one go. Those that are read into must be empty; short ones take their memory
-    /// from there, if it is given. A CMsgStreamCompactor may have said that all of them stay where they are.
+    /// A run of texts, each as above, in one go. Short ones that are read take their memory from there, if it is given.
+    /// A CMsgStreamCompactor may have said that all of them stay where they are.
     int ReadTexts(std::span<CStringValue> texts, kvx::MessageTexts * memory = nullptr);
     int WriteTexts(std::span<CStringValue const> texts);
 

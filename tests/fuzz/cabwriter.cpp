@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
     host.nextMax = kind & 8 ? from.Get(2) : 0;
     ccab.fFailOnIncompressible = kind & 32;
     host.failing = kind & 16 ? static_cast<int>(from.Get(1)) + 1 : 0;
-    MemoryHost::current = &host;
+    MemoryHost::sm_pCurrent = &host;
     std::map<std::string, std::string> sources;
     bool bGood = true;
     {
@@ -82,9 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t siz
         bGood = writer && MemoryHost::Flush(*writer) && bGood;
         host.failing = 0;
     }
-    MemoryHost::current = nullptr;
+    MemoryHost::sm_pCurrent = nullptr;
     Require(bGood == (erf.fError == 0) && (host.failed.empty() || !bGood));
-    Require(host.handles.empty() && MemoryHost::blocks == 0);
+    Require(host.handles.empty() && MemoryHost::sm_nBlocks == 0);
     Require(host.files.lower_bound("temporary") == host.files.lower_bound("temporaryz"));
     if (bGood && !sources.empty() && host.files.contains("1.cab"))
     {

@@ -131,6 +131,7 @@ TEST(Stream, EveryCutAndEveryAbsurdWordFails)
     request[_T("x")] = _T("1");
     kvx::RefPtr<CMsgMultipleRowSets> const rowSets(new CMsgMultipleRowSets);
     AddRows(*rowSets);
+    AddRows(*rowSets); // what breaks off may hold several references to a text that has gone
     request.SetExParams(rowSets.Get());
     for (auto const & [bCompact, piece] :
          {std::pair(false, 0u), {true, 0u}, {true, 7u}, {false, 65536u}, {true, 65536u}})

@@ -44,8 +44,14 @@ public:
             __gnu_cxx::__atomic_add_dispatch(&head->nRefs, count);
         }
     }
-    /// For fewer than there are.
-    static void Remove(TextHead * head, int count) noexcept { Add(head, -count); }
+    /// The last reference takes the characters with it.
+    static void Remove(TextHead * head, int count) noexcept
+    {
+        if (head->nCapacity != 0 && __gnu_cxx::__exchange_and_add_dispatch(&head->nRefs, -count) == count)
+        {
+            FreeText(head);
+        }
+    }
     /// Makes an empty string share characters by a reference that Add has taken.
     static void HandOver(TextHead * head, CString & to) noexcept { to.m_pText = CString::Characters(head); }
     /// Gives an empty string `length` > 0 characters for the caller to write at once, in memory of its own or from a

@@ -30,7 +30,7 @@ public:
     /// for "archive"; disks are the name and a number, or have none if it is empty. By contract an extractor goes on to
     /// another cabinet of itself only where disks have names: give one for a set. Without any file nothing is written.
     /// @return 1, or 0 with the error (GetError); FCIERR_OPEN_SRC for a file that isn't there. What was written of a
-    /// set then stays; sources that are to be deleted go only when all is written.
+    /// set then stays; sources that are to be deleted go only when all is written. Errors: CMemoryException *.
     int Build(char const * cabPath, CCabFileSet & files, char const * diskName);
     /// One cabinet into a file of the caller's, which is rewound then; a set can't be made so. What the file holds
     /// behind the cabinet's end stays.

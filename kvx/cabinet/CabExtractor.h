@@ -34,7 +34,7 @@ public:
     /// Extracts all files of a cabinet (a file that fails half-way is deleted); with `followChain`, of those that
     /// follow in its set too. The destination becomes the default directory; an empty one leaves it, or, if there is
     /// none, takes the cabinet's. By contract an empty name for the next disk marks the last cabinet. @return 1, or 0
-    /// with the error.
+    /// with the error. Errors: CMemoryException *.
     int Extract(char const * cabPath, int followChain, char const * destination);
     /// The files of the set, of all the cabinets: those with a path go there, extern ones into their CFile. Names are
     /// compared as they stand in the cabinet, with backslashes; that one isn't there is no failure.

@@ -48,8 +48,12 @@ CString CUniqueID::ToString(int upperCase, int braces) const
     GUID guid = m_guid;
     if (UuidToStringW(&guid, &plain) == RPC_S_OK)
     {
+        struct Owner
+        {
+            RPC_WSTR * pText;
+            ~Owner() { RpcStringFreeW(pText); }
+        } const owner{&plain};
         text = reinterpret_cast<LPCTSTR>(plain);
-        RpcStringFreeW(&plain);
     }
     if (braces)
     {
